@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zul {
+
+enum class RunMode { webrtcSmoke, realAgent, phoneDemo, pipeline };
+
+struct LaunchPlan {
+  RunMode mode = RunMode::pipeline;
+  bool useRealBackends = false;  // pipeline mode only
+
+  friend bool operator==(const LaunchPlan&, const LaunchPlan&) = default;
+};
+
+// Picks the one mode this process runs. `arguments` excludes the program
+// name; flags match whole arguments only ("--real" is not "--real-agent").
+// `captureBackend` is ZUL_CAPTURE_BACKEND: only the exact value "real"
+// selects the real backends. `launchedAsApp` is the desktop application's own
+// launch, which always means the real agent (Linux builds have no such bundle
+// yet, so the agent passes false).
+LaunchPlan chooseRunMode(const std::vector<std::string>& arguments,
+                         std::optional<std::string_view> captureBackend, bool launchedAsApp);
+
+}  // namespace zul

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+namespace zul {
+
+// One capturable display. Geometry is in the desktop's global coordinates
+// (on X11: pixels of the root window; a monitor left of or above the primary
+// one has a negative origin).
+struct DisplayDescriptor {
+  std::int64_t index = 0;       // what CaptureOptions::displayIndex selects
+  std::uint32_t displayID = 0;  // the platform's id (on X11: the RandR monitor's output)
+  std::int64_t width = 0;
+  std::int64_t height = 0;
+  std::int64_t originX = 0;
+  std::int64_t originY = 0;
+
+  friend bool operator==(const DisplayDescriptor&, const DisplayDescriptor&) = default;
+};
+
+}  // namespace zul

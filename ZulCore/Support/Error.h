@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+namespace zul {
+
+// Base of every component's error type. Each component declares its own cases
+// and payloads; the text is the case name with its payload, e.g.
+// `displayUnavailable(index: 2)` or `encodeFailed(-12902)`, and is what every
+// printed failure line shows.
+class Error : public std::exception {
+ public:
+  const char* what() const noexcept override { return text_.c_str(); }
+  const std::string& text() const noexcept { return text_; }
+
+ protected:
+  explicit Error(std::string text) : text_(std::move(text)) {}
+
+ private:
+  std::string text_;
+};
+
+// One payload of an error case, already formatted: labelled or not, strings
+// quoted.
+struct ErrorField {
+  std::string_view label;  // empty for an unlabelled payload
+  std::string value;
+};
+
+ErrorField field(std::string_view label, std::int64_t value);
+ErrorField field(std::string_view label, std::string_view value);
+ErrorField field(std::int64_t value);
+ErrorField field(std::string_view value);
+
+// "name" or "name(label: value, ...)".
+std::string formatErrorCase(std::string_view name, std::initializer_list<ErrorField> fields = {});
+
+}  // namespace zul

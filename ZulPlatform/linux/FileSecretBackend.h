@@ -1,0 +1,42 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "ZulCore/Trust/SecretStore.h"
+
+namespace zul {
+
+// Secrets as files readable by the user alone, for machines without a Secret
+// Service: one file per account under <root>/<service>/, folders 0700 and
+// files 0600. A save replaces the file atomically (temporary file, fsync,
+// rename, fsync of the folder), so a crash leaves either the old or the new
+// secret, never half of one.
+class FileSecretBackend final : public SecretBackend {
+ public:
+  // $XDG_DATA_HOME/zul-agent/secrets, $XDG_DATA_HOME defaulting to
+  // $HOME/.local/share.
+  static std::filesystem::path defaultRoot();
+
+  FileSecretBackend() : FileSecretBackend(defaultRoot()) {}
+  explicit FileSecretBackend(std::filesystem::path root) : root_(std::move(root)) {}
+
+  const std::filesystem::path& root() const { return root_; }
+  // Where the secret of (service, account) lives; the names are escaped so
+  // that any string stays inside its folder and no two strings share a file.
+  std::filesystem::path pathFor(const std::string& service, const std::string& account) const;
+
+  // The escaped file-name form of a service or account name.
+  static std::string escapeName(const std::string& name);
+
+  std::string name() const override { return "file"; }
+  std::optional<Bytes> load(const std::string& service, const std::string& account) override;
+  void save(const std::string& service, const std::string& account,
+            const Bytes& secret) override;
+  void remove(const std::string& service, const std::string& account) noexcept override;
+
+ private:
+  std::filesystem::path root_;
+};
+
+}  // namespace zul

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ZulCore/Media/DisplayDescriptor.h"
+
+struct _XDisplay;
+
+namespace zul {
+
+// One Xlib connection of the capture code, closed with the object. Xlib's
+// default reaction to a lost server or a protocol error is to end the
+// process; connections opened here report them instead: a lost server marks
+// the connection dead and later calls on it do nothing.
+class X11CaptureConnection {
+ public:
+  // Empty `name`: $DISPLAY. Nothing when the display cannot be opened.
+  static std::unique_ptr<X11CaptureConnection> open(const std::string& name);
+  ~X11CaptureConnection();
+  X11CaptureConnection(const X11CaptureConnection&) = delete;
+  X11CaptureConnection& operator=(const X11CaptureConnection&) = delete;
+
+  _XDisplay* display() const { return display_; }
+  const std::string& name() const { return name_; }
+
+  // A round trip to the server; false once the server is gone.
+  bool alive();
+  // Whether the root window's pixels can be read (what stands for the
+  // screen-recording permission on X11).
+  bool canReadScreen();
+  // The RandR monitors in the server's order, in root-window pixels; the
+  // whole screen when RandR offers none.
+  std::vector<DisplayDescriptor> monitors();
+
+  // Makes a lost server on `display` set `lost` instead of ending the
+  // process; for connections opened elsewhere (WebRTC's capturer).
+  static void reportServerLoss(_XDisplay* display, std::atomic<bool>* lost);
+
+ private:
+  X11CaptureConnection(_XDisplay* display, std::string name);
+
+  _XDisplay* display_;
+  std::string name_;
+  std::atomic<bool> lost_{false};
+};
+
+}  // namespace zul

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ZulCore/Media/CapturedFrame.h"
+#include "ZulCore/Support/Bytes.h"
+#include "ZulCore/Trust/SecretStore.h"
+#include "ZulTransport/AgentPeerSessionError.h"
+
+namespace zul {
+
+// The agent's side of one WebRTC peer connection to a phone: the outgoing
+// video track fed with captured frames and the five data channels of the
+// catalogue. The agent always offers, with every ICE candidate gathered into
+// the offer.
+//
+// Callbacks run on the library's signalling thread; they may send, but must
+// not call the blocking operations (offer, answer) from there.
+class AgentPeerSession {
+ public:
+  using MessageHandler =
+      std::function<void(const std::string& label, const Bytes& data, bool isBinary)>;
+  using StateHandler = std::function<void(int state)>;
+  using LabelHandler = std::function<void(const std::string& label)>;
+  using DiagnosticHandler = std::function<void(const std::string& line)>;
+
+  // Loads or creates the certificate in `certificateStore` (account
+  // "dtls-certificate"); a certificate that cannot be had stops the program,
+  // as does a factory that makes no peer connection.
+  explicit AgentPeerSession(const SecretStore& certificateStore);
+  ~AgentPeerSession();
+  AgentPeerSession(const AgentPeerSession&) = delete;
+  AgentPeerSession& operator=(const AgentPeerSession&) = delete;
+
+  const std::string& dtlsFingerprint() const;
+
+  // Set before the connection is used; an unset callback is skipped.
+  void setOnMessage(MessageHandler handler);
+  void setOnIceConnectionStateChange(StateHandler handler);
+  void setOnDataChannelOpen(LabelHandler handler);
+  void setOnDiagnostic(DiagnosticHandler handler);
+
+  // Replaces the connection (and forgets its channels) with one that uses a
+  // single ICE server made of all `urls`, or none when `urls` is empty.
+  void configureIceServers(const std::vector<std::string>& urls, const std::string& username,
+                           const std::string& credential);
+  void createDataChannels();
+  // Blocks until the offer carries every gathered candidate. Throws
+  // WebRtcError or AgentPeerSessionError.
+  std::string createOfferWithGatheredCandidates();
+  // Throws WebRtcError.
+  void acceptAnswer(const std::string& sdp);
+  // Failures only produce a diagnostic.
+  void addRemoteIceCandidate(const std::string& candidate, const std::optional<std::string>& sdpMid,
+                             std::int32_t sdpMLineIndex);
+  // Through the sending gate; throw AgentPeerSessionError.
+  void sendText(std::string_view channel, std::string_view payload);
+  void sendBinary(std::string_view channel, const Bytes& payload);
+  // One captured frame, stamped with a monotonic time in nanoseconds.
+  void push(const CapturedFrame& frame, std::int64_t timestampNs);
+  void restartIce();
+  // Closes the connection; the channel map stays as it is.
+  void close();
+
+  // What the session holds, for its owner's checks and for tests.
+  struct ChannelInfo {
+    std::string label;
+    bool ordered = true;
+    int maxRetransmits = -1;  // -1: fully reliable
+    std::string protocol;
+    bool negotiated = false;
+    int state = 0;  // the library's ready state
+  };
+  struct TrackInfo {
+    std::string trackId;
+    std::vector<std::string> streamIds;
+  };
+  struct IceServerInfo {
+    std::vector<std::string> urls;
+    std::string username;
+    std::string credential;
+  };
+  std::vector<ChannelInfo> channels() const;
+  std::vector<TrackInfo> videoTracks() const;
+  std::vector<IceServerInfo> iceServers() const;
+
+  class Impl;
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace zul

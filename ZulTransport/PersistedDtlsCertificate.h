@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "ZulCore/Support/Bytes.h"
+#include "ZulCore/Support/Error.h"
+#include "ZulCore/Trust/SecretStore.h"
+
+namespace zul {
+
+class DtlsCertificateError : public Error {
+ public:
+  enum class Case {
+    generationFailed,  // the WebRTC library made no certificate
+    malformedPem,      // the PEM text has no base64 body that decodes
+  };
+
+  static DtlsCertificateError generationFailed();
+  static DtlsCertificateError malformedPem();
+
+  Case kind() const { return kind_; }
+
+ private:
+  DtlsCertificateError(Case kind, std::string text) : Error(std::move(text)), kind_(kind) {}
+  Case kind_;
+};
+
+// The agent's DTLS certificate in the PEM forms the WebRTC library reads and
+// writes, with its fingerprint text ("sha-256 3A:0F:...").
+struct DtlsCertificate {
+  std::string privateKeyPem;
+  std::string certificatePem;
+  std::string fingerprint;
+};
+
+// Keeps one certificate in the secret store so that the fingerprint a phone
+// pinned at pairing stays valid across restarts.
+namespace PersistedDtlsCertificate {
+
+inline constexpr const char* account = "dtls-certificate";
+
+// Reads the stored certificate, or generates an ECDSA one and stores it first.
+// A stored record that does not decode is an error, never a reason to make a
+// new certificate: the agent must not silently change its identity on the
+// wire. Throws SecretStoreError, DtlsCertificateError or the JSON library's
+// errors.
+DtlsCertificate loadOrCreate(const SecretStore& store);
+
+// "sha-256 " and the 32 SHA-256 bytes of the DER as upper-case hex pairs
+// joined by colons. Throws DtlsCertificateError::malformedPem.
+std::string fingerprint(std::string_view certificatePem);
+
+// The base64 body of every non-marker line, joined and decoded strictly.
+// Throws DtlsCertificateError::malformedPem.
+Bytes derBytes(std::string_view pem);
+
+}  // namespace PersistedDtlsCertificate
+}  // namespace zul

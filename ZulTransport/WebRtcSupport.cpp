@@ -1,0 +1,248 @@
+#include "ZulTransport/WebRtcSupport.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+#include <string_view>
+
+#include "ZulTransport/WebRtcError.h"
+#include "api/audio_codecs/builtin_audio_decoder_factory.h"
+#include "api/audio_codecs/builtin_audio_encoder_factory.h"
+#include "api/create_peerconnection_factory.h"
+#include "api/jsep.h"
+#include "api/video/i420_buffer.h"
+#include "api/video_codecs/builtin_video_decoder_factory.h"
+#include "api/video_codecs/builtin_video_encoder_factory.h"
+#include "libyuv/convert.h"
+#include "modules/audio_device/include/fake_audio_device.h"
+#include "rtc_base/logging.h"
+#include "rtc_base/ssl_adapter.h"
+
+namespace zul::webrtc_support {
+namespace {
+
+rtc::LoggingSeverity logLevelFromEnvironment() {
+  const char* value = std::getenv("ZUL_WEBRTC_LOG");
+  const std::string_view level = value ? value : "";
+  if (level == "verbose") return rtc::LS_VERBOSE;
+  if (level == "info") return rtc::LS_INFO;
+  if (level == "warning") return rtc::LS_WARNING;
+  if (level == "error") return rtc::LS_ERROR;
+  return rtc::LS_NONE;
+}
+
+WebRtcError toError(const webrtc::RTCError& error) {
+  return WebRtcError(webrtc::ToString(error.type()), error.message());
+}
+
+class OfferObserver : public webrtc::CreateSessionDescriptionObserver {
+ public:
+  std::promise<std::unique_ptr<webrtc::SessionDescriptionInterface>> result;
+
+  void OnSuccess(webrtc::SessionDescriptionInterface* description) override {
+    result.set_value(std::unique_ptr<webrtc::SessionDescriptionInterface>(description));
+  }
+  void OnFailure(webrtc::RTCError error) override {
+    result.set_exception(std::make_exception_ptr(toError(error)));
+  }
+};
+
+class LocalObserver : public webrtc::SetLocalDescriptionObserverInterface {
+ public:
+  std::promise<webrtc::RTCError> result;
+  void OnSetLocalDescriptionComplete(webrtc::RTCError error) override {
+    result.set_value(std::move(error));
+  }
+};
+
+class RemoteObserver : public webrtc::SetRemoteDescriptionObserverInterface {
+ public:
+  std::promise<webrtc::RTCError> result;
+  void OnSetRemoteDescriptionComplete(webrtc::RTCError error) override {
+    result.set_value(std::move(error));
+  }
+};
+
+}  // namespace
+
+void initialize() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    rtc::LogMessage::LogToDebug(logLevelFromEnvironment());
+    rtc::LogMessage::LogTimestamps(false);
+    rtc::InitializeSSL();
+  });
+}
+
+Runtime::Runtime() {
+  initialize();
+  network_ = rtc::Thread::CreateWithSocketServer();
+  network_->SetName("zul.webrtc.network", nullptr);
+  network_->Start();
+  worker_ = rtc::Thread::Create();
+  worker_->SetName("zul.webrtc.worker", nullptr);
+  worker_->Start();
+  signaling_ = rtc::Thread::Create();
+  signaling_->SetName("zul.webrtc.signaling", nullptr);
+  signaling_->Start();
+  auto audioDevice = worker_->BlockingCall(
+      [] { return rtc::scoped_refptr<webrtc::AudioDeviceModule>(
+               rtc::make_ref_counted<webrtc::FakeAudioDeviceModule>()); });
+  factory_ = webrtc::CreatePeerConnectionFactory(
+      network_.get(), worker_.get(), signaling_.get(), audioDevice,
+      webrtc::CreateBuiltinAudioEncoderFactory(), webrtc::CreateBuiltinAudioDecoderFactory(),
+      webrtc::CreateBuiltinVideoEncoderFactory(), webrtc::CreateBuiltinVideoDecoderFactory(),
+      nullptr, nullptr);
+}
+
+Runtime::~Runtime() {
+  factory_ = nullptr;
+  signaling_->Stop();
+  worker_->Stop();
+  network_->Stop();
+}
+
+bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampNs) {
+  auto buffer = toFrameBuffer(frame);
+  if (!buffer) return false;
+  const std::int64_t timeUs = timestampNs / 1000;
+  int width = 0, height = 0, cropWidth = 0, cropHeight = 0, cropX = 0, cropY = 0;
+  if (!AdaptFrame(buffer->width(), buffer->height(), timeUs, &width, &height, &cropWidth,
+                  &cropHeight, &cropX, &cropY)) {
+    return true;  // nobody wants a frame now
+  }
+  if (width != buffer->width() || height != buffer->height()) {
+    auto scaled = webrtc::I420Buffer::Create(width, height);
+    scaled->CropAndScaleFrom(*buffer->ToI420(), cropX, cropY, cropWidth, cropHeight);
+    buffer = scaled;
+  }
+  OnFrame(webrtc::VideoFrame::Builder()
+              .set_video_frame_buffer(buffer)
+              .set_rotation(webrtc::kVideoRotation_0)
+              .set_timestamp_us(timeUs)
+              .build());
+  return true;
+}
+
+rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame) {
+  if (!frame.data || frame.width <= 0 || frame.height <= 0 || frame.width > 16384 ||
+      frame.height > 16384) {
+    return nullptr;
+  }
+  const int width = static_cast<int>(frame.width);
+  const int height = static_cast<int>(frame.height);
+  const int chromaWidth = (width + 1) / 2;
+  const int chromaHeight = (height + 1) / 2;
+  const std::uint8_t* pixels = frame.data->data();
+  const std::size_t size = frame.data->size();
+  auto out = webrtc::I420Buffer::Create(width, height);
+  int result = -1;
+  switch (frame.pixelFormat) {
+    case PixelFormat::bgra8:
+      if (size < static_cast<std::size_t>(width) * height * 4) return nullptr;
+      // libyuv's "ARGB" is B, G, R, A in memory.
+      result = libyuv::ARGBToI420(pixels, width * 4, out->MutableDataY(), out->StrideY(),
+                                  out->MutableDataU(), out->StrideU(), out->MutableDataV(),
+                                  out->StrideV(), width, height);
+      break;
+    case PixelFormat::nv12: {
+      const std::size_t luma = static_cast<std::size_t>(width) * height;
+      if (size < luma + static_cast<std::size_t>(chromaWidth) * 2 * chromaHeight) return nullptr;
+      result = libyuv::NV12ToI420(pixels, width, pixels + luma, chromaWidth * 2,
+                                  out->MutableDataY(), out->StrideY(), out->MutableDataU(),
+                                  out->StrideU(), out->MutableDataV(), out->StrideV(), width,
+                                  height);
+      break;
+    }
+  }
+  if (result != 0) return nullptr;
+  return out;
+}
+
+void GatheringLatch::complete() {
+  {
+    std::lock_guard lock(mutex_);
+    complete_ = true;
+  }
+  done_.notify_all();
+}
+
+void GatheringLatch::wait() {
+  std::unique_lock lock(mutex_);
+  done_.wait(lock, [&] { return complete_; });
+}
+
+bool GatheringLatch::isComplete() {
+  std::lock_guard lock(mutex_);
+  return complete_;
+}
+
+std::unique_ptr<webrtc::SessionDescriptionInterface> createOffer(
+    webrtc::PeerConnectionInterface& connection,
+    const webrtc::PeerConnectionInterface::RTCOfferAnswerOptions& options) {
+  auto observer = rtc::make_ref_counted<OfferObserver>();
+  auto future = observer->result.get_future();
+  connection.CreateOffer(observer.get(), options);
+  return future.get();
+}
+
+void setLocalDescription(webrtc::PeerConnectionInterface& connection,
+                         std::unique_ptr<webrtc::SessionDescriptionInterface> description) {
+  auto observer = rtc::make_ref_counted<LocalObserver>();
+  auto future = observer->result.get_future();
+  connection.SetLocalDescription(std::move(description), observer);
+  const webrtc::RTCError error = future.get();
+  if (!error.ok()) throw toError(error);
+}
+
+void setRemoteAnswer(webrtc::PeerConnectionInterface& connection, const std::string& sdp) {
+  webrtc::SdpParseError parseError;
+  auto description = webrtc::CreateSessionDescription(webrtc::SdpType::kAnswer, sdp, &parseError);
+  if (!description) {
+    throw WebRtcError("INVALID_PARAMETER",
+                      "could not parse the answer: " + parseError.description +
+                          (parseError.line.empty() ? "" : " (line: " + parseError.line + ")"));
+  }
+  auto observer = rtc::make_ref_counted<RemoteObserver>();
+  auto future = observer->result.get_future();
+  connection.SetRemoteDescription(std::move(description), observer);
+  const webrtc::RTCError error = future.get();
+  if (!error.ok()) throw toError(error);
+}
+
+std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
+                                               webrtc::PeerConnectionInterface& connection) {
+  return signaling.BlockingCall([&]() -> std::optional<std::string> {
+    const webrtc::SessionDescriptionInterface* description = connection.local_description();
+    std::string sdp;
+    if (!description || !description->ToString(&sdp)) return std::nullopt;
+    return sdp;
+  });
+}
+
+std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface& factory,
+                                         webrtc::PeerConnectionInterface& connection,
+                                         const rtc::scoped_refptr<PushedVideoSource>& source) {
+  auto track = factory.CreateVideoTrack("zul-video0", source.get());
+  auto added = connection.AddTrack(track, {"zul-stream0"});
+  if (!added.ok()) return "could not add the video track: " + std::string(added.error().message());
+  auto sender = added.MoveValue();
+  for (const auto& transceiver : connection.GetTransceivers()) {
+    if (transceiver->sender() != sender) continue;
+    auto codecs = factory.GetRtpSenderCapabilities(cricket::MEDIA_TYPE_VIDEO).codecs;
+    std::stable_partition(codecs.begin(), codecs.end(),
+                          [](const webrtc::RtpCodecCapability& c) { return c.name == "H264"; });
+    webrtc::RTCError error = transceiver->SetCodecPreferences(codecs);
+    if (!error.ok()) return "could not prefer H.264: " + std::string(error.message());
+  }
+  return std::nullopt;
+}
+
+webrtc::PeerConnectionInterface::RTCOfferAnswerOptions sendOnlyOfferOptions() {
+  webrtc::PeerConnectionInterface::RTCOfferAnswerOptions options;
+  options.offer_to_receive_video = 0;
+  options.offer_to_receive_audio = 0;
+  return options;
+}
+
+}  // namespace zul::webrtc_support

@@ -1,0 +1,99 @@
+#pragma once
+
+// Private to ZulTransport: the pieces that the peer sessions share on top of
+// the WebRTC library. Never included by a public header.
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "ZulCore/Media/CapturedFrame.h"
+#include "api/peer_connection_interface.h"
+#include "api/video/video_frame_buffer.h"
+#include "media/base/adapted_video_track_source.h"
+#include "rtc_base/thread.h"
+
+namespace zul::webrtc_support {
+
+// Once per process: the library's SSL set-up and its log level. The library
+// logs nothing unless ZUL_WEBRTC_LOG names a level ("verbose", "info",
+// "warning", "error").
+void initialize();
+
+// The library's threads and a factory built with the default video encoder
+// and decoder factories (no audio device: the agent sends video only).
+class Runtime {
+ public:
+  Runtime();
+  ~Runtime();
+  Runtime(const Runtime&) = delete;
+  Runtime& operator=(const Runtime&) = delete;
+
+  webrtc::PeerConnectionFactoryInterface& factory() const { return *factory_; }
+  const rtc::scoped_refptr<webrtc::PeerConnectionFactoryInterface>& factoryRef() const {
+    return factory_;
+  }
+  rtc::Thread& signalingThread() const { return *signaling_; }
+
+ private:
+  std::unique_ptr<rtc::Thread> network_;
+  std::unique_ptr<rtc::Thread> worker_;
+  std::unique_ptr<rtc::Thread> signaling_;
+  rtc::scoped_refptr<webrtc::PeerConnectionFactoryInterface> factory_;
+};
+
+// The video source that captured frames are pushed into.
+class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
+ public:
+  // Returns false when the frame's pixels are in a form it cannot read.
+  bool push(const CapturedFrame& frame, std::int64_t timestampNs);
+
+  SourceState state() const override { return kLive; }
+  bool remote() const override { return false; }
+  bool is_screencast() const override { return false; }
+  absl::optional<bool> needs_denoising() const override { return false; }
+};
+
+// The frame's pixels as an I420 buffer, or null when they are neither packed
+// BGRA nor NV12 of the announced size.
+rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame);
+
+// Completes once when ICE gathering reports complete and never resets.
+class GatheringLatch {
+ public:
+  void complete();
+  void wait();
+  bool isComplete();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool complete_ = false;
+};
+
+// Blocking forms of the library's asynchronous calls. Library failures throw
+// WebRtcError; `createOffer` returns null when the library gives neither an
+// offer nor an error.
+std::unique_ptr<webrtc::SessionDescriptionInterface> createOffer(
+    webrtc::PeerConnectionInterface& connection,
+    const webrtc::PeerConnectionInterface::RTCOfferAnswerOptions& options);
+void setLocalDescription(webrtc::PeerConnectionInterface& connection,
+                         std::unique_ptr<webrtc::SessionDescriptionInterface> description);
+void setRemoteAnswer(webrtc::PeerConnectionInterface& connection, const std::string& sdp);
+// The current local description's SDP, read on the signalling thread.
+std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
+                                               webrtc::PeerConnectionInterface& connection);
+
+// Adds a video track with id "zul-video0" in stream "zul-stream0" and puts
+// H.264 first among its codecs (the default factory offers VP8 first).
+// Returns a problem text, or nothing.
+std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface& factory,
+                                         webrtc::PeerConnectionInterface& connection,
+                                         const rtc::scoped_refptr<PushedVideoSource>& source);
+
+// The offer options of a send-only peer: receive neither audio nor video.
+webrtc::PeerConnectionInterface::RTCOfferAnswerOptions sendOnlyOfferOptions();
+
+}  // namespace zul::webrtc_support

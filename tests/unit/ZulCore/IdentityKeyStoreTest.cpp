@@ -1,0 +1,200 @@
+#include "ZulCore/Trust/IdentityKeyStore.h"
+
+#include <gtest/gtest.h>
+#include <openssl/sha.h>
+
+#include <atomic>
+#include <memory>
+#include <regex>
+#include <thread>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+
+namespace zul {
+namespace {
+
+Bytes hex(std::string_view text) {
+  Bytes out;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2)
+    out.push_back(std::uint8_t(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+  return out;
+}
+
+Bytes sha512(std::string_view text) {
+  Bytes digest(SHA512_DIGEST_LENGTH);
+  SHA512(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
+  return digest;
+}
+
+struct Rfc8032Vector {
+  const char* name;
+  const char* secretKey;
+  const char* publicKey;
+  Bytes message;
+  const char* signature;
+};
+
+// RFC 8032, section 7.1.
+const Rfc8032Vector kVectors[] = {
+    {"TEST 1", "9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60",
+     "d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a", {},
+     "e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701c"
+     "f9b46bd25bf5f0595bbe24655141438e7a100b"},
+    {"TEST 2", "4ccd089b28ff96da9db6c346ec114e0f5b8a319f35aba624da8cf6ed4fb8a6fb",
+     "3d4017c3e843895a92b70aa74d1b7ebc9c982ccf2ec4968cc0cd55f12af4660c", hex("72"),
+     "92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da085ac1e43e15996e458f3613d0"
+     "f11d8c387b2eaeb4302aeeb00d291612bb0c00"},
+    {"TEST 3", "c5aa8df43f9f837bedb7442f31dcb7b166d38535076f094b85ce3a2e0b4458f7",
+     "fc51cd8e6218a1a38da47ed00230f0580816ed13ba3303ac5deb911548908025", hex("af82"),
+     "6291d657deec24024827e69c3abe01a30ce548a284743a445e3680d7db5ac3ac18ff9b538d16f290ae67f76098"
+     "4dc6594a7c15e9716ed28dc027beceea1ec40a"},
+    {"TEST SHA(abc)", "833fe62409237b9d62ec77587520911e9a759cec1d19755b7da901b96dca3d42",
+     "ec172b93ad5e563bf4932c70e1245034c35467ef2efd4d64ebf819683467e2bf", sha512("abc"),
+     "dc2a4459e7369633a52b1bf277839a00201009a3efbf3ecb69bea2186c26b58909351fc9ac90b3ecfdfbc7c664"
+     "31e0303dca179c138ac17ad9bef1177331a704"},
+};
+
+class IdentityKeyStoreTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<MemorySecretBackend> backend = std::make_shared<MemorySecretBackend>();
+  SecretStore store{"identity", backend};
+};
+
+TEST_F(IdentityKeyStoreTest, SignsRfc8032VectorsWithTheStoredKey) {
+  for (const auto& v : kVectors) {
+    SCOPED_TRACE(v.name);
+    store.save(hex(v.secretKey));
+    IdentityKeyStore identity(store);
+    EXPECT_EQ(identity.publicKey(), hex(v.publicKey));
+    EXPECT_EQ(identity.sign(v.message), hex(v.signature));
+    EXPECT_TRUE(IdentityKeyStore::verify(hex(v.publicKey), v.message, hex(v.signature)));
+    EXPECT_EQ(identity.agentId(), IdentityKeyStore::deriveId("agent_", hex(v.publicKey)));
+    EXPECT_EQ(store.load(), hex(v.secretKey));  // loading never rewrites the secret
+  }
+}
+
+TEST_F(IdentityKeyStoreTest, AgentIdIsTheTruncatedDigestOfThePublicKey) {
+  const Bytes publicKey = hex(kVectors[0].publicKey);
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(publicKey.data(), publicKey.size(), digest);
+  EXPECT_EQ(IdentityKeyStore::deriveId("device_", publicKey),
+            "device_" + Base64Url::encode(Bytes(digest, digest + 18)));
+}
+
+TEST_F(IdentityKeyStoreTest, CreatesStoresAndReloadsAFreshIdentity) {
+  IdentityKeyStore first(store);
+  auto secret = store.load();
+  ASSERT_TRUE(secret.has_value());
+  EXPECT_EQ(secret->size(), 32u);
+  EXPECT_EQ(first.publicKey().size(), 32u);
+  EXPECT_TRUE(std::regex_match(first.agentId(), std::regex("agent_[A-Za-z0-9_-]{24}")))
+      << first.agentId();
+
+  IdentityKeyStore second(store);
+  EXPECT_EQ(second.agentId(), first.agentId());
+  EXPECT_EQ(second.publicKey(), first.publicKey());
+  EXPECT_EQ(store.load(), secret);
+
+  // A signature from the reloaded key verifies with the first public key.
+  const Bytes payload = toBytes("pairing payload");
+  EXPECT_TRUE(IdentityKeyStore::verify(first.publicKey(), payload, second.sign(payload)));
+
+  store.remove();
+  IdentityKeyStore renewed(store);
+  EXPECT_NE(renewed.agentId(), first.agentId());
+}
+
+TEST_F(IdentityKeyStoreTest, DamagedSecretFailsAndIsLeftUntouched) {
+  for (std::size_t length : {0u, 31u, 33u, 64u}) {
+    Bytes damaged(length, 0xA5);
+    store.save(damaged);
+    try {
+      IdentityKeyStore identity(store);
+      ADD_FAILURE() << "a " << length << "-byte secret was accepted";
+    } catch (const IdentityError& error) {
+      EXPECT_EQ(error.kind(), IdentityError::Case::invalidStoredKey);
+      EXPECT_EQ(error.text(), "invalidStoredKey(length: " + std::to_string(length) + ")");
+    }
+    EXPECT_EQ(store.load(), damaged);
+  }
+}
+
+// A backend whose reads or writes fail, as a locked keyring does.
+class FailingBackend final : public SecretBackend {
+ public:
+  bool failLoad = false;
+  std::string name() const override { return "failing"; }
+  std::optional<Bytes> load(const std::string&, const std::string& account) override {
+    if (failLoad) throw SecretStoreError::readFailed(account, "locked");
+    return std::nullopt;
+  }
+  void save(const std::string&, const std::string& account, const Bytes&) override {
+    throw SecretStoreError::writeFailed(account, "locked");
+  }
+  void remove(const std::string&, const std::string&) noexcept override {}
+};
+
+TEST_F(IdentityKeyStoreTest, StoreFailuresPassToTheCaller) {
+  auto failing = std::make_shared<FailingBackend>();
+  SecretStore failingStore("identity", failing);
+  EXPECT_THROW(IdentityKeyStore{failingStore}, SecretStoreError);  // save fails
+  failing->failLoad = true;
+  try {
+    IdentityKeyStore identity(failingStore);
+    ADD_FAILURE() << "load failure swallowed";
+  } catch (const SecretStoreError& error) {
+    EXPECT_EQ(error.text(), R"(readFailed(account: "identity", reason: "locked"))");
+  }
+}
+
+TEST_F(IdentityKeyStoreTest, VerifyRejectsWithoutThrowing) {
+  const auto& v = kVectors[2];
+  const Bytes publicKey = hex(v.publicKey);
+  const Bytes signature = hex(v.signature);
+  ASSERT_TRUE(IdentityKeyStore::verify(publicKey, v.message, signature));
+
+  Bytes flippedSignature = signature;
+  flippedSignature[40] ^= 0x01;
+  Bytes flippedKey = publicKey;
+  flippedKey[0] ^= 0x01;
+  Bytes notAPoint(32, 0);
+  notAPoint[0] = 2;  // y = 2 is not on the curve
+  const struct {
+    const char* name;
+    Bytes publicKey, payload, signature;
+  } cases[] = {
+      {"31-byte key", Bytes(publicKey.begin(), publicKey.end() - 1), v.message, signature},
+      {"33-byte key", [&] { auto k = publicKey; k.push_back(0); return k; }(), v.message,
+       signature},
+      {"empty key", {}, v.message, signature},
+      {"other key", flippedKey, v.message, signature},
+      {"invalid point", notAPoint, v.message, signature},
+      {"other payload", publicKey, hex("af83"), signature},
+      {"longer payload", publicKey, hex("af8200"), signature},
+      {"flipped bit", publicKey, v.message, flippedSignature},
+      {"short signature", publicKey, v.message, Bytes(signature.begin(), signature.end() - 1)},
+      {"empty signature", publicKey, v.message, {}},
+  };
+  for (const auto& c : cases)
+    EXPECT_FALSE(IdentityKeyStore::verify(c.publicKey, c.payload, c.signature)) << c.name;
+}
+
+TEST_F(IdentityKeyStoreTest, SignsFromManyThreads) {
+  const IdentityKeyStore identity(store);
+  const Bytes payload = toBytes("fingerprint");
+  const Bytes expected = identity.sign(payload);  // Ed25519 is deterministic
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i)
+        if (identity.sign(payload) != expected) ++mismatches;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches, 0);
+}
+
+}  // namespace
+}  // namespace zul

@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "unit/ZulCore/RecordingInputInjector.h"
+
+namespace zul {
+namespace {
+
+using nlohmann::json;
+using Events = std::vector<std::string>;
+
+const PermissionGate controlGate{{DevicePermission::view, DevicePermission::control}};
+
+struct Pointer {
+  explicit Pointer(DesktopRect bounds = {0, 0, 1440, 900}, double refW = 1440,
+                   double refH = 900)
+      : injector(std::make_shared<test::RecordingInputInjector>()),
+        executor(refW, refH, bounds, injector) {}
+  Events run(std::initializer_list<json> payloads) {
+    for (const auto& p : payloads) executor.handle(p, controlGate);
+    return injector->events;
+  }
+  std::shared_ptr<test::RecordingInputInjector> injector;
+  PointerInputExecutor executor;
+};
+
+struct MappingCase {
+  DesktopRect bounds;
+  double refW, refH;
+  json x, y;
+  DesktopPoint expected;
+};
+
+TEST(PointerInputExecutor, MapsWireCoordinatesOntoItsDisplayOnly) {
+  const MappingCase cases[] = {
+      {{0, 0, 1440, 900}, 1440, 900, -50, 10, {0, 10}},
+      {{0, 0, 1440, 900}, 1440, 900, 5000, 5000, {1439, 899}},
+      {{0, 0, 1440, 900}, 720, 450, 360, 225, {720, 450}},
+      {{0, 0, 1440, 900}, 0, 0, 0.5, 0.25, {720, 225}},  // a zero reference acts as 1
+      {{-1920, 0, 1920, 1080}, 1920, 1080, 0, 0, {-1920, 0}},
+      {{-1920, -200, 1920, 1080}, 1920, 1080, -10, 5000, {-1920, 879}},
+      {{-1920, -200, 1920, 1080}, 960, 540, 480, 270, {-960, 340}},
+      {{1440, 0, 1280, 720}, 1280, 720, "12", json(), {1440, 0}},  // non-numbers are 0
+  };
+  for (const auto& c : cases) {
+    Pointer p(c.bounds, c.refW, c.refH);
+    p.run({{{"phase", "move"}, {"x", c.x}, {"y", c.y}}});
+    EXPECT_EQ(p.executor.lastPoint(), c.expected) << c.x << "," << c.y;
+  }
+}
+
+TEST(PointerInputExecutor, TurnsPhasesIntoPressDragAndRelease) {
+  struct Case {
+    std::vector<json> payloads;
+    Events expected;
+  };
+  const Case cases[] = {
+      {{{{"phase", "down"}, {"x", 1}, {"y", 2}, {"button", "right"}},
+        {{"phase", "move"}, {"x", 3}, {"y", 4}},
+        {{"phase", "up"}, {"x", 5}, {"y", 6}, {"button", "right"}}},
+       {"move 1,2", "button 3 down", "move 3,4", "move 5,6", "button 3 up"}},
+      // "up" releases the payload's button, not the held one.
+      {{{{"phase", "down"}, {"button", "left"}}, {{"phase", "up"}, {"button", "right"}}},
+       {"move 0,0", "button 1 down", "move 0,0", "button 3 up"}},
+      {{{{"phase", "down"}, {"button", "middle"}}}, {"move 0,0", "button 2 down"}},
+      // Unknown names act as the left button; matching is case-sensitive.
+      {{{{"phase", "down"}, {"button", "Right"}}}, {"move 0,0", "button 1 down"}},
+      {{{{"phase", "down"}, {"button", 7}}}, {"move 0,0", "button 1 down"}},
+      {{{{"phase", "move"}, {"x", 9}, {"button", "right"}}}, {"move 9,0"}},
+      {{{{"phase", "scroll"}, {"x", 9}}, {{"x", 1}}, {{"phase", 3}}, json::array()}, {}},
+  };
+  for (const auto& c : cases) {
+    Pointer p;
+    for (const auto& payload : c.payloads) p.executor.handle(payload, controlGate);
+    EXPECT_EQ(p.injector->events, c.expected) << json(c.payloads).dump();
+  }
+}
+
+TEST(PointerInputExecutor, KeepsLastPointForEveryStringPhaseOnly) {
+  Pointer p;
+  p.run({{{"phase", "scroll"}, {"x", 30}, {"y", 40}}});
+  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{30, 40}));
+  p.run({{{"x", 100}, {"y", 100}}});
+  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{30, 40}));
+}
+
+TEST(PointerInputExecutor, ReleasesTheHeldButtonOnceAtTheLastPoint) {
+  Pointer p;
+  p.run({{{"phase", "down"}, {"button", "middle"}, {"x", 10}, {"y", 20}},
+         {{"phase", "move"}, {"x", 50}, {"y", 60}}});
+  p.injector->events.clear();
+  p.executor.releaseHeldButton();
+  EXPECT_EQ(p.injector->events, (Events{"move 50,60", "button 2 up"}));
+  EXPECT_FALSE(p.executor.heldButton());
+  p.executor.releaseHeldButton();
+  EXPECT_EQ(p.injector->events.size(), 2u);
+}
+
+TEST(PointerInputExecutor, SecondDownReplacesTheHeldButton) {
+  Pointer p;
+  p.run({{{"phase", "down"}, {"button", "left"}}, {{"phase", "down"}, {"button", "right"}}});
+  EXPECT_EQ(p.executor.heldButton(), "right");
+  p.injector->events.clear();
+  p.executor.releaseHeldButton();
+  EXPECT_EQ(p.injector->events.back(), "button 3 up");
+}
+
+TEST(PointerInputExecutor, RefusesWithoutControlBeforeLookingAtThePayload) {
+  for (const auto& gate : {PermissionGate{{DevicePermission::view}}, PermissionGate{}}) {
+    Pointer p;
+    EXPECT_THROW(p.executor.handle({{"phase", "down"}}, gate), PermissionGateError);
+    EXPECT_THROW(p.executor.handle("not an object", gate), PermissionGateError);
+    EXPECT_THROW(p.executor.scroll({{"dy", 3}}, gate), PermissionGateError);
+    EXPECT_TRUE(p.injector->events.empty());
+    EXPECT_FALSE(p.executor.heldButton());
+  }
+}
+
+TEST(PointerInputExecutor, ScrollsInWholeStepsAndKeepsFractions) {
+  Pointer p;
+  p.executor.scroll({{"dy", 2}, {"x", 100}, {"y", 50}}, controlGate);
+  p.executor.scroll({{"dx", -1}}, controlGate);
+  p.executor.scroll({{"dy", 0.4}}, controlGate);
+  p.executor.scroll({{"dy", 0.7}}, controlGate);
+  p.executor.scroll({{"dy", "lots"}}, controlGate);
+  p.executor.scroll({{"dy", 1e9}}, controlGate);
+  EXPECT_EQ(p.injector->events,
+            (Events{"move 100,50", "scroll 0,2", "scroll -1,0", "scroll 0,1", "scroll 0,100"}));
+  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{100, 50}));
+}
+
+}  // namespace
+}  // namespace zul

@@ -1,0 +1,252 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "ZulCore/Scene/AccessibilitySceneSource.h"
+
+namespace zul {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct FakeElement : AccessibleElement {
+  AccessibleElementInfo info;
+  std::vector<std::shared_ptr<FakeElement>> kids;
+  bool focusable = false;
+  int focusCalls = 0;
+  std::vector<std::string> performed;
+  std::int32_t actionResult = 0;
+};
+
+std::shared_ptr<FakeElement> node(std::string role, std::string name, DesktopRect rect,
+                                  std::vector<std::string> actions = {}) {
+  auto e = std::make_shared<FakeElement>();
+  e->info.role = std::move(role);
+  e->info.name = std::move(name);
+  e->info.rect = rect;
+  e->info.visible = true;
+  e->info.enabled = true;
+  e->info.actions = std::move(actions);
+  return e;
+}
+
+class FakeBackend : public AccessibilityBackend {
+ public:
+  bool available = true;
+  std::shared_ptr<FakeElement> window;
+  std::vector<AccessibleWindowControl> controls;
+  std::function<void()> onDescribe;
+
+  bool isAvailable() override { return available; }
+  std::optional<AccessibleWindow> focusedWindow() override {
+    if (!window) return std::nullopt;
+    return AccessibleWindow{window, window->info.name, window->info.rect, "demo", 42};
+  }
+  std::vector<AccessibleWindowControl> windowControls(const AccessibleElementRef&) override {
+    return controls;
+  }
+  std::vector<AccessibleElementRef> children(const AccessibleElementRef& e) override {
+    auto& kids = fake(e).kids;
+    return {kids.begin(), kids.end()};
+  }
+  AccessibleElementInfo describe(const AccessibleElementRef& e) override {
+    if (onDescribe) onDescribe();
+    return fake(e).info;
+  }
+  bool focus(const AccessibleElementRef& e) override {
+    ++fake(e).focusCalls;
+    return fake(e).focusable;
+  }
+  std::int32_t performAction(const AccessibleElementRef& e, const std::string& action) override {
+    fake(e).performed.push_back(action);
+    return fake(e).actionResult;
+  }
+  static FakeElement& fake(const AccessibleElementRef& e) {
+    return static_cast<FakeElement&>(*e);
+  }
+};
+
+struct SceneFixture : ::testing::Test {
+  std::chrono::steady_clock::time_point now{};
+  std::shared_ptr<FakeBackend> backend = std::make_shared<FakeBackend>();
+  AccessibilitySceneSource source{backend, [this] { return now; }};
+  const DesktopRect display{100, -50, 1280, 720};
+
+  std::shared_ptr<FakeElement> button, field, pickOnly, label;
+
+  void SetUp() override {
+    backend->window = node("frame", "Demo", {100, -50, 1000, 1000});
+    auto panel = node("panel", "", {100, -50, 400, 400});
+    button = node("push button", "OK", {200, 50, 100, 100}, {"click", "press", "release"});
+    field = node("text", "", {200, 200, 300, 30});
+    field->info.value = "hello";
+    field->focusable = true;
+    pickOnly = node("list item", "Row", {200, 300, 50, 20}, {"Select"});
+    label = node("label", std::string(600, 'x'), {200, 400, 10, 10});
+    auto hidden = node("push button", "Hidden", {0, 0, 10, 10}, {"click"});
+    hidden->info.visible = false;
+    hidden->kids.push_back(node("push button", "Inside hidden", {0, 0, 10, 10}));
+    auto zeroSized = node("push button", "Zero", {0, 0, 0, 10}, {"click"});
+    panel->kids = {button, field, pickOnly, hidden, zeroSized};
+    backend->window->kids = {panel, label};
+  }
+
+  const SceneElement* find(const AccessibilityScene& scene, const std::string& text) {
+    for (const auto& e : scene.elements) {
+      if (e.text == text) return &e;
+    }
+    return nullptr;
+  }
+};
+
+TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeRects) {
+  auto scene = source.scan(7, display, 0.3);
+  ASSERT_TRUE(scene);
+  EXPECT_EQ(scene->sequence, 7);
+  std::vector<std::string> texts;
+  for (const auto& e : scene->elements) texts.push_back(e.text.substr(0, 6));
+  // Most important first: dialog, button, text field, the picked row, the label.
+  EXPECT_EQ(texts, (std::vector<std::string>{"Demo", "OK", "hello", "Row", "xxxxxx"}));
+
+  const SceneElement* ok = find(*scene, "OK");
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(ok->role, "button");
+  EXPECT_EQ(ok->rect, (DesktopRect{100, 100, 100, 100}));
+  EXPECT_DOUBLE_EQ(ok->importance, 0.9);
+  EXPECT_EQ(ok->id, scene::elementIdentifier("button", "OK", ok->rect));
+  EXPECT_EQ(find(*scene, "hello")->role, "textfield");
+  EXPECT_EQ(find(*scene, "Row")->role, "unknown");
+  EXPECT_DOUBLE_EQ(find(*scene, "Row")->importance,
+                   0.45 + std::sqrt(50.0 * 20.0) / 2000.0);
+  EXPECT_EQ(scene->elements.back().text.size(), 512u);
+  EXPECT_EQ(scene->elements.back().role, "text");
+
+  auto json = ok->toJson();
+  EXPECT_EQ(json["rect"], (nlohmann::json{{"x", 100}, {"y", 100}, {"w", 100}, {"h", 100}}));
+  EXPECT_EQ(json["state"]["enabled"], true);
+  EXPECT_EQ(json["confidence"], 1.0);
+  EXPECT_EQ(scene->activeWindow.id.rfind("axwin:", 0), 0u);
+  EXPECT_EQ(scene->activeWindow.rect, (DesktopRect{0, 0, 1000, 1000}));
+}
+
+TEST_F(SceneFixture, IdentifiersStayStableAcrossScans) {
+  auto first = source.scan(1, display, 0.3);
+  auto second = source.scan(2, display, 0.3);
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(find(*first, "OK")->id, find(*second, "OK")->id);
+  EXPECT_EQ(find(*first, "OK")->id.size(), 3u + 64u);
+  button->info.rect->x += 1;
+  auto moved = source.scan(3, display, 0.3);
+  EXPECT_NE(find(*moved, "OK")->id, find(*first, "OK")->id);
+}
+
+TEST_F(SceneFixture, StopsAtTwoHundredElementsOrWhenTheBudgetIsSpent) {
+  for (int i = 0; i < 300; ++i) {
+    backend->window->kids.push_back(node("push button", "b" + std::to_string(i),
+                                         {100.0 + i, 0, 20, 20}, {"click"}));
+  }
+  auto scene = source.scan(1, display, 10);
+  ASSERT_TRUE(scene);
+  EXPECT_EQ(scene->elements.size(), 200u);
+
+  // Each element read costs 10 ms of the fake clock: a 0.05 s budget admits
+  // five reads (window, panel, label, b0, b1), four of them kept.
+  backend->onDescribe = [this] { now += 10ms; };
+  auto hurried = source.scan(2, display, 0.05);
+  ASSERT_TRUE(hurried);
+  EXPECT_EQ(hurried->elements.size(), 4u);
+}
+
+TEST_F(SceneFixture, NoWindowOrNoBusMeansNoScene) {
+  backend->available = false;
+  EXPECT_FALSE(source.scan(1, display, 0.3));
+  backend->available = true;
+  backend->window.reset();
+  EXPECT_FALSE(source.scan(1, display, 0.3));
+}
+
+TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
+  auto scene = source.scan(10, display, 0.3);
+  source.invoke(find(*scene, "OK")->id, 10);
+  EXPECT_EQ(button->performed, (std::vector<std::string>{"click"}));
+
+  source.invoke(find(*scene, "hello")->id, 10);
+  EXPECT_EQ(field->focusCalls, 1);
+  EXPECT_TRUE(field->performed.empty());
+
+  source.invoke(find(*scene, "Row")->id, 10);
+  EXPECT_EQ(pickOnly->performed, (std::vector<std::string>{"Select"}));
+
+  EXPECT_THROW(source.invoke(find(*scene, std::string(512, 'x'))->id, 10),
+               AccessibilitySceneError);
+
+  button->actionResult = 5;
+  try {
+    source.invoke(find(*scene, "OK")->id, 10);
+    ADD_FAILURE();
+  } catch (const AccessibilitySceneError& e) {
+    EXPECT_EQ(e, AccessibilitySceneError::axFailure(5));
+    EXPECT_EQ(e.text(), "axFailure(5)");
+  }
+}
+
+TEST_F(SceneFixture, InvokeRefusesStaleUnknownAndUnreachable) {
+  auto scene = source.scan(10, display, 0.3);
+  std::string ok = find(*scene, "OK")->id;
+  auto errorOf = [&](const std::string& id, std::int64_t seq) -> std::string {
+    try {
+      source.invoke(id, seq);
+      return "ok";
+    } catch (const AccessibilitySceneError& e) {
+      return e.text();
+    }
+  };
+  EXPECT_EQ(errorOf(ok, 12), "ok");
+  EXPECT_EQ(errorOf(ok, 8), "ok");
+  EXPECT_EQ(errorOf(ok, 13), "staleElement");
+  EXPECT_EQ(errorOf(ok, 7), "staleElement");
+  EXPECT_EQ(errorOf(ok, INT64_MIN), "staleElement");
+  EXPECT_EQ(errorOf("el:nothing", 10), "staleElement");
+  EXPECT_EQ(errorOf(find(*scene, std::string(512, 'x'))->id, 10), "notInvokable");
+  backend->available = false;
+  EXPECT_EQ(errorOf(ok, 10), "permissionRequired");
+  backend->available = true;
+  now += 2999ms;
+  EXPECT_EQ(errorOf(ok, 10), "ok");
+  now += 1ms;
+  EXPECT_EQ(errorOf(ok, 10), "staleElement");
+}
+
+TEST_F(SceneFixture, WindowControlsCarryTheirKindAndFixedLabel) {
+  backend->controls = {{node("push button", "x", {1000, -50, 20, 20}, {"click"}), "close"},
+                       {node("push button", "", {980, -50, 20, 20}), "zoom"}};
+  auto scene = source.scan(1, display, 0.3);
+  const SceneElement* close = find(*scene, "Close window");
+  ASSERT_TRUE(close);
+  EXPECT_EQ(close->role, "windowControl");
+  EXPECT_EQ(close->toJson()["state"]["windowControl"], "close");
+  EXPECT_TRUE(find(*scene, "Window control"));
+}
+
+TEST(SceneRules, RoleTableAndImportance) {
+  const std::pair<const char*, const char*> roles[] = {
+      {"push button", "button"}, {"entry", "textfield"},    {"text", "textfield"},
+      {"check box", "checkbox"}, {"radio button", "radio"}, {"combo box", "combobox"},
+      {"link", "link"},          {"page tab list", "tab"},  {"menu item", "menuitem"},
+      {"slider", "slider"},      {"frame", "dialog"},       {"dialog", "dialog"},
+      {"scroll pane", "scrollarea"}, {"table", "scrollarea"}, {"label", "text"},
+      {"filler", "unknown"},     {"Push Button", "unknown"},
+  };
+  for (auto [platform, wire] : roles) EXPECT_EQ(scene::mapRole(platform), wire) << platform;
+  EXPECT_DOUBLE_EQ(scene::importance("button", 100, 100), 0.9);
+  EXPECT_DOUBLE_EQ(scene::importance("dialog", 1000, 1000), 1.0);
+  EXPECT_DOUBLE_EQ(scene::importance("unknown", 0, 0), 0.45);
+  EXPECT_DOUBLE_EQ(scene::importance("text", 1e9, 1e9), 0.35);
+  EXPECT_EQ(scene::truncateCharacters("жжж", 2), "жж");
+  EXPECT_EQ(scene::truncateCharacters("😀a", 5), "😀a");
+}
+
+}  // namespace
+}  // namespace zul

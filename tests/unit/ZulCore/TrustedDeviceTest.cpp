@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulCore/Trust/TrustedDevice.h"
+
+namespace zul {
+namespace {
+
+TEST(Iso8601, WholeSecondsUtcOnly) {
+  const UtcSeconds t = std::chrono::sys_days{std::chrono::year{2026} / 11 / 15} +
+                       std::chrono::hours{18} + std::chrono::minutes{9} + std::chrono::seconds{39};
+  EXPECT_EQ(formatIso8601(t), "2026-11-15T18:09:39Z");
+  EXPECT_EQ(parseIso8601("2026-11-15T18:09:39Z"), t);
+  EXPECT_EQ(formatIso8601(UtcSeconds{}), "1970-01-01T00:00:00Z");
+  EXPECT_EQ(parseIso8601("2024-02-29T23:59:59Z"),
+            std::chrono::sys_days{std::chrono::year{2024} / 2 / 29} + std::chrono::seconds{86399});
+
+  for (const char* bad : {"2026-11-15T18:09:39.5Z", "2026-11-15T18:09:39", "2026-11-15T18:09:39+00:00",
+                          "2026-11-15 18:09:39Z", "2026-02-30T00:00:00Z", "2023-02-29T00:00:00Z",
+                          "2026-13-01T00:00:00Z", "2026-11-15T24:00:00Z", "2026-11-15T18:60:00Z",
+                          "2026-11-15T18:09:60Z", "2026-11-15t18:09:39z", "", "2026-1-15T18:09:39Z"}) {
+    EXPECT_FALSE(parseIso8601(bad)) << bad;
+  }
+}
+
+TrustedDevice device(std::string id, std::set<DevicePermission> permissions = {DevicePermission::view,
+                                                                                DevicePermission::control}) {
+  return {id, "Phone " + id, "key-" + id, std::move(permissions),
+          *parseIso8601("2026-11-15T18:09:39Z"), false};
+}
+
+TEST(TrustedDeviceJson, EncodesCompactlyInFieldOrder) {
+  EXPECT_EQ(encodeTrustedDevices({}), "[]");
+  EXPECT_EQ(encodeTrustedDevices({device("d1", {DevicePermission::control, DevicePermission::view})}),
+            R"([{"deviceId":"d1","name":"Phone d1","ed25519PublicKey":"key-d1",)"
+            R"("permissions":["view","control"],"pairedAt":"2026-11-15T18:09:39Z","revoked":false}])");
+  const std::vector<TrustedDevice> list = {device("a"), device("b", {}), device("c")};
+  EXPECT_EQ(decodeTrustedDevices(encodeTrustedDevices(list)), list);
+}
+
+TEST(TrustedDeviceJson, AcceptsAnyPermissionOrderAndExtraKeys) {
+  auto decoded = decodeTrustedDevices(
+      R"([{"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["unattended","view","view"],)"
+      R"("pairedAt":"2026-01-02T03:04:05Z","revoked":true,"future":1}])");
+  ASSERT_EQ(decoded.size(), 1u);
+  EXPECT_EQ(decoded[0].permissions,
+            (std::set<DevicePermission>{DevicePermission::view, DevicePermission::unattended}));
+  EXPECT_TRUE(decoded[0].revoked);
+}
+
+TEST(TrustedDeviceJson, OneBadRecordFailsTheWholeList) {
+  const std::string good =
+      R"({"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["view"],"pairedAt":"2026-01-02T03:04:05Z","revoked":false})";
+  auto with = [&](const std::string& from, const std::string& to) {
+    std::string record = good;
+    record.replace(record.find(from), from.size(), to);
+    return "[" + good + "," + record + "]";
+  };
+  const std::string cases[] = {
+      with(R"("deviceId":"d",)", ""),
+      with(R"(,"revoked":false)", ""),
+      with(R"(["view"])", R"(["view","admin"])"),
+      with(R"(["view"])", R"("view")"),
+      with(R"(["view"])", R"([1])"),
+      with("03:04:05Z", "03:04:05.250Z"),
+      with("03:04:05Z", "03:04:05"),
+      with(R"("revoked":false)", R"("revoked":"false")"),
+      with(R"("name":"n")", R"("name":null)"),
+      R"({"deviceId":"d"})",
+      "[" + good,
+      "not json",
+      "",
+      "[1]",
+  };
+  for (const auto& text : cases) {
+    EXPECT_THROW(decodeTrustedDevices(text), TrustedDeviceDecodingError) << text;
+  }
+}
+
+struct StoreFixture : ::testing::Test {
+  std::shared_ptr<MemorySecretBackend> backend = std::make_shared<MemorySecretBackend>();
+  SecretStore secret{TrustedDeviceStore::account, backend};
+  TrustedDeviceStore store{secret};
+
+  std::string stored() { return toString(secret.load().value_or(Bytes{})); }
+};
+
+TEST_F(StoreFixture, EmptyStoreLoadsEmptyAndRevokeWritesEmptyList) {
+  EXPECT_TRUE(store.load().empty());
+  EXPECT_FALSE(secret.load());
+  store.revoke("nobody");
+  EXPECT_EQ(stored(), "[]");
+}
+
+TEST_F(StoreFixture, RevokeKeepsEntriesAndOrder) {
+  store.save({device("a"), device("b"), device("c")});
+  store.revoke("b");
+  store.revoke("b");
+  auto list = store.load();
+  ASSERT_EQ(list.size(), 3u);
+  EXPECT_EQ(list[0].deviceId, "a");
+  EXPECT_EQ(list[1].deviceId, "b");
+  EXPECT_EQ(list[2].deviceId, "c");
+  EXPECT_FALSE(list[0].revoked);
+  EXPECT_TRUE(list[1].revoked);
+  EXPECT_FALSE(list[2].revoked);
+}
+
+TEST_F(StoreFixture, RepairingMovesTheDeviceLastAndTrustsItAgain) {
+  store.save({device("a"), device("b"), device("c")});
+  store.revoke("a");
+  auto again = device("a", {DevicePermission::view});
+  store.addOrReplace(again);
+  auto list = store.load();
+  ASSERT_EQ(list.size(), 3u);
+  EXPECT_EQ(list[0].deviceId, "b");
+  EXPECT_EQ(list[2], again);
+}
+
+TEST_F(StoreFixture, CorruptStoreIsNeverRewritten) {
+  for (const std::string& damaged : {std::string("[{\"deviceId\":"), std::string("\xff\xfe"),
+                                    std::string(R"([{"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["root"],"pairedAt":"2026-01-02T03:04:05Z","revoked":false}])")}) {
+    secret.save(toBytes(damaged));
+    EXPECT_THROW(store.load(), TrustedDeviceDecodingError);
+    EXPECT_THROW(store.revoke("d"), TrustedDeviceDecodingError);
+    EXPECT_THROW(store.addOrReplace(device("x")), TrustedDeviceDecodingError);
+    EXPECT_EQ(stored(), damaged);
+  }
+}
+
+TEST_F(StoreFixture, ConcurrentRevokesAndPairingsLoseNothing) {
+  constexpr int perThread = 50;
+  std::vector<TrustedDevice> initial;
+  for (int i = 0; i < perThread; ++i) initial.push_back(device("old" + std::to_string(i)));
+  store.save(initial);
+
+  std::thread pairer([&] {
+    for (int i = 0; i < perThread; ++i) store.addOrReplace(device("new" + std::to_string(i)));
+  });
+  std::thread revoker([&] {
+    for (int i = 0; i < perThread; ++i) store.revoke("old" + std::to_string(i));
+  });
+  pairer.join();
+  revoker.join();
+
+  auto list = store.load();
+  ASSERT_EQ(list.size(), 2u * perThread);
+  for (const auto& d : list) EXPECT_EQ(d.revoked, d.deviceId.starts_with("old")) << d.deviceId;
+}
+
+}  // namespace
+}  // namespace zul

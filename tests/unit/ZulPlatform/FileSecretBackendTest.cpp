@@ -1,0 +1,207 @@
+#include "ZulPlatform/linux/FileSecretBackend.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+
+#include "ZulCore/Trust/IdentityKeyStore.h"
+
+namespace zul {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kService = "dev.zul.agent.mac";
+
+mode_t modeOf(const fs::path& path) {
+  struct stat info {};
+  EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+  return info.st_mode & 07777;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeFile(const fs::path& path, std::string_view content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+class FileSecretBackendTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/zul-secrets-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    temp = pattern;
+    root = temp / "data" / "zul-agent" / "secrets";
+    backend = std::make_shared<FileSecretBackend>(root);
+  }
+  void TearDown() override { fs::remove_all(temp); }
+
+  fs::path temp, root;
+  std::shared_ptr<FileSecretBackend> backend;
+};
+
+TEST_F(FileSecretBackendTest, SavesLoadsReplacesAndRemoves) {
+  EXPECT_EQ(backend->load(kService, "identity"), std::nullopt);  // not even a folder yet
+
+  const Bytes first = {0x00, 0xFF, 0x0A, 0x0D, 0x00};
+  backend->save(kService, "identity", first);
+  EXPECT_EQ(backend->load(kService, "identity"), first);
+  EXPECT_EQ(backend->load(kService, "trusted-devices"), std::nullopt);
+  EXPECT_EQ(backend->load("other.service", "identity"), std::nullopt);
+
+  const Bytes second = toBytes("shorter");
+  backend->save(kService, "identity", second);
+  EXPECT_EQ(backend->load(kService, "identity"), second);
+  backend->save(kService, "identity", {});
+  EXPECT_EQ(backend->load(kService, "identity"), Bytes{});
+
+  backend->remove(kService, "identity");
+  EXPECT_EQ(backend->load(kService, "identity"), std::nullopt);
+  backend->remove(kService, "identity");  // absent: nothing happens
+  backend->remove("never.used", "nothing");
+
+  // Only the secret files remain: no temporary file is left behind.
+  backend->save(kService, "identity", first);
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(root / kService))
+    names.insert(entry.path().filename().string());
+  EXPECT_EQ(names, std::set<std::string>{"identity"});
+}
+
+TEST_F(FileSecretBackendTest, FoldersAndFilesAreReadableByTheUserAlone) {
+  ::umask(022);
+  backend->save(kService, "identity", toBytes("secret"));
+  EXPECT_EQ(modeOf(root), 0700u);
+  EXPECT_EQ(modeOf(root / kService), 0700u);
+  EXPECT_EQ(modeOf(backend->pathFor(kService, "identity")), 0600u);
+  EXPECT_EQ(backend->pathFor(kService, "identity"), root / kService / "identity");
+}
+
+TEST_F(FileSecretBackendTest, TightensAnExistingOpenFolder) {
+  fs::create_directories(root / kService);
+  ::chmod(root.c_str(), 0755);
+  ::chmod((root / kService).c_str(), 0777);
+  EXPECT_EQ(backend->load(kService, "identity"), std::nullopt);
+  EXPECT_EQ(modeOf(root), 0700u);
+  EXPECT_EQ(modeOf(root / kService), 0700u);
+
+  ::chmod((root / kService).c_str(), 0755);
+  backend->save(kService, "identity", toBytes("secret"));
+  EXPECT_EQ(modeOf(root / kService), 0700u);
+}
+
+TEST_F(FileSecretBackendTest, EscapesNamesIntoDistinctFilesInsideTheFolder) {
+  const std::pair<std::string, std::string> table[] = {
+      {"identity", "identity"},
+      {"trusted-devices", "trusted-devices"},
+      {"dtls.certificate_v2", "dtls.certificate_v2"},
+      {"", "%"},
+      {".", "%2E"},
+      {"..", "%2E."},
+      {"../x", "%2E.%2Fx"},
+      {"a/b", "a%2Fb"},
+      {"a%2Fb", "a%252Fb"},
+      {".hidden", "%2Ehidden"},
+      {"sp ace\n", "sp%20ace%0A"},
+      {"\xC3\xA9", "%C3%A9"},
+  };
+  std::set<std::string> files;
+  for (const auto& [name, escaped] : table) {
+    EXPECT_EQ(FileSecretBackend::escapeName(name), escaped) << name;
+    EXPECT_EQ(backend->pathFor(kService, name).parent_path(), root / kService) << name;
+    backend->save(kService, name, toBytes(name + "!"));
+    files.insert(escaped);
+  }
+  for (const auto& [name, escaped] : table) EXPECT_EQ(backend->load(kService, name), toBytes(name + "!"));
+  std::set<std::string> onDisk;
+  for (const auto& entry : fs::directory_iterator(root / kService))
+    onDisk.insert(entry.path().filename().string());
+  EXPECT_EQ(onDisk, files);
+  EXPECT_EQ(std::distance(fs::directory_iterator(root), fs::directory_iterator()), 1);
+
+  // A service name is escaped the same way.
+  backend->save("../escape", "identity", toBytes("x"));
+  EXPECT_TRUE(fs::exists(root / "%2E.%2Fescape" / "identity"));
+}
+
+TEST_F(FileSecretBackendTest, RefusesSymlinksAndUnreadableFiles) {
+  backend->save(kService, "identity", toBytes("secret"));
+  const fs::path elsewhere = temp / "elsewhere";
+  writeFile(elsewhere, "planted");
+  fs::create_symlink(elsewhere, backend->pathFor(kService, "link"));
+  try {
+    backend->load(kService, "link");
+    ADD_FAILURE() << "a symbolic link was followed";
+  } catch (const SecretStoreError& error) {
+    EXPECT_EQ(error.kind(), SecretStoreError::Case::readFailed);
+    EXPECT_EQ(error.account(), "link");
+    EXPECT_NE(error.reason().find("symbolic link"), std::string::npos) << error.text();
+  }
+
+  fs::create_directory(backend->pathFor(kService, "folder"));
+  EXPECT_THROW(backend->load(kService, "folder"), SecretStoreError);
+
+  // A save replaces the link itself, never the file it points to.
+  backend->save(kService, "link", toBytes("mine"));
+  EXPECT_EQ(readFile(elsewhere), "planted");
+  EXPECT_EQ(backend->load(kService, "link"), toBytes("mine"));
+
+  if (::geteuid() != 0) {  // root reads whatever the mode says
+    ::chmod(backend->pathFor(kService, "identity").c_str(), 0000);
+    EXPECT_THROW(backend->load(kService, "identity"), SecretStoreError);
+  }
+}
+
+TEST_F(FileSecretBackendTest, UnwritableFolderFailsTheSave) {
+  fs::create_directories(root.parent_path());
+  writeFile(root, "a file where the folder belongs");
+  try {
+    backend->save(kService, "identity", toBytes("secret"));
+    ADD_FAILURE() << "save succeeded";
+  } catch (const SecretStoreError& error) {
+    EXPECT_EQ(error.kind(), SecretStoreError::Case::writeFailed);
+    EXPECT_EQ(error.account(), "identity");
+  }
+}
+
+TEST_F(FileSecretBackendTest, DamagedIdentityIsReturnedAsIsAndNeverReplaced) {
+  SecretStore store("identity", backend);
+  backend->save(kService, "identity", Bytes(31, 0x5A));
+  const std::string before = readFile(backend->pathFor(kService, "identity"));
+  EXPECT_EQ(store.load(), Bytes(31, 0x5A));
+  EXPECT_THROW(IdentityKeyStore{store}, IdentityError);
+  EXPECT_EQ(readFile(backend->pathFor(kService, "identity")), before);
+
+  store.remove();
+  IdentityKeyStore created(store);
+  EXPECT_EQ(IdentityKeyStore(store).agentId(), created.agentId());
+}
+
+TEST_F(FileSecretBackendTest, DefaultRootFollowsXdgDataHome) {
+  const char* savedXdg = std::getenv("XDG_DATA_HOME");
+  const char* savedHome = std::getenv("HOME");
+  const std::string xdg = savedXdg ? savedXdg : "", home = savedHome ? savedHome : "";
+
+  ::setenv("XDG_DATA_HOME", "/data/home", 1);
+  EXPECT_EQ(FileSecretBackend::defaultRoot(), fs::path("/data/home/zul-agent/secrets"));
+  ::setenv("XDG_DATA_HOME", "relative/ignored", 1);
+  ::setenv("HOME", "/home/someone", 1);
+  EXPECT_EQ(FileSecretBackend::defaultRoot(),
+            fs::path("/home/someone/.local/share/zul-agent/secrets"));
+  ::unsetenv("XDG_DATA_HOME");
+  EXPECT_EQ(FileSecretBackend::defaultRoot(),
+            fs::path("/home/someone/.local/share/zul-agent/secrets"));
+
+  savedXdg ? ::setenv("XDG_DATA_HOME", xdg.c_str(), 1) : ::unsetenv("XDG_DATA_HOME");
+  savedHome ? ::setenv("HOME", home.c_str(), 1) : ::unsetenv("HOME");
+}
+
+}  // namespace
+}  // namespace zul
