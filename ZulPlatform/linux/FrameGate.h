@@ -16,8 +16,8 @@ class FrameGate {
   using Clock = std::chrono::steady_clock;
 
   enum class Decision {
-    skip,      // nothing due: the picture is not delivered and costs nothing
-    deliver,   // hand out a picture with the current content
+    skip,     // nothing due: the picture is not delivered and costs nothing
+    deliver,  // hand out a picture with the current content
   };
 
   // Rates at or below 0 count as one frame per second; the idle rate never

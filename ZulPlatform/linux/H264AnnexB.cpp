@@ -52,10 +52,17 @@ H264AccessUnitWriter::Output H264AccessUnitWriter::rewrite(std::span<const std::
   Output output;
   for (auto unit : units) {
     switch (h264::nalType(unit)) {
-      case h264::nalSps: sps_.assign(unit.begin(), unit.end()); break;
-      case h264::nalPps: pps_.assign(unit.begin(), unit.end()); break;
-      case h264::nalIdrSlice: output.isKeyFrame = true; break;
-      default: break;
+      case h264::nalSps:
+        sps_.assign(unit.begin(), unit.end());
+        break;
+      case h264::nalPps:
+        pps_.assign(unit.begin(), unit.end());
+        break;
+      case h264::nalIdrSlice:
+        output.isKeyFrame = true;
+        break;
+      default:
+        break;
     }
   }
   output.annexB.reserve(encoded.size() + 16 + (output.isKeyFrame ? sps_.size() + pps_.size() : 0));

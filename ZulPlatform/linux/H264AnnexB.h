@@ -20,7 +20,9 @@ inline constexpr int nalAccessUnitDelimiter = 9;
 // code, and empty units, are skipped.
 std::vector<std::span<const std::uint8_t>> splitAnnexB(std::span<const std::uint8_t> stream);
 
-inline int nalType(std::span<const std::uint8_t> unit) { return unit.empty() ? -1 : unit[0] & 0x1f; }
+inline int nalType(std::span<const std::uint8_t> unit) {
+  return unit.empty() ? -1 : unit[0] & 0x1f;
+}
 }  // namespace h264
 
 // Rewrites what an encoder library emits into the access units the agent

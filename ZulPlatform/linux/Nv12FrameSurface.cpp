@@ -23,8 +23,8 @@ std::shared_ptr<Nv12FrameSurface> Nv12FrameSurface::allocate(int width, int heig
   // 64-byte alignment suits libyuv's and the encoders' vector loads.
   auto* bytes = static_cast<std::uint8_t*>(std::aligned_alloc(64, (size + 63) / 64 * 64 + 64));
   if (!bytes) throw std::bad_alloc();
-  return std::make_shared<Nv12FrameSurface>(
-      width, height, Block{bytes, size, [bytes] { std::free(bytes); }});
+  return std::make_shared<Nv12FrameSurface>(width, height,
+                                            Block{bytes, size, [bytes] { std::free(bytes); }});
 }
 
 }  // namespace zul

@@ -2,12 +2,6 @@
 
 // WebRTC's headers come before anything that includes Xlib, whose macros
 // (None, Bool, Status) would break them.
-#include "modules/desktop_capture/desktop_and_cursor_composer.h"
-#include "modules/desktop_capture/desktop_capture_options.h"
-#include "modules/desktop_capture/desktop_capturer.h"
-#include "modules/desktop_capture/desktop_frame.h"
-#include "modules/desktop_capture/linux/x11/shared_x_display.h"
-
 #include <libyuv/convert_from_argb.h>
 #include <libyuv/planar_functions.h>
 #include <libyuv/scale_argb.h>
@@ -22,6 +16,11 @@
 #include "ZulPlatform/linux/FrameGate.h"
 #include "ZulPlatform/linux/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/X11CaptureConnection.h"
+#include "modules/desktop_capture/desktop_and_cursor_composer.h"
+#include "modules/desktop_capture/desktop_capture_options.h"
+#include "modules/desktop_capture/desktop_capturer.h"
+#include "modules/desktop_capture/desktop_frame.h"
+#include "modules/desktop_capture/linux/x11/shared_x_display.h"
 
 namespace zul {
 namespace {
@@ -59,12 +58,12 @@ class SurfacePool : public std::enable_shared_from_this<SurfacePool> {
     std::weak_ptr<SurfacePool> pool = weak_from_this();
     return std::make_shared<Nv12FrameSurface>(
         width_, height_, Nv12FrameSurface::Block{bytes, size_, [pool, bytes] {
-                           if (auto owner = pool.lock()) {
-                             owner->giveBack(bytes);
-                           } else {
-                             std::free(bytes);
-                           }
-                         }});
+                                                   if (auto owner = pool.lock()) {
+                                                     owner->giveBack(bytes);
+                                                   } else {
+                                                     std::free(bytes);
+                                                   }
+                                                 }});
   }
 
  private:
@@ -96,8 +95,8 @@ class Nv12Converter {
     const int width = out.width(), height = out.height();
     if (frame.size().width() != width || frame.size().height() != height) {
       scaled_.resize(std::size_t(width) * height * 4);
-      libyuv::ARGBScale(source, stride, frame.size().width(), frame.size().height(),
-                        scaled_.data(), width * 4, width, height, libyuv::kFilterBilinear);
+      libyuv::ARGBScale(source, stride, frame.size().width(), frame.size().height(), scaled_.data(),
+                        width * 4, width, height, libyuv::kFilterBilinear);
       source = scaled_.data();
       stride = width * 4;
     }
@@ -201,7 +200,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     auto screen = webrtc::DesktopCapturer::CreateScreenCapturer(captureOptions);
     if (!screen) return failBeforeOrAfterStart("no X11 screen capturer");
     if (run.monitor.displayID != 0 &&
-        !screen->SelectSource(static_cast<webrtc::DesktopCapturer::SourceId>(run.monitor.displayID))) {
+        !screen->SelectSource(
+            static_cast<webrtc::DesktopCapturer::SourceId>(run.monitor.displayID))) {
       return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) + " vanished");
     }
     capturer =
@@ -210,8 +210,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   capturer->Start(this);
 
   FrameGate gate(run.options.framesPerSecond, run.options.idleFramesPerSecond);
-  SurfacePool& pool = *std::make_shared<SurfacePool>(run.width, run.height);
-  auto poolOwner = pool.shared_from_this();
+  auto pool = std::make_shared<SurfacePool>(run.width, run.height);
   Nv12Converter converter;
   std::shared_ptr<Nv12FrameSurface> lastSurface;
   auto nextCapture = Clock::now();
@@ -232,10 +231,13 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     capturer->CaptureFrame();
     auto frame = std::move(lastFrame);
 
-    if (capturerLost || (now - lastLiveness >= livenessInterval && !run.connection->alive())) {
+    if (now - lastLiveness >= livenessInterval) {
+      lastLiveness = now;
+      if (!run.connection->alive()) capturerLost = true;
+    }
+    if (capturerLost) {
       return failBeforeOrAfterStart("the X server of " + run.connection->name() + " went away");
     }
-    lastLiveness = run.connection->alive() ? now : lastLiveness;
     if (now - lastMonitorCheck >= monitorCheckInterval) {
       lastMonitorCheck = now;
       bool present = false;
@@ -243,8 +245,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         present = present || monitor.displayID == run.monitor.displayID;
       }
       if (!present) {
-        return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) +
-                                      " of " + run.connection->name() + " went away");
+        return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) + " of " +
+                                      run.connection->name() + " went away");
       }
     }
     if (lastResult == webrtc::DesktopCapturer::Result::ERROR_PERMANENT) {
@@ -282,7 +284,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     }
     const bool convert = gate.contentChanged() || !lastSurface;
     if (convert) {
-      auto surface = pool.take();
+      auto surface = pool->take();
       converter.convert(*frame, *surface);
       lastSurface = std::move(surface);
     }
@@ -369,8 +371,9 @@ void ScreenCaptureSource::start(const CaptureOptions& options) {
   auto connection = X11CaptureConnection::open(impl_->displayName);
   const std::string shownName =
       connection ? connection->name()
-                 : (impl_->displayName.empty() ? std::string(std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "")
-                                               : impl_->displayName);
+                 : (impl_->displayName.empty()
+                        ? std::string(std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "")
+                        : impl_->displayName);
   const bool readable = connection && connection->canReadScreen();
   std::fprintf(stderr, "XGetImage(root of \"%s\") -> %s\n", shownName.c_str(),
                readable ? "true" : "false");
@@ -393,7 +396,8 @@ void ScreenCaptureSource::start(const CaptureOptions& options) {
   auto run = std::make_shared<Impl::Run>();
   run->options = options;
   run->monitor = monitor;
-  run->width = int(options.width > 0 ? std::min<std::int64_t>(options.width, 16384) : monitor.width);
+  run->width =
+      int(options.width > 0 ? std::min<std::int64_t>(options.width, 16384) : monitor.width);
   run->height =
       int(options.height > 0 ? std::min<std::int64_t>(options.height, 16384) : monitor.height);
   run->connection = std::move(connection);

@@ -23,9 +23,7 @@ void installHandlers() {
   });
 }
 
-void markLost(Display*, void* flag) {
-  static_cast<std::atomic<bool>*>(flag)->store(true);
-}
+void markLost(Display*, void* flag) { static_cast<std::atomic<bool>*>(flag)->store(true); }
 
 }  // namespace
 

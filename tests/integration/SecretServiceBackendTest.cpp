@@ -1,1 +1,213 @@
-// placeholder: being written
+#include "ZulPlatform/linux/SecretServiceBackend.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include "ZulCore/Trust/IdentityKeyStore.h"
+#include "ZulPlatform/linux/SecretBackendSelection.h"
+#include "support/ChildProcess.h"
+#include "support/XvfbServer.h"
+
+namespace zul {
+namespace {
+
+namespace fs = std::filesystem;
+using test::ChildProcess;
+using test::SessionBus;
+
+constexpr const char* kService = "dev.zul.agent.mac";
+
+// Sets an environment variable for one scope and restores it afterwards.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
+  }
+  ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+// Runs a shell command against the private bus; returns its exit code.
+int onBus(const std::string& address, const std::string& command) {
+  std::string line = "DBUS_SESSION_BUS_ADDRESS='" + address + "' " + command + " >/dev/null 2>&1";
+  int status = std::system(line.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A private session bus with a real GNOME Keyring on it, unlocked with a
+// known password, its files in a temporary folder. Shared by the suite:
+// libsecret keeps one connection to the service per process.
+class SecretServiceBackendTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    for (const char* program : {"dbus-daemon", "gnome-keyring-daemon", "dbus-send"}) {
+      if (!test::haveProgram(program)) {
+        skipReason = std::string(program) + " is not installed";
+        return;
+      }
+    }
+    char pattern[] = "/tmp/zul-keyring-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    temp = new fs::path(pattern);
+    for (const char* folder : {"home", "data", "runtime"}) fs::create_directory(*temp / folder);
+    fs::permissions(*temp / "runtime", fs::perms::owner_all, fs::perm_options::replace);
+
+    bus = new SessionBus();
+    ChildProcess::Options options;
+    options.env = {{"DBUS_SESSION_BUS_ADDRESS", bus->address()},
+                   {"HOME", (*temp / "home").string()},
+                   {"XDG_DATA_HOME", (*temp / "data").string()},
+                   {"XDG_RUNTIME_DIR", (*temp / "runtime").string()}};
+    options.unsetEnv = {"DISPLAY", "WAYLAND_DISPLAY"};
+    options.stdinText = "zul-test-password";
+    keyring = new ChildProcess(
+        {"gnome-keyring-daemon", "--foreground", "--components=secrets", "--unlock"}, options);
+
+    // Wait until our daemon owns the name: a call before that would make the
+    // bus start the system's own keyring.
+    const std::string hasOwner =
+        "dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+        "org.freedesktop.DBus.GetNameOwner string:org.freedesktop.secrets";
+    bool owned = false;
+    for (int attempt = 0; attempt < 200 && !owned; ++attempt) {
+      owned = onBus(bus->address(), hasOwner) == 0;
+      if (!owned) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(owned) << "gnome-keyring-daemon did not appear on the bus";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus->address().c_str(), 1);
+  }
+
+  static void TearDownTestSuite() {
+    SecretServiceBackend::resetSharedConnection();
+    delete keyring;
+    delete bus;
+    keyring = nullptr;
+    bus = nullptr;
+    if (temp) fs::remove_all(*temp);
+    delete temp;
+    temp = nullptr;
+  }
+
+  void SetUp() override {
+    if (!skipReason.empty()) GTEST_SKIP() << skipReason;
+    ASSERT_NE(bus, nullptr);
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus->address().c_str(), 1);
+  }
+
+  static std::string loginCollectionLocked() {
+    return "dbus-send --session --print-reply --dest=org.freedesktop.secrets "
+           "/org/freedesktop/secrets org.freedesktop.Secret.Service.Lock "
+           "array:objpath:/org/freedesktop/secrets/collection/login";
+  }
+
+  static inline std::string skipReason;
+  static inline fs::path* temp = nullptr;
+  static inline SessionBus* bus = nullptr;
+  static inline ChildProcess* keyring = nullptr;
+};
+
+TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
+  SecretServiceBackend backend;
+  EXPECT_EQ(backend.name(), "secret-service");
+  backend.remove(kService, "binary");
+  EXPECT_EQ(backend.load(kService, "binary"), std::nullopt);
+
+  Bytes everyByte;
+  for (int i = 0; i < 256; ++i) everyByte.push_back(std::uint8_t(i));
+  backend.save(kService, "binary", everyByte);
+  EXPECT_EQ(backend.load(kService, "binary"), everyByte);
+  EXPECT_EQ(backend.load(kService, "other"), std::nullopt);
+  EXPECT_EQ(backend.load("other.service", "binary"), std::nullopt);
+
+  const Bytes replacement = {0x00, 0xFF, 0x00};
+  backend.save(kService, "binary", replacement);
+  EXPECT_EQ(backend.load(kService, "binary"), replacement);
+
+  // Another backend object sees the same item: it lives in the keyring.
+  EXPECT_EQ(SecretServiceBackend().load(kService, "binary"), replacement);
+
+  backend.remove(kService, "binary");
+  EXPECT_EQ(backend.load(kService, "binary"), std::nullopt);
+  backend.remove(kService, "binary");  // absent: nothing happens
+}
+
+TEST_F(SecretServiceBackendTest, IdentityPersistsInTheKeyring) {
+  auto backend = std::make_shared<SecretServiceBackend>();
+  SecretStore store("identity", backend);
+  store.remove();
+  const std::string agentId = IdentityKeyStore(store).agentId();
+  EXPECT_EQ(store.load()->size(), 32u);
+  EXPECT_EQ(IdentityKeyStore(store).agentId(), agentId);
+  store.remove();
+}
+
+TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {
+  ScopedEnv choice("ZUL_SECRET_BACKEND", std::nullopt);
+  ScopedEnv dataHome("XDG_DATA_HOME", (*temp / "data").string());
+  auto chosen = makeSecretBackend();
+  EXPECT_EQ(chosen->name(), "secret-service");
+  EXPECT_EQ(describeSecretBackendChoice(*chosen), "secret store: secret-service");
+
+  ScopedEnv runtime("XDG_RUNTIME_DIR", (*temp / "runtime").string());
+  {
+    ScopedEnv nowhere("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (*temp / "no-bus").string());
+    auto fallback = makeSecretBackend();
+    EXPECT_EQ(fallback->name(), "file");
+    const auto line = describeSecretBackendChoice(*fallback);
+    EXPECT_NE(line.find((*temp / "data" / "zul-agent" / "secrets").string()), std::string::npos)
+        << line;
+
+    ScopedEnv forced("ZUL_SECRET_BACKEND", "secret-service");
+    try {
+      makeSecretBackend();
+      ADD_FAILURE() << "an unreachable Secret Service was accepted";
+    } catch (const SecretStoreError& error) {
+      EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable) << error.text();
+    }
+  }
+  {
+    ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    EXPECT_EQ(makeSecretBackend()->name(), "file");
+  }
+  ScopedEnv forcedFile("ZUL_SECRET_BACKEND", "file");
+  EXPECT_EQ(makeSecretBackend()->name(), "file");
+  ScopedEnv forcedService("ZUL_SECRET_BACKEND", "secret-service");
+  EXPECT_EQ(makeSecretBackend()->name(), "secret-service");
+  ScopedEnv unknown("ZUL_SECRET_BACKEND", "kwallet");
+  try {
+    makeSecretBackend();
+    ADD_FAILURE() << "an unknown store name was accepted";
+  } catch (const SecretStoreError& error) {
+    EXPECT_NE(error.reason().find("\"file\""), std::string::npos) << error.text();
+    EXPECT_NE(error.reason().find("\"secret-service\""), std::string::npos) << error.text();
+  }
+}
+
+// Last: it locks the keyring for good.
+TEST_F(SecretServiceBackendTest, LockedKeyringIsAnErrorNotAnAbsentSecret) {
+  SecretServiceBackend backend;
+  backend.save(kService, "locked", toBytes("kept"));
+  ASSERT_EQ(onBus(bus->address(), loginCollectionLocked()), 0);
+  try {
+    auto secret = backend.load(kService, "locked");
+    ADD_FAILURE() << "a locked secret read as " << (secret ? "present" : "absent");
+  } catch (const SecretStoreError& error) {
+    EXPECT_EQ(error.kind(), SecretStoreError::Case::readFailed) << error.text();
+    EXPECT_EQ(error.account(), "locked");
+  }
+  EXPECT_THROW(backend.save(kService, "locked", toBytes("new")), SecretStoreError);
+  backend.remove(kService, "locked");  // never fails, even locked
+}
+
+}  // namespace
+}  // namespace zul

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ZulCore/Media/VideoEncoder.h"
+
+namespace zul {
+
+// H.264 over FFmpeg's libavcodec: a hardware encoder (VAAPI, NVENC) when the
+// machine has one, libx264 otherwise. Always real time, Baseline profile, no
+// frame reordering, average bit rate, a key frame at least every ten seconds;
+// the output is Annex-B with SPS and PPS in front of every key frame only.
+// Pixels come from the frame's `Nv12FrameSurface` or its NV12 `data`.
+class LibavH264Encoder : public VideoEncoder {
+ public:
+  // The libavcodec encoders tried, in order; the default list puts the
+  // hardware ones first and libx264 last.
+  explicit LibavH264Encoder(std::vector<std::string> candidates = defaultCandidates());
+  ~LibavH264Encoder() override;
+  LibavH264Encoder(const LibavH264Encoder&) = delete;
+  LibavH264Encoder& operator=(const LibavH264Encoder&) = delete;
+
+  static std::vector<std::string> defaultCandidates();
+  static bool isHardwareCodec(const std::string& codecName);
+
+  // "libav-h264", followed by "/" and the libavcodec encoder once configured
+  // (for example "libav-h264/libx264").
+  std::string name() const override;
+  bool isHardwareAccelerated() const override;
+  // The libavcodec encoder in use; empty until configured.
+  std::string codecName() const;
+  std::optional<VideoEncoderSettings> settings() const;
+
+  void configure(const VideoEncoderSettings& settings) override;
+  std::optional<EncodedVideoFrame> encode(const CapturedFrame& frame, bool forceKeyFrame) override;
+  void setBitrate(std::int64_t kbps) override;
+
+  struct Session;
+
+ private:
+  std::vector<std::string> candidates_;
+  mutable std::mutex mutex_;  // guards session_ and settings_
+  std::shared_ptr<Session> session_;
+  std::optional<VideoEncoderSettings> settings_;
+};
+
+}  // namespace zul
