@@ -1,0 +1,129 @@
+#include "ZulCore/Trust/PairingService.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+
+namespace zul {
+namespace {
+
+using P = DevicePermission;
+using namespace std::chrono_literals;
+
+struct PairingFixture : ::testing::Test {
+  std::shared_ptr<const IdentityKeyStore> identity = std::make_shared<IdentityKeyStore>(
+      SecretStore("identity", std::make_shared<MemorySecretBackend>()));
+  // 1.7 s past a whole second: Unix seconds must truncate.
+  std::chrono::system_clock::time_point now =
+      std::chrono::system_clock::time_point{1'763'000'000s} + 1700ms;
+  PairingService service{identity, [this] { return now; }};
+
+  static std::string urlDecode(std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      if (text[i] == '%') {
+        out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+        i += 2;
+      } else {
+        out += text[i];
+      }
+    }
+    return out;
+  }
+};
+
+TEST(PairingPermissions, FilteredDeduplicatedViewFirstUnlessRequested) {
+  struct Case {
+    std::vector<P> requested;
+    std::vector<P> granted;
+  };
+  const Case cases[] = {
+      {{P::shell, P::control, P::control}, {P::view, P::control}},
+      {{P::files, P::view}, {P::files, P::view}},
+      {{}, {P::view}},
+      {{P::unattended}, {P::view}},
+      {{P::clipboard, P::shell, P::files, P::control, P::clipboard},
+       {P::view, P::clipboard, P::files, P::control}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(PairingService::grantedPermissions(c.requested), c.granted);
+}
+
+TEST_F(PairingFixture, OfferIsSignedOverTheFingerprintTranscript) {
+  const std::string fingerprint = "sha-256 AB:CD";
+  auto offer = service.begin("wss://rendezvous.example/v1/rendezvous/x?a=1", fingerprint);
+
+  EXPECT_EQ(offer.agentId, identity->agentId());
+  EXPECT_EQ(Base64Url::decode(offer.agentPublicKey), identity->publicKey());
+  EXPECT_EQ(Base64Url::decode(offer.ephemeralX25519PublicKey)->size(), 32u);
+  EXPECT_TRUE(std::regex_match(offer.pairingSecret, std::regex("pair_[A-Za-z0-9_-]{43}")));
+  EXPECT_EQ(offer.expiresAt, 1'763'000'001 + 120);
+
+  const std::string transcript = PairingService::fingerprintTranscript(
+      offer.agentId, fingerprint, offer.ephemeralX25519PublicKey);
+  EXPECT_EQ(transcript, "ZUL-DTLS-FINGERPRINT-1\n" + offer.agentId + "\n" + fingerprint + "\n" +
+                            offer.ephemeralX25519PublicKey);
+  EXPECT_TRUE(IdentityKeyStore::verify(identity->publicKey(), toBytes(transcript),
+                                       *Base64Url::decode(offer.fingerprintSignature)));
+  EXPECT_FALSE(IdentityKeyStore::verify(identity->publicKey(), toBytes(transcript + "\n"),
+                                        *Base64Url::decode(offer.fingerprintSignature)));
+
+  auto again = service.begin("wss://x", fingerprint);
+  EXPECT_NE(again.pairingSecret, offer.pairingSecret);
+  EXPECT_NE(again.ephemeralX25519PublicKey, offer.ephemeralX25519PublicKey);
+}
+
+TEST_F(PairingFixture, GrantIsSignedJsonWithSerialAndYearLongExpiry) {
+  auto grant = service.completeVerified("device_abc", "pubkey", {P::shell, P::control, P::control});
+  auto json = Base64Url::decode(grant.payload);
+  ASSERT_TRUE(json);
+  EXPECT_TRUE(IdentityKeyStore::verify(identity->publicKey(), *json,
+                                       *Base64Url::decode(grant.signature)));
+
+  auto document = nlohmann::json::parse(toString(*json));
+  EXPECT_EQ(document["version"], 1);
+  EXPECT_EQ(document["agentId"], identity->agentId());
+  EXPECT_EQ(document["deviceId"], "device_abc");
+  EXPECT_EQ(document["devicePublicKey"], "pubkey");
+  EXPECT_EQ(document["permissions"], nlohmann::json::array({"view", "control"}));
+  EXPECT_EQ(document["issuedAt"], 1'763'000'001);
+  EXPECT_EQ(document["expiresAt"], 1'763'000'001 + 31'536'000);
+  EXPECT_TRUE(std::regex_match(document["serial"].get<std::string>(), std::regex("[0-9a-f]{24}")));
+  EXPECT_NE(service.completeVerified("d", "k", {}).payload, grant.payload);
+}
+
+TEST_F(PairingFixture, DeepLinkCarriesPercentEncodedJson) {
+  auto offer = service.begin("https://host:8443/path?a=b&c=d+e", "sha-256 00:11");
+  offer.pairingSecret = "srv+secret=&x";
+  const std::string link = pairingDeepLink(offer);
+  const std::string prefix = "zul://pair?payload=";
+  ASSERT_EQ(link.substr(0, prefix.size()), prefix);
+  const std::string encoded = link.substr(prefix.size());
+  for (char c : std::string("&=+ \"{}")) EXPECT_EQ(encoded.find(c), std::string::npos) << c;
+  EXPECT_NE(encoded.find("srv%2Bsecret%3D%26x"), std::string::npos);
+
+  auto json = nlohmann::json::parse(urlDecode(encoded));
+  EXPECT_EQ(json.size(), 9u);
+  EXPECT_EQ(json["platform"], "linux");
+  EXPECT_EQ(json["signalUrl"], "https://host:8443/path?a=b&c=d+e");
+  EXPECT_EQ(json["pairingSecret"], "srv+secret=&x");
+  EXPECT_EQ(json["expiresAt"], offer.expiresAt);
+  EXPECT_EQ(json["fingerprintSignature"], offer.fingerprintSignature);
+}
+
+TEST(PercentEncoding, QueryCharactersLessSeparators) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"aZ09-._~!$'()*,/:;?@", "aZ09-._~!$'()*,/:;?@"},
+      {"a+b=c&d", "a%2Bb%3Dc%26d"},
+      {"{\"k\": \"v\"}", "%7B%22k%22:%20%22v%22%7D"},
+      {"#%[]", "%23%25%5B%5D"},
+      {"\xd0\xbf", "%D0%BF"},
+  };
+  for (const auto& [in, out] : cases) EXPECT_EQ(percentEncodeQueryValue(in), out) << in;
+}
+
+}  // namespace
+}  // namespace zul
