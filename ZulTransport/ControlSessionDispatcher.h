@@ -1,0 +1,99 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ZulCore/Support/Error.h"
+#include "ZulCore/Trust/ControlSessionLease.h"
+#include "ZulCore/Trust/DevicePermission.h"
+#include "ZulCore/Trust/TrustedDevice.h"
+#include "ZulTransport/MessageRouter.h"
+
+namespace zul {
+
+class ControlSessionError : public Error {
+ public:
+  enum class Case {
+    missingField,
+    identityMismatch,
+    deviceNotTrusted,
+    fingerprintMismatch,
+    invalidSignature,
+    anotherSessionActive,
+    noActiveSession,
+  };
+
+  static ControlSessionError missingField(std::string_view key);
+  static ControlSessionError identityMismatch();
+  static ControlSessionError deviceNotTrusted();
+  static ControlSessionError fingerprintMismatch();
+  static ControlSessionError invalidSignature();
+  static ControlSessionError anotherSessionActive();
+  static ControlSessionError noActiveSession();
+
+  Case kind() const { return kind_; }
+
+ private:
+  ControlSessionError(Case kind, std::string text) : Error(std::move(text)), kind_(kind) {}
+  Case kind_;
+};
+
+// What the dispatcher needs of the peer connection: the certificate the hello
+// must name, and the control channel for replies.
+class ControlChannel {
+ public:
+  virtual ~ControlChannel() = default;
+  virtual std::string dtlsFingerprint() const = 0;
+  // Writes text to the "control" channel through the sending gate; throws on refusal.
+  virtual void sendControlText(const std::string& text) = 0;
+};
+
+// The gate between the data channels and everything that acts on the
+// computer: authenticates the phone's signed hello against the trusted
+// devices and the DTLS fingerprint, holds the single control lease, and
+// passes each message of the established session on with its permissions.
+class ControlSessionDispatcher {
+ public:
+  ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer, TrustedDeviceStore trustedDevices);
+
+  std::function<void(const std::string& sessionId, const std::string& deviceId)>
+      onSessionEstablished;
+  std::function<void(const RoutedMessage&, const PermissionGate&)> onAuthenticatedMessage;
+  std::function<void()> onSessionReleased;
+  std::function<void(const std::string&)> onDiagnostic;
+
+  // Every text message received on any data channel.
+  void handle(std::string_view channel, std::string_view data);
+
+  // The device signalling announced for the connecting phone; a hello from
+  // any other device is refused.
+  void setExpectedPeerDeviceId(std::optional<std::string> deviceId);
+  std::optional<std::string> activeSessionId() const;
+  void releaseActiveSession();
+
+  // "ZUL-CONTROL-HELLO-1\n" sessionId \n deviceId \n nonce.
+  static std::string helloTranscript(std::string_view sessionId, std::string_view deviceId,
+                                     std::string_view nonce);
+
+ private:
+  void authenticate(const RoutedMessage& hello);
+  void sendError(const std::string& sessionId, const std::exception& error);
+  void send(const nlohmann::json& message);
+  void diagnose(const std::string& line) const;
+
+  std::shared_ptr<ControlChannel> peer_;
+  TrustedDeviceStore trustedDevices_;
+  ControlSessionLease lease_;
+
+  mutable std::mutex mutex_;
+  std::optional<std::string> sessionId_;
+  std::optional<std::string> deviceId_;
+  std::optional<PermissionGate> permissions_;
+  std::optional<std::string> expectedPeerDeviceId_;
+};
+
+}  // namespace zul

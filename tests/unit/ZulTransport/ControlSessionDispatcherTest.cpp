@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/IdentityKeyStore.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/ControlSessionDispatcher.h"
+
+namespace zul {
+namespace {
+
+const std::string agentFingerprint = "sha-256 " + std::string(95, 'A');
+
+class RecordingChannel : public ControlChannel {
+ public:
+  std::string dtlsFingerprint() const override { return agentFingerprint; }
+  void sendControlText(const std::string& text) override {
+    sent.push_back(nlohmann::json::parse(text));
+  }
+  std::vector<nlohmann::json> sent;
+};
+
+// A phone with its own Ed25519 key.
+struct Phone {
+  IdentityKeyStore key{SecretStore("phone", std::make_shared<MemorySecretBackend>())};
+  std::string deviceId = IdentityKeyStore::deriveId("device_", key.publicKey());
+
+  TrustedDevice record(bool revoked = false,
+                       std::set<DevicePermission> permissions = {DevicePermission::view,
+                                                                 DevicePermission::control}) const {
+    return {deviceId,    "phone",      Base64Url::encode(key.publicKey()),
+            permissions, UtcSeconds{}, revoked};
+  }
+
+  nlohmann::json hello(const std::string& sessionId, const std::string& nonce = "n-1") const {
+    auto signature =
+        key.sign(toBytes(ControlSessionDispatcher::helloTranscript(sessionId, deviceId, nonce)));
+    return {{"type", "control.hello"},
+            {"protoVersion", "1.0"},
+            {"sessionId", sessionId},
+            {"deviceId", deviceId},
+            {"nonce", nonce},
+            {"signature", Base64Url::encode(signature)},
+            {"dtlsFingerprint", agentFingerprint}};
+  }
+};
+
+struct Harness {
+  std::shared_ptr<MemorySecretBackend> secrets = std::make_shared<MemorySecretBackend>();
+  TrustedDeviceStore store{SecretStore(TrustedDeviceStore::account, secrets)};
+  std::shared_ptr<RecordingChannel> channel = std::make_shared<RecordingChannel>();
+  ControlSessionDispatcher dispatcher{channel, store};
+  Phone phone;
+  std::vector<std::string> events;
+
+  void setUp() {
+    store.save({phone.record()});
+    dispatcher.setExpectedPeerDeviceId(phone.deviceId);
+    dispatcher.onSessionEstablished = [this](const std::string& s, const std::string&) {
+      events.push_back("established " + s);
+    };
+    dispatcher.onSessionReleased = [this] { events.push_back("released"); };
+    dispatcher.onAuthenticatedMessage = [this](const RoutedMessage& m, const PermissionGate& g) {
+      events.push_back("message " + m.type +
+                       (g.allows(DevicePermission::control) ? " control" : ""));
+    };
+    dispatcher.onDiagnostic = [this](const std::string& line) { events.push_back("diag " + line); };
+  }
+
+  void send(const nlohmann::json& message, const std::string& label = "control") {
+    dispatcher.handle(label, message.dump());
+  }
+  const nlohmann::json& lastReply() { return channel->sent.back(); }
+};
+
+struct DispatcherFixture : ::testing::Test, Harness {
+  void SetUp() override { setUp(); }
+};
+
+TEST_F(DispatcherFixture, ValidHelloEstablishesTheSessionAndRepliesOk) {
+  send(phone.hello("s1"));
+  ASSERT_EQ(channel->sent.size(), 1u);
+  const auto& ok = lastReply();
+  EXPECT_EQ(ok.size(), 7u);
+  EXPECT_EQ(ok["type"], "control.hello.ok");
+  EXPECT_EQ(ok["protoVersion"], "1.0");
+  EXPECT_EQ(ok["sessionId"], "s1");
+  EXPECT_TRUE(ok["ts"].is_number_integer());
+  EXPECT_EQ(ok["controlLease"], "granted");
+  EXPECT_EQ(ok["permissions"], nlohmann::json::array({"view", "control"}));
+  EXPECT_EQ(ok["host"]["platform"], "linux");
+  EXPECT_EQ(ok["host"]["shells"], nlohmann::json::array());
+  EXPECT_EQ(ok["host"]["shellKeyCombos"], false);
+  EXPECT_EQ(ok["host"]["clipboardCopy"], false);
+  EXPECT_EQ(dispatcher.activeSessionId(), "s1");
+
+  send({{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s1"}}, "input");
+  EXPECT_EQ(events, (std::vector<std::string>{"established s1", "message input.key control"}));
+}
+
+TEST_F(DispatcherFixture, RepeatedHelloOnTheSameSessionDoesNotDuplicateIt) {
+  send(phone.hello("s1"));
+  send(phone.hello("s1", "n-2"));
+  EXPECT_EQ(events, (std::vector<std::string>{"established s1"}));
+  EXPECT_EQ(lastReply()["controlLease"], "granted");
+}
+
+TEST_F(DispatcherFixture, HelloRefusals) {
+  struct Case {
+    const char* name;
+    std::function<void(nlohmann::json&, Harness&)> change;
+    std::string code;
+    std::string message;
+  };
+  const auto resign = [](nlohmann::json& hello, const Phone& phone, const std::string& transcript) {
+    hello["signature"] = Base64Url::encode(phone.key.sign(toBytes(transcript)));
+  };
+  const Case cases[] = {
+      {"no device id", [](auto& h, auto&) { h.erase("deviceId"); }, "INVALID_MESSAGE",
+       R"(missingField("deviceId"))"},
+      {"no expected peer yet",
+       [](auto&, auto& f) { f.dispatcher.setExpectedPeerDeviceId(std::nullopt); },
+       "PERMISSION_DENIED", "identityMismatch"},
+      {"another device than announced",
+       [](auto&, auto& f) { f.dispatcher.setExpectedPeerDeviceId("device_other"); },
+       "PERMISSION_DENIED", "identityMismatch"},
+      {"unpaired key", [](auto&, auto& f) { f.store.save({}); }, "PERMISSION_DENIED",
+       "deviceNotTrusted"},
+      {"revoked", [](auto&, auto& f) { f.store.revoke(f.phone.deviceId); }, "PERMISSION_DENIED",
+       "deviceNotTrusted"},
+      {"wrong fingerprint", [](auto& h, auto&) { h["dtlsFingerprint"] = "sha-256 00"; },
+       "PERMISSION_DENIED", "fingerprintMismatch"},
+      {"no nonce", [](auto& h, auto&) { h.erase("nonce"); }, "INVALID_MESSAGE",
+       R"(missingField("nonce/signature"))"},
+      {"signature not base64url", [](auto& h, auto&) { h["signature"] = "not base64!"; },
+       "INVALID_MESSAGE", R"(missingField("nonce/signature"))"},
+      {"damaged stored key",
+       [](auto&, auto& f) {
+         auto record = f.phone.record();
+         record.ed25519PublicKey = "*";
+         f.store.save({record});
+       },
+       "INVALID_MESSAGE", R"(missingField("nonce/signature"))"},
+      {"transcript with trailing line feed",
+       [&](auto& h, auto& f) {
+         resign(h, f.phone,
+                ControlSessionDispatcher::helloTranscript("s1", f.phone.deviceId, "n-1") + "\n");
+       },
+       "PERMISSION_DENIED", "invalidSignature"},
+      {"fields in another order",
+       [&](auto& h, auto& f) {
+         resign(h, f.phone,
+                ControlSessionDispatcher::helloTranscript(f.phone.deviceId, "s1", "n-1"));
+       },
+       "PERMISSION_DENIED", "invalidSignature"},
+      {"signed for another session",
+       [&](auto& h, auto& f) {
+         resign(h, f.phone,
+                ControlSessionDispatcher::helloTranscript("s2", f.phone.deviceId, "n-1"));
+       },
+       "PERMISSION_DENIED", "invalidSignature"},
+      {"signed by another key",
+       [](auto& h, auto&) {
+         Phone stranger;
+         h["signature"] = Base64Url::encode(stranger.key.sign(toBytes("x")));
+       },
+       "PERMISSION_DENIED", "invalidSignature"},
+      {"corrupt trusted store",
+       [](auto&, auto& f) {
+         f.secrets->save(SecretStore::service, TrustedDeviceStore::account, toBytes("[{"));
+       },
+       "INVALID_MESSAGE", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Harness f;
+    f.setUp();
+    auto hello = f.phone.hello("s1");
+    c.change(hello, f);
+    f.send(hello);
+    ASSERT_EQ(f.channel->sent.size(), 1u);
+    const auto& reply = f.lastReply();
+    EXPECT_EQ(reply["type"], "control.error");
+    EXPECT_EQ(reply["sessionId"], "s1");
+    EXPECT_EQ(reply["code"], c.code);
+    if (!c.message.empty()) EXPECT_EQ(reply["message"], c.message);
+    EXPECT_EQ(reply.size(), 6u);
+    EXPECT_FALSE(f.dispatcher.activeSessionId());
+    ASSERT_EQ(f.events.size(), 1u);
+    EXPECT_EQ(f.events[0].rfind("diag rejecting control.hello: ", 0), 0u) << f.events[0];
+  }
+}
+
+TEST_F(DispatcherFixture, HelloWithoutFingerprintIsBoundByTheTranscript) {
+  auto hello = phone.hello("s1");
+  hello.erase("dtlsFingerprint");
+  send(hello);
+  EXPECT_EQ(lastReply()["type"], "control.hello.ok");
+}
+
+TEST_F(DispatcherFixture, RevokedRecordIsSkippedForALaterValidOne) {
+  store.save({phone.record(true, {DevicePermission::view}), phone.record(false)});
+  send(phone.hello("s1"));
+  EXPECT_EQ(lastReply()["type"], "control.hello.ok");
+}
+
+TEST_F(DispatcherFixture, MessagesOutsideTheSessionAreRefusedOrDropped) {
+  send({{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s1"}}, "input");
+  EXPECT_EQ(lastReply()["code"], "PERMISSION_DENIED");
+  EXPECT_EQ(lastReply()["message"], "noActiveSession");
+
+  send(phone.hello("s1"));
+  send({{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s2"}}, "input");
+  EXPECT_EQ(lastReply()["message"], "noActiveSession");
+
+  const auto repliesBefore = channel->sent.size();
+  dispatcher.handle("control", "{not json");
+  dispatcher.handle(
+      "input-fast",
+      nlohmann::json{{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s1"}}.dump());
+  EXPECT_EQ(channel->sent.size(), repliesBefore);
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ(events[events.size() - 2].rfind("diag dropping malformed control message: ", 0), 0u);
+  EXPECT_EQ(
+      events.back(),
+      R"(diag dropping malformed input-fast message: typeNotAllowedOnChannel("input.key", "input-fast"))");
+  for (const auto& e : events) EXPECT_EQ(e.find("message "), std::string::npos) << e;
+}
+
+TEST_F(DispatcherFixture, ReplacingASessionReleasesItFirst) {
+  send(phone.hello("s1"));
+  auto refused = phone.hello("s2");
+  send(refused);
+  EXPECT_EQ(lastReply()["message"], "anotherSessionActive");
+  EXPECT_EQ(dispatcher.activeSessionId(), "s1");
+
+  auto replacing = phone.hello("s2");
+  replacing["replaceSession"] = true;
+  send(replacing);
+  EXPECT_EQ(lastReply()["controlLease"], "replaced");
+  EXPECT_EQ(dispatcher.activeSessionId(), "s2");
+  EXPECT_EQ(events[0], "established s1");
+  EXPECT_EQ(events[2], "released");
+  EXPECT_EQ(events[3], "established s2");
+}
+
+TEST_F(DispatcherFixture, ReleaseEndsTheSessionOnce) {
+  send(phone.hello("s1"));
+  dispatcher.releaseActiveSession();
+  dispatcher.releaseActiveSession();
+  EXPECT_EQ(events, (std::vector<std::string>{"established s1", "released",
+                                              "diag released control session s1"}));
+  EXPECT_FALSE(dispatcher.activeSessionId());
+  // The lease is free again: a new session needs no replacement.
+  send(phone.hello("s2"));
+  EXPECT_EQ(lastReply()["controlLease"], "granted");
+}
+
+TEST_F(DispatcherFixture, RevokeBitesOnTheNextHello) {
+  send(phone.hello("s1"));
+  dispatcher.releaseActiveSession();
+  store.revoke(phone.deviceId);
+  send(phone.hello("s2"));
+  EXPECT_EQ(lastReply()["message"], "deviceNotTrusted");
+  EXPECT_EQ(store.load().size(), 1u);
+}
+
+}  // namespace
+}  // namespace zul
