@@ -122,13 +122,12 @@ Bytes IdentityKeyStore::sign(const Bytes& data) const {
 bool IdentityKeyStore::verify(const Bytes& publicKey, const Bytes& payload,
                               const Bytes& signature) noexcept {
   if (publicKey.size() != publicKeyLength || signature.size() != signatureLength) return false;
-  PkeyPtr key(EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, publicKey.data(),
-                                          publicKey.size()));
+  PkeyPtr key(
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, publicKey.data(), publicKey.size()));
   MdCtxPtr ctx(key ? EVP_MD_CTX_new() : nullptr);
-  bool valid =
-      ctx && EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) > 0 &&
-      EVP_DigestVerify(ctx.get(), signature.data(), signature.size(), payload.data(),
-                       payload.size()) == 1;
+  bool valid = ctx && EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) > 0 &&
+               EVP_DigestVerify(ctx.get(), signature.data(), signature.size(), payload.data(),
+                                payload.size()) == 1;
   ERR_clear_error();
   return valid;
 }

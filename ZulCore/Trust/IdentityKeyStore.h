@@ -50,8 +50,7 @@ class IdentityKeyStore {
   Bytes sign(const Bytes& data) const;
 
   // False for an invalid key or signature; never throws.
-  static bool verify(const Bytes& publicKey, const Bytes& payload,
-                     const Bytes& signature) noexcept;
+  static bool verify(const Bytes& publicKey, const Bytes& payload, const Bytes& signature) noexcept;
 
   // `prefix` followed by the base64url form of the first 18 bytes of the
   // SHA-256 of the raw public key: the agent's and the devices' identifiers.

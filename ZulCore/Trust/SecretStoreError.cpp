@@ -13,8 +13,7 @@ SecretStoreError SecretStoreError::readFailed(std::string account, std::string r
 }
 
 SecretStoreError SecretStoreError::writeFailed(std::string account, std::string reason) {
-  auto text =
-      formatErrorCase("writeFailed", {field("account", account), field("reason", reason)});
+  auto text = formatErrorCase("writeFailed", {field("account", account), field("reason", reason)});
   return {Case::writeFailed, std::move(text), std::move(account), std::move(reason)};
 }
 

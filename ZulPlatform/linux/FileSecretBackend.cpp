@@ -79,8 +79,8 @@ void ensurePrivateFolder(const fs::path& folder) {
 // read works whether or not this succeeds.
 void tightenIfPresent(const fs::path& folder) {
   struct stat info {};
-  if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
-      info.st_uid == ::geteuid() && (info.st_mode & 077) != 0) {
+  if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
+      (info.st_mode & 077) != 0) {
     ::chmod(folder.c_str(), 0700);
   }
 }

@@ -31,8 +31,7 @@ class FileSecretBackend final : public SecretBackend {
 
   std::string name() const override { return "file"; }
   std::optional<Bytes> load(const std::string& service, const std::string& account) override;
-  void save(const std::string& service, const std::string& account,
-            const Bytes& secret) override;
+  void save(const std::string& service, const std::string& account, const Bytes& secret) override;
   void remove(const std::string& service, const std::string& account) noexcept override;
 
  private:

@@ -42,7 +42,7 @@ std::shared_ptr<SecretBackend> makeSecretBackend() {
                                         "\"; use \"secret-service\", \"file\" or \"auto\"");
   }
 
-  if (auto failure = SecretServiceBackend::probe(kProbeTimeout)) {
+  if (auto failure = SecretServiceBackend::probe(kProbeTimeout, true)) {
     rememberFallback(*failure);
     return std::make_shared<FileSecretBackend>();
   }

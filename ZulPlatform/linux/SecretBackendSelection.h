@@ -13,7 +13,8 @@ namespace zul {
 //                     SecretStoreError::unavailable when it cannot be reached;
 //   "file"            the private file store under $XDG_DATA_HOME;
 //   unset, "" or "auto"  the Secret Service when the session bus offers it
-//                     within a short time-out, else the file store.
+//                     with a default collection within a short time-out,
+//                     else the file store.
 // Any other value fails with SecretStoreError::unavailable naming the
 // allowed values.
 std::shared_ptr<SecretBackend> makeSecretBackend();

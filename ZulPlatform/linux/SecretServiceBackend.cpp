@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <string_view>
 
 namespace zul {
 namespace {
@@ -99,7 +100,8 @@ std::optional<std::string> SecretServiceBackend::sessionBusAddress() {
   return std::nullopt;
 }
 
-std::optional<std::string> SecretServiceBackend::probe(std::chrono::milliseconds timeout) {
+std::optional<std::string> SecretServiceBackend::probe(std::chrono::milliseconds timeout,
+                                                       bool requireDefaultCollection) {
   auto address = sessionBusAddress();
   if (!address) return std::string("no session bus (DBUS_SESSION_BUS_ADDRESS is not set)");
 
@@ -150,15 +152,14 @@ std::optional<std::string> SecretServiceBackend::probe(std::chrono::milliseconds
                   ? "the session bus did not answer in time"
                   : "cannot connect to the session bus: " + messageOf(error.get());
   } else {
-    // Reading a property of the service starts it through bus activation
-    // when it is not running yet.
+    // Any call starts the service through bus activation when it is not
+    // running yet; asking for the default collection also tells whether a
+    // save could succeed without a dialog to create one.
     Pending calling;
-    g_dbus_connection_call(bus.get(), kBusName, "/org/freedesktop/secrets",
-                           "org.freedesktop.DBus.Properties", "Get",
-                           g_variant_new("(ss)", "org.freedesktop.Secret.Service", "Collections"),
-                           G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE,
-                           static_cast<int>(timeout.count()), cancellable.get(), finished,
-                           &calling);
+    g_dbus_connection_call(
+        bus.get(), kBusName, "/org/freedesktop/secrets", "org.freedesktop.Secret.Service",
+        "ReadAlias", g_variant_new("(s)", "default"), G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NONE,
+        static_cast<int>(timeout.count()), cancellable.get(), finished, &calling);
     auto callResult = wait(calling);
     VariantPtr reply(g_dbus_connection_call_finish(bus.get(), callResult.get(), &rawError));
     if (!reply) {
@@ -166,6 +167,12 @@ std::optional<std::string> SecretServiceBackend::probe(std::chrono::milliseconds
       failure = g_cancellable_is_cancelled(cancellable.get())
                     ? "the Secret Service did not answer in time"
                     : "the Secret Service does not answer: " + messageOf(error.get());
+    } else if (requireDefaultCollection) {
+      const gchar* path = nullptr;
+      g_variant_get(reply.get(), "(&o)", &path);
+      if (!path || std::string_view(path) == "/") {
+        failure = "the Secret Service has no default collection";
+      }
     }
     Pending closing;
     g_dbus_connection_close(bus.get(), nullptr, finished, &closing);
@@ -229,9 +236,9 @@ void SecretServiceBackend::save(const std::string& service, const std::string& a
                                 const Bytes& secret) {
   auto attributes = attributesFor(service, account);
   static const char empty = 0;
-  ValuePtr value(secret_value_new(
-      secret.empty() ? &empty : reinterpret_cast<const gchar*>(secret.data()),
-      static_cast<gssize>(secret.size()), kContentType));
+  ValuePtr value(
+      secret_value_new(secret.empty() ? &empty : reinterpret_cast<const gchar*>(secret.data()),
+                       static_cast<gssize>(secret.size()), kContentType));
   const std::string label = "Zul agent: " + account;
   GError* rawError = nullptr;
   // Storing replaces an item with the same attributes in one step.
@@ -244,8 +251,7 @@ void SecretServiceBackend::save(const std::string& service, const std::string& a
   }
 }
 
-void SecretServiceBackend::remove(const std::string& service,
-                                  const std::string& account) noexcept {
+void SecretServiceBackend::remove(const std::string& service, const std::string& account) noexcept {
   try {
     auto attributes = attributesFor(service, account);
     GError* rawError = nullptr;

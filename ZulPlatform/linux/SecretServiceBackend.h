@@ -23,8 +23,11 @@ class SecretServiceBackend final : public SecretBackend {
 
   // Whether the Secret Service answers on the session bus (starting it if the
   // bus can), within `timeout`, on a private connection: nothing when it does,
-  // else the reason. Never throws.
-  static std::optional<std::string> probe(std::chrono::milliseconds timeout);
+  // else the reason. With `requireDefaultCollection`, a service without a
+  // default collection (a fresh keyring nobody has unlocked, where a save
+  // would need a dialog) counts as not answering. Never throws.
+  static std::optional<std::string> probe(std::chrono::milliseconds timeout,
+                                          bool requireDefaultCollection = false);
 
   // The session bus address the process would use, if any: the
   // DBUS_SESSION_BUS_ADDRESS variable or $XDG_RUNTIME_DIR/bus.
@@ -36,8 +39,7 @@ class SecretServiceBackend final : public SecretBackend {
 
   std::string name() const override { return "secret-service"; }
   std::optional<Bytes> load(const std::string& service, const std::string& account) override;
-  void save(const std::string& service, const std::string& account,
-            const Bytes& secret) override;
+  void save(const std::string& service, const std::string& account, const Bytes& secret) override;
   void remove(const std::string& service, const std::string& account) noexcept override;
 
  private:

@@ -1,5 +1,3 @@
-#include "ZulPlatform/linux/SecretServiceBackend.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -9,6 +7,7 @@
 
 #include "ZulCore/Trust/IdentityKeyStore.h"
 #include "ZulPlatform/linux/SecretBackendSelection.h"
+#include "ZulPlatform/linux/SecretServiceBackend.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
 
@@ -37,83 +36,100 @@ class ScopedEnv {
   std::optional<std::string> old_;
 };
 
-// Runs a shell command against the private bus; returns its exit code.
-int onBus(const std::string& address, const std::string& command) {
-  std::string line = "DBUS_SESSION_BUS_ADDRESS='" + address + "' " + command + " >/dev/null 2>&1";
-  int status = std::system(line.c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+std::optional<std::string> missingProgram() {
+  for (const char* program : {"dbus-daemon", "gnome-keyring-daemon", "dbus-send"})
+    if (!test::haveProgram(program)) return std::string(program) + " is not installed";
+  return std::nullopt;
 }
 
-// A private session bus with a real GNOME Keyring on it, unlocked with a
-// known password, its files in a temporary folder. Shared by the suite:
-// libsecret keeps one connection to the service per process.
-class SecretServiceBackendTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    for (const char* program : {"dbus-daemon", "gnome-keyring-daemon", "dbus-send"}) {
-      if (!test::haveProgram(program)) {
-        skipReason = std::string(program) + " is not installed";
-        return;
-      }
-    }
+// A private session bus with a real GNOME Keyring on it, its files in a
+// temporary folder. With a password the login keyring is created and
+// unlocked with it; without one the keyring has no default collection.
+class PrivateKeyring {
+ public:
+  explicit PrivateKeyring(std::optional<std::string> password) {
     char pattern[] = "/tmp/zul-keyring-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    temp = new fs::path(pattern);
-    for (const char* folder : {"home", "data", "runtime"}) fs::create_directory(*temp / folder);
-    fs::permissions(*temp / "runtime", fs::perms::owner_all, fs::perm_options::replace);
+    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
+    temp_ = pattern;
+    for (const char* folder : {"home", "data", "runtime"}) fs::create_directory(temp_ / folder);
+    fs::permissions(temp_ / "runtime", fs::perms::owner_all, fs::perm_options::replace);
 
-    bus = new SessionBus();
+    bus_ = std::make_unique<SessionBus>();
     ChildProcess::Options options;
-    options.env = {{"DBUS_SESSION_BUS_ADDRESS", bus->address()},
-                   {"HOME", (*temp / "home").string()},
-                   {"XDG_DATA_HOME", (*temp / "data").string()},
-                   {"XDG_RUNTIME_DIR", (*temp / "runtime").string()}};
+    options.env = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()},
+                   {"HOME", (temp_ / "home").string()},
+                   {"XDG_DATA_HOME", (temp_ / "data").string()},
+                   {"XDG_RUNTIME_DIR", (temp_ / "runtime").string()}};
     options.unsetEnv = {"DISPLAY", "WAYLAND_DISPLAY"};
-    options.stdinText = "zul-test-password";
-    keyring = new ChildProcess(
-        {"gnome-keyring-daemon", "--foreground", "--components=secrets", "--unlock"}, options);
+    std::vector<std::string> argv = {"gnome-keyring-daemon", "--foreground",
+                                     "--components=secrets"};
+    if (password) {
+      argv.push_back("--unlock");
+      options.stdinText = *password;
+    }
+    daemon_ = std::make_unique<ChildProcess>(argv, options);
 
     // Wait until our daemon owns the name: a call before that would make the
     // bus start the system's own keyring.
-    const std::string hasOwner =
+    const std::string getOwner =
         "dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
         "org.freedesktop.DBus.GetNameOwner string:org.freedesktop.secrets";
-    bool owned = false;
-    for (int attempt = 0; attempt < 200 && !owned; ++attempt) {
-      owned = onBus(bus->address(), hasOwner) == 0;
-      if (!owned) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (int attempt = 0; attempt < 200; ++attempt) {
+      if (onBus(getOwner) == 0) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    ASSERT_TRUE(owned) << "gnome-keyring-daemon did not appear on the bus";
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus->address().c_str(), 1);
+    throw std::runtime_error("gnome-keyring-daemon did not appear on the bus");
+  }
+  ~PrivateKeyring() {
+    daemon_.reset();
+    bus_.reset();
+    std::error_code ignored;
+    fs::remove_all(temp_, ignored);
+  }
+
+  const std::string& address() const { return bus_->address(); }
+  const fs::path& temp() const { return temp_; }
+
+  // Runs a shell command against this bus; returns its exit code.
+  int onBus(const std::string& command) const {
+    std::string line =
+        "DBUS_SESSION_BUS_ADDRESS='" + bus_->address() + "' " + command + " >/dev/null 2>&1";
+    int status = std::system(line.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  fs::path temp_;
+  std::unique_ptr<SessionBus> bus_;
+  std::unique_ptr<ChildProcess> daemon_;
+};
+
+// One unlocked keyring for the whole suite, which the test process talks to
+// through DBUS_SESSION_BUS_ADDRESS: libsecret keeps one connection to the
+// service per process.
+class SecretServiceBackendTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (missingProgram()) return;
+    keyring = new PrivateKeyring("zul-test-password");
+    busAddress = new ScopedEnv("DBUS_SESSION_BUS_ADDRESS", keyring->address());
   }
 
   static void TearDownTestSuite() {
     SecretServiceBackend::resetSharedConnection();
+    delete busAddress;
     delete keyring;
-    delete bus;
+    busAddress = nullptr;
     keyring = nullptr;
-    bus = nullptr;
-    if (temp) fs::remove_all(*temp);
-    delete temp;
-    temp = nullptr;
   }
 
   void SetUp() override {
-    if (!skipReason.empty()) GTEST_SKIP() << skipReason;
-    ASSERT_NE(bus, nullptr);
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus->address().c_str(), 1);
+    if (auto missing = missingProgram()) GTEST_SKIP() << *missing;
+    ASSERT_NE(keyring, nullptr);
   }
 
-  static std::string loginCollectionLocked() {
-    return "dbus-send --session --print-reply --dest=org.freedesktop.secrets "
-           "/org/freedesktop/secrets org.freedesktop.Secret.Service.Lock "
-           "array:objpath:/org/freedesktop/secrets/collection/login";
-  }
-
-  static inline std::string skipReason;
-  static inline fs::path* temp = nullptr;
-  static inline SessionBus* bus = nullptr;
-  static inline ChildProcess* keyring = nullptr;
+  static inline PrivateKeyring* keyring = nullptr;
+  static inline ScopedEnv* busAddress = nullptr;
 };
 
 TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
@@ -153,18 +169,20 @@ TEST_F(SecretServiceBackendTest, IdentityPersistsInTheKeyring) {
 
 TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {
   ScopedEnv choice("ZUL_SECRET_BACKEND", std::nullopt);
-  ScopedEnv dataHome("XDG_DATA_HOME", (*temp / "data").string());
+  ScopedEnv dataHome("XDG_DATA_HOME", (keyring->temp() / "data").string());
   auto chosen = makeSecretBackend();
   EXPECT_EQ(chosen->name(), "secret-service");
   EXPECT_EQ(describeSecretBackendChoice(*chosen), "secret store: secret-service");
 
-  ScopedEnv runtime("XDG_RUNTIME_DIR", (*temp / "runtime").string());
+  ScopedEnv runtime("XDG_RUNTIME_DIR", (keyring->temp() / "runtime").string());
   {
-    ScopedEnv nowhere("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (*temp / "no-bus").string());
+    ScopedEnv nowhere("DBUS_SESSION_BUS_ADDRESS",
+                      "unix:path=" + (keyring->temp() / "no-bus").string());
     auto fallback = makeSecretBackend();
     EXPECT_EQ(fallback->name(), "file");
     const auto line = describeSecretBackendChoice(*fallback);
-    EXPECT_NE(line.find((*temp / "data" / "zul-agent" / "secrets").string()), std::string::npos)
+    EXPECT_NE(line.find((keyring->temp() / "data" / "zul-agent" / "secrets").string()),
+              std::string::npos)
         << line;
 
     ScopedEnv forced("ZUL_SECRET_BACKEND", "secret-service");
@@ -193,11 +211,28 @@ TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {
   }
 }
 
+TEST_F(SecretServiceBackendTest, KeyringWithoutDefaultCollectionIsLeftForTheFileStore) {
+  // Choosing it would make the first save ask for a new keyring in a dialog.
+  PrivateKeyring fresh(std::nullopt);
+  ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", fresh.address());
+  ScopedEnv choice("ZUL_SECRET_BACKEND", "auto");
+  EXPECT_FALSE(SecretServiceBackend::probe(std::chrono::seconds(5)).has_value());
+  auto failure = SecretServiceBackend::probe(std::chrono::seconds(5), true);
+  ASSERT_TRUE(failure.has_value());
+  auto chosen = makeSecretBackend();
+  EXPECT_EQ(chosen->name(), "file");
+  EXPECT_NE(describeSecretBackendChoice(*chosen).find(*failure), std::string::npos)
+      << describeSecretBackendChoice(*chosen);
+}
+
 // Last: it locks the keyring for good.
 TEST_F(SecretServiceBackendTest, LockedKeyringIsAnErrorNotAnAbsentSecret) {
   SecretServiceBackend backend;
   backend.save(kService, "locked", toBytes("kept"));
-  ASSERT_EQ(onBus(bus->address(), loginCollectionLocked()), 0);
+  ASSERT_EQ(keyring->onBus("dbus-send --session --print-reply --dest=org.freedesktop.secrets "
+                           "/org/freedesktop/secrets org.freedesktop.Secret.Service.Lock "
+                           "array:objpath:/org/freedesktop/secrets/collection/login"),
+            0);
   try {
     auto secret = backend.load(kService, "locked");
     ADD_FAILURE() << "a locked secret read as " << (secret ? "present" : "absent");

@@ -1,6 +1,6 @@
-#include "ZulCore/Trust/Base64Url.h"
-
 #include <gtest/gtest.h>
+
+#include "ZulCore/Trust/Base64Url.h"
 
 namespace zul {
 namespace {
@@ -48,8 +48,8 @@ TEST(Base64UrlTest, RoundTripsEveryByteValueAndLength) {
 
 TEST(Base64UrlTest, AcceptsCorrectPaddingAndStandardDigits) {
   const std::pair<std::string, Bytes> accepted[] = {
-      {"Zg==", toBytes("f")},   {"Zm8=", toBytes("fo")},  {"Zg=", toBytes("f")},
-      {"+/8", {0xFB, 0xFF}},    {"-/8=", {0xFB, 0xFF}},   {"Zm9vYmFy", toBytes("foobar")},
+      {"Zg==", toBytes("f")},        {"Zm8=", toBytes("fo")}, {"Zg=", toBytes("f")},
+      {"+/8", {0xFB, 0xFF}},         {"-/8=", {0xFB, 0xFF}},  {"Zm9vYmFy", toBytes("foobar")},
       {"Zm9vYg==", toBytes("foob")},
   };
   for (const auto& [text, data] : accepted) {
@@ -61,11 +61,10 @@ TEST(Base64UrlTest, AcceptsCorrectPaddingAndStandardDigits) {
 
 TEST(Base64UrlTest, RejectsMalformedText) {
   const char* rejected[] = {
-      "A",         "Zm9vY",     "Zm9vYmFyZ",  // length 1 modulo 4
-      "Zm 8",      " Zm8",      "Zm8\n",     "Zm\t8", "Zm8\r",  // whitespace
-      "Zm8!",      "Zm.8",      "Zm8\xC3\xA9",                // outside the alphabet
-      "Z===",      "====",      "=Zm8",      "Zg==Zg==",  "Zm=8",
-      "Zg===",     "Zm9v=",
+      "A",    "Zm9vY", "Zm9vYmFyZ",                         // length 1 modulo 4
+      "Zm 8", " Zm8",  "Zm8\n",       "Zm\t8",    "Zm8\r",  // whitespace
+      "Zm8!", "Zm.8",  "Zm8\xC3\xA9",                       // outside the alphabet
+      "Z===", "====",  "=Zm8",        "Zg==Zg==", "Zm=8",  "Zg===", "Zm9v=",
   };
   for (const char* text : rejected) EXPECT_FALSE(Base64Url::decode(text).has_value()) << text;
   EXPECT_FALSE(Base64Url::decode(std::string_view("Zm\0v", 4)).has_value());

@@ -1,5 +1,3 @@
-#include "ZulCore/Trust/IdentityKeyStore.h"
-
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 
@@ -9,6 +7,7 @@
 #include <thread>
 
 #include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/IdentityKeyStore.h"
 #include "ZulCore/Trust/MemorySecretBackend.h"
 
 namespace zul {
@@ -37,8 +36,10 @@ struct Rfc8032Vector {
 
 // RFC 8032, section 7.1.
 const Rfc8032Vector kVectors[] = {
-    {"TEST 1", "9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60",
-     "d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a", {},
+    {"TEST 1",
+     "9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60",
+     "d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a",
+     {},
      "e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701c"
      "f9b46bd25bf5f0595bbe24655141438e7a100b"},
     {"TEST 2", "4ccd089b28ff96da9db6c346ec114e0f5b8a319f35aba624da8cf6ed4fb8a6fb",
@@ -165,8 +166,13 @@ TEST_F(IdentityKeyStoreTest, VerifyRejectsWithoutThrowing) {
     Bytes publicKey, payload, signature;
   } cases[] = {
       {"31-byte key", Bytes(publicKey.begin(), publicKey.end() - 1), v.message, signature},
-      {"33-byte key", [&] { auto k = publicKey; k.push_back(0); return k; }(), v.message,
-       signature},
+      {"33-byte key",
+       [&] {
+         auto k = publicKey;
+         k.push_back(0);
+         return k;
+       }(),
+       v.message, signature},
       {"empty key", {}, v.message, signature},
       {"other key", flippedKey, v.message, signature},
       {"invalid point", notAPoint, v.message, signature},

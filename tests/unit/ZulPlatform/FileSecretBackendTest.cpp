@@ -1,5 +1,3 @@
-#include "ZulPlatform/linux/FileSecretBackend.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <set>
 
 #include "ZulCore/Trust/IdentityKeyStore.h"
+#include "ZulPlatform/linux/FileSecretBackend.h"
 
 namespace zul {
 namespace {
@@ -119,7 +118,8 @@ TEST_F(FileSecretBackendTest, EscapesNamesIntoDistinctFilesInsideTheFolder) {
     backend->save(kService, name, toBytes(name + "!"));
     files.insert(escaped);
   }
-  for (const auto& [name, escaped] : table) EXPECT_EQ(backend->load(kService, name), toBytes(name + "!"));
+  for (const auto& [name, escaped] : table)
+    EXPECT_EQ(backend->load(kService, name), toBytes(name + "!"));
   std::set<std::string> onDisk;
   for (const auto& entry : fs::directory_iterator(root / kService))
     onDisk.insert(entry.path().filename().string());
@@ -153,8 +153,18 @@ TEST_F(FileSecretBackendTest, RefusesSymlinksAndUnreadableFiles) {
   EXPECT_EQ(readFile(elsewhere), "planted");
   EXPECT_EQ(backend->load(kService, "link"), toBytes("mine"));
 
-  if (::geteuid() != 0) {  // root reads whatever the mode says
-    ::chmod(backend->pathFor(kService, "identity").c_str(), 0000);
+  const fs::path identity = backend->pathFor(kService, "identity");
+  if (::geteuid() == 0) {
+    // Only root can plant a file owned by someone else.
+    ASSERT_EQ(::chown(identity.c_str(), 65534, 65534), 0);
+    try {
+      backend->load(kService, "identity");
+      ADD_FAILURE() << "a file of another user was read";
+    } catch (const SecretStoreError& error) {
+      EXPECT_NE(error.reason().find("not owned by the user"), std::string::npos) << error.text();
+    }
+  } else {
+    ::chmod(identity.c_str(), 0000);
     EXPECT_THROW(backend->load(kService, "identity"), SecretStoreError);
   }
 }
