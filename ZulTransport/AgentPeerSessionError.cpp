@@ -31,8 +31,7 @@ AgentPeerSessionError AgentPeerSessionError::missingLocalDescription() {
   return {Case::missingLocalDescription, "missingLocalDescription"};
 }
 
-const DataChannelSpec& requireSendable(std::string_view label, bool binary,
-                                       std::size_t byteCount) {
+const DataChannelSpec& requireSendable(std::string_view label, bool binary, std::size_t byteCount) {
   const DataChannelSpec* spec = DataChannelCatalog::spec(label);
   if (!spec) throw AgentPeerSessionError::unknownChannel(label);
   if (spec->binary != binary) throw AgentPeerSessionError::wrongChannelPayloadKind(label);

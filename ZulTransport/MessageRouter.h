@@ -34,7 +34,8 @@ class MessageRouterError : public Error {
   static MessageRouterError messageTooLarge(std::string_view channel);
   static MessageRouterError missingField(std::string_view key);
   static MessageRouterError unsupportedProtocolMajor(std::string_view protoVersion);
-  static MessageRouterError typeNotAllowedOnChannel(std::string_view type, std::string_view channel);
+  static MessageRouterError typeNotAllowedOnChannel(std::string_view type,
+                                                    std::string_view channel);
 
   Case kind() const { return kind_; }
   // The payload texts in order (one, or type then channel).

@@ -26,14 +26,14 @@ void FakeCaptureSource::start(const CaptureOptions& options) {
     lock.lock();
     if (loop_.joinable()) throw CaptureError::alreadyRunning();
   }
-  auto interval = std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(1.0 / static_cast<double>(
-                                              std::max<std::int64_t>(options.framesPerSecond, 1))));
+  auto interval =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(
+          1.0 / static_cast<double>(std::max<std::int64_t>(options.framesPerSecond, 1))));
   std::int64_t width = std::max<std::int64_t>(options.width, 16);
   std::int64_t height = std::max<std::int64_t>(options.height, 16);
   cancelled_ = false;
-  loop_ = std::thread(&FakeCaptureSource::runLoop, this, interval, width, height,
-                      options.displayIndex);
+  loop_ =
+      std::thread(&FakeCaptureSource::runLoop, this, interval, width, height, options.displayIndex);
 }
 
 void FakeCaptureSource::stop() noexcept {
@@ -75,7 +75,8 @@ CapturedFrame FakeCaptureSource::makeFrame(std::int64_t sequence, std::int64_t w
   std::int64_t luma = 0;
   std::int64_t chroma = 0;
   std::int64_t total = 0;
-  if (__builtin_mul_overflow(width, height, &luma) || __builtin_add_overflow(luma, luma / 2, &total))
+  if (__builtin_mul_overflow(width, height, &luma) ||
+      __builtin_add_overflow(luma, luma / 2, &total))
     std::abort();
   chroma = total - luma;
   auto data = std::make_shared<Bytes>(static_cast<std::size_t>(total));

@@ -13,9 +13,7 @@ CaptureError CaptureError::platformUnsupported(std::string reason) {
   auto text = formatErrorCase("platformUnsupported", {field("reason", reason)});
   return {Case::platformUnsupported, std::move(text), 0, std::move(reason)};
 }
-CaptureError CaptureError::alreadyRunning() {
-  return {Case::alreadyRunning, "alreadyRunning"};
-}
+CaptureError CaptureError::alreadyRunning() { return {Case::alreadyRunning, "alreadyRunning"}; }
 CaptureError CaptureError::notRunning() { return {Case::notRunning, "notRunning"}; }
 CaptureError CaptureError::screenRecordingPermissionDenied() {
   return {Case::screenRecordingPermissionDenied, "screenRecordingPermissionDenied"};

@@ -93,8 +93,8 @@ std::vector<TrustedDevice> decodeTrustedDevices(std::string_view json) {
 std::vector<TrustedDevice> TrustedDeviceStore::load() const {
   auto secret = secretStore_.load();
   if (!secret) return {};
-  return decodeTrustedDevices(std::string_view(reinterpret_cast<const char*>(secret->data()),
-                                               secret->size()));
+  return decodeTrustedDevices(
+      std::string_view(reinterpret_cast<const char*>(secret->data()), secret->size()));
 }
 
 void TrustedDeviceStore::save(const std::vector<TrustedDevice>& devices) const {

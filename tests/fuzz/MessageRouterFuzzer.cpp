@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::string_view labels[] = {"input-fast", "input", "scene", "control",
+constexpr std::string_view labels[] = {"input-fast", "input", "scene",  "control",
                                        "files",      "",      "Control"};
 
 }  // namespace

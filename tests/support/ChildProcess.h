@@ -17,8 +17,8 @@ class ChildProcess {
   struct Options {
     std::map<std::string, std::string> env;  // added to (or replacing in) the test's environment
     std::vector<std::string> unsetEnv;
-    bool captureStdout = false;  // read it with readStdoutLine()
-    bool quiet = true;           // send stderr (and stdout unless captured) to /dev/null
+    bool captureStdout = false;            // read it with readStdoutLine()
+    bool quiet = true;                     // send stderr (and stdout unless captured) to /dev/null
     std::optional<std::string> stdinText;  // written to stdin, which is then closed
   };
 

@@ -6,8 +6,8 @@
 namespace zul::test {
 
 XvfbServer::XvfbServer(int width, int height, int depth) {
-  std::string screen = std::to_string(width) + "x" + std::to_string(height) + "x" +
-                       std::to_string(depth);
+  std::string screen =
+      std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
   ChildProcess::Options options;
   options.captureStdout = true;
   // -displayfd 1: Xvfb picks a free display number and prints it when ready.

@@ -1,6 +1,6 @@
-#include "ZulAgent/RunMode.h"
-
 #include <gtest/gtest.h>
+
+#include "ZulAgent/RunMode.h"
 
 namespace zul {
 namespace {
@@ -26,7 +26,9 @@ TEST(RunMode, PicksOneModeInOrder) {
       {{"--real"}, "REAL", false, pipeline(true)},
       {{"--real-agent"}, std::nullopt, false, {RunMode::realAgent}},
       // Whole-argument matches only.
-      {{"--real=1", "--real-agentx", "--phone-demo=yes", "-real"}, std::nullopt, false,
+      {{"--real=1", "--real-agentx", "--phone-demo=yes", "-real"},
+       std::nullopt,
+       false,
        pipeline(false)},
       {{"--REAL"}, std::nullopt, false, pipeline(false)},
   };

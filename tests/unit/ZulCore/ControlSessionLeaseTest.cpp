@@ -1,8 +1,8 @@
-#include "ZulCore/Trust/ControlSessionLease.h"
-
 #include <gtest/gtest.h>
 
 #include <variant>
+
+#include "ZulCore/Trust/ControlSessionLease.h"
 
 namespace zul {
 namespace {

@@ -18,8 +18,8 @@ TEST(FakeCaptureSourceFrame, Nv12SizesAndGreyLevels) {
     std::uint8_t luma;
   };
   const Case cases[] = {
-      {1, 960, 540, 777600, 17},  {179, 16, 16, 384, 195}, {180, 16, 16, 384, 16},
-      {181, 16, 16, 384, 17},     {360, 2, 2, 6, 16},      {3, 3, 3, 13, 19},
+      {1, 960, 540, 777600, 17}, {179, 16, 16, 384, 195}, {180, 16, 16, 384, 16},
+      {181, 16, 16, 384, 17},    {360, 2, 2, 6, 16},      {3, 3, 3, 13, 19},
   };
   for (const auto& c : cases) {
     auto frame = FakeCaptureSource::makeFrame(c.sequence, c.width, c.height, 4);
@@ -52,8 +52,8 @@ struct Collector {
   }
   void waitFor(std::size_t count) {
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10),
-                                 [&] { return frames.size() >= count; }));
+    ASSERT_TRUE(
+        changed.wait_for(lock, std::chrono::seconds(10), [&] { return frames.size() >= count; }));
   }
 };
 
@@ -129,8 +129,12 @@ TEST(FakeCaptureSource, StopWithoutStartReturns) {
 }
 
 VideoEncoderSettings settings(VideoCodec codec = VideoCodec::h264, std::int64_t bFrames = 0) {
-  return {.codec = codec, .width = 960, .height = 540, .framesPerSecond = 10,
-          .bitrateKbps = 3000, .bFrames = bFrames};
+  return {.codec = codec,
+          .width = 960,
+          .height = 540,
+          .framesPerSecond = 10,
+          .bitrateKbps = 3000,
+          .bFrames = bFrames};
 }
 
 TEST(FakeH264Encoder, ConfigureChecksCodecBeforeBFrames) {

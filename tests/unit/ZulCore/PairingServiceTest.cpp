@@ -1,5 +1,3 @@
-#include "ZulCore/Trust/PairingService.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -7,6 +5,7 @@
 
 #include "ZulCore/Trust/Base64Url.h"
 #include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulCore/Trust/PairingService.h"
 
 namespace zul {
 namespace {
@@ -80,8 +79,8 @@ TEST_F(PairingFixture, GrantIsSignedJsonWithSerialAndYearLongExpiry) {
   auto grant = service.completeVerified("device_abc", "pubkey", {P::shell, P::control, P::control});
   auto json = Base64Url::decode(grant.payload);
   ASSERT_TRUE(json);
-  EXPECT_TRUE(IdentityKeyStore::verify(identity->publicKey(), *json,
-                                       *Base64Url::decode(grant.signature)));
+  EXPECT_TRUE(
+      IdentityKeyStore::verify(identity->publicKey(), *json, *Base64Url::decode(grant.signature)));
 
   auto document = nlohmann::json::parse(toString(*json));
   EXPECT_EQ(document["version"], 1);

@@ -18,25 +18,31 @@ TEST(Iso8601, WholeSecondsUtcOnly) {
   EXPECT_EQ(parseIso8601("2024-02-29T23:59:59Z"),
             std::chrono::sys_days{std::chrono::year{2024} / 2 / 29} + std::chrono::seconds{86399});
 
-  for (const char* bad : {"2026-11-15T18:09:39.5Z", "2026-11-15T18:09:39", "2026-11-15T18:09:39+00:00",
-                          "2026-11-15 18:09:39Z", "2026-02-30T00:00:00Z", "2023-02-29T00:00:00Z",
-                          "2026-13-01T00:00:00Z", "2026-11-15T24:00:00Z", "2026-11-15T18:60:00Z",
-                          "2026-11-15T18:09:60Z", "2026-11-15t18:09:39z", "", "2026-1-15T18:09:39Z"}) {
+  for (const char* bad :
+       {"2026-11-15T18:09:39.5Z", "2026-11-15T18:09:39", "2026-11-15T18:09:39+00:00",
+        "2026-11-15 18:09:39Z", "2026-02-30T00:00:00Z", "2023-02-29T00:00:00Z",
+        "2026-13-01T00:00:00Z", "2026-11-15T24:00:00Z", "2026-11-15T18:60:00Z",
+        "2026-11-15T18:09:60Z", "2026-11-15t18:09:39z", "", "2026-1-15T18:09:39Z"}) {
     EXPECT_FALSE(parseIso8601(bad)) << bad;
   }
 }
 
-TrustedDevice device(std::string id, std::set<DevicePermission> permissions = {DevicePermission::view,
-                                                                                DevicePermission::control}) {
-  return {id, "Phone " + id, "key-" + id, std::move(permissions),
-          *parseIso8601("2026-11-15T18:09:39Z"), false};
+TrustedDevice device(std::string id, std::set<DevicePermission> permissions = {
+                                         DevicePermission::view, DevicePermission::control}) {
+  return {id,
+          "Phone " + id,
+          "key-" + id,
+          std::move(permissions),
+          *parseIso8601("2026-11-15T18:09:39Z"),
+          false};
 }
 
 TEST(TrustedDeviceJson, EncodesCompactlyInFieldOrder) {
   EXPECT_EQ(encodeTrustedDevices({}), "[]");
-  EXPECT_EQ(encodeTrustedDevices({device("d1", {DevicePermission::control, DevicePermission::view})}),
-            R"([{"deviceId":"d1","name":"Phone d1","ed25519PublicKey":"key-d1",)"
-            R"("permissions":["view","control"],"pairedAt":"2026-11-15T18:09:39Z","revoked":false}])");
+  EXPECT_EQ(
+      encodeTrustedDevices({device("d1", {DevicePermission::control, DevicePermission::view})}),
+      R"([{"deviceId":"d1","name":"Phone d1","ed25519PublicKey":"key-d1",)"
+      R"("permissions":["view","control"],"pairedAt":"2026-11-15T18:09:39Z","revoked":false}])");
   const std::vector<TrustedDevice> list = {device("a"), device("b", {}), device("c")};
   EXPECT_EQ(decodeTrustedDevices(encodeTrustedDevices(list)), list);
 }
@@ -121,8 +127,11 @@ TEST_F(StoreFixture, RepairingMovesTheDeviceLastAndTrustsItAgain) {
 }
 
 TEST_F(StoreFixture, CorruptStoreIsNeverRewritten) {
-  for (const std::string& damaged : {std::string("[{\"deviceId\":"), std::string("\xff\xfe"),
-                                    std::string(R"([{"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["root"],"pairedAt":"2026-01-02T03:04:05Z","revoked":false}])")}) {
+  for (
+      const std::string& damaged :
+      {std::string("[{\"deviceId\":"), std::string("\xff\xfe"),
+       std::string(
+           R"([{"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["root"],"pairedAt":"2026-01-02T03:04:05Z","revoked":false}])")}) {
     secret.save(toBytes(damaged));
     EXPECT_THROW(store.load(), TrustedDeviceDecodingError);
     EXPECT_THROW(store.revoke("d"), TrustedDeviceDecodingError);

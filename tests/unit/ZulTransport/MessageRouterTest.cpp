@@ -1,9 +1,8 @@
-#include "ZulTransport/MessageRouter.h"
-
 #include <gtest/gtest.h>
 
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/DataChannelCatalog.h"
+#include "ZulTransport/MessageRouter.h"
 
 namespace zul {
 namespace {
@@ -75,8 +74,7 @@ TEST(MessageRouter, ParseOrderAndErrors) {
       {"brackets inside strings do not count", "control",
        envelope("control.x", R"(,"a":")" + std::string(1000, '[') + "\""), accepted()},
       {"nesting at the limit is fine", "control",
-       envelope("control.x", R"(,"a":)" + std::string(63, '[') + std::string(63, ']')),
-       accepted()},
+       envelope("control.x", R"(,"a":)" + std::string(63, '[') + std::string(63, ']')), accepted()},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -96,7 +94,8 @@ TEST(MessageRouter, ParseOrderAndErrors) {
 
 TEST(MessageRouter, KeepsTheWholeObject) {
   auto message = MessageRouter::parse(
-      "input", R"({"type":"input.cursor","protoVersion":"1.3","sessionId":"abc","x":0.5,"p":{"q":[1]}})");
+      "input",
+      R"({"type":"input.cursor","protoVersion":"1.3","sessionId":"abc","x":0.5,"p":{"q":[1]}})");
   EXPECT_EQ(message.type, "input.cursor");
   EXPECT_EQ(message.protoVersion, "1.3");
   EXPECT_EQ(message.sessionId, "abc");
@@ -112,16 +111,26 @@ TEST(MessageRouter, TypesPerChannel) {
     bool allowed;
   };
   const Case cases[] = {
-      {"input-fast", "input.cursor", true},  {"input-fast", "input.drag", true},
-      {"input-fast", "input.scroll", true},  {"input-fast", "input.pinch", true},
-      {"input-fast", "input.key", false},    {"input-fast", "input.cursorx", false},
-      {"input", "input.key", true},          {"input", "input.cursor", true},
-      {"input", "input", false},             {"input", "scene.x", false},
-      {"scene", "scene.request_snapshot", true}, {"scene", "input.x", false},
-      {"control", "control.hello", true},    {"control", "profile.bundle", true},
-      {"control", "profile.other", false},   {"control", "shell.exec", true},
-      {"control", "Control.hello", false},   {"files", "files.chunk", true},
-      {"files", "control.hello", false},     {"other", "control.hello", false},
+      {"input-fast", "input.cursor", true},
+      {"input-fast", "input.drag", true},
+      {"input-fast", "input.scroll", true},
+      {"input-fast", "input.pinch", true},
+      {"input-fast", "input.key", false},
+      {"input-fast", "input.cursorx", false},
+      {"input", "input.key", true},
+      {"input", "input.cursor", true},
+      {"input", "input", false},
+      {"input", "scene.x", false},
+      {"scene", "scene.request_snapshot", true},
+      {"scene", "input.x", false},
+      {"control", "control.hello", true},
+      {"control", "profile.bundle", true},
+      {"control", "profile.other", false},
+      {"control", "shell.exec", true},
+      {"control", "Control.hello", false},
+      {"files", "files.chunk", true},
+      {"files", "control.hello", false},
+      {"other", "control.hello", false},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(MessageRouter::typeBelongsToChannel(c.channel, c.type), c.allowed)

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ZulTransport/SignalingPeer.h"
+
+namespace zul::test {
+
+// Records what the signalling client asks of the peer session. Thread-safe:
+// integration tests wait on it from another thread.
+class FakeSignalingPeer : public SignalingPeer {
+ public:
+  struct IceServers {
+    std::vector<std::string> urls;
+    std::string username;
+    std::string credential;
+  };
+  struct Candidate {
+    std::string candidate;
+    std::string sdpMid;
+    int sdpMLineIndex = -1;
+  };
+
+ private:
+  template <class F>
+  void change(F&& f) {
+    {
+      std::lock_guard lock(mutex_);
+      f();
+    }
+    changed_.notify_all();
+  }
+  template <class F>
+  auto read(F&& f) const -> decltype(f()) {
+    std::lock_guard lock(mutex_);
+    return f();
+  }
+
+ public:
+  std::string dtlsFingerprint() const override {
+    return "sha-256 " + std::string("AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:"
+                                    "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89");
+  }
+  bool hasDataChannels() const override {
+    std::lock_guard lock(mutex_);
+    return dataChannels_;
+  }
+  void createDataChannels() override {
+    change([&] {
+      dataChannels_ = true;
+      ++createDataChannelsCalls_;
+    });
+  }
+  void restartIce() override { change([&] { ++iceRestarts_; }); }
+  std::string createOfferWithAllCandidates() override {
+    std::string sdp;
+    change([&] { sdp = "v=0 fake-offer " + std::to_string(++offers_); });
+    return sdp;
+  }
+  void setRemoteAnswer(const std::string& sdp) override {
+    change([&] { answers_.push_back(sdp); });
+  }
+  void addRemoteCandidate(const std::string& candidate, const std::string& sdpMid,
+                          int sdpMLineIndex) override {
+    change([&] { candidates_.push_back({candidate, sdpMid, sdpMLineIndex}); });
+  }
+  void setIceServers(const std::vector<std::string>& urls, const std::string& username,
+                     const std::string& credential) override {
+    change([&] { iceServers_.push_back({urls, username, credential}); });
+  }
+
+  int createDataChannelsCalls() const { return read([&] { return createDataChannelsCalls_; }); }
+  int iceRestarts() const { return read([&] { return iceRestarts_; }); }
+  int offers() const { return read([&] { return offers_; }); }
+  std::vector<std::string> answers() const { return read([&] { return answers_; }); }
+  std::vector<Candidate> candidates() const { return read([&] { return candidates_; }); }
+  std::vector<IceServers> iceServers() const { return read([&] { return iceServers_; }); }
+
+  // Waits until `ready` (which may use the accessors above) holds, or the time-out.
+  bool waitUntil(const std::function<bool()>& ready,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      if (ready()) return true;
+      std::unique_lock lock(mutex_);
+      if (changed_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() +
+                                                           std::chrono::milliseconds(50))) ==
+              std::cv_status::timeout &&
+          std::chrono::steady_clock::now() >= deadline) {
+        lock.unlock();
+        return ready();
+      }
+    }
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  bool dataChannels_ = false;
+  int createDataChannelsCalls_ = 0;
+  int iceRestarts_ = 0;
+  int offers_ = 0;
+  std::vector<std::string> answers_;
+  std::vector<Candidate> candidates_;
+  std::vector<IceServers> iceServers_;
+};
+
+}  // namespace zul::test
