@@ -39,20 +39,34 @@ constexpr std::array<NamedValue, 9> modifierTable = {{
 
 // "BACKSPACE" erases backwards; "DELETE"/"DEL" delete forwards.
 constexpr std::array<NamedValue, 29> namedKeyTable = {{
-    {"BACKSPACE", keysym::backSpace}, {"DELETE", keysym::deleteKey},
-    {"DEL", keysym::deleteKey},       {"TAB", keysym::tab},
-    {"ENTER", keysym::returnKey},     {"RETURN", keysym::returnKey},
-    {"ESC", keysym::escape},          {"ESCAPE", keysym::escape},
-    {"SPACE", keysym::space},         {"PAGEUP", keysym::pageUp},
-    {"PAGEDOWN", keysym::pageDown},   {"END", keysym::end},
-    {"HOME", keysym::home},           {"LEFT", keysym::left},
-    {"UP", keysym::up},               {"RIGHT", keysym::right},
-    {"DOWN", keysym::down},           {"F1", keysym::f1},
-    {"F2", keysym::f1 + 1},           {"F3", keysym::f1 + 2},
-    {"F4", keysym::f1 + 3},           {"F5", keysym::f1 + 4},
-    {"F6", keysym::f1 + 5},           {"F7", keysym::f1 + 6},
-    {"F8", keysym::f1 + 7},           {"F9", keysym::f1 + 8},
-    {"F10", keysym::f1 + 9},          {"F11", keysym::f1 + 10},
+    {"BACKSPACE", keysym::backSpace},
+    {"DELETE", keysym::deleteKey},
+    {"DEL", keysym::deleteKey},
+    {"TAB", keysym::tab},
+    {"ENTER", keysym::returnKey},
+    {"RETURN", keysym::returnKey},
+    {"ESC", keysym::escape},
+    {"ESCAPE", keysym::escape},
+    {"SPACE", keysym::space},
+    {"PAGEUP", keysym::pageUp},
+    {"PAGEDOWN", keysym::pageDown},
+    {"END", keysym::end},
+    {"HOME", keysym::home},
+    {"LEFT", keysym::left},
+    {"UP", keysym::up},
+    {"RIGHT", keysym::right},
+    {"DOWN", keysym::down},
+    {"F1", keysym::f1},
+    {"F2", keysym::f1 + 1},
+    {"F3", keysym::f1 + 2},
+    {"F4", keysym::f1 + 3},
+    {"F5", keysym::f1 + 4},
+    {"F6", keysym::f1 + 5},
+    {"F7", keysym::f1 + 6},
+    {"F8", keysym::f1 + 7},
+    {"F9", keysym::f1 + 8},
+    {"F10", keysym::f1 + 9},
+    {"F11", keysym::f1 + 10},
     {"F12", keysym::f1 + 11},
 }};
 
@@ -145,8 +159,8 @@ KeyCombination KeyboardExecutor::parseCombo(std::string_view combo) {
     } else if (auto key = namedKey(name)) {
       result.keysym = *key;
       haveKey = true;
-    } else if (piece.size() == 1 && ((name[0] >= 'A' && name[0] <= 'Z') ||
-                                     (name[0] >= '0' && name[0] <= '9'))) {
+    } else if (piece.size() == 1 &&
+               ((name[0] >= 'A' && name[0] <= 'Z') || (name[0] >= '0' && name[0] <= '9'))) {
       // The unshifted symbol: Shift+A is Shift with the "a" key.
       char c = piece[0];
       if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
@@ -183,10 +197,15 @@ std::u32string KeyboardExecutor::decodeUtf8(std::string_view text) {
   std::size_t i = 0;
   while (i < text.size()) {
     auto lead = static_cast<unsigned char>(text[i]);
-    int length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xe ? 3
-                                  : (lead >> 3) == 0x1e ? 4 : 0;
-    char32_t cp = length == 1 ? lead : length == 2 ? (lead & 0x1f) : length == 3 ? (lead & 0x0f)
-                                                                                 : (lead & 0x07);
+    int length = lead < 0x80           ? 1
+                 : (lead >> 5) == 0x6  ? 2
+                 : (lead >> 4) == 0xe  ? 3
+                 : (lead >> 3) == 0x1e ? 4
+                                       : 0;
+    char32_t cp = length == 1   ? lead
+                  : length == 2 ? (lead & 0x1f)
+                  : length == 3 ? (lead & 0x0f)
+                                : (lead & 0x07);
     bool valid = length > 0 && i + length <= text.size();
     for (int k = 1; valid && k < length; ++k) {
       auto c = static_cast<unsigned char>(text[i + k]);

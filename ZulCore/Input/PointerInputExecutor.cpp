@@ -136,9 +136,14 @@ void PointerInputExecutor::post(EventKind kind, DesktopPoint point, const std::s
   injector_->movePointer(point);
   switch (kind) {
     case EventKind::moved:
-    case EventKind::dragged: break;  // X reports motion with the held buttons' state
-    case EventKind::down: injector_->setButton(buttonNamed(button), true); break;
-    case EventKind::up: injector_->setButton(buttonNamed(button), false); break;
+    case EventKind::dragged:
+      break;  // X reports motion with the held buttons' state
+    case EventKind::down:
+      injector_->setButton(buttonNamed(button), true);
+      break;
+    case EventKind::up:
+      injector_->setButton(buttonNamed(button), false);
+      break;
   }
 }
 

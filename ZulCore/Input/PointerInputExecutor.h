@@ -2,10 +2,9 @@
 
 #include <memory>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "ZulCore/Input/DesktopRect.h"
 #include "ZulCore/Input/InputInjector.h"

@@ -26,9 +26,12 @@ struct AccessibleElementInfo {
   std::string description;
   std::string help;
   std::string identifier;
-  std::string value;  // a text field's text, a slider's value
+  // A text field's text, a slider's value. Sources after the name may be left
+  // empty when an earlier one is set.
+  std::string value;
   bool enabled = false;
-  bool visible = false;  // shown on screen (not hidden, not in an unmapped branch)
+  bool visible = false;  // not hidden by the application
+  bool showing = false;  // visible and actually on screen (mapped, not scrolled away)
   bool focused = false;
   std::optional<DesktopRect> rect;  // global desktop coordinates
   // The element's action names, or nothing when they cannot be read.
@@ -59,7 +62,8 @@ class AccessibilityBackend {
   // May this process use the interface (is it reachable, is it allowed).
   virtual bool isAvailable() = 0;
   virtual std::optional<AccessibleWindow> focusedWindow() = 0;
-  virtual std::vector<AccessibleWindowControl> windowControls(const AccessibleElementRef& window) = 0;
+  virtual std::vector<AccessibleWindowControl> windowControls(
+      const AccessibleElementRef& window) = 0;
   virtual std::vector<AccessibleElementRef> children(const AccessibleElementRef& element) = 0;
   virtual AccessibleElementInfo describe(const AccessibleElementRef& element) = 0;
   // Gives the element keyboard focus; false when it cannot take it.

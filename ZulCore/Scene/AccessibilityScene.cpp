@@ -115,12 +115,18 @@ std::string mapRole(std::string_view platformRole) {
 
 double importance(std::string_view wireRole, double width, double height) {
   double base = 0.45;
-  if (wireRole == "dialog") base = 0.9;
-  else if (wireRole == "button") base = 0.85;
-  else if (wireRole == "textfield") base = 0.78;
-  else if (wireRole == "link") base = 0.7;
-  else if (wireRole == "tab") base = 0.68;
-  else if (wireRole == "text") base = 0.25;
+  if (wireRole == "dialog")
+    base = 0.9;
+  else if (wireRole == "button")
+    base = 0.85;
+  else if (wireRole == "textfield")
+    base = 0.78;
+  else if (wireRole == "link")
+    base = 0.7;
+  else if (wireRole == "tab")
+    base = 0.68;
+  else if (wireRole == "text")
+    base = 0.25;
   double area = std::max(width, 0.0) * std::max(height, 0.0);
   double bonus = std::isfinite(area) ? std::min(std::sqrt(area) / 2000.0, 0.1) : 0.1;
   return std::min(base + bonus, 1.0);

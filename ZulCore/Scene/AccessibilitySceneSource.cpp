@@ -60,6 +60,25 @@ std::string firstNonEmpty(std::initializer_list<const std::string*> candidates) 
   return {};
 }
 
+bool intersects(const DesktopRect& a, const DesktopRect& b) {
+  return a.minX() < b.maxX() && b.minX() < a.maxX() && a.minY() < b.maxY() && b.minY() < a.maxY();
+}
+
+bool isLeafRole(std::string_view role) {
+  for (std::string_view leaf : {"button", "checkbox", "radio", "textfield", "combobox", "link",
+                                "menuitem", "slider", "text"}) {
+    if (role == leaf) return true;
+  }
+  return false;
+}
+
+std::vector<std::string> actionsFor(bool editable, bool invokable) {
+  std::vector<std::string> actions;
+  if (editable) actions = {"focus", "type"};
+  if (invokable) actions.push_back("invoke");
+  return actions;
+}
+
 DesktopRect relativeTo(const DesktopRect& rect, const DesktopRect& display) {
   return {rect.x - display.x, rect.y - display.y, rect.width, rect.height};
 }
@@ -102,8 +121,8 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
     scene.sequence = sequence;
     SceneWindow& active = scene.activeWindow;
     std::string app = window->applicationName.empty() ? "Linux app" : window->applicationName;
-    active.id = "axwin:" + hexDigest(app + '\0' + std::to_string(window->processId) + '\0' +
-                                     window->title);
+    active.id =
+        "axwin:" + hexDigest(app + '\0' + std::to_string(window->processId) + '\0' + window->title);
     active.appId = window->applicationName.empty() ? "linux.app" : window->applicationName;
     active.title = window->title;
     active.rect = relativeTo(window->rect.value_or(DesktopRect{}), displayBounds);
@@ -117,6 +136,7 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
       int depth;
       std::optional<std::string> controlKind;
     };
+    const std::optional<DesktopRect> windowRect = window->rect;
     std::deque<Entry> queue;
     queue.push_back({window->element, 0, std::nullopt});
     for (auto& control : backend_->windowControls(window->element)) {
@@ -125,13 +145,19 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
 
     std::map<std::string, Remembered> remembered;
     std::vector<std::pair<SceneElement, std::size_t>> collected;
-    while (!queue.empty() && collected.size() < scene::maxElements &&
-           clock_() - started < budget) {
+    std::map<std::string, std::size_t> positions;  // id -> index in `collected`
+    while (!queue.empty() && collected.size() < scene::maxElements && clock_() - started < budget) {
       Entry entry = std::move(queue.front());
       queue.pop_front();
       AccessibleElementInfo info = backend_->describe(entry.element);
       // Hidden branches are skipped whole; the window itself always counts.
-      if (!info.visible && entry.depth > 0) continue;
+      // An element that is not showing but lies outside the window was
+      // scrolled away: it is kept, since it can still be invoked. One that is
+      // not showing inside the window is covered (another tab's page).
+      if (entry.depth > 0 && !info.showing &&
+          (!info.visible || !info.rect || !windowRect || intersects(*info.rect, *windowRect))) {
+        continue;
+      }
 
       std::string role = entry.controlKind ? "windowControl" : scene::mapRole(info.role);
       std::string label = entry.controlKind
@@ -144,22 +170,37 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
       bool sized = info.rect && info.rect->width > 0 && info.rect->height > 0;
       bool interesting = role != "unknown" || !label.empty() || actionable;
 
-      if (sized && interesting) {
+      // Wrappers that repeat their child's role and place add nothing.
+      std::string id =
+          sized ? scene::elementIdentifier(role, label, relativeTo(*info.rect, displayBounds))
+                : std::string();
+      bool kept = sized && interesting;
+      auto seen = kept ? positions.find(id) : positions.end();
+      if (seen != positions.end()) {
+        // The deeper of two alike elements is the one that acts.
+        if (actionable || editable) {
+          remembered[id].element = entry.element;
+          remembered[id].editable = editable;
+          collected[seen->second].first.actions = actionsFor(editable, true);
+        }
+      } else if (kept) {
         SceneElement element;
         element.role = role;
         element.text = label;
         element.rect = relativeTo(*info.rect, displayBounds);
-        element.id = scene::elementIdentifier(role, label, element.rect);
+        element.id = id;
         element.enabled = info.enabled;
         element.focused = info.focused;
         element.windowControl = entry.controlKind;
-        if (editable) element.actions = {"focus", "type"};
-        if (actionable || entry.controlKind) element.actions.push_back("invoke");
+        element.actions = actionsFor(editable, actionable || entry.controlKind);
         element.importance = scene::importance(role, info.rect->width, info.rect->height);
         remembered[element.id] = {entry.element, sequence, started + elementLifetime, editable};
+        positions[id] = collected.size();
         collected.emplace_back(std::move(element), collected.size());
       }
-      if (entry.depth < maxDepth && !entry.controlKind) {
+      // Controls are leaves: a button's label or a field's text is already
+      // its label, and a combo box's or menu item's popup is not on screen.
+      if (entry.depth < maxDepth && !entry.controlKind && !isLeafRole(role)) {
         for (auto& child : backend_->children(entry.element)) {
           if (child) queue.push_back({std::move(child), entry.depth + 1, std::nullopt});
         }

@@ -13,7 +13,7 @@ XvfbServer::XvfbServer(int width, int height, int depth) {
   // -displayfd 1: Xvfb picks a free display number and prints it when ready.
   process_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", screen, "-nolisten",
-                               "tcp", "-ac", "+extension", "RANDR"},
+                               "tcp", "-ac", "-noreset", "+extension", "RANDR"},
       options);
   auto line = process_->readStdoutLine(std::chrono::seconds(20));
   if (!line || line->empty()) throw std::runtime_error("Xvfb did not start");

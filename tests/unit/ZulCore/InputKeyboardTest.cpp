@@ -90,8 +90,8 @@ TEST(KeyboardExecutor, ReleasesEverythingPressedWhenTheInjectorFails) {
   auto injector = std::make_shared<Failing>();
   KeyboardExecutor executor(injector);
   EXPECT_THROW(executor.sendHotkey("Ctrl+Shift+S", controlGate), std::runtime_error);
-  EXPECT_EQ(injector->events, (Events{"key ffe3 down", "key ffe1 down", "key 73 down",
-                                      "key 73 up", "key ffe1 up", "key ffe3 up"}));
+  EXPECT_EQ(injector->events, (Events{"key ffe3 down", "key ffe1 down", "key 73 down", "key 73 up",
+                                      "key ffe1 up", "key ffe3 up"}));
 }
 
 TEST(KeyboardExecutor, TypesTextAsUnicodeCharacters) {
@@ -105,12 +105,15 @@ TEST(KeyboardExecutor, TypesTextAsUnicodeCharacters) {
   EXPECT_TRUE(empty.injector->events.empty());
 
   Keyboard mixed;
-  mixed.executor.sendText("é😀\xff" "a\xe2\x82", controlGate);
+  mixed.executor.sendText(
+      "é😀\xff"
+      "a\xe2\x82",
+      controlGate);
   EXPECT_EQ(mixed.injector->typed, U"é😀\uFFFDa\uFFFD\uFFFD");
 }
 
 TEST(KeyboardExecutor, DecodesOnlyWellFormedUtf8) {
-  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xc0\xaf"), U"\uFFFD\uFFFD");          // overlong
+  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xc0\xaf"), U"\uFFFD\uFFFD");            // overlong
   EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xed\xa0\x80"), U"\uFFFD\uFFFD\uFFFD");  // surrogate
   EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xf4\x90\x80\x80").size(), 4u);          // > U+10FFFF
   EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xf0\x9f\x98\x80"), U"\U0001F600");

@@ -15,8 +15,7 @@ using Events = std::vector<std::string>;
 const PermissionGate controlGate{{DevicePermission::view, DevicePermission::control}};
 
 struct Pointer {
-  explicit Pointer(DesktopRect bounds = {0, 0, 1440, 900}, double refW = 1440,
-                   double refH = 900)
+  explicit Pointer(DesktopRect bounds = {0, 0, 1440, 900}, double refW = 1440, double refH = 900)
       : injector(std::make_shared<test::RecordingInputInjector>()),
         executor(refW, refH, bounds, injector) {}
   Events run(std::initializer_list<json> payloads) {

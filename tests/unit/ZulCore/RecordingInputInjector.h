@@ -19,8 +19,7 @@ class RecordingInputInjector : public InputInjector {
     events.push_back("move " + number(p.x) + "," + number(p.y));
   }
   void setButton(PointerButton b, bool pressed) override {
-    events.push_back("button " + std::to_string(static_cast<int>(b)) +
-                     (pressed ? " down" : " up"));
+    events.push_back("button " + std::to_string(static_cast<int>(b)) + (pressed ? " down" : " up"));
   }
   void scroll(int dx, int dy) override {
     events.push_back("scroll " + std::to_string(dx) + "," + std::to_string(dy));

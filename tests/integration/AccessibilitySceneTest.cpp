@@ -1,0 +1,160 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulCore/Scene/AccessibilitySceneSource.h"
+#include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/XTestInputInjector.h"
+#include "integration/DesktopSession.h"
+
+namespace zul {
+namespace {
+
+using test::DesktopSession;
+using test::TestApp;
+
+const DesktopRect screen{0, 0, 1280, 720};
+
+class DesktopScene : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    desktop = DesktopSession::get();
+    if (!desktop) GTEST_SKIP() << DesktopSession::whyMissing();
+    backend = std::make_shared<AtspiAccessibilityBackend>();
+    source = std::make_unique<AccessibilitySceneSource>(backend);
+  }
+
+  // The application registers with the accessibility bus a little after its
+  // window shows: scan until the scene names `label`.
+  std::optional<AccessibilityScene> scanUntil(const std::string& label, std::int64_t sequence,
+                                              double budget = 10) {
+    for (int i = 0; i < 100; ++i) {
+      auto scene = source->scan(sequence, screen, budget);
+      if (scene && find(*scene, label)) return scene;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return std::nullopt;
+  }
+  static const SceneElement* find(const AccessibilityScene& scene, const std::string& text) {
+    for (const auto& e : scene.elements) {
+      if (e.text == text) return &e;
+    }
+    return nullptr;
+  }
+  static std::string invokeResult(AccessibilitySceneSource& source, const std::string& id,
+                                  std::int64_t seq) {
+    try {
+      source.invoke(id, seq);
+      return "ok";
+    } catch (const AccessibilitySceneError& e) {
+      return e.text();
+    }
+  }
+
+  DesktopSession* desktop = nullptr;
+  std::shared_ptr<AtspiAccessibilityBackend> backend;
+  std::unique_ptr<AccessibilitySceneSource> source;
+};
+
+TEST_F(DesktopScene, ListsWidgetsWithRolesLabelsAndPointerRects) {
+  TestApp app;
+  ASSERT_TRUE(backend->isAvailable());
+  auto scene = scanUntil("Press me", 1);
+  ASSERT_TRUE(scene) << "the test window never showed up in the accessibility tree";
+
+  EXPECT_EQ(scene->activeWindow.title, "Zul Test App");
+  EXPECT_EQ(scene->activeWindow.id.rfind("axwin:", 0), 0u);
+  const std::pair<const char*, const char*> expected[] = {
+      {"Zul Test App", "dialog"},  {"Press me", "button"}, {"Remember", "checkbox"},
+      {"Name field", "textfield"}, {"Your name:", "text"},
+  };
+  for (auto [label, role] : expected) {
+    const SceneElement* e = find(*scene, label);
+    ASSERT_TRUE(e) << label << " missing from " << scene->elements.size() << " elements";
+    EXPECT_EQ(e->role, role) << label;
+    EXPECT_TRUE(e->enabled) << label;
+    // Inside the window, which is where the app says it is.
+    EXPECT_GE(e->rect.x, app.window.x) << label;
+    EXPECT_GE(e->rect.y, app.window.y) << label;
+    EXPECT_LE(e->rect.x + e->rect.width, app.window.x + app.window.width) << label;
+    EXPECT_LE(e->rect.y + e->rect.height, app.window.y + app.window.height) << label;
+    EXPECT_GT(e->rect.width, 0) << label;
+  }
+  const SceneElement* window = find(*scene, "Zul Test App");
+  EXPECT_EQ(
+      window->rect,
+      (DesktopRect{static_cast<double>(app.window.x), static_cast<double>(app.window.y),
+                   static_cast<double>(app.window.width), static_cast<double>(app.window.height)}));
+  EXPECT_EQ(scene->elements.front().role, "dialog");  // most important first
+
+  // A tap at the middle of the button's rectangle, through the pointer
+  // executor of the same display, presses it.
+  auto injector = std::make_shared<XTestInputInjector>(desktop->display());
+  PointerInputExecutor pointer(1280, 720, screen, injector);
+  const SceneElement* button = find(*scene, "Press me");
+  nlohmann::json at = {{"x", button->rect.x + button->rect.width / 2},
+                       {"y", button->rect.y + button->rect.height / 2}};
+  const PermissionGate gate{{DevicePermission::control}};
+  pointer.handle({{"phase", "down"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
+  pointer.handle({{"phase", "up"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
+  EXPECT_TRUE(app.waitForPrefix("clicked Press me"));
+}
+
+TEST_F(DesktopScene, InvokePressesTogglesAndFocuses) {
+  TestApp app;
+  auto scene = scanUntil("Press me", 5);
+  ASSERT_TRUE(scene);
+  source->invoke(find(*scene, "Remember")->id, 5);
+  EXPECT_TRUE(app.waitForPrefix("toggled Remember 1"));
+  source->invoke(find(*scene, "Press me")->id, 6);
+  EXPECT_TRUE(app.waitForPrefix("clicked Press me"));
+
+  // Move the focus away with the button, then invoking the field focuses it.
+  auto injector = std::make_shared<XTestInputInjector>(desktop->display());
+  PointerInputExecutor pointer(1280, 720, screen, injector);
+  const SceneElement* button = find(*scene, "Press me");
+  nlohmann::json at = {{"x", button->rect.x + 5}, {"y", button->rect.y + 5}};
+  const PermissionGate gate{{DevicePermission::control}};
+  pointer.handle({{"phase", "down"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
+  pointer.handle({{"phase", "up"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
+  ASSERT_TRUE(app.waitForPrefix("clicked Press me"));
+  app.seen.clear();
+  EXPECT_EQ(invokeResult(*source, find(*scene, "Name field")->id, 4), "ok");
+  EXPECT_TRUE(app.waitForPrefix("focus Name field"));
+
+  EXPECT_EQ(invokeResult(*source, find(*scene, "Your name:")->id, 5), "notInvokable");
+  EXPECT_EQ(invokeResult(*source, find(*scene, "Press me")->id, 8), "staleElement");
+  EXPECT_EQ(invokeResult(*source, "el:0000", 5), "staleElement");
+}
+
+TEST_F(DesktopScene, ALargeWindowYieldsExactlyTwoHundredElements) {
+  TestApp app({"--widgets", "300"});
+  auto scene = scanUntil("Press me", 1, 60);
+  ASSERT_TRUE(scene);
+  EXPECT_EQ(scene->elements.size(), 200u);
+  std::set<std::string> ids;
+  for (const auto& e : scene->elements) ids.insert(e.id);
+  EXPECT_EQ(ids.size(), scene->elements.size());
+}
+
+TEST(DesktopSceneWithoutBus, AnUnreachableBusMeansPermissionRequired) {
+  if (!test::haveProgram("Xvfb")) GTEST_SKIP() << "Xvfb is not installed";
+  // A display that no accessibility bus announced itself on, and a session
+  // bus address where nothing listens.
+  test::XvfbServer xvfb;
+  test::ChildProcess::Options options;
+  options.captureStdout = true;
+  options.env = {{"DISPLAY", xvfb.display()},
+                 {"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/zul-no-bus"}};
+  options.unsetEnv = {"AT_SPI_BUS_ADDRESS"};
+  test::ChildProcess probe({ZUL_ATSPI_PROBE_PATH}, options);
+  EXPECT_EQ(probe.readStdoutLine(std::chrono::seconds(60)).value_or("no answer"),
+            "available=0 scan=none invoke=permissionRequired");
+}
+
+}  // namespace
+}  // namespace zul

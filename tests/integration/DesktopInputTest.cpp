@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "ZulCore/Input/KeyboardExecutor.h"
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulPlatform/linux/XTestInputInjector.h"
+#include "integration/DesktopSession.h"
+
+namespace zul {
+namespace {
+
+using nlohmann::json;
+using test::DesktopSession;
+using test::TestApp;
+using test::XState;
+
+const PermissionGate controlGate{{DevicePermission::control}};
+const DesktopRect screen{0, 0, 1280, 720};
+
+// Every test ends with nothing held and the keyboard map as it was.
+class DesktopInput : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    desktop = DesktopSession::get();
+    if (!desktop) GTEST_SKIP() << DesktopSession::whyMissing();
+    display = desktop->display();
+    mapBefore = XState::keyboardMap(display);
+    injector = std::make_shared<XTestInputInjector>(display);
+  }
+  void TearDown() override {
+    if (!desktop) return;
+    EXPECT_EQ(XState::pressedKeyCount(display), 0) << "a key is still held";
+    EXPECT_EQ(XState::buttonMask(display), 0u) << "a button is still held";
+    EXPECT_TRUE(XState::keyboardMap(display) == mapBefore) << "the keyboard map changed";
+  }
+
+  static std::string decodedText(const std::string& line) {
+    return json::parse(line.substr(5)).get<std::string>();
+  }
+
+  DesktopSession* desktop = nullptr;
+  std::string display;
+  std::vector<unsigned long> mapBefore;
+  std::shared_ptr<XTestInputInjector> injector;
+};
+
+TEST_F(DesktopInput, PointerLandsWhereTheWireSays) {
+  struct Case {
+    double refW, refH;
+    DesktopRect bounds;
+    double x, y;
+    std::pair<int, int> expected;
+  };
+  const Case cases[] = {
+      {640, 360, screen, 100, 50, {200, 100}},
+      {640, 360, screen, -5, 5000, {0, 719}},
+      {640, 360, screen, 639.9, 0, {1279, 0}},
+      // The right half of the screen as a display of its own.
+      {1280, 720, {640, 0, 640, 720}, 0, 0, {640, 0}},
+      {1280, 720, {640, 0, 640, 720}, 1000, 10, {1140, 10}},
+      {1280, 720, {640, 0, 640, 720}, -300, -1, {640, 0}},
+  };
+  for (const auto& c : cases) {
+    PointerInputExecutor pointer(c.refW, c.refH, c.bounds, injector);
+    pointer.handle({{"phase", "move"}, {"x", c.x}, {"y", c.y}}, controlGate);
+    EXPECT_EQ(XState::pointer(display), c.expected) << c.x << "," << c.y;
+  }
+}
+
+TEST_F(DesktopInput, DragsPressAndReleaseInARealWindow) {
+  TestApp app;
+  PointerInputExecutor pointer(1280, 720, screen, injector);
+  int cx = app.pad.x + app.pad.width / 2;
+  int cy = app.pad.y + app.pad.height / 2;
+  auto expect = [&](const std::string& line) {
+    EXPECT_TRUE(app.waitForPrefix(line)) << "waiting for " << line;
+  };
+
+  pointer.handle({{"phase", "down"}, {"x", cx - 50}, {"y", cy}}, controlGate);
+  expect("press 1 " + std::to_string(cx - 50) + " " + std::to_string(cy));
+  pointer.handle({{"phase", "move"}, {"x", cx}, {"y", cy + 10}}, controlGate);
+  expect("drag " + std::to_string(cx) + " " + std::to_string(cy + 10));
+  pointer.handle({{"phase", "up"}, {"x", cx}, {"y", cy + 10}}, controlGate);
+  expect("release 1 " + std::to_string(cx) + " " + std::to_string(cy + 10));
+
+  pointer.handle({{"phase", "down"}, {"x", cx}, {"y", cy}, {"button", "right"}}, controlGate);
+  pointer.handle({{"phase", "up"}, {"x", cx}, {"y", cy}, {"button", "right"}}, controlGate);
+  expect("press 3 ");
+  expect("release 3 ");
+  pointer.handle({{"phase", "down"}, {"x", cx}, {"y", cy}, {"button", "middle"}}, controlGate);
+  pointer.handle({{"phase", "up"}, {"x", cx}, {"y", cy}, {"button", "middle"}}, controlGate);
+  expect("press 2 ");
+  expect("release 2 ");
+}
+
+TEST_F(DesktopInput, ScrollStepsArrive) {
+  TestApp app;
+  PointerInputExecutor pointer(1280, 720, screen, injector);
+  int cx = app.pad.x + app.pad.width / 2;
+  int cy = app.pad.y + app.pad.height / 2;
+  pointer.scroll({{"x", cx}, {"y", cy}, {"dy", 2}}, controlGate);
+  pointer.scroll({{"dx", -1}}, controlGate);
+  pointer.scroll({{"dy", -1}, {"dx", 1}}, controlGate);
+  for (const char* line :
+       {"scroll down", "scroll down", "scroll left", "scroll up", "scroll right"}) {
+    EXPECT_TRUE(app.waitForPrefix(line)) << line;
+  }
+}
+
+TEST_F(DesktopInput, ReleasingTheSessionLetsGoOfTheButton) {
+  TestApp app;
+  PointerInputExecutor pointer(1280, 720, screen, injector);
+  int cx = app.pad.x + 20;
+  int cy = app.pad.y + 20;
+  pointer.handle({{"phase", "down"}, {"x", cx}, {"y", cy}}, controlGate);
+  pointer.handle({{"phase", "move"}, {"x", cx + 5}, {"y", cy + 5}}, controlGate);
+  EXPECT_NE(XState::buttonMask(display), 0u);
+  pointer.releaseHeldButton();
+  EXPECT_TRUE(app.waitForPrefix("release 1 " + std::to_string(cx + 5)));
+  EXPECT_EQ(XState::buttonMask(display), 0u);
+}
+
+TEST_F(DesktopInput, CombinationsArriveWithTheirModifiers) {
+  TestApp app;
+  KeyboardExecutor keyboard(injector);
+  // X modifier masks: Shift 1, Control 4, Mod1 (Alt) 8, Mod4 (Super) 64.
+  const std::pair<const char*, const char*> cases[] = {
+      {"Ctrl+A", "key a 4"},
+      {"ctrl + shift + k", "key K 5"},
+      {"Alt+X", "key x 8"},
+      {"Win+L", "key l 64"},
+      {"option+cmd+7", "key 7 72"},
+      {"F5", "key F5 0"},
+      {"Backspace", "key BackSpace 0"},
+      {"Delete", "key Delete 0"},
+      {"Escape", "key Escape 0"},
+  };
+  auto isModifier = [](const std::string& line) {
+    for (const char* m : {"key Control_L", "key Shift_L", "key Alt_L", "key Super_L"}) {
+      if (line.rfind(m, 0) == 0) return true;
+    }
+    return false;
+  };
+  for (auto [combo, expected] : cases) {
+    keyboard.sendHotkey(combo, controlGate);
+    auto line = app.waitFor(
+        [&](const std::string& l) { return l.rfind("key ", 0) == 0 && !isModifier(l); });
+    EXPECT_EQ(line.value_or("nothing"), expected) << combo;
+  }
+}
+
+TEST_F(DesktopInput, TextKeepsItsCaseUnderCapsLock) {
+  TestApp app;
+  KeyboardExecutor keyboard(injector);
+  XState::lockCaps(display, true);
+  const std::string text = "Mixed Case, ёЖ 123 !?";
+  keyboard.sendText(text, controlGate);
+  auto line = app.waitFor(
+      [&](const std::string& l) { return l.rfind("text ", 0) == 0 && decodedText(l) == text; });
+  XState::lockCaps(display, false);
+  std::string seen;
+  for (const auto& l : app.seen) seen += l + "\n";
+  EXPECT_TRUE(line) << seen;
+}
+
+TEST_F(DesktopInput, UnicodeTextArrivesWhole) {
+  TestApp app;
+  KeyboardExecutor keyboard(injector);
+  std::string longText;
+  for (int i = 0; i < 12; ++i)
+    longText += "Съешь же ещё этих мягких французских булок, да выпей чаю! ";
+  longText += "Ελληνικά, 日本語, ½ ≠ ∞ 🎉";
+  // More different characters than spare keys: their keys are lent out again.
+  std::string alphabets =
+      "АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯ абвгдеёжзийклмнопрстуфхцчшщъыьэюя "
+      "αβγδεζηθικλμνξοπρστυφχψω ÀÉÎÕÜ àéîõü ĀĒĪŌŪ";
+  const std::string texts[] = {"Hello, world",
+                               "Привет, мир",
+                               "café ñ Ü €",
+                               "😀 emoji 🚀",
+                               R"(Symbols: "quoted" 'single' \ <>&~^{}|)",
+                               longText,
+                               alphabets};
+  for (const auto& text : texts) {
+    keyboard.sendHotkey("Ctrl+A", controlGate);  // typing replaces the selection
+    keyboard.sendText(text, controlGate);
+    auto line = app.waitFor(
+        [&](const std::string& l) { return l.rfind("text ", 0) == 0 && decodedText(l) == text; },
+        std::chrono::seconds(30));
+    if (!line) {
+      std::string got;
+      for (const auto& l : app.seen) {
+        if (l.rfind("text ", 0) == 0) got = decodedText(l);
+      }
+      std::size_t same = 0;
+      while (same < got.size() && same < text.size() && got[same] == text[same]) ++same;
+      ADD_FAILURE() << "typed " << text.size() << " bytes, the field has " << got.size()
+                    << ", alike up to byte " << same << ": expected \""
+                    << text.substr(same > 20 ? same - 20 : 0, 60) << "\" got \""
+                    << got.substr(same > 20 ? same - 20 : 0, 60) << "\"";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zul
