@@ -1,10 +1,10 @@
 #include "ZulTransport/AgentPeerSession.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
 
-#include "ZulCore/Support/Console.h"
 #include "ZulTransport/DataChannelCatalog.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
 #include "ZulTransport/WebRtcSupport.h"
@@ -16,7 +16,7 @@ namespace zul {
 namespace {
 
 [[noreturn]] void stopProgram(const std::string& line) {
-  printLine(line);
+  std::fprintf(stderr, "%s\n", line.c_str());
   std::abort();
 }
 
@@ -124,7 +124,12 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     rtc::scoped_refptr<webrtc::PeerConnectionInterface> connection;
     std::vector<std::unique_ptr<ChannelObserver>> observers;
     {
+      // The owner is going away: nothing of it is called during tear-down.
       std::lock_guard lock(mutex_);
+      onMessage_ = nullptr;
+      onIceConnectionStateChange_ = nullptr;
+      onDataChannelOpen_ = nullptr;
+      onDiagnostic_ = nullptr;
       connection = std::move(connection_);
       observers = std::move(channelObservers_);
       channels_.clear();
@@ -236,8 +241,8 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     connection->AddIceCandidate(std::move(ice), [weak](webrtc::RTCError error) {
       if (error.ok()) return;
       if (auto owner = weak.lock()) {
-        owner->diagnostic(std::string("addIceCandidate failed: ") +
-                          webrtc::ToString(error.type()) + ": " + error.message());
+        owner->diagnostic(std::string("addIceCandidate failed: ") + webrtc::ToString(error.type()) +
+                          ": " + error.message());
       }
     });
   }
@@ -256,7 +261,8 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     }
   }
 
-  void push(const CapturedFrame& frame, std::int64_t timestampNs) {
+  template <typename Pixels>
+  void push(const Pixels& frame, std::int64_t timestampNs) {
     if (source_->push(frame, timestampNs)) return;
     bool first = false;
     {
@@ -264,8 +270,8 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
       first = !reportedUnreadableFrame_;
       reportedUnreadableFrame_ = true;
     }
-    if (first) diagnostic("push: frame #" + std::to_string(frame.sequence) +
-                          " has no pixels the video source can read; such frames are dropped");
+    if (first)
+      diagnostic("push: a frame has no pixels the video source can read; such frames are dropped");
   }
 
   // Callbacks, each copied out under the lock and called outside it.
@@ -399,6 +405,10 @@ void AgentPeerSession::sendBinary(std::string_view channel, const Bytes& payload
 
 void AgentPeerSession::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   impl_->push(frame, timestampNs);
+}
+
+void AgentPeerSession::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
+  impl_->push(pixels, timestampNs);
 }
 
 void AgentPeerSession::restartIce() {

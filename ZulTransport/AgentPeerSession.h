@@ -12,6 +12,7 @@
 #include "ZulCore/Support/Bytes.h"
 #include "ZulCore/Trust/SecretStore.h"
 #include "ZulTransport/AgentPeerSessionError.h"
+#include "ZulTransport/Nv12Pixels.h"
 
 namespace zul {
 
@@ -64,6 +65,8 @@ class AgentPeerSession {
   void sendBinary(std::string_view channel, const Bytes& payload);
   // One captured frame, stamped with a monotonic time in nanoseconds.
   void push(const CapturedFrame& frame, std::int64_t timestampNs);
+  // Pixels that live in a platform surface; copied before it returns.
+  void push(const Nv12Pixels& pixels, std::int64_t timestampNs);
   void restartIce();
   // Closes the connection; the channel map stays as it is.
   void close();

@@ -119,6 +119,10 @@ bool LocalOfferSession::push(const CapturedFrame& frame, std::int64_t timestampN
   return impl_->source->push(frame, timestampNs);
 }
 
+bool LocalOfferSession::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
+  return impl_->source->push(pixels, timestampNs);
+}
+
 void LocalOfferSession::close() { impl_->connection->Close(); }
 
 }  // namespace zul

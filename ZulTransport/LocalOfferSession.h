@@ -8,6 +8,7 @@
 
 #include "ZulCore/Media/CapturedFrame.h"
 #include "ZulCore/Support/Error.h"
+#include "ZulTransport/Nv12Pixels.h"
 
 namespace zul {
 
@@ -55,6 +56,8 @@ class LocalOfferSession {
   // One captured frame, stamped with a monotonic time in nanoseconds. Returns
   // false when its pixels are in a form the video source cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
+  // Pixels that live in a platform surface; copied before it returns.
+  bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
   void close();
 
   class Impl;

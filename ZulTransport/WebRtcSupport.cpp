@@ -16,6 +16,7 @@
 #include "libyuv/convert.h"
 #include "modules/audio_device/include/fake_audio_device.h"
 #include "rtc_base/logging.h"
+#include "rtc_base/ref_counted_object.h"
 #include "rtc_base/ssl_adapter.h"
 
 namespace zul::webrtc_support {
@@ -85,9 +86,9 @@ Runtime::Runtime() {
   signaling_ = rtc::Thread::Create();
   signaling_->SetName("zul.webrtc.signaling", nullptr);
   signaling_->Start();
-  auto audioDevice = worker_->BlockingCall(
-      [] { return rtc::scoped_refptr<webrtc::AudioDeviceModule>(
-               rtc::make_ref_counted<webrtc::FakeAudioDeviceModule>()); });
+  // No audio device: the agent sends video only.
+  rtc::scoped_refptr<webrtc::AudioDeviceModule> audioDevice(
+      new rtc::RefCountedObject<webrtc::FakeAudioDeviceModule>());
   factory_ = webrtc::CreatePeerConnectionFactory(
       network_.get(), worker_.get(), signaling_.get(), audioDevice,
       webrtc::CreateBuiltinAudioEncoderFactory(), webrtc::CreateBuiltinAudioDecoderFactory(),
@@ -105,11 +106,24 @@ Runtime::~Runtime() {
 bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   auto buffer = toFrameBuffer(frame);
   if (!buffer) return false;
+  pushBuffer(std::move(buffer), timestampNs);
+  return true;
+}
+
+bool PushedVideoSource::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
+  auto buffer = toFrameBuffer(pixels);
+  if (!buffer) return false;
+  pushBuffer(std::move(buffer), timestampNs);
+  return true;
+}
+
+void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> buffer,
+                                   std::int64_t timestampNs) {
   const std::int64_t timeUs = timestampNs / 1000;
   int width = 0, height = 0, cropWidth = 0, cropHeight = 0, cropX = 0, cropY = 0;
   if (!AdaptFrame(buffer->width(), buffer->height(), timeUs, &width, &height, &cropWidth,
                   &cropHeight, &cropX, &cropY)) {
-    return true;  // nobody wants a frame now
+    return;  // nobody wants a frame now
   }
   if (width != buffer->width() || height != buffer->height()) {
     auto scaled = webrtc::I420Buffer::Create(width, height);
@@ -121,7 +135,21 @@ bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampN
               .set_rotation(webrtc::kVideoRotation_0)
               .set_timestamp_us(timeUs)
               .build());
-  return true;
+}
+
+rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels) {
+  if (!pixels.luma || !pixels.chroma || pixels.width <= 0 || pixels.height <= 0 ||
+      pixels.width > 16384 || pixels.height > 16384 || pixels.lumaStride < pixels.width ||
+      pixels.chromaStride < (pixels.width + 1) / 2 * 2) {
+    return nullptr;
+  }
+  auto out = webrtc::I420Buffer::Create(pixels.width, pixels.height);
+  if (libyuv::NV12ToI420(pixels.luma, pixels.lumaStride, pixels.chroma, pixels.chromaStride,
+                         out->MutableDataY(), out->StrideY(), out->MutableDataU(), out->StrideU(),
+                         out->MutableDataV(), out->StrideV(), pixels.width, pixels.height) != 0) {
+    return nullptr;
+  }
+  return out;
 }
 
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame) {
@@ -148,10 +176,9 @@ rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& 
     case PixelFormat::nv12: {
       const std::size_t luma = static_cast<std::size_t>(width) * height;
       if (size < luma + static_cast<std::size_t>(chromaWidth) * 2 * chromaHeight) return nullptr;
-      result = libyuv::NV12ToI420(pixels, width, pixels + luma, chromaWidth * 2,
-                                  out->MutableDataY(), out->StrideY(), out->MutableDataU(),
-                                  out->StrideU(), out->MutableDataV(), out->StrideV(), width,
-                                  height);
+      result = libyuv::NV12ToI420(
+          pixels, width, pixels + luma, chromaWidth * 2, out->MutableDataY(), out->StrideY(),
+          out->MutableDataU(), out->StrideU(), out->MutableDataV(), out->StrideV(), width, height);
       break;
     }
   }
@@ -227,6 +254,13 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
   auto added = connection.AddTrack(track, {"zul-stream0"});
   if (!added.ok()) return "could not add the video track: " + std::string(added.error().message());
   auto sender = added.MoveValue();
+  // A screen is read, not watched: keep every pixel and give up frame rate
+  // instead when the bandwidth is short.
+  auto parameters = sender->GetParameters();
+  parameters.degradation_preference = webrtc::DegradationPreference::MAINTAIN_RESOLUTION;
+  if (auto error = sender->SetParameters(parameters); !error.ok()) {
+    return "could not keep the resolution: " + std::string(error.message());
+  }
   for (const auto& transceiver : connection.GetTransceivers()) {
     if (transceiver->sender() != sender) continue;
     auto codecs = factory.GetRtpSenderCapabilities(cricket::MEDIA_TYPE_VIDEO).codecs;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ZulCore/Media/CapturedFrame.h"
+#include "ZulTransport/Nv12Pixels.h"
 #include "api/peer_connection_interface.h"
 #include "api/video/video_frame_buffer.h"
 #include "media/base/adapted_video_track_source.h"
@@ -49,6 +50,8 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
  public:
   // Returns false when the frame's pixels are in a form it cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
+  bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
+  void pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> buffer, std::int64_t timestampNs);
 
   SourceState state() const override { return kLive; }
   bool remote() const override { return false; }
@@ -59,6 +62,7 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
 // The frame's pixels as an I420 buffer, or null when they are neither packed
 // BGRA nor NV12 of the announced size.
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame);
+rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels);
 
 // Completes once when ICE gathering reports complete and never resets.
 class GatheringLatch {

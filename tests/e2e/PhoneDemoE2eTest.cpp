@@ -1,0 +1,133 @@
+// The phone demo as a person uses it: `zul-agent --phone-demo` on a private X
+// screen, opened in headless Chromium, which must show that screen.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "HeadlessChromium.h"
+#include "ScreenPattern.h"
+#include "support/ChildProcess.h"
+#include "support/XvfbServer.h"
+
+namespace zul::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr Rgb red{255, 0, 0}, green{0, 255, 0}, blue{0, 0, 255}, white{255, 255, 255};
+
+// The demo's announced port, from its banner line "    http://ADDRESS:PORT".
+int waitForPort(ChildProcess& agent, std::vector<std::string>& output) {
+  while (auto line = agent.readStdoutLine(60s)) {
+    output.push_back(*line);
+    const auto at = line->find("http://");
+    if (at != std::string::npos) return std::stoi(line->substr(line->rfind(':') + 1));
+  }
+  return -1;
+}
+
+// Polls `expression` until it returns true.
+bool waitFor(HeadlessChromium& browser, const std::string& page, const std::string& expression,
+             std::chrono::seconds limit = 60s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (browser.evaluate(page, expression) == true) return true;
+    std::this_thread::sleep_for(200ms);
+  }
+  return false;
+}
+
+constexpr const char* videoStats = R"js((async () => {
+  const stats = await pc.getStats();
+  let inbound = null;
+  const codecs = {};
+  stats.forEach((s) => {
+    if (s.type === "inbound-rtp" && s.kind === "video") inbound = s;
+    if (s.type === "codec") codecs[s.id] = s.mimeType;
+  });
+  if (!inbound) return { framesDecoded: 0, width: 0, height: 0, codec: "" };
+  return { framesDecoded: inbound.framesDecoded || 0, width: inbound.frameWidth || 0,
+           height: inbound.frameHeight || 0, codec: codecs[inbound.codecId] || "" };
+})())js";
+
+// The colour names seen at the centres of the four quadrants of the video.
+constexpr const char* quadrantColours = R"js((() => {
+  const v = document.getElementById("video");
+  if (!v.videoWidth) return [];
+  const c = document.createElement("canvas");
+  c.width = v.videoWidth; c.height = v.videoHeight;
+  const g = c.getContext("2d");
+  g.drawImage(v, 0, 0);
+  const name = (x, y) => {
+    const [r, gr, b] = g.getImageData(Math.floor(x * c.width), Math.floor(y * c.height), 1, 1).data;
+    const hi = (n) => n > 160, lo = (n) => n < 90;
+    if (hi(r) && hi(gr) && hi(b)) return "white";
+    if (hi(r) && lo(gr) && lo(b)) return "red";
+    if (lo(r) && hi(gr) && lo(b)) return "green";
+    if (lo(r) && lo(gr) && hi(b)) return "blue";
+    return `other(${r},${gr},${b})`;
+  };
+  return [name(.25, .25), name(.75, .25), name(.25, .75), name(.75, .75)];
+})())js";
+
+TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
+  if (!HeadlessChromium::available()) GTEST_SKIP() << "no " << HeadlessChromium::program;
+  if (!haveProgram("Xvfb")) GTEST_SKIP() << "no Xvfb";
+
+  XvfbServer xvfb(1280, 720);
+  ScreenPattern pattern(xvfb.display());
+  pattern.show({red, green, blue, white});
+
+  ChildProcess::Options options;
+  options.env = {{"DISPLAY", xvfb.display()}, {"ZUL_DEMO_SECONDS", "120"}, {"ZUL_DEMO_PORT", "0"}};
+  options.captureStdout = true;
+  ChildProcess agent({ZUL_AGENT_PATH, "--phone-demo"}, options);
+  std::vector<std::string> output;
+  const int port = waitForPort(agent, output);
+  ASSERT_GT(port, 0) << "no banner; output so far: " << testing::PrintToString(output);
+  EXPECT_NE(std::find(output.begin(), output.end(), "starting capture\u2026"), output.end());
+
+  HeadlessChromium browser;
+  const std::string page = browser.openPage("http://127.0.0.1:" + std::to_string(port) + "/");
+
+  ASSERT_TRUE(waitFor(browser, page, "typeof pc !== 'undefined'"));
+  ASSERT_TRUE(waitFor(browser, page,
+                      std::string("(async () => (await ") + videoStats + ").framesDecoded > 5)()"))
+      << "status: " << browser.evaluate(page, "document.getElementById('status').textContent");
+  const auto first = browser.evaluate(page, videoStats);
+  EXPECT_EQ(first["codec"], "video/H264");
+  EXPECT_EQ(first["width"], 1280);
+  EXPECT_EQ(first["height"], 720);
+
+  // Still decoding: the count keeps rising.
+  const int decoded = first["framesDecoded"].get<int>();
+  EXPECT_TRUE(waitFor(browser, page,
+                      std::string("(async () => (await ") + videoStats + ").framesDecoded > " +
+                          std::to_string(decoded + 5) + ")()"));
+
+  const nlohmann::json expected = {"red", "green", "blue", "white"};
+  EXPECT_TRUE(
+      waitFor(browser, page,
+              "JSON.stringify(" + std::string(quadrantColours) + ") === '" + expected.dump() + "'"))
+      << browser.evaluate(page, quadrantColours).dump();
+
+  // A change on the screen reaches the browser.
+  pattern.show({white, blue, green, red});
+  const nlohmann::json changed = {"white", "blue", "green", "red"};
+  EXPECT_TRUE(
+      waitFor(browser, page,
+              "JSON.stringify(" + std::string(quadrantColours) + ") === '" + changed.dump() + "'"))
+      << browser.evaluate(page, quadrantColours).dump();
+
+  // The page's own answer was the one; a second one is refused.
+  const auto second =
+      browser.evaluate(page, "fetch('/answer', {method: 'POST', body: 'v=0'}).then(r => r.status)");
+  EXPECT_EQ(second, 409);
+  EXPECT_EQ(browser.evaluate(page, "document.title"),
+            "Zul Linux agent \u2014 transport smoke test");
+}
+
+}  // namespace
+}  // namespace zul::test

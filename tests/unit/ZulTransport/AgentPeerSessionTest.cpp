@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "ZulCore/Media/FakeCaptureSource.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/AgentPeerSession.h"
+#include "ZulTransport/LocalOfferSession.h"
+#include "ZulTransport/PersistedDtlsCertificate.h"
+#include "ZulTransport/WebRTCSmokeTest.h"
+
+namespace zul {
+namespace {
+
+SecretStore certificateStore() {
+  return SecretStore(PersistedDtlsCertificate::account, std::make_shared<MemorySecretBackend>());
+}
+
+// The payload types of the first "m=video" line, in order.
+std::vector<std::string> videoPayloadOrder(const std::string& sdp) {
+  std::smatch m;
+  if (!std::regex_search(sdp, m, std::regex("m=video \\d+ [A-Z/]+ ([0-9 ]+)"))) return {};
+  std::vector<std::string> out;
+  std::istringstream in(m[1].str());
+  for (std::string pt; in >> pt;) out.push_back(pt);
+  return out;
+}
+
+std::string codecOf(const std::string& sdp, const std::string& payloadType) {
+  std::smatch m;
+  if (!std::regex_search(sdp, m, std::regex("a=rtpmap:" + payloadType + " ([A-Za-z0-9-]+)/")))
+    return {};
+  return m[1].str();
+}
+
+TEST(AgentPeerSession, StartsWithOneVideoTrackAndNoChannels) {
+  AgentPeerSession session(certificateStore());
+  const auto tracks = session.videoTracks();
+  ASSERT_EQ(tracks.size(), 1u);
+  EXPECT_EQ(tracks[0].trackId, "zul-video0");
+  EXPECT_EQ(tracks[0].streamIds, std::vector<std::string>{"zul-stream0"});
+  EXPECT_TRUE(session.channels().empty());
+  EXPECT_TRUE(session.iceServers().empty());
+}
+
+TEST(AgentPeerSession, CreatesTheCatalogueChannels) {
+  AgentPeerSession session(certificateStore());
+  session.createDataChannels();
+  auto channels = session.channels();
+  ASSERT_EQ(channels.size(), 5u);
+  std::map<std::string, AgentPeerSession::ChannelInfo> byLabel;
+  for (auto& c : channels) byLabel[c.label] = c;
+  for (const auto& spec : DataChannelCatalog::all) {
+    const auto& c = byLabel.at(std::string(spec.label));
+    EXPECT_EQ(c.ordered, spec.ordered) << spec.label;
+    EXPECT_EQ(c.maxRetransmits, spec.maxRetransmits.value_or(-1)) << spec.label;
+    EXPECT_EQ(c.protocol, "zul/1");
+    EXPECT_FALSE(c.negotiated);
+  }
+  // New ICE servers mean a new connection without channels until they are made again.
+  session.configureIceServers(
+      {"turn:127.0.0.1:3478?transport=udp", "turn:127.0.0.1:3478?transport=tcp"}, "user", "secret");
+  EXPECT_TRUE(session.channels().empty());
+  const auto servers = session.iceServers();
+  ASSERT_EQ(servers.size(), 1u);
+  EXPECT_EQ(servers[0].urls.size(), 2u);
+  EXPECT_EQ(servers[0].username, "user");
+  EXPECT_EQ(servers[0].credential, "secret");
+  ASSERT_EQ(session.videoTracks().size(), 1u);
+  session.configureIceServers({}, "", "");
+  EXPECT_TRUE(session.iceServers().empty());
+}
+
+TEST(AgentPeerSession, SendingGate) {
+  AgentPeerSession session(certificateStore());
+  using E = AgentPeerSessionError;
+  struct Case {
+    std::string label;
+    bool binary;
+    std::size_t size;
+    E expected;
+  };
+  const Case cases[] = {
+      {"Control", false, 2, E::unknownChannel("Control")},
+      {"files", false, 2, E::wrongChannelPayloadKind("files")},
+      {"control", true, 2, E::wrongChannelPayloadKind("control")},
+      {"input-fast", false, 65537, E::messageTooLarge("input-fast")},
+      {"input-fast", false, 65536, E::channelNotOpen("input-fast")},
+      {"files", true, 10, E::channelNotOpen("files")},
+  };
+  for (const auto& c : cases) {
+    try {
+      if (c.binary)
+        session.sendBinary(c.label, Bytes(c.size));
+      else
+        session.sendText(c.label, std::string(c.size, 'x'));
+      ADD_FAILURE() << "sent on " << c.label;
+    } catch (const AgentPeerSessionError& error) {
+      EXPECT_EQ(error, c.expected) << error.text();
+    }
+  }
+}
+
+TEST(AgentPeerSession, OfferCarriesFingerprintCandidatesChannelsAndH264First) {
+  std::vector<std::string> diagnostics;
+  std::mutex mutex;
+  AgentPeerSession session(certificateStore());
+  session.setOnDiagnostic([&](const std::string& line) {
+    std::lock_guard lock(mutex);
+    diagnostics.push_back(line);
+  });
+  session.createDataChannels();
+  const std::string offer = session.createOfferWithGatheredCandidates();
+  const std::string fingerprint = session.dtlsFingerprint().substr(8);
+  EXPECT_NE(offer.find("a=fingerprint:sha-256 " + fingerprint), std::string::npos);
+  EXPECT_NE(offer.find("a=candidate:"), std::string::npos);
+  EXPECT_NE(offer.find("m=application"), std::string::npos);
+  EXPECT_NE(offer.find("a=sendonly"), std::string::npos);
+  EXPECT_NE(offer.find("a=rtcp-mux"), std::string::npos);
+  EXPECT_NE(offer.find("a=group:BUNDLE 0 1"), std::string::npos);
+  const auto order = videoPayloadOrder(offer);
+  ASSERT_FALSE(order.empty());
+  EXPECT_EQ(codecOf(offer, order.front()), "H264");
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_NE(std::find(diagnostics.begin(), diagnostics.end(), "ice-gathering:2"),
+              diagnostics.end());
+    EXPECT_NE(std::find(diagnostics.begin(), diagnostics.end(), "signaling:1"), diagnostics.end());
+  }
+  // The latch is one-shot: a second offer comes back without a new gathering.
+  EXPECT_FALSE(session.createOfferWithGatheredCandidates().empty());
+
+  // Answers that are not SDP are the library's errors.
+  EXPECT_ANY_THROW(session.acceptAnswer("not sdp"));
+  // Candidates that do not parse only produce a diagnostic.
+  session.addRemoteIceCandidate("garbage", std::string("0"), 0);
+  std::lock_guard lock(mutex);
+  EXPECT_TRUE(std::any_of(diagnostics.begin(), diagnostics.end(), [](const std::string& l) {
+    return l.rfind("addIceCandidate failed: ", 0) == 0;
+  }));
+}
+
+TEST(AgentPeerSession, TakesPushedFramesAndClosesTwice) {
+  AgentPeerSession session(certificateStore());
+  const auto frame = FakeCaptureSource::makeFrame(1, 64, 48, 0);
+  session.push(frame, 1'000'000);
+  CapturedFrame empty;
+  session.push(empty, 2'000'000);  // no pixels: dropped with a diagnostic, no crash
+  session.restartIce();
+  session.close();
+  session.close();
+}
+
+TEST(AgentPeerSessionDeathTest, DamagedCertificateStopsTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto backend = std::make_shared<MemorySecretBackend>();
+  backend->save(SecretStore::service, "dtls-certificate", toBytes("{broken"));
+  SecretStore store(PersistedDtlsCertificate::account, backend);
+  EXPECT_DEATH(AgentPeerSession session(store),
+               "could not load or create the agent's DTLS certificate: ");
+}
+
+TEST(LocalOfferSession, OffersOneSendOnlyVideoSectionWithHostCandidates) {
+  LocalOfferSession session({});
+  const std::string offer = session.createOfferWithGatheredCandidates();
+  EXPECT_NE(offer.find("m=video"), std::string::npos);
+  EXPECT_EQ(offer.find("m=application"), std::string::npos);
+  EXPECT_EQ(offer.find("m=audio"), std::string::npos);
+  EXPECT_NE(offer.find("a=sendonly"), std::string::npos);
+  EXPECT_NE(offer.find("a=candidate:"), std::string::npos);
+  EXPECT_NE(offer.find("a=msid:zul-stream0 zul-video0"), std::string::npos);
+  const auto order = videoPayloadOrder(offer);
+  ASSERT_FALSE(order.empty());
+  EXPECT_EQ(codecOf(offer, order.front()), "H264");
+  EXPECT_FALSE(session.createOfferWithGatheredCandidates().empty());
+  EXPECT_TRUE(session.push(FakeCaptureSource::makeFrame(1, 32, 32, 0), 5));
+  EXPECT_FALSE(session.push(CapturedFrame{}, 6));
+}
+
+TEST(LocalOfferSession, NamesIceConnectionStates) {
+  const std::pair<int, const char*> names[] = {
+      {0, "new"},          {1, "checking"}, {2, "connected"}, {3, "completed"}, {4, "failed"},
+      {5, "disconnected"}, {6, "closed"},   {7, "count"},     {8, "unknown"},   {-1, "unknown"}};
+  for (const auto& [state, name] : names) EXPECT_EQ(iceConnectionStateName(state), name);
+}
+
+TEST(WebRTCSmokeTest, CreatesAndClosesAConnection) { EXPECT_NO_THROW(WebRTCSmokeTest::run()); }
+
+}  // namespace
+}  // namespace zul
