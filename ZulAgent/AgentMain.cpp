@@ -5,11 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "ZulAgent/PhoneDemo.h"
 #include "ZulAgent/PipelineTest.h"
 #include "ZulAgent/RunMode.h"
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
 #include "ZulCore/Support/Console.h"
+#include "ZulPlatform/linux/LibavH264Encoder.h"
+#include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulTransport/WebRTCSmokeTest.h"
 
 namespace zul {
 namespace {
@@ -20,7 +24,17 @@ void notAvailable(std::string_view what) {
 
 void runPipelineMode(bool useReal) {
   if (useReal) {
-    notAvailable("real capture and encoding (--real, ZUL_CAPTURE_BACKEND=real)");
+    printLine("Zul Linux agent \u2014 skeleton build (backend: x11+libav)");
+    auto source = std::make_unique<ScreenCaptureSource>();
+    auto encoder = std::make_unique<LibavH264Encoder>();
+    // The test measures the steady pipeline: a still test display must not
+    // fall back to the idle rate, and a machine without a GPU encodes with
+    // libx264 (the encoder line says which codec ran).
+    CaptureOptions options = pipelineCaptureOptions();
+    options.idleFramesPerSecond = options.framesPerSecond;
+    VideoEncoderSettings settings = pipelineEncoderSettings(useReal);
+    settings.hardwareRequired = false;
+    runPipelineTest(*source, *encoder, options, settings, pipelineDuration, printLine);
     return;
   }
   printLine("Zul Linux agent \u2014 skeleton build (backend: fake)");
@@ -30,26 +44,44 @@ void runPipelineMode(bool useReal) {
                   pipelineDuration, printLine);
 }
 
+void runWebRtcSmokeMode() {
+  try {
+    WebRTCSmokeTest::run();
+    printLine("webrtc smoke test: OK (factory + peer connection created and closed)");
+  } catch (const std::exception& error) {
+    printLine(std::string("webrtc smoke test failed: ") + error.what());
+  }
+}
+
+void runPhoneDemoMode() {
+  try {
+    runPhoneDemo(
+        PhoneDemoSettings::fromEnvironment(),
+        [] { return std::make_unique<ScreenCaptureSource>(); }, printLine);
+  } catch (const std::exception& error) {
+    printLine(std::string("phone-demo failed: ") + error.what());
+  }
+}
+
 }  // namespace
 
 int agentMain(int argc, char** argv) {
   makeStdoutUnbuffered();
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   const char* captureBackend = std::getenv("ZUL_CAPTURE_BACKEND");
-  const LaunchPlan plan =
-      chooseRunMode(arguments,
-                    captureBackend ? std::optional<std::string_view>(captureBackend) : std::nullopt,
-                    /*launchedAsApp=*/false);
+  const LaunchPlan plan = chooseRunMode(
+      arguments, captureBackend ? std::optional<std::string_view>(captureBackend) : std::nullopt,
+      /*launchedAsApp=*/false);
 
   switch (plan.mode) {
     case RunMode::webrtcSmoke:
-      notAvailable("webrtc smoke test (--webrtc-smoke)");
+      runWebRtcSmokeMode();
       break;
     case RunMode::realAgent:
       notAvailable("real agent (--real-agent)");
       break;
     case RunMode::phoneDemo:
-      notAvailable("phone demo (--phone-demo)");
+      runPhoneDemoMode();
       break;
     case RunMode::pipeline:
       runPipelineMode(plan.useRealBackends);

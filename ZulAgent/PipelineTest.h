@@ -21,8 +21,8 @@ using LineSink = std::function<void(std::string_view)>;
 // Configures the encoder, captures for `duration` while encoding every frame
 // (the first forced to a key frame), stops, and prints a line per frame and
 // the totals. Failures are printed, never thrown.
-void runPipelineTest(CaptureSource& source, VideoEncoder& encoder,
-                     const CaptureOptions& options, const VideoEncoderSettings& settings,
-                     std::chrono::nanoseconds duration, const LineSink& print);
+void runPipelineTest(CaptureSource& source, VideoEncoder& encoder, const CaptureOptions& options,
+                     const VideoEncoderSettings& settings, std::chrono::nanoseconds duration,
+                     const LineSink& print);
 
 }  // namespace zul

@@ -9,6 +9,7 @@ extern "C" {
 #include <climits>
 #include <deque>
 #include <filesystem>
+#include <mutex>
 
 #include "ZulPlatform/linux/H264AnnexB.h"
 #include "ZulPlatform/linux/Nv12FrameSurface.h"
@@ -158,7 +159,9 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
     av_dict_set(&options, "profile", "baseline", 0);
     av_dict_set(&options, "forced-idr", "1", 0);
   } else {
-    // Real time in software: the fastest preset, no look-ahead, no delay.
+    // Real time in software: the fastest preset, no look-ahead, no delay;
+    // sliced threads on every core (libavcodec's default is one thread).
+    context->thread_count = 0;
     av_dict_set(&options, "preset", "ultrafast", 0);
     av_dict_set(&options, "tune", "zerolatency", 0);
     av_dict_set(&options, "profile", "baseline", 0);
@@ -181,7 +184,12 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
 }  // namespace
 
 LibavH264Encoder::LibavH264Encoder(std::vector<std::string> candidates)
-    : candidates_(std::move(candidates)) {}
+    : candidates_(std::move(candidates)) {
+  // libavcodec and libx264 report every session's statistics on standard
+  // error; the agent's own lines say what matters.
+  static std::once_flag quiet;
+  std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
+}
 
 LibavH264Encoder::~LibavH264Encoder() = default;
 

@@ -135,6 +135,7 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   std::condition_variable wake;
   FrameReady frameReady;
   CaptureFailed captureFailed;
+  CaptureTiming onCaptureTiming;
   bool running = false;
   bool stopRequested = false;
   bool handlingFrame = false;
@@ -218,17 +219,30 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   auto lastMonitorCheck = Clock::now();
   int temporaryFailures = 0;
 
+  // A frame that found the consumer busy was dropped; the next one is taken
+  // as soon as the consumer is free rather than a whole interval later.
+  bool retryWhenFree = false;
   for (;;) {
+    bool early = false;
     {
       std::unique_lock lock(mutex);
-      wake.wait_until(lock, nextCapture, [&] { return stopRequested; });
+      wake.wait_until(lock, nextCapture,
+                      [&] { return stopRequested || (retryWhenFree && !handlingFrame); });
       if (stopRequested) break;
+      early = retryWhenFree && !handlingFrame && Clock::now() < nextCapture;
     }
+    retryWhenFree = false;
     const auto now = Clock::now();
-    nextCapture += gate.activeInterval();
-    if (nextCapture < now) nextCapture = now + gate.activeInterval();  // fell behind: no burst
+    if (early) {
+      nextCapture = now + gate.activeInterval();  // pacing goes on from this frame
+    } else {
+      nextCapture += gate.activeInterval();
+      if (nextCapture < now) nextCapture = now + gate.activeInterval();  // fell behind: no burst
+    }
 
+    const auto readStart = Clock::now();
     capturer->CaptureFrame();
+    const auto readTime = Clock::now() - readStart;
     auto frame = std::move(lastFrame);
 
     if (now - lastLiveness >= livenessInterval) {
@@ -276,6 +290,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       if (handlingFrame) {
         gate.dropped();
         ++statistics.dropped;
+        retryWhenFree = true;
         continue;
       }
       handlingFrame = true;
@@ -283,11 +298,13 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       displayIndex = run.options.displayIndex;
     }
     const bool convert = gate.contentChanged() || !lastSurface;
+    const auto convertStart = Clock::now();
     if (convert) {
       auto surface = pool->take();
       converter.convert(*frame, *surface);
       lastSurface = std::move(surface);
     }
+    const auto convertTime = Clock::now() - convertStart;
     gate.delivered(now);
 
     CapturedFrame captured{
@@ -302,10 +319,21 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         .displayIndex = displayIndex,
         .nativeSurface = lastSurface,
     };
-    std::lock_guard lock(mutex);
-    statistics.converted += convert ? 1 : 0;
-    pending = std::move(captured);
-    wake.notify_all();
+    CaptureTiming timing;
+    {
+      std::lock_guard lock(mutex);
+      statistics.converted += convert ? 1 : 0;
+      pending = std::move(captured);
+      timing = onCaptureTiming;
+      wake.notify_all();
+    }
+    if (timing) {
+      try {
+        timing(readTime, convert ? convertTime : Clock::duration::zero());
+      } catch (...) {
+        // measurements must not stop the capture
+      }
+    }
   }
   if (!reportedStart) run.started.set_value("stopped before the first frame");
 }
@@ -332,6 +360,7 @@ void ScreenCaptureSource::Impl::deliveryLoop() {
     }
     std::lock_guard lock(mutex);
     handlingFrame = false;
+    wake.notify_all();  // a capture waiting for a free consumer goes on
   }
 }
 
@@ -359,6 +388,11 @@ void ScreenCaptureSource::setFrameReady(FrameReady handler) {
 void ScreenCaptureSource::setCaptureFailed(CaptureFailed handler) {
   std::lock_guard lock(impl_->mutex);
   impl_->captureFailed = std::move(handler);
+}
+
+void ScreenCaptureSource::setOnCaptureTiming(CaptureTiming handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->onCaptureTiming = std::move(handler);
 }
 
 void ScreenCaptureSource::start(const CaptureOptions& options) {
@@ -442,18 +476,20 @@ void ScreenCaptureSource::stop() noexcept {
     delivery = std::move(impl_->deliveryThread);
     impl_->wake.notify_all();
   }
-  if (capture.joinable()) capture.join();
-  if (delivery.joinable()) {
-    if (delivery.get_id() == std::this_thread::get_id()) {
-      // Stopped from inside frameReady: the thread ends after this callback;
-      // the next start or the destructor cannot join it from here either, so
-      // hand it back to be joined later.
+  // Stopped from inside a callback (frameReady on the delivery thread,
+  // captureFailed on the capture thread): that thread cannot join itself; it
+  // ends after the callback and the next start or the destructor joins it.
+  auto joinOrKeep = [this](std::thread& thread, std::thread Impl::*slot) {
+    if (!thread.joinable()) return;
+    if (thread.get_id() == std::this_thread::get_id()) {
       std::lock_guard lock(impl_->mutex);
-      impl_->deliveryThread = std::move(delivery);
+      (*impl_).*slot = std::move(thread);
     } else {
-      delivery.join();
+      thread.join();
     }
-  }
+  };
+  joinOrKeep(capture, &Impl::captureThread);
+  joinOrKeep(delivery, &Impl::deliveryThread);
 }
 
 std::optional<std::uint32_t> ScreenCaptureSource::resolvedDisplayID() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,6 +22,10 @@ namespace zul {
 class ScreenCaptureSource : public CaptureSource {
  public:
   using CaptureFailed = std::function<void(const CaptureError&)>;
+  // How long the screen read and the conversion to NV12 of a delivered frame
+  // took (conversion zero for an idle repeat); for measurements.
+  using CaptureTiming =
+      std::function<void(std::chrono::nanoseconds read, std::chrono::nanoseconds convert)>;
 
   struct Statistics {
     std::int64_t captured = 0;   // pictures taken from the screen
@@ -45,6 +50,8 @@ class ScreenCaptureSource : public CaptureSource {
   // Called on the capture thread when the display goes away while capturing
   // (server gone, monitor removed); the source is stopped afterwards.
   void setCaptureFailed(CaptureFailed handler);
+  // Called on the capture thread for each delivered frame.
+  void setOnCaptureTiming(CaptureTiming handler);
   void start(const CaptureOptions& options) override;
   void stop() noexcept override;
 

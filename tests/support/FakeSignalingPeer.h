@@ -44,8 +44,9 @@ class FakeSignalingPeer : public SignalingPeer {
 
  public:
   std::string dtlsFingerprint() const override {
-    return "sha-256 " + std::string("AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:"
-                                    "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89");
+    return "sha-256 " + std::string(
+                            "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:"
+                            "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89");
   }
   bool hasDataChannels() const override {
     std::lock_guard lock(mutex_);
@@ -57,7 +58,9 @@ class FakeSignalingPeer : public SignalingPeer {
       ++createDataChannelsCalls_;
     });
   }
-  void restartIce() override { change([&] { ++iceRestarts_; }); }
+  void restartIce() override {
+    change([&] { ++iceRestarts_; });
+  }
   std::string createOfferWithAllCandidates() override {
     std::string sdp;
     change([&] { sdp = "v=0 fake-offer " + std::to_string(++offers_); });
@@ -75,12 +78,24 @@ class FakeSignalingPeer : public SignalingPeer {
     change([&] { iceServers_.push_back({urls, username, credential}); });
   }
 
-  int createDataChannelsCalls() const { return read([&] { return createDataChannelsCalls_; }); }
-  int iceRestarts() const { return read([&] { return iceRestarts_; }); }
-  int offers() const { return read([&] { return offers_; }); }
-  std::vector<std::string> answers() const { return read([&] { return answers_; }); }
-  std::vector<Candidate> candidates() const { return read([&] { return candidates_; }); }
-  std::vector<IceServers> iceServers() const { return read([&] { return iceServers_; }); }
+  int createDataChannelsCalls() const {
+    return read([&] { return createDataChannelsCalls_; });
+  }
+  int iceRestarts() const {
+    return read([&] { return iceRestarts_; });
+  }
+  int offers() const {
+    return read([&] { return offers_; });
+  }
+  std::vector<std::string> answers() const {
+    return read([&] { return answers_; });
+  }
+  std::vector<Candidate> candidates() const {
+    return read([&] { return candidates_; });
+  }
+  std::vector<IceServers> iceServers() const {
+    return read([&] { return iceServers_; });
+  }
 
   // Waits until `ready` (which may use the accessors above) holds, or the time-out.
   bool waitUntil(const std::function<bool()>& ready,

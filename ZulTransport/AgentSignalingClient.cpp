@@ -1,0 +1,630 @@
+#include "ZulTransport/AgentSignalingClient.h"
+
+// Boost 1.74's awaitable uses std::exchange without including <utility>.
+#include <utility>
+//
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+#include <boost/asio.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <deque>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+#include "ZulTransport/SignalingUrl.h"
+
+namespace zul {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+namespace websocket = boost::beast::websocket;
+namespace ssl = boost::asio::ssl;
+using Json = nlohmann::json;
+using asio::use_awaitable;
+
+namespace {
+
+constexpr const char* userAgent = "zul-agent-signaling";
+// A close handshake that the server does not answer must not hold run().
+constexpr auto closeGrace = std::chrono::seconds(3);
+
+Bytes systemRandomBytes(std::size_t count) {
+  Bytes bytes(count);
+  if (count > 0 && RAND_bytes(bytes.data(), static_cast<int>(count)) != 1) {
+    throw SignalingTransportError::transportFailed("random", "the system generator failed");
+  }
+  return bytes;
+}
+
+bool isIpLiteral(const std::string& host) {
+  boost::system::error_code error;
+  asio::ip::make_address(host, error);
+  return !error;
+}
+
+// "host[:port]" as written, without user info: the Host header.
+std::string hostHeader(const SignalingUrl& url) {
+  auto at = url.authority.rfind('@');
+  return at == std::string::npos ? url.authority : url.authority.substr(at + 1);
+}
+
+std::string describe(const boost::system::error_code& code) {
+  return code.message() + " [" + code.category().name() + ":" + std::to_string(code.value()) + "]";
+}
+
+std::unique_ptr<ssl::context> makeTlsContext(const std::string& extraCaFile) {
+  auto context = std::make_unique<ssl::context>(ssl::context::tls_client);
+  try {
+    context->set_default_verify_paths();
+    if (!extraCaFile.empty()) context->load_verify_file(extraCaFile);
+    context->set_verify_mode(ssl::verify_peer);
+  } catch (const boost::system::system_error& error) {
+    throw SignalingTransportError::transportFailed("tls", describe(error.code()));
+  }
+  return context;
+}
+
+// SNI and the certificate's name (or IP address) check, by OpenSSL itself.
+void configureTlsPeer(SSL* handle, const std::string& host) {
+  X509_VERIFY_PARAM* param = SSL_get0_param(handle);
+  if (isIpLiteral(host)) {
+    if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1) {
+      throw SignalingTransportError::transportFailed("tls", "cannot check address " + host);
+    }
+    return;
+  }
+  if (SSL_set_tlsext_host_name(handle, host.c_str()) != 1 ||
+      SSL_set1_host(handle, host.c_str()) != 1) {
+    throw SignalingTransportError::transportFailed("tls", "cannot check host name " + host);
+  }
+}
+
+[[noreturn]] void rethrowAsTransport(const std::string& operation) {
+  try {
+    throw;
+  } catch (const boost::system::system_error& error) {
+    throw SignalingTransportError::transportFailed(operation, describe(error.code()));
+  }
+}
+
+using TcpStream = beast::tcp_stream;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
+
+template <class Stream>
+TcpStream& tcpOf(Stream& stream) {
+  return beast::get_lowest_layer(stream);
+}
+
+struct HttpResult {
+  int status = 0;
+  std::string body;
+};
+
+template <class Stream>
+asio::awaitable<HttpResult> postJson(Stream& stream, const SignalingUrl& url, std::string body) {
+  std::string operation = "resolve";
+  try {
+    auto executor = co_await asio::this_coro::executor;
+    asio::ip::tcp::resolver resolver(executor);
+    auto endpoints = co_await resolver.async_resolve(url.host, *url.effectivePort(), use_awaitable);
+    operation = "connect";
+    co_await tcpOf(stream).async_connect(endpoints, use_awaitable);
+    if constexpr (std::is_same_v<Stream, TlsStream>) {
+      operation = "tls";
+      configureTlsPeer(stream.native_handle(), url.host);
+      co_await stream.async_handshake(ssl::stream_base::client, use_awaitable);
+    }
+    operation = "send";
+    http::request<http::string_body> request{http::verb::post, url.target(), 11};
+    request.set(http::field::host, hostHeader(url));
+    request.set(http::field::user_agent, userAgent);
+    request.set(http::field::content_type, "application/json");
+    request.body() = std::move(body);
+    request.prepare_payload();
+    co_await http::async_write(stream, request, use_awaitable);
+    operation = "receive";
+    beast::flat_buffer buffer;
+    http::response_parser<http::string_body> parser;
+    parser.body_limit(1 << 20);
+    try {
+      co_await http::async_read(stream, buffer, parser, use_awaitable);
+    } catch (const boost::system::system_error& error) {
+      // Bytes that are not an HTTP response.
+      if (error.code().category() == http::make_error_code(http::error::bad_version).category() &&
+          error.code() != http::error::end_of_stream) {
+        throw SignalingError::pairingRequestFailed(0);
+      }
+      throw;
+    }
+    HttpResult result{static_cast<int>(parser.get().result_int()), parser.get().body()};
+    if constexpr (std::is_same_v<Stream, TlsStream>) {
+      try {
+        co_await stream.async_shutdown(use_awaitable);
+      } catch (const boost::system::system_error&) {
+        // Many servers close without a TLS close_notify; the reply is complete.
+      }
+    } else {
+      boost::system::error_code ignored;
+      tcpOf(stream).socket().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    }
+    co_return result;
+  } catch (const boost::system::system_error&) {
+    rethrowAsTransport(operation);
+  }
+}
+
+// Runs one coroutine to its end on a private context, at most `timeout`.
+template <class T>
+T runBounded(asio::awaitable<T> task, std::chrono::milliseconds timeout,
+             const std::string& operation) {
+  asio::io_context context;
+  std::optional<T> result;
+  std::exception_ptr failure;
+  bool done = false;
+  asio::co_spawn(context, std::move(task), [&](std::exception_ptr error, T value) {
+    done = true;
+    if (error) {
+      failure = error;
+    } else {
+      result = std::move(value);
+    }
+  });
+  context.run_for(timeout);
+  if (!done) throw SignalingTransportError::transportFailed(operation, "timed out");
+  if (failure) std::rethrow_exception(failure);
+  return std::move(*result);
+}
+
+}  // namespace
+
+// One run's connection, driven by one io_context on the thread in run().
+class RunControl {
+ public:
+  virtual ~RunControl() = default;
+  // Ends the run: stops the periodic round, sends a close frame after any
+  // pending message, then closes. Called on the run's own context.
+  virtual void cancel() = 0;
+};
+
+struct AgentSignalingClient::Impl {
+  Impl(AgentSignalingClient& owner, std::string baseUrl,
+       std::shared_ptr<const IdentityKeyStore> identity,
+       std::shared_ptr<const PairingService> pairing, std::shared_ptr<SignalingPeer> peer,
+       TrustedDeviceStore trustedDevices, Options options)
+      : baseUrl(std::move(baseUrl)),
+        identity(std::move(identity)),
+        pairing(std::move(pairing)),
+        peer(peer),
+        trustedDevices(trustedDevices),
+        options(std::move(options)),
+        handler(this->pairing, std::move(peer), std::move(trustedDevices), owner,
+                this->options.now) {
+    if (!this->options.randomBytes) this->options.randomBytes = systemRandomBytes;
+  }
+
+  IdentityProof freshProof() const {
+    return makeAgentIdentityProof(*identity, unixSeconds(options.now()), options.randomBytes(24));
+  }
+
+  ssl::context& tlsContext() {
+    std::lock_guard lock(mutex);
+    if (!tls) tls = makeTlsContext(options.extraCaFile);
+    return *tls;
+  }
+
+  template <class Ws>
+  void serve(asio::io_context& context, Ws& ws, const SignalingUrl& url);
+
+  const std::string baseUrl;
+  const std::shared_ptr<const IdentityKeyStore> identity;
+  const std::shared_ptr<const PairingService> pairing;
+  const std::shared_ptr<SignalingPeer> peer;
+  const TrustedDeviceStore trustedDevices;
+  Options options;
+  SignalingMessageHandler handler;
+
+  std::mutex mutex;  // guards the fields below
+  bool closed = false;
+  asio::io_context* runContext = nullptr;
+  std::shared_ptr<RunControl> activeRun;
+  std::unique_ptr<ssl::context> tls;
+};
+
+namespace {
+
+template <class Ws>
+class WebSocketRun final : public RunControl {
+ public:
+  WebSocketRun(Ws& ws, SignalingMessageHandler& handler, std::chrono::milliseconds syncPeriod)
+      : ws_(ws),
+        handler_(handler),
+        syncPeriod_(syncPeriod),
+        syncTimer_(ws.get_executor()),
+        writeSignal_(ws.get_executor()),
+        graceTimer_(ws.get_executor()),
+        resolver_(ws.get_executor()) {}
+
+  bool connected() const { return connected_; }
+  std::exception_ptr failure() const { return failure_; }
+
+  asio::awaitable<void> connect(const SignalingUrl& url, std::chrono::milliseconds timeout) {
+    std::string operation = "resolve";
+    try {
+      // A close() may come before or between the steps.
+      if (cancelled_) co_return;
+      auto endpoints =
+          co_await resolver_.async_resolve(url.host, *url.effectivePort(), use_awaitable);
+      if (cancelled_) co_return;
+      operation = "connect";
+      tcpOf(ws_).expires_after(timeout);
+      co_await tcpOf(ws_).async_connect(endpoints, use_awaitable);
+      if (cancelled_) co_return;
+      if constexpr (std::is_same_v<typename Ws::next_layer_type, TlsStream>) {
+        operation = "tls";
+        configureTlsPeer(ws_.next_layer().native_handle(), url.host);
+        co_await ws_.next_layer().async_handshake(ssl::stream_base::client, use_awaitable);
+        if (cancelled_) co_return;
+      }
+      operation = "websocket handshake";
+      tcpOf(ws_).expires_never();
+      websocket::stream_base::timeout timeouts{};
+      timeouts.handshake_timeout = timeout;
+      timeouts.idle_timeout = websocket::stream_base::none();
+      timeouts.keep_alive_pings = false;
+      ws_.set_option(timeouts);
+      ws_.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
+        request.set(http::field::user_agent, userAgent);
+      }));
+      ws_.read_message_max(SignalingMessageHandler::maxMessageBytes);
+      websocket::response_type response;
+      try {
+        co_await ws_.async_handshake(response, hostHeader(url), url.target(), use_awaitable);
+      } catch (const boost::system::system_error& error) {
+        if (!cancelled_ && error.code() == websocket::error::upgrade_declined) {
+          throw SignalingTransportError::transportFailed(
+              operation, "HTTP status " + std::to_string(response.result_int()));
+        }
+        throw;
+      }
+      connected_ = true;
+    } catch (const boost::system::system_error&) {
+      if (cancelled_) co_return;
+      rethrowAsTransport(operation);
+    }
+  }
+
+  asio::awaitable<void> receive() {
+    beast::flat_buffer buffer;
+    while (!cancelled_) {
+      try {
+        co_await ws_.async_read(buffer, use_awaitable);
+      } catch (const boost::system::system_error& error) {
+        if (cancelled_) break;
+        if (error.code() == websocket::error::message_too_big) {
+          fail(std::make_exception_ptr(SignalingError::messageTooLarge()));
+        } else {
+          fail(std::make_exception_ptr(
+              SignalingTransportError::transportFailed("receive", describe(error.code()))));
+        }
+        break;
+      }
+      auto data = buffer.data();
+      std::string message(static_cast<const char*>(data.data()), data.size());
+      buffer.consume(buffer.size());
+      try {
+        handler_.handle(message, sender());
+      } catch (...) {
+        fail(std::current_exception());
+        break;
+      }
+    }
+    receiving_ = false;
+    beginShutdown();
+    if (!writing_) graceTimer_.cancel();
+  }
+
+  asio::awaitable<void> write() {
+    for (;;) {
+      if (!outbox_.empty()) {
+        try {
+          co_await ws_.async_write(asio::buffer(outbox_.front()), use_awaitable);
+        } catch (const boost::system::system_error& error) {
+          if (!cancelled_) {
+            fail(std::make_exception_ptr(
+                SignalingTransportError::transportFailed("send", describe(error.code()))));
+          }
+          break;
+        }
+        outbox_.pop_front();
+        continue;
+      }
+      if (cancelled_) {
+        try {
+          co_await ws_.async_close(websocket::close_code::normal, use_awaitable);
+        } catch (const boost::system::system_error&) {
+          // The connection is going away either way.
+        }
+        break;
+      }
+      writeSignal_.expires_at(asio::steady_timer::time_point::max());
+      try {
+        co_await writeSignal_.async_wait(use_awaitable);
+      } catch (const boost::system::system_error&) {
+        // Woken by a new message or by the end of the run.
+      }
+    }
+    writing_ = false;
+    outbox_.clear();
+    closeSocket();
+    if (!receiving_) graceTimer_.cancel();
+  }
+
+  asio::awaitable<void> syncRevokedDevices() {
+    while (!cancelled_) {
+      try {
+        handler_.syncRevokedDevices(sender());
+      } catch (...) {
+        // A failed round is ignored; the next one runs on schedule.
+      }
+      syncTimer_.expires_after(syncPeriod_);
+      try {
+        co_await syncTimer_.async_wait(use_awaitable);
+      } catch (const boost::system::system_error&) {
+        break;
+      }
+    }
+  }
+
+  void cancel() override {
+    if (!connected_) {
+      cancelled_ = true;
+      resolver_.cancel();
+      closeSocket();
+      return;
+    }
+    beginShutdown();
+  }
+
+  // Called once connected, before the receive and write loops start.
+  void startLoops() {
+    receiving_ = true;
+    writing_ = true;
+  }
+
+ private:
+  SignalingMessageHandler::Send sender() {
+    return [this](const std::string& text) {
+      if (!writing_) throw SignalingError::notConnected();
+      outbox_.push_back(text);
+      writeSignal_.cancel();
+    };
+  }
+
+  void fail(std::exception_ptr error) {
+    if (!failure_) failure_ = error;
+  }
+
+  // Stops the periodic round and lets the writer send its close frame; a
+  // server that does not answer it within the grace period is cut off.
+  void beginShutdown() {
+    if (cancelled_) return;
+    cancelled_ = true;
+    syncTimer_.cancel();
+    writeSignal_.cancel();
+    graceTimer_.expires_after(closeGrace);
+    graceTimer_.async_wait([this](const boost::system::error_code& error) {
+      if (!error) closeSocket();
+    });
+  }
+
+  void closeSocket() {
+    boost::system::error_code ignored;
+    tcpOf(ws_).socket().close(ignored);
+  }
+
+  Ws& ws_;
+  SignalingMessageHandler& handler_;
+  std::chrono::milliseconds syncPeriod_;
+  asio::steady_timer syncTimer_;
+  asio::steady_timer writeSignal_;
+  asio::steady_timer graceTimer_;
+  asio::ip::tcp::resolver resolver_;
+  std::deque<std::string> outbox_;
+  bool cancelled_ = false;
+  bool connected_ = false;
+  bool receiving_ = false;
+  bool writing_ = false;
+  std::exception_ptr failure_;
+};
+
+}  // namespace
+
+template <class Ws>
+void AgentSignalingClient::Impl::serve(asio::io_context& context, Ws& ws, const SignalingUrl& url) {
+  auto run = std::make_shared<WebSocketRun<Ws>>(ws, handler, options.revokedSyncPeriod);
+  {
+    std::lock_guard lock(mutex);
+    if (closed) return;
+    runContext = &context;
+    activeRun = run;
+  }
+  struct Unregister {
+    Impl& impl;
+    ~Unregister() {
+      std::lock_guard lock(impl.mutex);
+      impl.runContext = nullptr;
+      impl.activeRun.reset();
+    }
+  } unregister{*this};
+
+  // The context stops when the connection's coroutines have all ended, even
+  // if a library timer (the handshake's) is still pending.
+  std::exception_ptr failure;
+  int running = 1;
+  auto record = [&failure, &running, &context](std::exception_ptr error) {
+    if (error && !failure) failure = error;
+    if (--running == 0) context.stop();
+  };
+  auto timeout = options.connectTimeout;
+  asio::co_spawn(
+      context,
+      [&]() -> asio::awaitable<void> {
+        co_await run->connect(url, timeout);
+        if (!run->connected()) co_return;
+        handler.reportStatus("connected");
+        run->startLoops();
+        auto executor = co_await asio::this_coro::executor;
+        running += 2;
+        asio::co_spawn(executor, run->write(), record);
+        asio::co_spawn(executor, run->syncRevokedDevices(), record);
+        co_await run->receive();
+      },
+      record);
+  context.run();
+  if (run->connected()) handler.reportStatus("disconnected");
+  if (!failure) failure = run->failure();
+  if (failure) std::rethrow_exception(failure);
+}
+
+AgentSignalingClient::AgentSignalingClient(std::string signalingBaseURL,
+                                           std::shared_ptr<const IdentityKeyStore> identity,
+                                           std::shared_ptr<const PairingService> pairing,
+                                           std::shared_ptr<SignalingPeer> peer,
+                                           TrustedDeviceStore trustedDevices, Options options)
+    : impl_(std::make_unique<Impl>(*this, std::move(signalingBaseURL), std::move(identity),
+                                   std::move(pairing), std::move(peer), std::move(trustedDevices),
+                                   std::move(options))) {}
+
+AgentSignalingClient::AgentSignalingClient(std::string signalingBaseURL,
+                                           std::shared_ptr<const IdentityKeyStore> identity,
+                                           std::shared_ptr<const PairingService> pairing,
+                                           std::shared_ptr<SignalingPeer> peer,
+                                           TrustedDeviceStore trustedDevices)
+    : AgentSignalingClient(std::move(signalingBaseURL), std::move(identity), std::move(pairing),
+                           std::move(peer), std::move(trustedDevices), Options{}) {}
+
+AgentSignalingClient::~AgentSignalingClient() { close(); }
+
+std::string AgentSignalingClient::rendezvousUrl() const {
+  return zul::rendezvousUrl(impl_->baseUrl, impl_->identity->agentId());
+}
+
+std::optional<std::string> AgentSignalingClient::activePeerId() const {
+  return impl_->handler.activePeerId();
+}
+
+PairingQrPayload AgentSignalingClient::createPairing() {
+  auto payload = impl_->pairing->begin(rendezvousUrl(), impl_->peer->dtlsFingerprint());
+  auto proof = impl_->freshProof();
+  Json body = {
+      {"agentId", payload.agentId},
+      {"agentPublicKey", payload.agentPublicKey},
+      {"ephemeralX25519PublicKey", payload.ephemeralX25519PublicKey},
+      {"dtlsFingerprint", payload.dtlsFingerprint},
+      {"fingerprintSignature", payload.fingerprintSignature},
+      {"timestamp", proof.timestamp},
+      {"nonce", proof.nonce},
+      {"identitySignature", proof.signature},
+  };
+  auto postUrl = signalingHttpUrl(impl_->baseUrl, "/v1/pairing");
+  auto url = SignalingUrl::parse(postUrl);
+  if (!url || (url->scheme != "http" && url->scheme != "https")) {
+    throw SignalingError::invalidSignalingURL(postUrl);
+  }
+
+  HttpResult result;
+  if (url->usesTls()) {
+    auto& tls = impl_->tlsContext();
+    result = runBounded(
+        [&]() -> asio::awaitable<HttpResult> {
+          TlsStream stream(co_await asio::this_coro::executor, tls);
+          co_return co_await postJson(stream, *url, body.dump());
+        }(),
+        impl_->options.pairingTimeout, "pairing");
+  } else {
+    result = runBounded(
+        [&]() -> asio::awaitable<HttpResult> {
+          TcpStream stream(co_await asio::this_coro::executor);
+          co_return co_await postJson(stream, *url, body.dump());
+        }(),
+        impl_->options.pairingTimeout, "pairing");
+  }
+  if (result.status < 200 || result.status > 299) {
+    throw SignalingError::pairingRequestFailed(result.status);
+  }
+
+  Json reply = Json::parse(result.body, nullptr, /*allow_exceptions=*/false);
+  if (!reply.is_object()) throw SignalingError::malformedPairingResponse();
+  auto secret = reply.find("secret");
+  auto expiresAt = reply.find("expiresAt");
+  if (secret == reply.end() || !secret->is_string() || expiresAt == reply.end() ||
+      !expiresAt->is_number()) {
+    throw SignalingError::malformedPairingResponse();
+  }
+  payload.pairingSecret = secret->get<std::string>();
+  if (expiresAt->is_number_float()) {
+    double value = expiresAt->get<double>();
+    // Outside the 64-bit range a cast is undefined; such a reply is malformed.
+    if (!(value > -9.2e18 && value < 9.2e18)) throw SignalingError::malformedPairingResponse();
+    payload.expiresAt = static_cast<std::int64_t>(value);
+  } else if (expiresAt->is_number_unsigned() &&
+             expiresAt->get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX)) {
+    throw SignalingError::malformedPairingResponse();
+  } else {
+    payload.expiresAt = expiresAt->get<std::int64_t>();
+  }
+  return payload;
+}
+
+void AgentSignalingClient::run() {
+  {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->closed) return;
+  }
+  auto address = authenticatedRendezvousUrl(impl_->baseUrl, *impl_->identity, impl_->freshProof());
+  auto url = SignalingUrl::parse(address);
+  if (!url || (url->scheme != "ws" && url->scheme != "wss")) {
+    throw SignalingError::invalidSignalingURL(address);
+  }
+  asio::io_context context;
+  if (url->usesTls()) {
+    websocket::stream<TlsStream> ws(context, impl_->tlsContext());
+    impl_->serve(context, ws, *url);
+  } else {
+    websocket::stream<TcpStream> ws(context);
+    impl_->serve(context, ws, *url);
+  }
+}
+
+void AgentSignalingClient::close() {
+  std::lock_guard lock(impl_->mutex);
+  impl_->closed = true;
+  if (impl_->runContext && impl_->activeRun) {
+    asio::post(*impl_->runContext, [run = impl_->activeRun] { run->cancel(); });
+  }
+}
+
+std::vector<TrustedDevice> AgentSignalingClient::trustedDeviceList() const {
+  try {
+    return impl_->trustedDevices.load();
+  } catch (...) {
+    return {};
+  }
+}
+
+void AgentSignalingClient::revokeDevice(const std::string& deviceId) {
+  impl_->trustedDevices.revoke(deviceId);
+  if (onTrustedDevicesChanged) onTrustedDevicesChanged(impl_->trustedDevices.load());
+}
+
+}  // namespace zul

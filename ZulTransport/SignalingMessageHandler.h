@@ -1,0 +1,81 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ZulCore/Trust/PairingService.h"
+#include "ZulCore/Trust/TrustedDevice.h"
+#include "ZulTransport/SignalingPeer.h"
+
+namespace zul {
+
+// The signalling client's callbacks, set by the owner before the run starts.
+// They are called on the client's own thread; an unset one is skipped.
+struct SignalingEvents {
+  // "connected", "disconnected", "peer-ready", "waiting",
+  // "session-limit-reached", "error:<code>" or "error:unknown".
+  std::function<void(const std::string&)> onStatusChanged;
+  std::function<void(const std::string& peerId)> onPeerReady;
+  std::function<void(const std::string& peerId)> onPeerLeft;
+  // The peer that was active when the server refused another session.
+  std::function<void(const std::optional<std::string>& peerId)> onSessionLimitReached;
+  std::function<void(const std::vector<TrustedDevice>&)> onTrustedDevicesChanged;
+};
+
+// What the signalling client does with each message of the rendezvous
+// server, apart from the socket: answers ready peers with offers, completes
+// pairing requests with signed grants and stores the phone, passes answers,
+// candidates and ICE servers to the peer session, and reports the revoked
+// devices. Messages are handled one at a time by one thread.
+class SignalingMessageHandler {
+ public:
+  static constexpr std::size_t maxMessageBytes = 262'144;
+
+  using Send = std::function<void(const std::string& text)>;
+  using Clock = std::function<std::chrono::system_clock::time_point()>;
+
+  SignalingMessageHandler(std::shared_ptr<const PairingService> pairing,
+                          std::shared_ptr<SignalingPeer> peer, TrustedDeviceStore trustedDevices,
+                          const SignalingEvents& events,
+                          Clock now = std::chrono::system_clock::now);
+
+  // One incoming message, text or binary. Throws SignalingError
+  // (messageTooLarge, malformedPairingRequest, pairingDeviceIdMismatch),
+  // SignalingTransportError::invalidJson for text that is not JSON, and
+  // whatever the store, the peer session or `send` throw.
+  void handle(std::string_view message, const Send& send);
+
+  // Sends "devices.revoked" with the ids of every revoked entry, in list order.
+  void syncRevokedDevices(const Send& send);
+
+  void reportStatus(const std::string& status) const;
+
+  std::optional<std::string> activePeerId() const;
+  bool peerInitialized() const;
+
+ private:
+  void handleReadyPeer(const nlohmann::json& message, const Send& send);
+  void handlePairingRequest(const nlohmann::json& message, const Send& send);
+  void handlePeerLeft(const nlohmann::json& message);
+  void handleSessionLimit();
+
+  std::shared_ptr<const PairingService> pairing_;
+  std::shared_ptr<SignalingPeer> peer_;
+  TrustedDeviceStore trustedDevices_;
+  const SignalingEvents& events_;
+  Clock now_;
+
+  mutable std::mutex mutex_;
+  bool peerInitialized_ = false;
+  std::optional<std::string> activePeerId_;
+};
+
+}  // namespace zul

@@ -1,0 +1,524 @@
+// The signalling client against the real development rendezvous server
+// (tools/rendezvous/server.js under Node), with a scripted phone that speaks
+// the server's phone protocol over its own WebSocket.
+#include <utility>
+//
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <boost/asio.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/AgentSignalingClient.h"
+#include "ZulTransport/SignalingUrl.h"
+#include "gtest/gtest.h"
+#include "support/ChildProcess.h"
+#include "support/FakeSignalingPeer.h"
+
+namespace zul {
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = boost::beast::websocket;
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+
+std::int64_t nowSeconds() { return unixSeconds(std::chrono::system_clock::now()); }
+
+std::string base64(const unsigned char* data, std::size_t size) {
+  std::string out(4 * ((size + 2) / 3), '\0');
+  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data, static_cast<int>(size));
+  return out;
+}
+
+// A phone as the development server knows it: an Ed25519 key, the signed
+// "phone" identity proof in the query, JSON messages.
+class ScriptedPhone {
+ public:
+  ScriptedPhone()
+      : identity_(SecretStore("identity", std::make_shared<MemorySecretBackend>())),
+        ws_(context_) {}
+
+  std::string deviceId() const {
+    return IdentityKeyStore::deriveId("device_", identity_.publicKey());
+  }
+  std::string publicKey() const { return Base64Url::encode(identity_.publicKey()); }
+
+  // The HTTP status of a refused handshake, 101 when connected.
+  int connect(const std::string& port, const std::string& agentId) {
+    auto timestamp = nowSeconds();
+    auto nonce = Base64Url::encode(Bytes(24, static_cast<std::uint8_t>(++nonceCounter_)));
+    nonce += std::to_string(reinterpret_cast<std::uintptr_t>(this));
+    auto transcript = identityProofTranscript("phone", deviceId(), agentId, timestamp, nonce);
+    auto signature = Base64Url::encode(identity_.sign(toBytes(transcript)));
+    std::string target = "/v1/rendezvous/" + agentId + "?role=phone&deviceId=" + deviceId() +
+                         "&agentId=" + agentId + "&publicKey=" + publicKey() +
+                         "&timestamp=" + std::to_string(timestamp) + "&nonce=" + nonce +
+                         "&signature=" + signature;
+    asio::ip::tcp::resolver resolver(context_);
+    beast::get_lowest_layer(ws_).connect(resolver.resolve("127.0.0.1", port));
+    websocket::response_type response;
+    beast::error_code error;
+    ws_.handshake(response, "127.0.0.1:" + port, target, error);
+    return error ? static_cast<int>(response.result_int()) : 101;
+  }
+
+  void send(const std::string& text) { ws_.write(asio::buffer(text)); }
+  void send(const Json& message) { send(message.dump()); }
+
+  // The next message, or a null JSON value after the time-out.
+  Json receive(std::chrono::milliseconds timeout = 10s) {
+    beast::flat_buffer buffer;
+    bool done = false;
+    beast::error_code result;
+    ws_.async_read(buffer, [&](beast::error_code error, std::size_t) {
+      done = true;
+      result = error;
+    });
+    context_.restart();
+    context_.run_for(timeout);
+    if (!done) {
+      beast::get_lowest_layer(ws_).cancel();
+      context_.restart();
+      context_.run();
+      return Json();
+    }
+    if (result) return Json();
+    return Json::parse(beast::buffers_to_string(buffer.data()));
+  }
+
+  // Skips other messages until one of `type` arrives.
+  Json receiveType(const std::string& type, std::chrono::milliseconds timeout = 10s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto message = receive(std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now()));
+      if (message.is_null()) break;
+      if (message.value("type", "") == type) return message;
+    }
+    return Json();
+  }
+
+ private:
+  IdentityKeyStore identity_;
+  asio::io_context context_;
+  websocket::stream<beast::tcp_stream> ws_;
+  int nonceCounter_ = 0;
+};
+
+class AgentSignalingClientTest : public testing::Test {
+ protected:
+  void startServer(std::vector<std::string> extraArgs = {}) {
+    if (!test::haveProgram("node")) GTEST_SKIP() << "node is not installed";
+    std::vector<std::string> argv = {
+        "node",       ZUL_RENDEZVOUS_SERVER, "--port",        "0",
+        "--turn-url", "turn:127.0.0.1:3478", "--turn-secret", "test-secret"};
+    argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
+    test::ChildProcess::Options options;
+    options.captureStdout = true;
+    options.quiet = false;
+    server_ = std::make_unique<test::ChildProcess>(argv, options);
+    auto line = server_->readStdoutLine(20s);
+    ASSERT_TRUE(line) << "the rendezvous server did not start";
+    auto colon = line->rfind(':');
+    ASSERT_NE(colon, std::string::npos) << *line;
+    port_ = line->substr(colon + 1);
+    baseUrl_ = "http://127.0.0.1:" + port_;
+  }
+
+  // Reads the server's log until a line contains `text`.
+  bool waitForServerLine(const std::string& text, std::chrono::milliseconds timeout = 10s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto line = server_->readStdoutLine(500ms);
+      if (line && line->find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  std::unique_ptr<AgentSignalingClient> makeClient(AgentSignalingClient::Options options = {}) {
+    options.revokedSyncPeriod = 200ms;
+    auto client = std::make_unique<AgentSignalingClient>(baseUrl_, identity_, pairing_, peer_,
+                                                         store_, options);
+    client->onStatusChanged = [this](const std::string& status) {
+      std::lock_guard lock(mutex_);
+      statuses_.push_back(status);
+    };
+    client->onSessionLimitReached = [this](const std::optional<std::string>& peerId) {
+      std::lock_guard lock(mutex_);
+      limitPeers_.push_back(peerId);
+    };
+    return client;
+  }
+
+  // Runs the client on its own thread until stopRun().
+  void startRun(AgentSignalingClient& client) {
+    runThread_ = std::thread([this, &client] {
+      try {
+        client.run();
+      } catch (...) {
+        std::lock_guard lock(mutex_);
+        runFailure_ = std::current_exception();
+      }
+      std::lock_guard lock(mutex_);
+      runEnded_ = true;
+    });
+    ASSERT_TRUE(peer_->waitUntil([&] { return !peer_->iceServers().empty(); }))
+        << "no turn.credentials";
+  }
+
+  bool waitForRunEnd(std::chrono::milliseconds timeout = 10s) {
+    return peer_->waitUntil(
+        [&] {
+          std::lock_guard lock(mutex_);
+          return runEnded_;
+        },
+        timeout);
+  }
+
+  std::vector<std::string> statuses() {
+    std::lock_guard lock(mutex_);
+    return statuses_;
+  }
+
+  void TearDown() override {
+    if (runThread_.joinable()) runThread_.join();
+  }
+
+  std::shared_ptr<MemorySecretBackend> secrets_ = std::make_shared<MemorySecretBackend>();
+  std::shared_ptr<IdentityKeyStore> identity_ =
+      std::make_shared<IdentityKeyStore>(SecretStore("identity", secrets_));
+  std::shared_ptr<PairingService> pairing_ = std::make_shared<PairingService>(identity_);
+  std::shared_ptr<test::FakeSignalingPeer> peer_ = std::make_shared<test::FakeSignalingPeer>();
+  TrustedDeviceStore store_{SecretStore("trusted-devices", secrets_)};
+
+  std::unique_ptr<test::ChildProcess> server_;
+  std::string port_;
+  std::string baseUrl_;
+  std::thread runThread_;
+  std::mutex mutex_;
+  std::vector<std::string> statuses_;
+  std::vector<std::optional<std::string>> limitPeers_;
+  std::exception_ptr runFailure_;
+  bool runEnded_ = false;
+};
+
+TEST_F(AgentSignalingClientTest, ServerChecksTheAgentsSignedProofs) {
+  startServer();
+  auto client = makeClient();
+  auto before = nowSeconds();
+  auto payload = client->createPairing();
+  EXPECT_EQ(payload.pairingSecret.rfind("pair_", 0), 0u);
+  EXPECT_EQ(payload.pairingSecret.size(), 48u);
+  EXPECT_GE(payload.expiresAt, before + 119);
+  EXPECT_LE(payload.expiresAt, nowSeconds() + 121);
+  EXPECT_EQ(payload.signalUrl,
+            "ws://127.0.0.1:" + port_ + "/v1/rendezvous/" + identity_->agentId());
+  EXPECT_EQ(payload.dtlsFingerprint, peer_->dtlsFingerprint());
+
+  // A clock ten minutes off: the server refuses both the pairing and the socket.
+  AgentSignalingClient::Options skewed;
+  skewed.now = [] { return std::chrono::system_clock::now() - 10min; };
+  auto stale = makeClient(skewed);
+  try {
+    stale->createPairing();
+    ADD_FAILURE() << "a stale proof was accepted";
+  } catch (const SignalingError& error) {
+    EXPECT_EQ(error.text(), "pairingRequestFailed(status: 401)");
+  }
+  try {
+    stale->run();
+    ADD_FAILURE() << "a stale proof was accepted";
+  } catch (const SignalingTransportError& error) {
+    EXPECT_NE(error.text().find("HTTP status 401"), std::string::npos) << error.text();
+  }
+}
+
+TEST_F(AgentSignalingClientTest, PairingSessionRelayAndRevocation) {
+  startServer();
+  auto client = makeClient();
+  startRun(*client);
+
+  // TURN REST credentials of coturn's use-auth-secret scheme.
+  auto turn = peer_->iceServers().front();
+  EXPECT_EQ(turn.urls, std::vector<std::string>{"turn:127.0.0.1:3478"});
+  auto colon = turn.username.find(':');
+  ASSERT_NE(colon, std::string::npos);
+  auto expiry = std::stoll(turn.username.substr(0, colon));
+  EXPECT_NEAR(static_cast<double>(expiry), static_cast<double>(nowSeconds() + 86400), 30.0);
+  EXPECT_EQ(turn.username.substr(colon + 1), identity_->agentId());
+  unsigned char mac[EVP_MAX_MD_SIZE];
+  unsigned int macLength = 0;
+  HMAC(EVP_sha1(), "test-secret", 11, reinterpret_cast<const unsigned char*>(turn.username.data()),
+       turn.username.size(), mac, &macLength);
+  EXPECT_EQ(turn.credential, base64(mac, macLength));
+
+  // Pairing with the QR code's secret: the grant is the agent's, the phone is stored.
+  auto payload = client->createPairing();
+  ScriptedPhone phone;
+  ASSERT_EQ(phone.connect(port_, identity_->agentId()), 101);
+  phone.send(Json{{"type", "pairing.request"},
+                  {"secret", payload.pairingSecret},
+                  {"permissions", {"control", "shell"}}});
+  auto grantMessage = phone.receiveType("pairing.grant");
+  ASSERT_FALSE(grantMessage.is_null()) << "no grant";
+  auto grantBytes = Base64Url::decode(grantMessage["grant"].get<std::string>());
+  auto grantSignature = Base64Url::decode(grantMessage["grantSignature"].get<std::string>());
+  auto agentKey = Base64Url::decode(payload.agentPublicKey);
+  ASSERT_TRUE(grantBytes && grantSignature && agentKey);
+  EXPECT_TRUE(IdentityKeyStore::verify(*agentKey, *grantBytes, *grantSignature));
+  auto grant = Json::parse(toString(*grantBytes));
+  EXPECT_EQ(grant["deviceId"], phone.deviceId());
+  EXPECT_EQ(grant["permissions"], (Json{"view", "control"}));
+  auto devices = client->trustedDeviceList();
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].deviceId, phone.deviceId());
+  EXPECT_FALSE(devices[0].revoked);
+
+  // The secret works once.
+  ScriptedPhone latecomer;
+  ASSERT_EQ(latecomer.connect(port_, identity_->agentId()), 101);
+  latecomer.send(Json{{"type", "pairing.request"}, {"secret", payload.pairingSecret}});
+  EXPECT_EQ(latecomer.receiveType("signal.error")["code"], "pairing-used");
+
+  // A session: the offer goes to the phone, its answer and candidates come back.
+  phone.send(Json{{"type", "session.request"}});
+  auto offer = phone.receiveType("signal.offer");
+  EXPECT_EQ(offer["sdp"], "v=0 fake-offer 1");
+  EXPECT_EQ(client->activePeerId(), phone.deviceId());
+  phone.send(Json{{"type", "signal.answer"}, {"sdp", "v=0 answer"}});
+  phone.send(Json{{"type", "signal.ice"},
+                  {"candidate", "candidate:1 1 udp 2122260223 127.0.0.1 50000 typ host"},
+                  {"sdpMid", "0"},
+                  {"sdpMLineIndex", 0}});
+  ASSERT_TRUE(peer_->waitUntil([&] { return !peer_->candidates().empty(); }));
+  EXPECT_EQ(peer_->answers(), std::vector<std::string>{"v=0 answer"});
+  EXPECT_EQ(peer_->candidates()[0].sdpMid, "0");
+
+  // The largest message the client takes, relayed byte for byte.
+  std::string head = R"({"type":"signal.answer","sdp":")";
+  std::string largest = head + std::string(262'144 - head.size() - 2, 's') + "\"}";
+  phone.send(largest);
+  ASSERT_TRUE(peer_->waitUntil([&] { return peer_->answers().size() == 2; }));
+  EXPECT_EQ(peer_->answers()[1].size(), 262'144 - head.size() - 2);
+
+  // Revoking reaches the server with the next periodic round; the revoked
+  // phone loses its session and cannot start another.
+  client->revokeDevice(phone.deviceId());
+  ASSERT_TRUE(waitForServerLine("reports 1 revoked device(s)"));
+  EXPECT_EQ(phone.receiveType("signal.error")["code"], "device-revoked");
+  phone.send(Json{{"type", "session.request"}});
+  EXPECT_EQ(phone.receiveType("signal.error")["code"], "device-revoked");
+  ASSERT_TRUE(peer_->waitUntil([&] { return !client->activePeerId(); }));
+
+  client->close();
+  ASSERT_TRUE(waitForRunEnd());
+  runThread_.join();
+  EXPECT_FALSE(runFailure_);
+  auto seen = statuses();
+  ASSERT_GE(seen.size(), 3u);
+  EXPECT_EQ(seen.front(), "connected");
+  EXPECT_EQ(seen.back(), "disconnected");
+  EXPECT_NE(std::find(seen.begin(), seen.end(), "peer-ready"), seen.end());
+  EXPECT_NE(std::find(seen.begin(), seen.end(), "waiting"), seen.end());
+}
+
+TEST_F(AgentSignalingClientTest, SessionLimitEndsTheActiveSession) {
+  startServer({"--session-limit", "1"});
+  auto client = makeClient();
+  startRun(*client);
+
+  ScriptedPhone first;
+  ASSERT_EQ(first.connect(port_, identity_->agentId()), 101);
+  first.send(Json{{"type", "session.request"}});
+  EXPECT_EQ(first.receiveType("signal.offer")["sdp"], "v=0 fake-offer 1");
+  ScriptedPhone second;
+  ASSERT_EQ(second.connect(port_, identity_->agentId()), 101);
+  second.send(Json{{"type", "session.request"}});
+  EXPECT_EQ(second.receiveType("signal.error")["code"], "session-limit-reached");
+  ASSERT_TRUE(peer_->waitUntil([&] {
+    std::lock_guard lock(mutex_);
+    return !limitPeers_.empty();
+  }));
+  EXPECT_EQ(limitPeers_.front(), first.deviceId());
+  EXPECT_EQ(client->activePeerId(), std::nullopt);
+
+  // The phone that was served hears it too; its signals are no longer relayed.
+  EXPECT_EQ(first.receiveType("signal.error")["code"], "session-limit-reached");
+  first.send(Json{{"type", "signal.answer"}, {"sdp", "late"}});
+  EXPECT_EQ(first.receiveType("signal.error")["code"], "no-session");
+  EXPECT_TRUE(peer_->answers().empty());
+  client->close();
+  ASSERT_TRUE(waitForRunEnd());
+  runThread_.join();
+  EXPECT_FALSE(runFailure_);
+}
+
+TEST_F(AgentSignalingClientTest, OversizedMessageEndsTheRun) {
+  startServer();
+  auto client = makeClient();
+  startRun(*client);
+  ScriptedPhone phone;
+  ASSERT_EQ(phone.connect(port_, identity_->agentId()), 101);
+  phone.send(Json{{"type", "session.request"}});
+  ASSERT_FALSE(phone.receiveType("signal.offer").is_null());
+
+  std::string head = R"({"type":"signal.answer","sdp":")";
+  phone.send(head + std::string(262'145 - head.size() - 2, 's') + "\"}");
+  ASSERT_TRUE(waitForRunEnd());
+  runThread_.join();
+  ASSERT_TRUE(runFailure_);
+  try {
+    std::rethrow_exception(runFailure_);
+  } catch (const SignalingError& error) {
+    EXPECT_EQ(error.kind(), SignalingError::Case::messageTooLarge);
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << "ended with " << error.what();
+  }
+  EXPECT_EQ(statuses().back(), "disconnected");
+  EXPECT_TRUE(peer_->answers().empty());
+}
+
+// A server that takes the connection but never answers the handshake: close()
+// must still end the run at once, without an error and without "connected".
+TEST_F(AgentSignalingClientTest, CloseEndsARunThatIsStillConnecting) {
+  asio::io_context context;
+  asio::ip::tcp::acceptor silent(context, {asio::ip::make_address("127.0.0.1"), 0});
+  baseUrl_ = "http://127.0.0.1:" + std::to_string(silent.local_endpoint().port());
+  auto client = makeClient();
+  runThread_ = std::thread([&] {
+    try {
+      client->run();
+    } catch (...) {
+      std::lock_guard lock(mutex_);
+      runFailure_ = std::current_exception();
+    }
+    std::lock_guard lock(mutex_);
+    runEnded_ = true;
+  });
+  std::this_thread::sleep_for(200ms);  // let it reach the handshake
+  client->close();
+  ASSERT_TRUE(waitForRunEnd(5s)) << "close() did not end a connecting run";
+  runThread_.join();
+  if (runFailure_) {
+    try {
+      std::rethrow_exception(runFailure_);
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << "run ended with " << error.what();
+    }
+  }
+  EXPECT_TRUE(statuses().empty());
+}
+
+// A private CA-less certificate for "localhost" only, made by the openssl tool.
+class TlsFiles {
+ public:
+  TlsFiles() {
+    char pattern[] = "/tmp/zul-signaling-tls-XXXXXX";
+    if (!mkdtemp(pattern)) return;
+    dir_ = pattern;
+    cert = dir_ + "/cert.pem";
+    key = dir_ + "/key.pem";
+    test::ChildProcess openssl({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                                "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=localhost",
+                                "-addext", "subjectAltName=DNS:localhost", "-days", "2", "-keyout",
+                                key, "-out", cert});
+    for (int i = 0; i < 200 && openssl.running(); ++i) std::this_thread::sleep_for(50ms);
+    ok = std::filesystem::exists(cert) && std::filesystem::exists(key);
+  }
+  ~TlsFiles() {
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+  }
+
+  bool ok = false;
+  std::string cert;
+  std::string key;
+
+ private:
+  std::string dir_;
+};
+
+TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
+  if (!test::haveProgram("openssl")) GTEST_SKIP() << "openssl is not installed";
+  TlsFiles tls;
+  ASSERT_TRUE(tls.ok) << "openssl could not make a certificate";
+  startServer({"--tls-cert", tls.cert, "--tls-key", tls.key});
+
+  auto expectTlsRefusal = [&](const std::string& base, const std::string& caFile) {
+    SCOPED_TRACE(base);
+    AgentSignalingClient::Options options;
+    options.extraCaFile = caFile;
+    baseUrl_ = base;
+    auto client = makeClient(options);
+    try {
+      client->createPairing();
+      ADD_FAILURE() << "an unverified server was accepted";
+    } catch (const SignalingTransportError& error) {
+      EXPECT_NE(error.text().find("operation: \"tls\""), std::string::npos) << error.text();
+    }
+  };
+  // Not trusted at all; trusted but named differently.
+  expectTlsRefusal("https://localhost:" + port_, "");
+  expectTlsRefusal("https://127.0.0.1:" + port_, tls.cert);
+
+  AgentSignalingClient::Options trusted;
+  trusted.extraCaFile = tls.cert;
+  baseUrl_ = "https://localhost:" + port_;
+  auto client = makeClient(trusted);
+  auto payload = client->createPairing();
+  EXPECT_EQ(payload.signalUrl,
+            "wss://localhost:" + port_ + "/v1/rendezvous/" + identity_->agentId());
+  startRun(*client);  // over wss: the TURN credentials arrive
+  client->close();
+  ASSERT_TRUE(waitForRunEnd());
+  runThread_.join();
+  EXPECT_FALSE(runFailure_);
+  EXPECT_EQ(statuses(), (std::vector<std::string>{"connected", "disconnected"}));
+}
+
+// The development phone page pairs from a real browser with WebCrypto Ed25519.
+TEST_F(AgentSignalingClientTest, BrowserPhonePagePairs) {
+  std::string browser = test::haveProgram("chromium") ? "chromium" : "";
+  if (browser.empty()) GTEST_SKIP() << "chromium is not installed";
+  startServer();
+  baseUrl_ = "http://localhost:" + port_;  // a secure context for WebCrypto
+  auto client = makeClient();
+  startRun(*client);
+  auto link = pairingDeepLink(client->createPairing());
+
+  char profile[] = "/tmp/zul-signaling-chromium-XXXXXX";
+  ASSERT_TRUE(mkdtemp(profile));
+  test::ChildProcess::Options options;
+  options.captureStdout = true;
+  test::ChildProcess page(
+      {browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-background-networking",
+       "--disable-component-update", "--no-first-run", std::string("--user-data-dir=") + profile,
+       "--virtual-time-budget=15000", "--dump-dom",
+       baseUrl_ + "/phone/?auto=1&link=" + percentEncodeQueryValue(link)},
+      options);
+  std::string dom;
+  while (auto line = page.readStdoutLine(60s)) dom += *line + "\n";
+  std::filesystem::remove_all(profile);
+  EXPECT_NE(dom.find("data-status=\"paired\""), std::string::npos) << dom;
+  auto devices = client->trustedDeviceList();
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].deviceId.rfind("device_", 0), 0u);
+  EXPECT_NE(dom.find(devices[0].deviceId), std::string::npos);
+
+  client->close();
+  ASSERT_TRUE(waitForRunEnd());
+  runThread_.join();
+  EXPECT_FALSE(runFailure_);
+}
+
+}  // namespace
+}  // namespace zul

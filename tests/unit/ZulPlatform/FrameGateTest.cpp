@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include "ZulPlatform/linux/FrameGate.h"
+
+namespace zul {
+namespace {
+
+using namespace std::chrono_literals;
+using Decision = FrameGate::Decision;
+
+TEST(FrameGateTest, RatesAtOrBelowZeroMeanOneSecondAndIdleNeverOutrunsActive) {
+  struct Row {
+    std::int64_t fps, idle;
+    FrameGate::Clock::duration active, idleInterval;
+  };
+  const Row rows[] = {
+      {30, 2, FrameGate::Clock::duration(1s) / 30, 500ms},
+      {10, 0, 100ms, 1s},
+      {0, 0, 1s, 1s},
+      {-5, -1, 1s, 1s},
+      {10, 50, 100ms, 100ms},
+  };
+  for (const auto& row : rows) {
+    FrameGate gate(row.fps, row.idle);
+    EXPECT_EQ(gate.activeInterval(), row.active) << row.fps << "/" << row.idle;
+    EXPECT_EQ(gate.idleInterval(), row.idleInterval) << row.fps << "/" << row.idle;
+  }
+}
+
+TEST(FrameGateTest, StillScreenIsDeliveredAtTheIdleRate) {
+  FrameGate gate(10, 2);
+  FrameGate::Clock::time_point t{};
+  int delivered = 0;
+  // Five seconds of samples at 10 per second, nothing changing after the first.
+  for (int i = 0; i < 50; ++i, t += 100ms) {
+    if (gate.offer(t, i == 0) == Decision::deliver) {
+      ++delivered;
+      gate.delivered(t);
+    }
+  }
+  EXPECT_EQ(delivered, 10);  // the first, then one per half second
+}
+
+TEST(FrameGateTest, EveryChangedSampleIsDueAndOnlyChangesNeedConversion) {
+  FrameGate gate(10, 1);
+  FrameGate::Clock::time_point t{};
+  EXPECT_EQ(gate.offer(t, false), Decision::deliver);  // the first picture is always new
+  EXPECT_TRUE(gate.contentChanged());
+  gate.delivered(t);
+  EXPECT_EQ(gate.offer(t += 100ms, true), Decision::deliver);
+  EXPECT_TRUE(gate.contentChanged());
+  gate.delivered(t);
+  EXPECT_EQ(gate.offer(t += 100ms, false), Decision::skip);
+  EXPECT_EQ(gate.offer(t += 900ms, false), Decision::deliver);
+  EXPECT_FALSE(gate.contentChanged());  // an idle repeat hands out the previous picture
+}
+
+TEST(FrameGateTest, ChangeSeenWhileConsumerBusyStaysPending) {
+  FrameGate gate(10, 1);
+  FrameGate::Clock::time_point t{};
+  gate.offer(t, true);
+  gate.delivered(t);
+  ASSERT_EQ(gate.offer(t += 100ms, true), Decision::deliver);
+  gate.dropped();
+  // The screen is still now, but the dropped change has not been seen yet.
+  EXPECT_EQ(gate.offer(t += 100ms, false), Decision::deliver);
+  EXPECT_TRUE(gate.contentChanged());
+  gate.delivered(t);
+  EXPECT_EQ(gate.offer(t += 100ms, false), Decision::skip);
+  EXPECT_EQ(gate.droppedCount(), 1);
+}
+
+}  // namespace
+}  // namespace zul

@@ -1,0 +1,200 @@
+#include <gtest/gtest.h>
+
+#include "ZulPlatform/linux/H264AnnexB.h"
+#include "ZulPlatform/linux/LibavH264Encoder.h"
+#include "ZulPlatform/linux/Nv12FrameSurface.h"
+
+namespace zul {
+namespace {
+
+VideoEncoderSettings settings(std::int64_t width = 320, std::int64_t height = 240) {
+  return VideoEncoderSettings{.codec = VideoCodec::h264,
+                              .width = width,
+                              .height = height,
+                              .framesPerSecond = 30,
+                              .bitrateKbps = 800,
+                              .hardwareRequired = false,
+                              .lowLatency = true,
+                              .bFrames = 0,
+                              .hdrToSdr = true};
+}
+
+// A software-only encoder, so that the outcome does not depend on the GPU.
+LibavH264Encoder softwareEncoder() { return LibavH264Encoder({"libx264"}); }
+
+CapturedFrame nv12Frame(std::int64_t sequence, int width = 320, int height = 240) {
+  auto surface = Nv12FrameSurface::allocate(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) surface->luma()[y * width + x] = std::uint8_t(x + y + sequence);
+  }
+  std::fill(surface->chroma(),
+            surface->chroma() + surface->chromaStride() * surface->chromaHeight(), 128);
+  return CapturedFrame{.sequence = sequence,
+                       .capturedAt = std::chrono::system_clock::now(),
+                       .width = width,
+                       .height = height,
+                       .pixelFormat = PixelFormat::nv12,
+                       .data = nullptr,
+                       .dirtyRegions = {},
+                       .isHdr = false,
+                       .displayIndex = 0,
+                       .nativeSurface = surface};
+}
+
+std::vector<int> nalTypes(const Bytes& annexB) {
+  std::vector<int> types;
+  for (auto unit : h264::splitAnnexB(annexB)) types.push_back(h264::nalType(unit));
+  return types;
+}
+
+TEST(LibavH264EncoderTest, ConfigurationIsValidatedInOrder) {
+  struct Row {
+    const char* name;
+    VideoEncoderSettings settings;
+    MediaError expected;
+  };
+  auto with = [](auto change) {
+    auto s = settings();
+    change(s);
+    return s;
+  };
+  const Row rows[] = {
+      {"codec before b-frames", with([](auto& s) {
+         s.codec = VideoCodec::av1;
+         s.bFrames = 2;
+       }),
+       MediaError::unsupportedCodec()},
+      {"b-frames before size", with([](auto& s) {
+         s.bFrames = 1;
+         s.width = 1279;
+       }),
+       MediaError::bFramesNotSupported()},
+      {"odd width", with([](auto& s) { s.width = 1279; }), MediaError::invalidDimensions()},
+      {"odd height", with([](auto& s) { s.height = 721; }), MediaError::invalidDimensions()},
+      {"hardware required", with([](auto& s) { s.hardwareRequired = true; }),
+       MediaError::hardwareUnavailable()},
+  };
+  for (const auto& row : rows) {
+    auto encoder = softwareEncoder();
+    try {
+      encoder.configure(row.settings);
+      ADD_FAILURE() << row.name << ": accepted";
+    } catch (const MediaError& error) {
+      EXPECT_EQ(error, row.expected) << row.name << ": " << error.what();
+    }
+    EXPECT_FALSE(encoder.settings()) << row.name;
+  }
+  // A size of zero passes validation and fails when the session is opened.
+  auto encoder = softwareEncoder();
+  try {
+    encoder.configure(settings(0, 0));
+    ADD_FAILURE() << "zero size accepted";
+  } catch (const MediaError& error) {
+    EXPECT_EQ(error.kind(), MediaError::Case::sessionCreationFailed) << error.what();
+  }
+}
+
+TEST(LibavH264EncoderTest, CallsBeforeConfigureAndFramesWithoutPixelsFail) {
+  auto encoder = softwareEncoder();
+  EXPECT_EQ(encoder.name(), "libav-h264");
+  EXPECT_THROW(encoder.encode(nv12Frame(1), true), MediaError);
+  try {
+    encoder.setBitrate(1000);
+    ADD_FAILURE();
+  } catch (const MediaError& error) {
+    EXPECT_EQ(error, MediaError::notConfigured());
+  }
+  encoder.configure(settings());
+  EXPECT_EQ(encoder.name(), "libav-h264/libx264");
+  EXPECT_FALSE(encoder.isHardwareAccelerated());
+  CapturedFrame empty = nv12Frame(1);
+  empty.nativeSurface.reset();
+  try {
+    encoder.encode(empty, false);
+    ADD_FAILURE();
+  } catch (const MediaError& error) {
+    EXPECT_EQ(error, MediaError::missingNativeSurface());
+  }
+  // A frame of another size than configured is refused, not scaled.
+  EXPECT_THROW(encoder.encode(nv12Frame(1, 640, 480), false), MediaError);
+}
+
+TEST(LibavH264EncoderTest, KeyFramesWhereForcedWithParameterSetsOnlyThere) {
+  auto encoder = softwareEncoder();
+  encoder.configure(settings());
+  std::vector<std::pair<std::int64_t, bool>> keys;
+  for (std::int64_t sequence = 1; sequence <= 12; ++sequence) {
+    const bool force = sequence == 1 || sequence == 7;
+    auto frame = nv12Frame(sequence);
+    auto encoded = encoder.encode(frame, force);
+    ASSERT_TRUE(encoded) << sequence;  // real time: one access unit per frame
+    EXPECT_EQ(encoded->sequence, sequence);
+    EXPECT_EQ(encoded->capturedAt, frame.capturedAt);
+    EXPECT_EQ(encoded->rtpDuration, 3000u);
+    EXPECT_EQ(encoded->codec, VideoCodec::h264);
+    ASSERT_GE(encoded->annexB.size(), 5u);
+    EXPECT_EQ(Bytes(encoded->annexB.begin(), encoded->annexB.begin() + 4), (Bytes{0, 0, 0, 1}));
+    auto types = nalTypes(encoded->annexB);
+    const bool hasParameterSets = std::count(types.begin(), types.end(), h264::nalSps) +
+                                      std::count(types.begin(), types.end(), h264::nalPps) >
+                                  0;
+    if (encoded->isKeyFrame) {
+      ASSERT_GE(types.size(), 3u);
+      EXPECT_EQ(types[0], h264::nalSps);
+      EXPECT_EQ(types[1], h264::nalPps);
+    } else {
+      EXPECT_FALSE(hasParameterSets) << sequence;
+    }
+    if (force) {
+      EXPECT_TRUE(encoded->isKeyFrame) << sequence;
+    }
+    keys.emplace_back(sequence, encoded->isKeyFrame);
+  }
+  EXPECT_FALSE(keys[1].second);  // no key frame where none was asked for on a calm stream
+}
+
+TEST(LibavH264EncoderTest, KeyFrameComesAtLeastEveryTenSecondsOfFrames) {
+  auto encoder = softwareEncoder();
+  auto oneFramePerSecond = settings();
+  oneFramePerSecond.framesPerSecond = 1;  // a key frame at least every 10 frames
+  encoder.configure(oneFramePerSecond);
+  std::vector<std::int64_t> keys;
+  for (std::int64_t sequence = 1; sequence <= 21; ++sequence) {
+    auto encoded = encoder.encode(nv12Frame(sequence), sequence == 1);
+    ASSERT_TRUE(encoded);
+    EXPECT_EQ(encoded->rtpDuration, 90000u);
+    if (encoded->isKeyFrame) keys.push_back(sequence);
+  }
+  ASSERT_FALSE(keys.empty());
+  EXPECT_EQ(keys.front(), 1);
+  for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_LE(keys[i] - keys[i - 1], 10);
+  EXPECT_LE(21 - keys.back(), 10);
+}
+
+TEST(LibavH264EncoderTest, BitrateChangesOnTheRunningEncoderAndReconfigureReplaces) {
+  auto encoder = softwareEncoder();
+  encoder.configure(settings());
+  ASSERT_TRUE(encoder.encode(nv12Frame(1), true));
+  encoder.setBitrate(2500);
+  EXPECT_EQ(encoder.settings()->bitrateKbps, 2500);
+  EXPECT_TRUE(encoder.encode(nv12Frame(2), false));
+  EXPECT_THROW(encoder.setBitrate(0), MediaError);
+
+  // NV12 in the frame's data is taken too.
+  encoder.configure(settings(64, 48));
+  auto frame = nv12Frame(3, 64, 48);
+  auto* surface = static_cast<Nv12FrameSurface*>(frame.nativeSurface.get());
+  frame.data = std::make_shared<const Bytes>(surface->luma(),
+                                             surface->luma() + Nv12FrameSurface::bytesFor(64, 48));
+  frame.nativeSurface.reset();
+  auto encoded = encoder.encode(frame, false);
+  ASSERT_TRUE(encoded);
+  EXPECT_TRUE(encoded->isKeyFrame);  // a new session starts with one
+
+  // A failed reconfiguration leaves the encoder unconfigured.
+  EXPECT_THROW(encoder.configure(settings(63, 48)), MediaError);
+  EXPECT_THROW(encoder.encode(nv12Frame(4), false), MediaError);
+}
+
+}  // namespace
+}  // namespace zul

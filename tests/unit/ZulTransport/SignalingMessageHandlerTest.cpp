@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/IdentityKeyStore.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/SignalingError.h"
+#include "ZulTransport/SignalingMessageHandler.h"
+#include "support/FakeSignalingPeer.h"
+
+namespace zul {
+namespace {
+
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+
+const auto fixedNow = std::chrono::system_clock::time_point(1'763'000'000s);
+
+std::shared_ptr<IdentityKeyStore> makeIdentity() {
+  return std::make_shared<IdentityKeyStore>(
+      SecretStore("identity", std::make_shared<MemorySecretBackend>()));
+}
+
+TrustedDevice storedDevice(const std::string& id, bool revoked) {
+  return {id, "Device " + id, "key", {DevicePermission::view}, UtcSeconds(100s), revoked};
+}
+
+class SignalingMessageHandlerTest : public testing::Test {
+ protected:
+  SignalingMessageHandlerTest() {
+    events.onStatusChanged = [this](const std::string& s) { statuses.push_back(s); };
+    events.onPeerReady = [this](const std::string& p) { ready.push_back(p); };
+    events.onPeerLeft = [this](const std::string& p) { left.push_back(p); };
+    events.onSessionLimitReached = [this](const std::optional<std::string>& p) {
+      limits.push_back(p);
+    };
+    events.onTrustedDevicesChanged = [this](const std::vector<TrustedDevice>& d) {
+      changedLists.push_back(d);
+    };
+  }
+
+  void handle(std::string_view message) { handler.handle(message, send); }
+  void handle(const char* message) { handle(std::string_view(message)); }
+  void handle(const std::string& message) { handle(std::string_view(message)); }
+  void handle(const Json& message) { handle(std::string_view(message.dump())); }
+
+  Json pairingRequest(const IdentityKeyStore& phone, Json permissions = Json::array()) const {
+    return {{"type", "pairing.request"},
+            {"deviceId", IdentityKeyStore::deriveId("device_", phone.publicKey())},
+            {"devicePublicKey", Base64Url::encode(phone.publicKey())},
+            {"permissions", permissions}};
+  }
+
+  std::shared_ptr<IdentityKeyStore> agent = makeIdentity();
+  std::shared_ptr<PairingService> pairing =
+      std::make_shared<PairingService>(agent, [] { return fixedNow; });
+  std::shared_ptr<test::FakeSignalingPeer> peer = std::make_shared<test::FakeSignalingPeer>();
+  TrustedDeviceStore store{SecretStore("trusted-devices", std::make_shared<MemorySecretBackend>())};
+  SignalingEvents events;
+  SignalingMessageHandler handler{pairing, peer, store, events, [] { return fixedNow; }};
+
+  std::vector<Json> sent;
+  SignalingMessageHandler::Send send = [this](const std::string& text) {
+    sent.push_back(Json::parse(text));
+  };
+  std::vector<std::string> statuses, ready, left;
+  std::vector<std::optional<std::string>> limits;
+  std::vector<std::vector<TrustedDevice>> changedLists;
+};
+
+TEST_F(SignalingMessageHandlerTest, PairingRequestIsGrantedStoredAndAnswered) {
+  auto phone = makeIdentity();
+  store.save({storedDevice("device_old", true)});
+  handle(pairingRequest(*phone, {"CONTROL", "shell", "bogus", "files", 7}));
+
+  auto deviceId = IdentityKeyStore::deriveId("device_", phone->publicKey());
+  auto devices = store.load();
+  ASSERT_EQ(devices.size(), 2u);
+  const auto& device = devices.back();
+  EXPECT_EQ(device.deviceId, deviceId);
+  EXPECT_EQ(device.name, "Device " + deviceId.substr(deviceId.size() - 6));
+  EXPECT_EQ(device.ed25519PublicKey, Base64Url::encode(phone->publicKey()));
+  EXPECT_EQ(device.permissions,
+            (std::set<DevicePermission>{DevicePermission::view, DevicePermission::control,
+                                        DevicePermission::files}));
+  EXPECT_EQ(device.pairedAt, UtcSeconds(1'763'000'000s));
+  EXPECT_FALSE(device.revoked);
+  ASSERT_EQ(changedLists.size(), 1u);
+  EXPECT_EQ(changedLists[0], devices);
+
+  // The revoked list goes out first, then the grant.
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0], (Json{{"type", "devices.revoked"}, {"deviceIds", {"device_old"}}}));
+  EXPECT_EQ(sent[1]["type"], "pairing.grant");
+  auto payload = Base64Url::decode(sent[1]["grant"].get<std::string>());
+  auto signature = Base64Url::decode(sent[1]["grantSignature"].get<std::string>());
+  ASSERT_TRUE(payload && signature);
+  EXPECT_TRUE(IdentityKeyStore::verify(agent->publicKey(), *payload, *signature));
+  auto grant = Json::parse(toString(*payload));
+  EXPECT_EQ(grant["deviceId"], deviceId);
+  EXPECT_EQ(grant["agentId"], agent->agentId());
+  EXPECT_EQ(grant["permissions"], (Json{"view", "control", "files"}));
+}
+
+TEST_F(SignalingMessageHandlerTest, BadPairingRequestsEndTheRunAndStoreNothing) {
+  auto phone = makeIdentity();
+  auto other = makeIdentity();
+  auto mismatched = pairingRequest(*phone);
+  mismatched["deviceId"] = IdentityKeyStore::deriveId("device_", other->publicKey());
+  auto undecodable = pairingRequest(*phone);
+  undecodable["devicePublicKey"] = "not base64url!";
+  auto agentPrefix = pairingRequest(*phone);
+  agentPrefix["deviceId"] = IdentityKeyStore::deriveId("agent_", phone->publicKey());
+  auto noKey = pairingRequest(*phone);
+  noKey.erase("devicePublicKey");
+  auto numericId = pairingRequest(*phone);
+  numericId["deviceId"] = 5;
+
+  const std::pair<Json, SignalingError::Case> cases[] = {
+      {mismatched, SignalingError::Case::pairingDeviceIdMismatch},
+      {undecodable, SignalingError::Case::pairingDeviceIdMismatch},
+      {agentPrefix, SignalingError::Case::pairingDeviceIdMismatch},
+      {noKey, SignalingError::Case::malformedPairingRequest},
+      {numericId, SignalingError::Case::malformedPairingRequest},
+  };
+  for (const auto& [message, expected] : cases) {
+    SCOPED_TRACE(message.dump());
+    try {
+      handle(message);
+      ADD_FAILURE() << "accepted";
+    } catch (const SignalingError& error) {
+      EXPECT_EQ(error.kind(), expected);
+    }
+  }
+  EXPECT_TRUE(store.load().empty());
+  EXPECT_TRUE(sent.empty());
+  EXPECT_TRUE(changedLists.empty());
+}
+
+TEST_F(SignalingMessageHandlerTest, RePairingUnrevokesAndMovesTheDeviceLast) {
+  auto phone = makeIdentity();
+  auto deviceId = IdentityKeyStore::deriveId("device_", phone->publicKey());
+  store.save({storedDevice(deviceId, true), storedDevice("device_b", false),
+              storedDevice(deviceId, true)});
+  handle(pairingRequest(*phone, {"view"}));
+  auto devices = store.load();
+  ASSERT_EQ(devices.size(), 2u);
+  EXPECT_EQ(devices[0].deviceId, "device_b");
+  EXPECT_EQ(devices[1].deviceId, deviceId);
+  EXPECT_FALSE(devices[1].revoked);
+  EXPECT_EQ(sent[0]["deviceIds"], Json::array());
+}
+
+TEST_F(SignalingMessageHandlerTest, ReadyPeersGetOffersAndLaterOnesAnIceRestart) {
+  handle(R"({"type":"peer.ready","peerId":"device_p","pairing":true})");
+  EXPECT_TRUE(sent.empty());
+  EXPECT_TRUE(statuses.empty());
+  EXPECT_EQ(peer->offers(), 0);
+  EXPECT_EQ(handler.activePeerId(), std::nullopt);
+
+  handle(R"({"type":"peer.ready","peerId":"device_1","pairing":false})");
+  EXPECT_EQ(peer->createDataChannelsCalls(), 1);
+  EXPECT_EQ(peer->iceRestarts(), 0);
+  EXPECT_TRUE(handler.peerInitialized());
+  handle(R"({"type":"peer.ready","peerId":"device_2"})");
+  EXPECT_EQ(peer->createDataChannelsCalls(), 1);
+  EXPECT_EQ(peer->iceRestarts(), 1);
+
+  EXPECT_EQ(ready, (std::vector<std::string>{"device_1", "device_2"}));
+  EXPECT_EQ(statuses, (std::vector<std::string>{"peer-ready", "peer-ready"}));
+  EXPECT_EQ(handler.activePeerId(), "device_2");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1], (Json{{"type", "signal.offer"}, {"sdp", "v=0 fake-offer 2"}}));
+}
+
+TEST_F(SignalingMessageHandlerTest, PeerLeftAndSessionLimitTrackTheActivePeer) {
+  handle(R"({"type":"peer.ready","peerId":"device_1"})");
+  statuses.clear();
+  handle(R"({"type":"peer.left","peerId":"device_other"})");
+  EXPECT_EQ(handler.activePeerId(), "device_1");
+  handle(R"({"type":"peer.left"})");
+  EXPECT_EQ(handler.activePeerId(), std::nullopt);
+  handle(R"({"type":"peer.left"})");  // nobody to name
+  EXPECT_EQ(left, (std::vector<std::string>{"device_other", "device_1"}));
+
+  handle(R"({"type":"peer.ready","peerId":"device_2"})");
+  handle(R"({"type":"session.limit_reached"})");
+  handle(R"({"type":"session.limit_reached"})");
+  EXPECT_EQ(limits, (std::vector<std::optional<std::string>>{"device_2", std::nullopt}));
+  EXPECT_EQ(handler.activePeerId(), std::nullopt);
+  EXPECT_EQ(statuses, (std::vector<std::string>{"waiting", "waiting", "waiting", "peer-ready",
+                                                "session-limit-reached", "session-limit-reached"}));
+}
+
+TEST_F(SignalingMessageHandlerTest, RelayedSignalsReachThePeerSession) {
+  handle(
+      R"({"type":"turn.credentials","urls":["turn:t:3478",5,"stun:s"],"username":"1:a","credential":"c"})");
+  handle(R"({"type":"signal.answer","sdp":"v=0 answer"})");
+  handle(R"({"type":"signal.answer"})");
+  handle(
+      R"({"type":"signal.ice","candidate":"candidate:1 1 udp 1 1.2.3.4 5 typ host","sdpMid":"0","sdpMLineIndex":1})");
+  handle(R"({"type":"signal.ice","candidate":"c2","sdpMLineIndex":"x"})");
+  handle(R"({"type":"signal.error","code":"rate-limited"})");
+  handle(R"({"type":"signal.error"})");
+
+  ASSERT_EQ(peer->iceServers().size(), 1u);
+  EXPECT_EQ(peer->iceServers()[0].urls, (std::vector<std::string>{"turn:t:3478", "stun:s"}));
+  EXPECT_EQ(peer->iceServers()[0].username, "1:a");
+  EXPECT_EQ(peer->answers(), std::vector<std::string>{"v=0 answer"});
+  auto candidates = peer->candidates();
+  ASSERT_EQ(candidates.size(), 2u);
+  EXPECT_EQ(candidates[0].sdpMid, "0");
+  EXPECT_EQ(candidates[0].sdpMLineIndex, 1);
+  EXPECT_EQ(candidates[1].candidate, "c2");
+  EXPECT_EQ(statuses, (std::vector<std::string>{"error:rate-limited", "error:unknown"}));
+}
+
+TEST_F(SignalingMessageHandlerTest, SizeLimitAndUnparsableMessages) {
+  auto padded = [](std::size_t total) {
+    std::string head = R"({"type":"signal.answer","sdp":")";
+    std::string tail = R"("})";
+    return head + std::string(total - head.size() - tail.size(), 'a') + tail;
+  };
+  auto exact = padded(SignalingMessageHandler::maxMessageBytes);
+  ASSERT_EQ(exact.size(), 262'144u);
+  handle(exact);
+  EXPECT_EQ(peer->answers().size(), 1u);
+  try {
+    handle(padded(262'145));
+    ADD_FAILURE() << "accepted";
+  } catch (const SignalingError& error) {
+    EXPECT_EQ(error.kind(), SignalingError::Case::messageTooLarge);
+  }
+
+  for (const char* ignored :
+       {"[1,2]", "\"text\"", "17", "null", R"({"type":5})", "{}", R"({"type":"unknown.thing"})"}) {
+    EXPECT_NO_THROW(handle(std::string(ignored))) << ignored;
+  }
+  for (const char* invalid : {"", "{", "not json", "{\"type\":\"peer.ready\"", "\xff\xfe"}) {
+    SCOPED_TRACE(invalid);
+    try {
+      handle(std::string(invalid));
+      ADD_FAILURE() << "accepted";
+    } catch (const SignalingTransportError& error) {
+      EXPECT_EQ(error.kind(), SignalingTransportError::Case::invalidJson);
+    }
+  }
+  EXPECT_EQ(peer->answers().size(), 1u);
+  EXPECT_TRUE(statuses.empty());
+}
+
+TEST_F(SignalingMessageHandlerTest, RevokedDevicesAreReportedInListOrder) {
+  store.save({storedDevice("device_c", true), storedDevice("device_a", false),
+              storedDevice("device_b", true)});
+  handler.syncRevokedDevices(send);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0], (Json{{"type", "devices.revoked"}, {"deviceIds", {"device_c", "device_b"}}}));
+  EXPECT_THROW(handler.syncRevokedDevices(nullptr), SignalingError);
+}
+
+}  // namespace
+}  // namespace zul

@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/IdentityKeyStore.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/SignalingError.h"
+#include "ZulTransport/SignalingUrl.h"
+
+namespace zul {
+namespace {
+
+IdentityKeyStore makeIdentity() {
+  return IdentityKeyStore(SecretStore("identity", std::make_shared<MemorySecretBackend>()));
+}
+
+TEST(SignalingUrlTest, SchemesMapAndPathAndQueryAreReplaced) {
+  struct Case {
+    const char* base;
+    const char* http;
+    const char* rendezvous;
+  };
+  const Case cases[] = {
+      {"https://rv.example.com/some/path?x=1#frag", "https://rv.example.com/v1/pairing",
+       "wss://rv.example.com/v1/rendezvous/agent_A"},
+      {"http://127.0.0.1:8443", "http://127.0.0.1:8443/v1/pairing",
+       "ws://127.0.0.1:8443/v1/rendezvous/agent_A"},
+      {"wss://rv.example.com:9443/", "https://rv.example.com:9443/v1/pairing",
+       "wss://rv.example.com:9443/v1/rendezvous/agent_A"},
+      {"ws://localhost/base?q", "http://localhost/v1/pairing",
+       "ws://localhost/v1/rendezvous/agent_A"},
+      {"HTTPS://Rv.Example.com", "https://Rv.Example.com/v1/pairing",
+       "wss://Rv.Example.com/v1/rendezvous/agent_A"},
+      {"http://[::1]:8443/x", "http://[::1]:8443/v1/pairing",
+       "ws://[::1]:8443/v1/rendezvous/agent_A"},
+      // Another scheme is kept as it is.
+      {"ftp://files.example/x", "ftp://files.example/v1/pairing",
+       "ftp://files.example/v1/rendezvous/agent_A"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.base);
+    EXPECT_EQ(signalingHttpUrl(c.base, "/v1/pairing"), c.http);
+    EXPECT_EQ(rendezvousUrl(c.base, "agent_A"), c.rendezvous);
+  }
+}
+
+TEST(SignalingUrlTest, UnusableBaseUrlsFailWithInvalidSignalingURL) {
+  for (const char* base :
+       {"", "rv.example.com", "https://", "https://:443", "http://h:99999", "http://h:port",
+        "http://[::1", "https://rv example.com", "://rv.example.com"}) {
+    SCOPED_TRACE(base);
+    try {
+      rendezvousUrl(base, "agent_A");
+      ADD_FAILURE() << "accepted";
+    } catch (const SignalingError& error) {
+      EXPECT_EQ(error.kind(), SignalingError::Case::invalidSignalingURL);
+    }
+  }
+}
+
+TEST(SignalingUrlTest, ParsedPartsGiveTheConnectionTarget) {
+  auto url = SignalingUrl::parse("wss://user@[2001:db8::1]/v1/rendezvous/a?x=1&y=2");
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->host, "2001:db8::1");
+  EXPECT_EQ(url->effectivePort(), "443");
+  EXPECT_TRUE(url->usesTls());
+  EXPECT_EQ(url->target(), "/v1/rendezvous/a?x=1&y=2");
+  EXPECT_EQ(SignalingUrl::parse("ws://h")->target(), "/");
+  EXPECT_EQ(SignalingUrl::parse("ws://h")->effectivePort(), "80");
+  EXPECT_EQ(SignalingUrl::parse("gopher://h")->effectivePort(), std::nullopt);
+}
+
+TEST(SignalingUrlTest, IdentityTranscriptIsExact) {
+  const std::string expected =
+      "ZUL-SIGNALING-IDENTITY-1\nagent\nagent_A\nagent_A\n1700000000\nbm9uY2U";
+  EXPECT_EQ(identityProofTranscript("agent", "agent_A", "agent_A", 1700000000, "bm9uY2U"),
+            expected);
+  EXPECT_EQ(std::string("ZUL-SIGNALING-IDENTITY-1\n").size(), 25u);
+  EXPECT_EQ(identityProofTranscript("phone", "device_D", "agent_A", -5, ""),
+            "ZUL-SIGNALING-IDENTITY-1\nphone\ndevice_D\nagent_A\n-5\n");
+}
+
+TEST(SignalingUrlTest, AgentProofSignsItsTranscriptWithAFreshNonce) {
+  auto identity = makeIdentity();
+  Bytes nonceBytes(24);
+  for (std::size_t i = 0; i < nonceBytes.size(); ++i)
+    nonceBytes[i] = static_cast<std::uint8_t>(i * 11);
+  auto proof = makeAgentIdentityProof(identity, 1'763'000'000, nonceBytes);
+  EXPECT_EQ(proof.timestamp, 1'763'000'000);
+  EXPECT_EQ(proof.nonce.size(), 32u);
+  EXPECT_EQ(Base64Url::decode(proof.nonce), nonceBytes);
+  auto transcript = identityProofTranscript("agent", identity.agentId(), identity.agentId(),
+                                            proof.timestamp, proof.nonce);
+  auto signature = Base64Url::decode(proof.signature);
+  ASSERT_TRUE(signature);
+  EXPECT_TRUE(IdentityKeyStore::verify(identity.publicKey(), toBytes(transcript), *signature));
+  // The same transcript with the id once (or another role) must not verify.
+  auto wrong = identityProofTranscript("phone", identity.agentId(), identity.agentId(),
+                                       proof.timestamp, proof.nonce);
+  EXPECT_FALSE(IdentityKeyStore::verify(identity.publicKey(), toBytes(wrong), *signature));
+}
+
+TEST(SignalingUrlTest, AuthenticatedUrlCarriesOnlyTheSixItemsInOrder) {
+  auto identity = makeIdentity();
+  IdentityProof proof{1'763'000'000, "bm9uY2Vub25jZW5vbmNlbm9uY2Vub25j", "c2lnbmF0dXJl-_"};
+  auto url =
+      authenticatedRendezvousUrl("https://rv.example.com/base/path?token=secret", identity, proof);
+  EXPECT_EQ(url, "wss://rv.example.com/v1/rendezvous/" + identity.agentId() +
+                     "?role=agent&agentId=" + identity.agentId() +
+                     "&publicKey=" + Base64Url::encode(identity.publicKey()) +
+                     "&timestamp=1763000000&nonce=bm9uY2Vub25jZW5vbmNlbm9uY2Vub25j"
+                     "&signature=c2lnbmF0dXJl-_");
+  // Values are percent-encoded: characters with a query meaning never pass raw.
+  IdentityProof odd{1, "a+b=c&d e", "s/ig"};
+  auto encoded = authenticatedRendezvousUrl("http://h", identity, odd);
+  EXPECT_NE(encoded.find("&nonce=a%2Bb%3Dc%26d%20e&"), std::string::npos) << encoded;
+}
+
+}  // namespace
+}  // namespace zul
