@@ -14,6 +14,7 @@
 #include "ZulPlatform/linux/LibavH264Encoder.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
 #include "ZulTransport/WebRTCSmokeTest.h"
+#include "ZulTransport/WebRtcLogging.h"
 
 namespace zul {
 namespace {
@@ -67,6 +68,7 @@ void runPhoneDemoMode() {
 
 int agentMain(int argc, char** argv) {
   makeStdoutUnbuffered();
+  configureWebRtcLogging();
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   const char* captureBackend = std::getenv("ZUL_CAPTURE_BACKEND");
   const LaunchPlan plan = chooseRunMode(

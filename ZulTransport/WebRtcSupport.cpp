@@ -1,5 +1,7 @@
 #include "ZulTransport/WebRtcSupport.h"
 
+#include "ZulTransport/WebRtcLogging.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <future>
@@ -280,3 +282,9 @@ webrtc::PeerConnectionInterface::RTCOfferAnswerOptions sendOnlyOfferOptions() {
 }
 
 }  // namespace zul::webrtc_support
+
+namespace zul {
+
+void configureWebRtcLogging() { webrtc_support::initialize(); }
+
+}  // namespace zul

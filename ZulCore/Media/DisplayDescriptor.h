@@ -9,7 +9,7 @@ namespace zul {
 // one has a negative origin).
 struct DisplayDescriptor {
   std::int64_t index = 0;       // what CaptureOptions::displayIndex selects
-  std::uint32_t displayID = 0;  // the platform's id (on X11: the RandR monitor's output)
+  std::uint32_t displayID = 0;  // the platform's id (on X11: the RandR monitor's name atom)
   std::int64_t width = 0;
   std::int64_t height = 0;
   std::int64_t originX = 0;
