@@ -5,7 +5,6 @@
 #include <memory>
 #include <thread>
 
-#include "ZulCore/Trust/IdentityKeyStore.h"
 #include "ZulPlatform/linux/SecretBackendSelection.h"
 #include "ZulPlatform/linux/SecretServiceBackend.h"
 #include "support/ChildProcess.h"
@@ -155,16 +154,6 @@ TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
   backend.remove(kService, "binary");
   EXPECT_EQ(backend.load(kService, "binary"), std::nullopt);
   backend.remove(kService, "binary");  // absent: nothing happens
-}
-
-TEST_F(SecretServiceBackendTest, IdentityPersistsInTheKeyring) {
-  auto backend = std::make_shared<SecretServiceBackend>();
-  SecretStore store("identity", backend);
-  store.remove();
-  const std::string agentId = IdentityKeyStore(store).agentId();
-  EXPECT_EQ(store.load()->size(), 32u);
-  EXPECT_EQ(IdentityKeyStore(store).agentId(), agentId);
-  store.remove();
 }
 
 TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {

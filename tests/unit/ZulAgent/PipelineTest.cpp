@@ -56,17 +56,6 @@ CaptureOptions fastOptions() {
   return options;
 }
 
-TEST(PipelineTest, FixedSettings) {
-  auto options = pipelineCaptureOptions();
-  EXPECT_EQ(options.width, 960);
-  EXPECT_EQ(options.height, 540);
-  EXPECT_EQ(options.framesPerSecond, 10);
-  EXPECT_EQ(options.idleFramesPerSecond, 2);
-  EXPECT_FALSE(pipelineEncoderSettings(false).hardwareRequired);
-  EXPECT_TRUE(pipelineEncoderSettings(true).hardwareRequired);
-  EXPECT_EQ(pipelineEncoderSettings(true).bitrateKbps, 3000);
-}
-
 TEST(PipelineTest, FakePairPrintsFramesAndTotals) {
   FakeCaptureSource source;
   FakeH264Encoder encoder;

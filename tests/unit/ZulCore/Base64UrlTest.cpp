@@ -29,9 +29,7 @@ const RoundTrip kRoundTrips[] = {
 TEST(Base64UrlTest, EncodesAndDecodesRfc4648Vectors) {
   for (const auto& [data, text] : kRoundTrips) {
     EXPECT_EQ(Base64Url::encode(data), text);
-    auto decoded = Base64Url::decode(text);
-    ASSERT_TRUE(decoded.has_value()) << text;
-    EXPECT_EQ(*decoded, data) << text;
+    EXPECT_EQ(Base64Url::decode(text), data) << text;
   }
 }
 
@@ -48,15 +46,10 @@ TEST(Base64UrlTest, RoundTripsEveryByteValueAndLength) {
 
 TEST(Base64UrlTest, AcceptsCorrectPaddingAndStandardDigits) {
   const std::pair<std::string, Bytes> accepted[] = {
-      {"Zg==", toBytes("f")},        {"Zm8=", toBytes("fo")}, {"Zg=", toBytes("f")},
-      {"+/8", {0xFB, 0xFF}},         {"-/8=", {0xFB, 0xFF}},  {"Zm9vYmFy", toBytes("foobar")},
-      {"Zm9vYg==", toBytes("foob")},
+      {"Zg==", toBytes("f")}, {"Zm8=", toBytes("fo")}, {"Zg=", toBytes("f")},
+      {"+/8", {0xFB, 0xFF}},  {"-/8=", {0xFB, 0xFF}},  {"Zm9vYg==", toBytes("foob")},
   };
-  for (const auto& [text, data] : accepted) {
-    auto decoded = Base64Url::decode(text);
-    ASSERT_TRUE(decoded.has_value()) << text;
-    EXPECT_EQ(*decoded, data) << text;
-  }
+  for (const auto& [text, data] : accepted) EXPECT_EQ(Base64Url::decode(text), data) << text;
 }
 
 TEST(Base64UrlTest, RejectsMalformedText) {

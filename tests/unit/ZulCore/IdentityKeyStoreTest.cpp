@@ -161,18 +161,14 @@ TEST_F(IdentityKeyStoreTest, VerifyRejectsWithoutThrowing) {
   flippedKey[0] ^= 0x01;
   Bytes notAPoint(32, 0);
   notAPoint[0] = 2;  // y = 2 is not on the curve
+  Bytes longKey = publicKey;
+  longKey.push_back(0);
   const struct {
     const char* name;
     Bytes publicKey, payload, signature;
   } cases[] = {
       {"31-byte key", Bytes(publicKey.begin(), publicKey.end() - 1), v.message, signature},
-      {"33-byte key",
-       [&] {
-         auto k = publicKey;
-         k.push_back(0);
-         return k;
-       }(),
-       v.message, signature},
+      {"33-byte key", longKey, v.message, signature},
       {"empty key", {}, v.message, signature},
       {"other key", flippedKey, v.message, signature},
       {"invalid point", notAPoint, v.message, signature},

@@ -33,7 +33,7 @@ std::string codecOf(const std::string& sdp, const std::string& payloadType) {
   return m[1].str();
 }
 
-TEST(AgentPeerSession, StartsWithOneVideoTrackAndNoChannels) {
+TEST(AgentPeerSession, StartsWithOneVideoTrackAndCreatesTheCatalogueChannels) {
   AgentPeerSession session(certificateStore());
   const auto tracks = session.videoTracks();
   ASSERT_EQ(tracks.size(), 1u);
@@ -41,10 +41,6 @@ TEST(AgentPeerSession, StartsWithOneVideoTrackAndNoChannels) {
   EXPECT_EQ(tracks[0].streamIds, std::vector<std::string>{"zul-stream0"});
   EXPECT_TRUE(session.channels().empty());
   EXPECT_TRUE(session.iceServers().empty());
-}
-
-TEST(AgentPeerSession, CreatesTheCatalogueChannels) {
-  AgentPeerSession session(certificateStore());
   session.createDataChannels();
   auto channels = session.channels();
   ASSERT_EQ(channels.size(), 5u);

@@ -78,15 +78,14 @@ TEST_F(SignalingMessageHandlerTest, PairingRequestIsGrantedStoredAndAnswered) {
   auto deviceId = IdentityKeyStore::deriveId("device_", phone->publicKey());
   auto devices = store.load();
   ASSERT_EQ(devices.size(), 2u);
-  const auto& device = devices.back();
-  EXPECT_EQ(device.deviceId, deviceId);
-  EXPECT_EQ(device.name, "Device " + deviceId.substr(deviceId.size() - 6));
-  EXPECT_EQ(device.ed25519PublicKey, Base64Url::encode(phone->publicKey()));
-  EXPECT_EQ(device.permissions,
-            (std::set<DevicePermission>{DevicePermission::view, DevicePermission::control,
-                                        DevicePermission::files}));
-  EXPECT_EQ(device.pairedAt, UtcSeconds(1'763'000'000s));
-  EXPECT_FALSE(device.revoked);
+  EXPECT_EQ(
+      devices.back(),
+      (TrustedDevice{deviceId,
+                     "Device " + deviceId.substr(deviceId.size() - 6),
+                     Base64Url::encode(phone->publicKey()),
+                     {DevicePermission::view, DevicePermission::control, DevicePermission::files},
+                     UtcSeconds(1'763'000'000s),
+                     false}));
   ASSERT_EQ(changedLists.size(), 1u);
   EXPECT_EQ(changedLists[0], devices);
 
@@ -106,24 +105,20 @@ TEST_F(SignalingMessageHandlerTest, PairingRequestIsGrantedStoredAndAnswered) {
 
 TEST_F(SignalingMessageHandlerTest, BadPairingRequestsEndTheRunAndStoreNothing) {
   auto phone = makeIdentity();
-  auto other = makeIdentity();
-  auto mismatched = pairingRequest(*phone);
-  mismatched["deviceId"] = IdentityKeyStore::deriveId("device_", other->publicKey());
-  auto undecodable = pairingRequest(*phone);
-  undecodable["devicePublicKey"] = "not base64url!";
-  auto agentPrefix = pairingRequest(*phone);
-  agentPrefix["deviceId"] = IdentityKeyStore::deriveId("agent_", phone->publicKey());
-  auto noKey = pairingRequest(*phone);
-  noKey.erase("devicePublicKey");
-  auto numericId = pairingRequest(*phone);
-  numericId["deviceId"] = 5;
-
-  const std::pair<Json, SignalingError::Case> cases[] = {
-      {mismatched, SignalingError::Case::pairingDeviceIdMismatch},
-      {undecodable, SignalingError::Case::pairingDeviceIdMismatch},
-      {agentPrefix, SignalingError::Case::pairingDeviceIdMismatch},
-      {noKey, SignalingError::Case::malformedPairingRequest},
-      {numericId, SignalingError::Case::malformedPairingRequest},
+  auto with = [&](const char* key, Json value) {
+    auto request = pairingRequest(*phone);
+    value.is_null() ? (void)request.erase(key) : (void)(request[key] = value);
+    return request;
+  };
+  using C = SignalingError::Case;
+  const std::pair<Json, C> cases[] = {
+      {with("deviceId", IdentityKeyStore::deriveId("device_", makeIdentity()->publicKey())),
+       C::pairingDeviceIdMismatch},
+      {with("devicePublicKey", "not base64url!"), C::pairingDeviceIdMismatch},
+      {with("deviceId", IdentityKeyStore::deriveId("agent_", phone->publicKey())),
+       C::pairingDeviceIdMismatch},
+      {with("devicePublicKey", nullptr), C::malformedPairingRequest},
+      {with("deviceId", 5), C::malformedPairingRequest},
   };
   for (const auto& [message, expected] : cases) {
     SCOPED_TRACE(message.dump());
