@@ -261,16 +261,16 @@ void LibavH264Encoder::configure(const VideoEncoderSettings& settings) {
   settings_ = settings;
 }
 
+std::pair<std::shared_ptr<LibavH264Encoder::Session>, VideoEncoderSettings>
+LibavH264Encoder::configured() const {
+  std::lock_guard lock(mutex_);
+  if (!session_ || !settings_) throw MediaError::notConfigured();
+  return {session_, *settings_};
+}
+
 std::optional<EncodedVideoFrame> LibavH264Encoder::encode(const CapturedFrame& frame,
                                                           bool forceKeyFrame) {
-  std::shared_ptr<Session> session;
-  VideoEncoderSettings settings;
-  {
-    std::lock_guard lock(mutex_);
-    if (!session_ || !settings_) throw MediaError::notConfigured();
-    session = session_;
-    settings = *settings_;
-  }
+  auto [session, settings] = configured();
   auto planes = planesOf(frame);
   if (!planes) throw MediaError::missingNativeSurface();
   if (frame.width != settings.width || frame.height != settings.height) {
@@ -350,14 +350,7 @@ std::optional<EncodedVideoFrame> LibavH264Encoder::encode(const CapturedFrame& f
 }
 
 void LibavH264Encoder::setBitrate(std::int64_t kbps) {
-  std::shared_ptr<Session> session;
-  VideoEncoderSettings settings;
-  {
-    std::lock_guard lock(mutex_);
-    if (!session_ || !settings_) throw MediaError::notConfigured();
-    session = session_;
-    settings = *settings_;
-  }
+  auto [session, settings] = configured();
   if (kbps <= 0 || kbps > INT64_MAX / 1000) throw MediaError::propertyUpdateFailed(AVERROR(EINVAL));
 
   settings.bitrateKbps = kbps;

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZulCore/Media/VideoEncoder.h"
@@ -44,6 +45,9 @@ class LibavH264Encoder : public VideoEncoder {
 
  private:
   std::vector<std::string> candidates_;
+  // The running session and its settings, or notConfigured.
+  std::pair<std::shared_ptr<Session>, VideoEncoderSettings> configured() const;
+
   mutable std::mutex mutex_;  // guards session_ and settings_
   std::shared_ptr<Session> session_;
   std::optional<VideoEncoderSettings> settings_;
