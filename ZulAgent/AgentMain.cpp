@@ -7,6 +7,7 @@
 
 #include "ZulAgent/PhoneDemo.h"
 #include "ZulAgent/PipelineTest.h"
+#include "ZulAgent/RealAgent.h"
 #include "ZulAgent/RunMode.h"
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
@@ -18,10 +19,6 @@
 
 namespace zul {
 namespace {
-
-void notAvailable(std::string_view what) {
-  printLine(std::string(what) + ": not available in this build");
-}
 
 void runPipelineMode(bool useReal) {
   if (useReal) {
@@ -54,6 +51,17 @@ void runWebRtcSmokeMode() {
   }
 }
 
+void runRealAgentMode() {
+  try {
+    const RealAgentSettings settings = RealAgentSettings::fromEnvironment();
+    printLine("Zul Linux agent \u2014 real agent (signaling: " + settings.signalingBaseURL +
+              "; set ZUL_SIGNALING_URL to change)");
+    runRealAgent(settings, nullptr, printLine);
+  } catch (const std::exception& error) {
+    printLine(std::string("real-agent failed: ") + error.what());
+  }
+}
+
 void runPhoneDemoMode() {
   try {
     runPhoneDemo(
@@ -80,7 +88,7 @@ int agentMain(int argc, char** argv) {
       runWebRtcSmokeMode();
       break;
     case RunMode::realAgent:
-      notAvailable("real agent (--real-agent)");
+      runRealAgentMode();
       break;
     case RunMode::phoneDemo:
       runPhoneDemoMode();

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace zul::test {
 
@@ -34,5 +35,8 @@ class ScreenPattern {
   int width_ = 0;
   int height_ = 0;
 };
+
+// Where the pointer is on the X screen `display`, or (-1, -1).
+std::pair<int, int> pointerPosition(const std::string& display);
 
 }  // namespace zul::test

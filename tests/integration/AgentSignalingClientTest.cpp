@@ -476,40 +476,5 @@ TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
   EXPECT_EQ(statuses(), (std::vector<std::string>{"connected", "disconnected"}));
 }
 
-// The development phone page pairs from a real browser with WebCrypto Ed25519.
-TEST_F(AgentSignalingClientTest, BrowserPhonePagePairs) {
-  std::string browser = test::haveProgram("chromium") ? "chromium" : "";
-  if (browser.empty()) GTEST_SKIP() << "chromium is not installed";
-  startServer();
-  baseUrl_ = "http://localhost:" + port_;  // a secure context for WebCrypto
-  auto client = makeClient();
-  startRun(*client);
-  auto link = pairingDeepLink(client->createPairing());
-
-  char profile[] = "/tmp/zul-signaling-chromium-XXXXXX";
-  ASSERT_TRUE(mkdtemp(profile));
-  test::ChildProcess::Options options;
-  options.captureStdout = true;
-  test::ChildProcess page(
-      {browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-background-networking",
-       "--disable-component-update", "--no-first-run", std::string("--user-data-dir=") + profile,
-       "--virtual-time-budget=15000", "--dump-dom",
-       baseUrl_ + "/phone/?auto=1&link=" + percentEncodeQueryValue(link)},
-      options);
-  std::string dom;
-  while (auto line = page.readStdoutLine(60s)) dom += *line + "\n";
-  std::filesystem::remove_all(profile);
-  EXPECT_NE(dom.find("data-status=\"paired\""), std::string::npos) << dom;
-  auto devices = client->trustedDeviceList();
-  ASSERT_EQ(devices.size(), 1u);
-  EXPECT_EQ(devices[0].deviceId.rfind("device_", 0), 0u);
-  EXPECT_NE(dom.find(devices[0].deviceId), std::string::npos);
-
-  client->close();
-  ASSERT_TRUE(waitForRunEnd());
-  runThread_.join();
-  EXPECT_FALSE(runFailure_);
-}
-
 }  // namespace
 }  // namespace zul

@@ -186,10 +186,10 @@ function log(line) {
   process.stdout.write(`rendezvous: ${line}\n`);
 }
 
-function turnCredentials(config, agentId) {
+function turnCredentials(config, subjectId) {
   if (config.turnUrls.length === 0) return null;
   const expiry = Math.floor(Date.now() / 1000) + config.turnTtl;
-  const username = `${expiry}:${agentId}`;
+  const username = `${expiry}:${subjectId}`;
   const credential = crypto.createHmac('sha1', config.turnSecret).update(username).digest('base64');
   return {
     type: 'turn.credentials',
@@ -464,6 +464,9 @@ class RendezvousServer {
     const phone = { deviceId, publicKey, connection };
     agent.phones.add(phone);
     log(`phone ${deviceId} connected to ${agent.agentId}`);
+    // Phones get TURN credentials of their own, so that either side can relay.
+    const credentials = turnCredentials(this.config, deviceId);
+    if (credentials) connection.sendJson(credentials);
     const error = (code) => connection.sendJson({ type: 'signal.error', code });
     connection.on('message', (data, isText) => {
       const message = isText ? parseJsonObject(data) : null;

@@ -1,9 +1,13 @@
 'use strict';
 // A minimal browser phone for development: an Ed25519 device key kept in
 // localStorage, pairing through the rendezvous server with the QR code's
-// link, then a WebRTC session with the agent: video, the signed control hello,
-// and clicks on the video as pointer input. WebCrypto needs a secure context
-// (https, or http on localhost).
+// link, then a WebRTC session with the agent: the pinned DTLS fingerprint
+// checked, video, the signed control hello, and clicks on the video as pointer
+// input. WebCrypto needs a secure context (https, or http on localhost).
+//
+// Everything the buttons do is also on `window.zulPhone`, so that tests (and
+// curious developers in the console) can drive the phone, including hellos
+// that the agent must refuse.
 
 const $ = (id) => document.getElementById(id);
 const encoder = new TextEncoder();
@@ -36,10 +40,17 @@ async function deriveId(prefix, rawKey) {
   return prefix + b64url(digest.slice(0, 18));
 }
 
-const device = {};
+// What the phone holds and has seen; read by tests.
+const state = {
+  device: {},
+  session: null, // { ws, pc, channels, sessionId, iceServers }
+  received: [], // every data-channel message: { channel, data }
+  signalErrors: [], // codes of the server's signal.error messages
+  fingerprintMismatch: false,
+};
 
-async function loadDevice() {
-  let stored = JSON.parse(localStorage.getItem('zul.device') || 'null');
+async function loadDevice(fresh = false) {
+  let stored = fresh ? null : JSON.parse(localStorage.getItem('zul.device') || 'null');
   if (!stored) {
     const pair = await crypto.subtle.generateKey({ name: 'Ed25519' }, true, ['sign', 'verify']);
     stored = {
@@ -48,15 +59,16 @@ async function loadDevice() {
     };
     localStorage.setItem('zul.device', JSON.stringify(stored));
   }
-  device.privateKey = await crypto.subtle.importKey('pkcs8', unb64url(stored.privateKey),
+  state.device.privateKey = await crypto.subtle.importKey('pkcs8', unb64url(stored.privateKey),
     { name: 'Ed25519' }, false, ['sign']);
-  device.publicKey = stored.publicKey;
-  device.id = await deriveId('device_', unb64url(stored.publicKey));
-  $('device').textContent = device.id;
+  state.device.publicKey = stored.publicKey;
+  state.device.id = await deriveId('device_', unb64url(stored.publicKey));
+  $('device').textContent = state.device.id;
+  return state.device.id;
 }
 
 async function sign(text) {
-  return b64url(await crypto.subtle.sign({ name: 'Ed25519' }, device.privateKey,
+  return b64url(await crypto.subtle.sign({ name: 'Ed25519' }, state.device.privateKey,
     encoder.encode(text)));
 }
 async function verify(publicKeyText, bytes, signatureText) {
@@ -77,10 +89,10 @@ async function openSignaling(signalUrl, agentId) {
   const timestamp = Math.floor(Date.now() / 1000);
   const nonce = randomText(24);
   const transcript =
-    `ZUL-SIGNALING-IDENTITY-1\nphone\n${device.id}\n${agentId}\n${timestamp}\n${nonce}`;
+    `ZUL-SIGNALING-IDENTITY-1\nphone\n${state.device.id}\n${agentId}\n${timestamp}\n${nonce}`;
   const url = new URL(signalUrl);
   url.search = new URLSearchParams({
-    role: 'phone', deviceId: device.id, agentId, publicKey: device.publicKey,
+    role: 'phone', deviceId: state.device.id, agentId, publicKey: state.device.publicKey,
     timestamp: String(timestamp), nonce, signature: await sign(transcript),
   }).toString();
   const ws = new WebSocket(url);
@@ -91,8 +103,14 @@ async function openSignaling(signalUrl, agentId) {
   return ws;
 }
 
-async function pair() {
-  const payload = parseLink($('link').value);
+function recordSignalError(message) {
+  state.signalErrors.push(message.code);
+  log(`server: ${message.code}`);
+  status(`error:${message.code}`);
+}
+
+async function pair(linkText) {
+  const payload = parseLink(linkText);
   const transcript = `ZUL-DTLS-FINGERPRINT-1\n${payload.agentId}\n${payload.dtlsFingerprint}\n` +
     payload.ephemeralX25519PublicKey;
   if (!await verify(payload.agentPublicKey, encoder.encode(transcript),
@@ -101,16 +119,19 @@ async function pair() {
   }
   status('pairing');
   const ws = await openSignaling(payload.signalUrl, payload.agentId);
-  ws.send(JSON.stringify({ type: 'pairing.request', secret: payload.pairingSecret,
-    permissions: ['view', 'control'] }));
   const message = await new Promise((resolve) => {
     ws.onmessage = (event) => {
       const m = JSON.parse(event.data);
       if (m.type === 'pairing.grant' || m.type === 'signal.error') resolve(m);
     };
+    ws.send(JSON.stringify({ type: 'pairing.request', secret: payload.pairingSecret,
+      permissions: ['view', 'control'] }));
   });
   ws.close();
-  if (message.type === 'signal.error') throw new Error(`pairing refused: ${message.code}`);
+  if (message.type === 'signal.error') {
+    recordSignalError(message);
+    throw new Error(`pairing refused: ${message.code}`);
+  }
   const grantBytes = unb64url(message.grant);
   if (!await verify(payload.agentPublicKey, grantBytes, message.grantSignature)) {
     throw new Error('the grant signature does not verify');
@@ -122,6 +143,7 @@ async function pair() {
   }));
   log(`paired with ${grant.agentId}: ${grant.permissions.join(', ')}`);
   status('paired');
+  return grant;
 }
 
 function offeredFingerprint(sdp) {
@@ -129,49 +151,92 @@ function offeredFingerprint(sdp) {
   return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
 }
 
-async function connect() {
+function send(channel, message) {
+  const dc = state.session && state.session.channels[channel];
+  if (!dc || dc.readyState !== 'open') throw new Error(`channel ${channel} is not open`);
+  dc.send(typeof message === 'string' ? message : JSON.stringify(message));
+}
+
+// The signed hello. `options` override its fields or its signing, to show
+// what the agent refuses: sessionId, deviceId, dtlsFingerprint, nonce,
+// transcript (a function from the true transcript to the signed text).
+async function hello(options = {}) {
+  const session = state.session;
+  const sessionId = options.sessionId || session.sessionId;
+  const deviceId = options.deviceId || state.device.id;
+  const nonce = options.nonce || randomText(24);
+  let transcript = `ZUL-CONTROL-HELLO-1\n${sessionId}\n${deviceId}\n${nonce}`;
+  if (options.transcript) transcript = options.transcript(transcript);
+  const message = {
+    type: 'control.hello', protoVersion: '1.0', sessionId, deviceId,
+    dtlsFingerprint: options.dtlsFingerprint || offeredFingerprint(session.pc.remoteDescription.sdp),
+    nonce, signature: await sign(transcript), replaceSession: true,
+  };
+  send('control', message);
+  return message;
+}
+
+// Connects to the paired agent: asks the server for a session, answers the
+// agent's offer (refused when it does not carry the pinned fingerprint), and
+// resolves once the control channel is open, after sending the hello unless
+// `autoHello` is false. `relay` keeps the phone's media on TURN.
+async function connect({ relay = false, autoHello = true } = {}) {
   const agent = JSON.parse(localStorage.getItem('zul.agent') || 'null');
   if (!agent) throw new Error('pair first');
   status('connecting');
   const ws = await openSignaling(agent.signalUrl, agent.agentId);
-  const pc = new RTCPeerConnection();
-  const sessionId = crypto.randomUUID();
-  const channels = {};
-  pc.ontrack = (event) => { $('video').srcObject = event.streams[0] || new MediaStream([event.track]); };
-  pc.onconnectionstatechange = () => log(`connection: ${pc.connectionState}`);
-  pc.ondatachannel = ({ channel }) => {
-    channels[channel.label] = channel;
-    channel.onmessage = (event) => log(`${channel.label} ← ${String(event.data).slice(0, 200)}`);
-    if (channel.label !== 'control') return;
-    channel.onopen = async () => {
-      const nonce = randomText(24);
-      const signature = await sign(`ZUL-CONTROL-HELLO-1\n${sessionId}\n${device.id}\n${nonce}`);
-      channel.send(JSON.stringify({
-        type: 'control.hello', protoVersion: '1.0', sessionId, deviceId: device.id,
-        dtlsFingerprint: offeredFingerprint(pc.remoteDescription.sdp), nonce, signature,
-        replaceSession: true,
-      }));
-      status('session');
+  const session = {
+    ws, pc: null, channels: {}, sessionId: crypto.randomUUID(), iceServers: [],
+  };
+  if (state.session && state.session.pc) state.session.pc.close();
+  state.session = session;
+  let controlOpen;
+  const opened = new Promise((resolve, reject) => { controlOpen = { resolve, reject }; });
+
+  const makeConnection = () => {
+    const pc = new RTCPeerConnection({
+      iceServers: session.iceServers,
+      iceTransportPolicy: relay ? 'relay' : 'all',
+    });
+    pc.ontrack = (event) => {
+      $('video').srcObject = event.streams[0] || new MediaStream([event.track]);
     };
+    pc.onconnectionstatechange = () => log(`connection: ${pc.connectionState}`);
+    pc.ondatachannel = ({ channel }) => {
+      session.channels[channel.label] = channel;
+      channel.onmessage = (event) => {
+        state.received.push({ channel: channel.label, data: String(event.data) });
+        log(`${channel.label} ← ${String(event.data).slice(0, 200)}`);
+      };
+      if (channel.label !== 'control') return;
+      channel.onopen = async () => {
+        try {
+          if (autoHello) await hello();
+          status('session');
+          controlOpen.resolve(session.sessionId);
+        } catch (error) {
+          controlOpen.reject(error);
+        }
+      };
+    };
+    return pc;
   };
-  $('video').onclick = (event) => {
-    const video = $('video');
-    const rect = video.getBoundingClientRect();
-    const x = (event.clientX - rect.left) * (video.videoWidth / rect.width);
-    const y = (event.clientY - rect.top) * (video.videoHeight / rect.height);
-    const channel = channels.input;
-    if (!channel || channel.readyState !== 'open') return;
-    for (const phase of ['move', 'down', 'up']) {
-      channel.send(JSON.stringify({ type: 'input.cursor', protoVersion: '1.0', sessionId,
-        phase, x, y, button: 'left' }));
-    }
-  };
+
+  ws.onclose = () => log('signalling closed (the video goes on while the connection lasts)');
   ws.onmessage = async (event) => {
     const m = JSON.parse(event.data);
-    if (m.type === 'signal.offer') {
+    if (m.type === 'turn.credentials') {
+      session.iceServers = [{ urls: m.urls, username: m.username, credential: m.credential }];
+    } else if (m.type === 'signal.offer') {
       if (offeredFingerprint(m.sdp) !== agent.dtlsFingerprint) {
-        log('warning: the offer names another DTLS fingerprint than the QR code');
+        state.fingerprintMismatch = true;
+        log('refused: the offer names another DTLS fingerprint than the pairing link');
+        status('error:fingerprint');
+        controlOpen.reject(new Error('the offer names another DTLS fingerprint'));
+        return;
       }
+      const pc = makeConnection();
+      session.pc = pc;
       await pc.setRemoteDescription({ type: 'offer', sdp: m.sdp });
       await pc.setLocalDescription(await pc.createAnswer());
       if (pc.iceGatheringState !== 'complete') {
@@ -179,18 +244,51 @@ async function connect() {
           pc.onicegatheringstatechange = () => {
             if (pc.iceGatheringState === 'complete') resolve();
           };
-          setTimeout(resolve, 3000);
+          setTimeout(resolve, 5000);
         });
       }
       ws.send(JSON.stringify({ type: 'signal.answer', sdp: pc.localDescription.sdp }));
       log('answer sent');
     } else if (m.type === 'signal.error') {
-      log(`server: ${m.code}`);
-      status(`error:${m.code}`);
+      recordSignalError(m);
+      controlOpen.reject(new Error(`the server refused: ${m.code}`));
     }
   };
   ws.send(JSON.stringify({ type: 'session.request' }));
+  return opened;
 }
+
+// What the video shows and how it travels.
+async function videoStats() {
+  const session = state.session;
+  const video = $('video');
+  const out = { width: video.videoWidth, height: video.videoHeight, framesDecoded: 0 };
+  if (!session || !session.pc) return out;
+  const report = await session.pc.getStats();
+  let pairId;
+  report.forEach((s) => {
+    if (s.type === 'inbound-rtp' && s.kind === 'video') out.framesDecoded = s.framesDecoded || 0;
+    if (s.type === 'transport' && s.selectedCandidatePairId) pairId = s.selectedCandidatePairId;
+  });
+  const pair = pairId && report.get(pairId);
+  const local = pair && report.get(pair.localCandidateId);
+  if (local) out.localCandidateType = local.candidateType;
+  out.connectionState = session.pc.connectionState;
+  return out;
+}
+
+window.zulPhone = {
+  state,
+  pair,
+  connect,
+  hello,
+  send,
+  videoStats,
+  // A new device key, as if another phone that never paired picked this one up.
+  newDevice: () => loadDevice(true),
+  controlMessages: () => state.received.filter((m) => m.channel === 'control')
+    .map((m) => JSON.parse(m.data)),
+};
 
 function guarded(action) {
   return () => action().catch((error) => {
@@ -207,16 +305,34 @@ function guarded(action) {
     log(`no Ed25519 key: ${error.message} (WebCrypto needs https or localhost)`);
     return;
   }
+  const params = new URLSearchParams(location.search);
   status(localStorage.getItem('zul.agent') ? 'paired' : 'not paired');
-  $('pair').onclick = guarded(pair);
-  $('connect').onclick = guarded(connect);
+  $('pair').onclick = guarded(() => pair($('link').value));
+  $('connect').onclick = guarded(() => connect({ relay: params.get('relay') === '1' }));
   $('forget').onclick = () => {
     localStorage.removeItem('zul.agent');
     status('not paired');
   };
-  const params = new URLSearchParams(location.search);
+  $('video').onclick = (event) => {
+    const video = $('video');
+    const rect = video.getBoundingClientRect();
+    const x = (event.clientX - rect.left) * (video.videoWidth / rect.width);
+    const y = (event.clientY - rect.top) * (video.videoHeight / rect.height);
+    const session = state.session;
+    if (!session) return;
+    for (const phase of ['move', 'down', 'up']) {
+      try {
+        send('input', { type: 'input.cursor', protoVersion: '1.0', sessionId: session.sessionId,
+          phase, x, y, button: 'left' });
+      } catch (error) {
+        log(`error: ${error.message}`);
+        return;
+      }
+    }
+  };
   if (params.get('link')) {
     $('link').value = params.get('link');
-    if (params.get('auto') === '1') guarded(pair)();
+    if (params.get('auto') === '1') guarded(() => pair($('link').value))();
   }
+  document.body.dataset.ready = '1';
 })();

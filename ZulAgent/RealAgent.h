@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ZulCore/Input/InputInjector.h"
+#include "ZulCore/Input/KeyboardExecutor.h"
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulCore/Scene/AccessibilitySceneSource.h"
+#include "ZulCore/Support/Error.h"
+#include "ZulCore/Trust/PairingService.h"
+#include "ZulTransport/MessageRouter.h"
+
+namespace zul {
+
+class RealAgentError : public Error {
+ public:
+  enum class Case { invalidSemanticInvocation, couldNotEncodePairingLink };
+  static RealAgentError invalidSemanticInvocation();
+  static RealAgentError couldNotEncodePairingLink();
+  Case kind() const { return kind_; }
+
+ private:
+  RealAgentError(Case kind, std::string text) : Error(std::move(text)), kind_(kind) {}
+  Case kind_;
+};
+
+struct RealAgentSettings {
+  static constexpr const char* defaultSignalingURL = "http://127.0.0.1:8443";
+
+  std::string signalingBaseURL = defaultSignalingURL;
+  // Run this long, then tear down; nothing: until SIGINT or SIGTERM.
+  std::optional<double> seconds;
+
+  // ZUL_SIGNALING_URL (the rendezvous server's address) and ZUL_DEMO_SECONDS
+  // (an unparsable or negative value counts as absent).
+  static RealAgentSettings fromEnvironment();
+};
+
+using PrintLine = std::function<void(std::string_view)>;
+
+// What the agent does with each message of an authenticated control session.
+// The pointer executor exists once capture has resolved its display; before
+// that pointer requests are dropped.
+class AgentMessageActions {
+ public:
+  using SceneSourceProvider = std::function<std::shared_ptr<AccessibilitySceneSource>()>;
+
+  AgentMessageActions(std::shared_ptr<InputInjector> injector, SceneSourceProvider sceneSource,
+                      PrintLine print);
+
+  void setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor);
+  // No button stays pressed after a session ends.
+  void releaseHeldButton();
+
+  // Never throws: failures are printed and the message dropped.
+  void dispatch(const RoutedMessage& message, const PermissionGate& permissions);
+
+ private:
+  std::shared_ptr<PointerInputExecutor> pointer() const;
+  void invoke(const RoutedMessage& message, const PermissionGate& permissions);
+
+  KeyboardExecutor keyboard_;
+  SceneSourceProvider sceneSource_;
+  PrintLine print_;
+  mutable std::mutex pointerMutex_;
+  std::shared_ptr<PointerInputExecutor> pointer_;
+};
+
+// The lines that announce a pairing link.
+std::vector<std::string> pairingBanner(const std::string& link, std::int64_t expiresInSeconds,
+                                       const std::string& signalingBaseURL);
+
+// The ICE connection states after which a control session is over
+// (failed, disconnected, closed).
+bool iceStateEndsSession(int state);
+
+// The real agent: identity, pairing, the peer session, screen capture, the
+// signalling client with reconnects, the control dispatcher and the desktop
+// actions, wired together. Returns after tear-down (the settings' duration,
+// SIGINT or SIGTERM); throws when start-up fails. `onStatusChanged` hears the
+// signalling statuses, "waiting" after each pairing link and "reconnecting".
+void runRealAgent(const RealAgentSettings& settings,
+                  const std::function<void(const std::string&)>& onStatusChanged,
+                  const PrintLine& print);
+
+}  // namespace zul

@@ -1,0 +1,522 @@
+// The real agent as a phone meets it: `zul-agent --real-agent` on a private X
+// screen, the development rendezvous server, coturn, and the development
+// phone page in headless Chromium. Pairing, sessions, video and input, and
+// the attacks the agent must refuse without executing anything or touching
+// its trusted devices.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "HeadlessChromium.h"
+#include "ScreenPattern.h"
+#include "ZulCore/Trust/TrustedDevice.h"
+#include "ZulPlatform/linux/FileSecretBackend.h"
+#include "support/ChildProcess.h"
+#include "support/XvfbServer.h"
+
+namespace zul::test {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+int freeTcpPort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+bool acceptsConnections(int port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  ::close(fd);
+  return ok;
+}
+
+// A child whose stdout lines are collected in the background, so that a test
+// can wait for a line and later check what was (not) printed.
+class WatchedProcess {
+ public:
+  WatchedProcess(std::vector<std::string> argv, ChildProcess::Options options) {
+    options.captureStdout = true;
+    process_ = std::make_unique<ChildProcess>(std::move(argv), options);
+    reader_ = std::thread([this] {
+      while (!stopping_) {
+        auto line = process_->readStdoutLine(200ms);
+        if (!line) {
+          if (!process_->running()) break;
+          continue;
+        }
+        std::lock_guard lock(mutex_);
+        lines_.push_back(*line);
+        changed_.notify_all();
+      }
+    });
+  }
+  ~WatchedProcess() { stop(); }
+
+  void stop() {
+    if (!process_) return;
+    process_->terminate();
+    stopping_ = true;
+    if (reader_.joinable()) reader_.join();
+    process_.reset();
+  }
+
+  // The first line from `from` on that contains `text`; its index in *at.
+  std::optional<std::string> waitForLine(const std::string& text, std::chrono::seconds limit = 60s,
+                                         std::size_t from = 0, std::size_t* at = nullptr) {
+    std::unique_lock lock(mutex_);
+    std::optional<std::string> found;
+    changed_.wait_for(lock, limit, [&] {
+      for (std::size_t i = from; i < lines_.size(); ++i) {
+        if (lines_[i].find(text) != std::string::npos) {
+          found = lines_[i];
+          if (at) *at = i;
+          return true;
+        }
+      }
+      return false;
+    });
+    return found;
+  }
+
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  std::size_t lineCount() const {
+    std::lock_guard lock(mutex_);
+    return lines_.size();
+  }
+  std::size_t countContaining(const std::string& text, std::size_t from = 0) const {
+    std::lock_guard lock(mutex_);
+    std::size_t count = 0;
+    for (std::size_t i = from; i < lines_.size(); ++i) {
+      count += lines_[i].find(text) != std::string::npos;
+    }
+    return count;
+  }
+  std::string tail(std::size_t count = 40) const {
+    std::lock_guard lock(mutex_);
+    std::string out;
+    for (std::size_t i = lines_.size() > count ? lines_.size() - count : 0; i < lines_.size(); ++i) {
+      out += lines_[i] + "\n";
+    }
+    return out;
+  }
+
+ private:
+  std::unique_ptr<ChildProcess> process_;
+  std::thread reader_;
+  std::atomic<bool> stopping_{false};
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+};
+
+// coturn with the REST-API shared secret, on loopback only.
+class TurnServer {
+ public:
+  static constexpr const char* secret = "zul-e2e-turn-secret";
+
+  TurnServer() : port_(freeTcpPort()) {
+    process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+        "turnserver", "-n", "--listening-ip=127.0.0.1", "--relay-ip=127.0.0.1",
+        "--listening-port=" + std::to_string(port_), "--use-auth-secret",
+        std::string("--static-auth-secret=") + secret, "--realm=zul.test", "--no-tls", "--no-dtls",
+        "--no-cli", "--allow-loopback-peers", "--min-port=49200", "--max-port=49400",
+        "--no-stdout-log", "--log-file=/dev/null", "--pidfile=" + pidFile()});
+    for (int i = 0; i < 100 && !acceptsConnections(port_); ++i) std::this_thread::sleep_for(50ms);
+  }
+  std::string url() const { return "turn:127.0.0.1:" + std::to_string(port_) + "?transport=udp"; }
+
+ private:
+  std::string pidFile() const { return "/tmp/zul-e2e-turn-" + std::to_string(port_) + ".pid"; }
+  int port_;
+  std::unique_ptr<ChildProcess> process_;
+};
+
+// The phone page's API, called through the DevTools protocol.
+class Phone {
+ public:
+  Phone(HeadlessChromium& browser, int serverPort) : browser_(browser) {
+    // "localhost" makes the page a secure context, which WebCrypto needs.
+    page_ = browser_.openPage("http://localhost:" + std::to_string(serverPort) + "/phone/");
+    EXPECT_TRUE(waitFor("document.body.dataset.ready === '1'"));
+  }
+
+  nlohmann::json eval(const std::string& expression, std::chrono::seconds limit = 60s) {
+    return browser_.evaluate(page_, expression, limit);
+  }
+  // Polls `expression` until it is true.
+  bool waitFor(const std::string& expression, std::chrono::seconds limit = 60s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (eval(expression) == true) return true;
+      std::this_thread::sleep_for(200ms);
+    }
+    return false;
+  }
+  nlohmann::json pair(const std::string& link) {
+    return eval("zulPhone.pair(" + nlohmann::json(link).dump() + ")");
+  }
+  // The session id once the control channel is open.
+  std::string connect(const std::string& options = "{}") {
+    return eval("zulPhone.connect(" + options + ")").get<std::string>();
+  }
+  // Control messages received so far.
+  nlohmann::json control() { return eval("zulPhone.controlMessages()"); }
+  // Waits for the n-th control message (1-based) and returns it.
+  nlohmann::json waitForControl(std::size_t n) {
+    if (!waitFor("zulPhone.controlMessages().length >= " + std::to_string(n), 30s)) return {};
+    return control()[n - 1];
+  }
+  nlohmann::json stats() { return eval("zulPhone.videoStats()"); }
+  bool framesDecodedAbove(int count) {
+    return waitFor("zulPhone.videoStats().then(s => s.framesDecoded > " + std::to_string(count) +
+                   ")");
+  }
+  void sendCursor(const std::string& sessionId, int x, int y) {
+    eval("zulPhone.send('input', {type: 'input.cursor', protoVersion: '1.0', sessionId: " +
+         nlohmann::json(sessionId).dump() + ", phase: 'move', x: " + std::to_string(x) +
+         ", y: " + std::to_string(y) + "})");
+  }
+
+ private:
+  HeadlessChromium& browser_;
+  std::string page_;
+};
+
+// One string of a pairing link's percent-encoded JSON payload.
+std::string linkField(const std::string& link, const std::string& name) {
+  const std::string key = "%22" + name + "%22:%22";
+  const auto start = link.find(key);
+  if (start == std::string::npos) return {};
+  const auto from = start + key.size();
+  return link.substr(from, link.find("%22", from) - from);
+}
+
+class RealAgentE2eTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!HeadlessChromium::available()) GTEST_SKIP() << "no " << HeadlessChromium::program;
+    for (const char* program : {"Xvfb", "node"}) {
+      if (!haveProgram(program)) GTEST_SKIP() << "no " << program;
+    }
+    dataHome_ = fs::temp_directory_path() /
+                ("zul-e2e-" + std::to_string(::getpid()) + "-" +
+                 testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dataHome_);
+    fs::create_directories(dataHome_);
+    xvfb_ = std::make_unique<XvfbServer>(1280, 720);
+  }
+  void TearDown() override {
+    phone_.reset();
+    browser_.reset();
+    agent_.reset();
+    server_.reset();
+    if (!dataHome_.empty()) fs::remove_all(dataHome_);
+  }
+
+  void startServer(std::vector<std::string> extra = {}, int port = 0) {
+    std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--port",
+                                     std::to_string(port)};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    server_ = std::make_unique<WatchedProcess>(argv, ChildProcess::Options{});
+    auto line = server_->waitForLine("listening on", 30s);
+    ASSERT_TRUE(line) << "the rendezvous server did not start";
+    serverPort_ = std::stoi(line->substr(line->rfind(':') + 1));
+  }
+
+  void startAgent(const std::string& signalingURL = {}) {
+    ChildProcess::Options options;
+    options.env = {{"DISPLAY", xvfb_->display()},
+                   {"ZUL_SECRET_BACKEND", "file"},
+                   {"XDG_DATA_HOME", dataHome_.string()},
+                   {"ZUL_SIGNALING_URL", signalingURL.empty()
+                                             ? "http://localhost:" + std::to_string(serverPort_)
+                                             : signalingURL}};
+    options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS"};
+    agent_ = std::make_unique<WatchedProcess>(std::vector<std::string>{ZUL_AGENT_PATH, "--real-agent"},
+                                              options);
+  }
+
+  // The pairing link of the agent's latest banner.
+  std::string pairingLink(std::size_t from = 0) {
+    auto line = agent_->waitForLine("zul://pair?payload=", 60s, from);
+    EXPECT_TRUE(line) << agent_->tail();
+    return line.value_or("");
+  }
+
+  void openPhone() {
+    if (!browser_) browser_ = std::make_unique<HeadlessChromium>();
+    phone_ = std::make_unique<Phone>(*browser_, serverPort_);
+  }
+
+  // Agent, server and phone, paired and in session; returns the session id.
+  std::string pairAndConnect(const std::string& connectOptions = "{}") {
+    const std::string link = pairingLink();
+    openPhone();
+    const auto grant = phone_->pair(link);
+    EXPECT_EQ(grant["permissions"], nlohmann::json({"view", "control"}));
+    return phone_->connect(connectOptions);
+  }
+
+  TrustedDeviceStore trustedDevices() const {
+    auto backend = std::make_shared<FileSecretBackend>(dataHome_ / "zul-agent" / "secrets");
+    return TrustedDeviceStore(SecretStore("trusted-devices", backend));
+  }
+
+  // Lines in which the agent reports carrying out a phone's request.
+  std::size_t executedRequests(std::size_t from = 0) const {
+    return agent_->countContaining("] ok", from);
+  }
+
+  fs::path dataHome_;
+  std::unique_ptr<XvfbServer> xvfb_;
+  std::unique_ptr<WatchedProcess> server_;
+  int serverPort_ = 0;
+  std::unique_ptr<WatchedProcess> agent_;
+  std::unique_ptr<HeadlessChromium> browser_;
+  std::unique_ptr<Phone> phone_;
+};
+
+TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
+  startServer();
+  startAgent();
+  const std::string sessionId = pairAndConnect();
+
+  const auto ok = phone_->waitForControl(1);
+  ASSERT_EQ(ok["type"], "control.hello.ok") << ok.dump() << "\n" << agent_->tail();
+  EXPECT_EQ(ok["sessionId"], sessionId);
+  EXPECT_EQ(ok["controlLease"], "granted");
+  EXPECT_EQ(ok["permissions"], nlohmann::json({"view", "control"}));
+  EXPECT_EQ(ok["host"]["platform"], "linux");
+  EXPECT_TRUE(agent_->waitForLine("control session established: " + sessionId));
+
+  ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump();
+  const auto stats = phone_->stats();
+  EXPECT_EQ(stats["width"], 1280);
+  EXPECT_EQ(stats["height"], 720);
+
+  // The screen is captured at its own size, so wire and screen points agree.
+  phone_->sendCursor(sessionId, 321, 123);
+  ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=321 y=123")) << agent_->tail();
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(321, 123));
+
+  // The stored device is the page's key, and nothing else was stored.
+  const auto devices = trustedDevices().load();
+  ASSERT_EQ(devices.size(), 1u);
+  const std::string deviceId = phone_->eval("zulPhone.state.device.id");
+  EXPECT_EQ(devices[0].deviceId, deviceId);
+  EXPECT_FALSE(devices[0].revoked);
+
+  // Revoked in session: the agent ends the session at once.
+  trustedDevices().revoke(deviceId);
+  ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
+      << agent_->tail();
+  EXPECT_TRUE(phone_->waitFor("zulPhone.state.session.pc.connectionState !== 'connected'"));
+}
+
+TEST_F(RealAgentE2eTest, RelaysThroughTurnWhenThePhoneAsksForIt) {
+  if (!haveProgram("turnserver")) GTEST_SKIP() << "no coturn";
+  TurnServer turn;
+  startServer({"--turn-url", turn.url(), "--turn-secret", TurnServer::secret});
+  startAgent();
+  pairAndConnect("{relay: true}");
+
+  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
+  ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump();
+  EXPECT_EQ(phone_->stats()["localCandidateType"], "relay");
+}
+
+// Hellos on an open control channel that the agent must refuse, each followed
+// by a pointer request under the refused session's id.
+TEST_F(RealAgentE2eTest, RefusesForgedHellosAndExecutesNothing) {
+  startServer();
+  startAgent();
+  const std::string sessionId = pairAndConnect("{autoHello: false}");
+  const auto before = trustedDevices().load();
+  ASSERT_EQ(before.size(), 1u);
+  const std::size_t mark = agent_->lineCount();
+  const auto pointerBefore = pointerPosition(xvfb_->display());
+
+  struct Case {
+    const char* name;
+    std::string options;  // zulPhone.hello's overrides
+    const char* refusal;  // in control.error's message
+  };
+  const std::string otherSession = "'00000000-0000-4000-8000-000000000000'";
+  const Case cases[] = {
+      {"wrong fingerprint", "{dtlsFingerprint: 'sha-256 ' + Array(32).fill('AB').join(':')}",
+       "fingerprintMismatch"},
+      {"transcript off by one byte", "{transcript: (t) => t.slice(0, -1) + (t.endsWith('A') ? 'B' : 'A')}",
+       "invalidSignature"},
+      {"signed for another session", "{transcript: (t) => t.replace(" +
+                                         nlohmann::json(sessionId).dump() + ", " + otherSession + ")}",
+       "invalidSignature"},
+      {"another device's id", "{deviceId: 'device_AAAAAAAAAAAAAAAAAAAAAAAA'}", "identityMismatch"},
+  };
+  std::size_t replies = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    phone_->eval("zulPhone.hello(" + c.options + ")");
+    const auto reply = phone_->waitForControl(++replies);
+    EXPECT_EQ(reply["type"], "control.error") << reply.dump();
+    EXPECT_EQ(reply["code"], "PERMISSION_DENIED");
+    EXPECT_NE(reply.value("message", "").find(c.refusal), std::string::npos) << reply.dump();
+
+    phone_->sendCursor(sessionId, 700, 500);
+    const auto refused = phone_->waitForControl(++replies);
+    EXPECT_EQ(refused["type"], "control.error");
+    EXPECT_NE(refused.value("message", "").find("noActiveSession"), std::string::npos);
+  }
+
+  // A true hello is accepted; a request under another session's id is not.
+  phone_->eval("zulPhone.hello()");
+  ASSERT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok");
+  phone_->sendCursor("00000000-0000-4000-8000-000000000000", 700, 500);
+  EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.error");
+
+  EXPECT_EQ(executedRequests(mark), 0u) << agent_->tail();
+  EXPECT_EQ(pointerPosition(xvfb_->display()), pointerBefore);
+  EXPECT_EQ(trustedDevices().load(), before);
+}
+
+TEST_F(RealAgentE2eTest, RefusesAPhoneThatNeverPairedAndAReplayedSecret) {
+  startServer();
+  startAgent();
+  const std::string link = pairingLink();
+  openPhone();
+  phone_->pair(link);
+  const auto paired = trustedDevices().load();
+
+  // Another phone (a fresh key) with the same link: the secret is spent.
+  phone_->eval("zulPhone.newDevice()");
+  EXPECT_THROW(phone_->pair(link), std::exception);
+  EXPECT_EQ(phone_->eval("zulPhone.state.signalErrors"), nlohmann::json({"pairing-used"}));
+
+  // It still finds the agent through the server, but its hello is refused.
+  const std::size_t mark = agent_->lineCount();
+  const std::string sessionId = phone_->connect();
+  const auto reply = phone_->waitForControl(1);
+  EXPECT_EQ(reply["type"], "control.error") << reply.dump();
+  EXPECT_NE(reply.value("message", "").find("deviceNotTrusted"), std::string::npos);
+  phone_->sendCursor(sessionId, 10, 10);
+  EXPECT_EQ(phone_->waitForControl(2)["type"], "control.error");
+
+  EXPECT_EQ(executedRequests(mark), 0u) << agent_->tail();
+  EXPECT_EQ(trustedDevices().load(), paired);
+}
+
+// Revoked while the agent runs: a hello on a connection opened before the
+// revoke is refused, and once the agent has told the server, the phone gets
+// no session at all.
+TEST_F(RealAgentE2eTest, RefusesARevokedPhone) {
+  startServer();
+  startAgent();
+  pairAndConnect("{autoHello: false}");
+  const std::string deviceId = phone_->eval("zulPhone.state.device.id");
+  const std::size_t mark = agent_->lineCount();
+
+  trustedDevices().revoke(deviceId);
+  phone_->eval("zulPhone.hello()");
+  const auto reply = phone_->waitForControl(1);
+  EXPECT_EQ(reply["type"], "control.error") << reply.dump();
+  EXPECT_NE(reply.value("message", "").find("deviceNotTrusted"), std::string::npos);
+
+  ASSERT_TRUE(server_->waitForLine("reports 1 revoked device(s)", 30s));
+  EXPECT_THROW(phone_->connect(), std::exception);
+  EXPECT_EQ(phone_->eval("zulPhone.state.signalErrors.at(-1)"), "device-revoked");
+
+  EXPECT_EQ(executedRequests(mark), 0u) << agent_->tail();
+  const auto devices = trustedDevices().load();
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_TRUE(devices[0].revoked);
+}
+
+// A server that sends what no rendezvous server may: the agent drops the
+// connection, reconnects, and neither stores nor executes anything.
+TEST_F(RealAgentE2eTest, SurvivesAHostileServer) {
+  server_ = std::make_unique<WatchedProcess>(
+      std::vector<std::string>{"node", ZUL_HOSTILE_RENDEZVOUS, ZUL_RENDEZVOUS_WEBSOCKET,
+                               "mismatched-pairing-id", "oversized", "not-json"},
+      ChildProcess::Options{});
+  auto line = server_->waitForLine("listening on", 30s);
+  ASSERT_TRUE(line);
+  serverPort_ = std::stoi(line->substr(line->rfind(' ') + 1));
+  startAgent();
+
+  // Each attack ends one connection; the fourth connection is left alone.
+  ASSERT_TRUE(server_->waitForLine("connection 4: idle", 60s)) << agent_->tail();
+  const auto lines = agent_->lines();
+  std::vector<std::string> reasons;
+  for (const auto& l : lines) {
+    if (l.rfind("signaling disconnected: ", 0) == 0) reasons.push_back(l);
+  }
+  ASSERT_EQ(reasons.size(), 3u) << agent_->tail();
+  EXPECT_NE(reasons[0].find("pairingDeviceIdMismatch"), std::string::npos) << reasons[0];
+  EXPECT_NE(reasons[1].find("messageTooLarge"), std::string::npos) << reasons[1];
+  EXPECT_NE(reasons[2].find("invalidJson"), std::string::npos) << reasons[2];
+  EXPECT_TRUE(trustedDevices().load().empty());
+  EXPECT_EQ(executedRequests(), 0u);
+}
+
+// The rendezvous server goes away while a phone is in session: the video goes
+// on, the agent reconnects when the server is back, and after the agent
+// itself restarts the paired phone connects again to the same pinned
+// certificate.
+TEST_F(RealAgentE2eTest, KeepsThePhoneAcrossSignalingAndAgentRestarts) {
+  startServer();
+  startAgent();
+  pairAndConnect();
+  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok");
+  ASSERT_TRUE(phone_->framesDecodedAbove(5));
+
+  const int port = serverPort_;
+  server_.reset();
+  ASSERT_TRUE(agent_->waitForLine("signaling disconnected: ", 30s));
+  const int decoded = phone_->stats()["framesDecoded"].get<int>();
+  EXPECT_TRUE(phone_->framesDecodedAbove(decoded + 10)) << "the video stopped with the server";
+
+  std::size_t connectedAt = 0;
+  ASSERT_TRUE(agent_->waitForLine("signaling: connected", 5s, 0, &connectedAt));
+  startServer({}, port);
+  ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s, connectedAt + 1)) << agent_->tail();
+  EXPECT_EQ(phone_->eval("zulPhone.state.session.pc.connectionState"), "connected");
+
+  // The agent restarts with its stored identity and certificate.
+  const std::string link = pairingLink();
+  agent_->stop();
+  startAgent();
+  for (const char* field : {"agentId", "agentPublicKey", "dtlsFingerprint"}) {
+    EXPECT_EQ(linkField(pairingLink(), field), linkField(link, field)) << field;
+  }
+  ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s));
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(2)["type"], "control.hello.ok") << agent_->tail();
+  EXPECT_EQ(phone_->eval("zulPhone.state.fingerprintMismatch"), false);
+}
+
+}  // namespace
+}  // namespace zul::test
