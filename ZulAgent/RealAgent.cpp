@@ -63,7 +63,9 @@ const std::string* stringAt(const nlohmann::json& json, const char* key) {
 
 AgentMessageActions::AgentMessageActions(std::shared_ptr<InputInjector> injector,
                                          SceneSourceProvider sceneSource, PrintLine print)
-    : keyboard_(std::move(injector)), sceneSource_(std::move(sceneSource)), print_(std::move(print)) {}
+    : keyboard_(std::move(injector)),
+      sceneSource_(std::move(sceneSource)),
+      print_(std::move(print)) {}
 
 void AgentMessageActions::setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor) {
   std::lock_guard lock(pointerMutex_);
@@ -79,7 +81,8 @@ void AgentMessageActions::releaseHeldButton() {
   if (auto executor = pointer()) executor->releaseHeldButton();
 }
 
-void AgentMessageActions::dispatch(const RoutedMessage& message, const PermissionGate& permissions) {
+void AgentMessageActions::dispatch(const RoutedMessage& message,
+                                   const PermissionGate& permissions) {
   const nlohmann::json& payload = message.json;
   const std::string& type = message.type;
   try {
@@ -159,8 +162,7 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 std::int64_t monotonicNanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             SteadyClock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(SteadyClock::now().time_since_epoch())
       .count();
 }
 
@@ -168,8 +170,8 @@ std::int64_t monotonicNanoseconds() {
 std::pair<std::int64_t, std::int64_t> captureSize(const DisplayDescriptor& display) {
   constexpr double maxWidth = 1280, maxHeight = 720;
   if (display.width <= 0 || display.height <= 0) return {1280, 720};
-  const double scale = std::min({maxWidth / double(display.width),
-                                 maxHeight / double(display.height), 1.0});
+  const double scale =
+      std::min({maxWidth / double(display.width), maxHeight / double(display.height), 1.0});
   auto even = [](double side) { return std::max<std::int64_t>(2, std::int64_t(side) & ~1LL); };
   return {even(display.width * scale), even(display.height * scale)};
 }
@@ -235,8 +237,8 @@ void runRealAgent(const RealAgentSettings& settings,
     // agent runs without an accessibility bus.
     std::lock_guard lock(*mutex);
     if (!backend) {
-      backend = std::make_shared<AccessibilitySceneSource>(
-          std::make_shared<AtspiAccessibilityBackend>());
+      backend =
+          std::make_shared<AccessibilitySceneSource>(std::make_shared<AtspiAccessibilityBackend>());
     }
     return backend;
   };
@@ -308,9 +310,12 @@ void runRealAgent(const RealAgentSettings& settings,
     print("peer ready: " + deviceId);
     dispatcher->setExpectedPeerDeviceId(deviceId);
   };
-  signaling.onPeerLeft = [print](const std::string& deviceId) {
-    print("peer left: " + deviceId);
+  // A pairing spends the link's one-time secret: the next idle tick prints a new one.
+  auto linkSpent = std::make_shared<std::atomic<bool>>(false);
+  signaling.onTrustedDevicesChanged = [linkSpent](const std::vector<TrustedDevice>&) {
+    *linkSpent = true;
   };
+  signaling.onPeerLeft = [print](const std::string& deviceId) { print("peer left: " + deviceId); };
   signaling.onSessionLimitReached = [print, dispatcher,
                                      link](const std::optional<std::string>& peerId) {
     print("session limit reached: " + peerId.value_or("unknown"));
@@ -357,8 +362,8 @@ void runRealAgent(const RealAgentSettings& settings,
       const PairingQrPayload payload = signaling.createPairing();
       const std::string link = pairingDeepLink(payload);
       if (link.empty()) throw RealAgentError::couldNotEncodePairingLink();
-      const std::int64_t seconds =
-          std::max<std::int64_t>(0, payload.expiresAt - unixSeconds(std::chrono::system_clock::now()));
+      const std::int64_t seconds = std::max<std::int64_t>(
+          0, payload.expiresAt - unixSeconds(std::chrono::system_clock::now()));
       for (const auto& line : pairingBanner(link, seconds, settings.signalingBaseURL)) print(line);
       linkValidUntil = SteadyClock::now() + std::chrono::seconds(seconds);
       status("waiting");
@@ -394,39 +399,44 @@ void runRealAgent(const RealAgentSettings& settings,
                                        std::chrono::duration_cast<SteadyClock::duration>(
                                            std::chrono::duration<double>(*settings.seconds)))
                        : std::nullopt;
-  while (true) {
-    if (const int signal = stopSignals.wait(std::chrono::milliseconds(500))) {
-      print(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
-      break;
-    }
-    const auto now = SteadyClock::now();
-    if (deadline && now >= *deadline) break;
+  try {
+    while (true) {
+      if (const int signal = stopSignals.wait(std::chrono::milliseconds(500))) {
+        print(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+        break;
+      }
+      const auto now = SteadyClock::now();
+      if (deadline && now >= *deadline) break;
 
-    std::optional<std::string> activeDevice;
-    {
-      std::lock_guard lock(active->mutex);
-      activeDevice = active->deviceId;
-    }
-    // A device revoked while in session loses it at once.
-    if (activeDevice) {
-      std::vector<TrustedDevice> devices;
-      try {
-        devices = trustedDevices.load();
-      } catch (const std::exception&) {
-        // A store that cannot be read is not a revoke.
-        continue;
+      std::optional<std::string> activeDevice;
+      {
+        std::lock_guard lock(active->mutex);
+        activeDevice = active->deviceId;
       }
-      const bool trusted = std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
-        return d.deviceId == *activeDevice && !d.revoked;
-      });
-      if (!trusted) {
-        print("device " + *activeDevice + " is no longer trusted: ending its session");
-        dispatcher->releaseActiveSession();
-        link->close();
+      // A device revoked while in session loses it at once.
+      if (activeDevice) {
+        std::vector<TrustedDevice> devices;
+        try {
+          devices = trustedDevices.load();
+        } catch (const std::exception&) {
+          // A store that cannot be read is not a revoke.
+          continue;
+        }
+        const bool trusted = std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
+          return d.deviceId == *activeDevice && !d.revoked;
+        });
+        if (!trusted) {
+          print("device " + *activeDevice + " is no longer trusted: ending its session");
+          dispatcher->releaseActiveSession();
+          link->close();
+        }
+      } else if ((!linkValidUntil || now >= *linkValidUntil || linkSpent->exchange(false)) &&
+                 now >= nextPairingAttempt) {
+        refreshPairing();
       }
-    } else if ((!linkValidUntil || now >= *linkValidUntil) && now >= nextPairingAttempt) {
-      refreshPairing();
     }
+  } catch (const std::exception& error) {
+    print(std::string("real agent: ") + error.what());
   }
 
   print("stopping\u2026");

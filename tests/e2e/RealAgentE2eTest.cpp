@@ -119,7 +119,8 @@ class WatchedProcess {
   std::string tail(std::size_t count = 40) const {
     std::lock_guard lock(mutex_);
     std::string out;
-    for (std::size_t i = lines_.size() > count ? lines_.size() - count : 0; i < lines_.size(); ++i) {
+    for (std::size_t i = lines_.size() > count ? lines_.size() - count : 0; i < lines_.size();
+         ++i) {
       out += lines_[i] + "\n";
     }
     return out;
@@ -223,9 +224,9 @@ class RealAgentE2eTest : public testing::Test {
     for (const char* program : {"Xvfb", "node"}) {
       if (!haveProgram(program)) GTEST_SKIP() << "no " << program;
     }
-    dataHome_ = fs::temp_directory_path() /
-                ("zul-e2e-" + std::to_string(::getpid()) + "-" +
-                 testing::UnitTest::GetInstance()->current_test_info()->name());
+    dataHome_ =
+        fs::temp_directory_path() / ("zul-e2e-" + std::to_string(::getpid()) + "-" +
+                                     testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dataHome_);
     fs::create_directories(dataHome_);
     xvfb_ = std::make_unique<XvfbServer>(1280, 720);
@@ -239,8 +240,7 @@ class RealAgentE2eTest : public testing::Test {
   }
 
   void startServer(std::vector<std::string> extra = {}, int port = 0) {
-    std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--port",
-                                     std::to_string(port)};
+    std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--port", std::to_string(port)};
     argv.insert(argv.end(), extra.begin(), extra.end());
     server_ = std::make_unique<WatchedProcess>(argv, ChildProcess::Options{});
     auto line = server_->waitForLine("listening on", 30s);
@@ -250,15 +250,15 @@ class RealAgentE2eTest : public testing::Test {
 
   void startAgent(const std::string& signalingURL = {}) {
     ChildProcess::Options options;
-    options.env = {{"DISPLAY", xvfb_->display()},
-                   {"ZUL_SECRET_BACKEND", "file"},
-                   {"XDG_DATA_HOME", dataHome_.string()},
-                   {"ZUL_SIGNALING_URL", signalingURL.empty()
-                                             ? "http://localhost:" + std::to_string(serverPort_)
-                                             : signalingURL}};
+    options.env = {
+        {"DISPLAY", xvfb_->display()},
+        {"ZUL_SECRET_BACKEND", "file"},
+        {"XDG_DATA_HOME", dataHome_.string()},
+        {"ZUL_SIGNALING_URL",
+         signalingURL.empty() ? "http://localhost:" + std::to_string(serverPort_) : signalingURL}};
     options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS"};
-    agent_ = std::make_unique<WatchedProcess>(std::vector<std::string>{ZUL_AGENT_PATH, "--real-agent"},
-                                              options);
+    agent_ = std::make_unique<WatchedProcess>(
+        std::vector<std::string>{ZUL_AGENT_PATH, "--real-agent"}, options);
   }
 
   // The pairing link of the agent's latest banner.
@@ -370,10 +370,11 @@ TEST_F(RealAgentE2eTest, RefusesForgedHellosAndExecutesNothing) {
   const Case cases[] = {
       {"wrong fingerprint", "{dtlsFingerprint: 'sha-256 ' + Array(32).fill('AB').join(':')}",
        "fingerprintMismatch"},
-      {"transcript off by one byte", "{transcript: (t) => t.slice(0, -1) + (t.endsWith('A') ? 'B' : 'A')}",
-       "invalidSignature"},
-      {"signed for another session", "{transcript: (t) => t.replace(" +
-                                         nlohmann::json(sessionId).dump() + ", " + otherSession + ")}",
+      {"transcript off by one byte",
+       "{transcript: (t) => t.slice(0, -1) + (t.endsWith('A') ? 'B' : 'A')}", "invalidSignature"},
+      {"signed for another session",
+       "{transcript: (t) => t.replace(" + nlohmann::json(sessionId).dump() + ", " + otherSession +
+           ")}",
        "invalidSignature"},
       {"another device's id", "{deviceId: 'device_AAAAAAAAAAAAAAAAAAAAAAAA'}", "identityMismatch"},
   };

@@ -1,8 +1,7 @@
-#include "ZulAgent/RealAgent.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "ZulAgent/RealAgent.h"
 #include "unit/ZulCore/RecordingInputInjector.h"
 
 namespace zul {
@@ -16,8 +15,8 @@ struct Actions {
                               [this](std::string_view line) { printed.emplace_back(line); }};
 
   void withPointer() {
-    actions.setPointerExecutor(
-        std::make_shared<PointerInputExecutor>(1280, 720, DesktopRect{100, 0, 1280, 720}, injector));
+    actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
+        1280, 720, DesktopRect{100, 0, 1280, 720}, injector));
   }
   void send(const std::string& channel, const nlohmann::json& message,
             std::vector<DevicePermission> granted = {DevicePermission::view,
@@ -40,30 +39,70 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
   const std::vector<DevicePermission> viewOnly{DevicePermission::view};
   const std::vector<DevicePermission> full{DevicePermission::view, DevicePermission::control};
   const Case cases[] = {
-      {"pointer before capture", false, "input",
-       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 1}, {"y", 2}}, full,
-       {"[input] dropped: capture hasn't resolved a display yet"}, {}},
-      {"pointer on the captured display", true, "input",
-       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 10.5}, {"y", 2}}, full,
-       {"[input.cursor] ok: move x=10.5 y=2"}, {"move 110.5,2"}},
-      {"pointer without a coordinate", true, "input", {{"type", "input.cursor"}, {"phase", "move"}},
-       full, {"[input.cursor] ok: move x=missing y=missing"}, {"move 100,0"}},
-      {"pointer without control", true, "input",
-       {{"type", "input.cursor"}, {"phase", "down"}, {"x", 1}, {"y", 1}}, viewOnly,
-       {"[input] denied(control)"}, {}},
-      {"hotkey", true, "input", {{"type", "input.key"}, {"combo", "Ctrl+K"}}, full,
-       {"[input.key] ok: Ctrl+K"}, {"key ffe3 down", "key 6b down", "key 6b up", "key ffe3 up"}},
+      {"pointer before capture",
+       false,
+       "input",
+       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 1}, {"y", 2}},
+       full,
+       {"[input] dropped: capture hasn't resolved a display yet"},
+       {}},
+      {"pointer on the captured display",
+       true,
+       "input",
+       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 10.5}, {"y", 2}},
+       full,
+       {"[input.cursor] ok: move x=10.5 y=2"},
+       {"move 110.5,2"}},
+      {"pointer without a coordinate",
+       true,
+       "input",
+       {{"type", "input.cursor"}, {"phase", "move"}},
+       full,
+       {"[input.cursor] ok: move x=missing y=missing"},
+       {"move 100,0"}},
+      {"pointer without control",
+       true,
+       "input",
+       {{"type", "input.cursor"}, {"phase", "down"}, {"x", 1}, {"y", 1}},
+       viewOnly,
+       {"[input] denied(control)"},
+       {}},
+      {"hotkey",
+       true,
+       "input",
+       {{"type", "input.key"}, {"combo", "Ctrl+K"}},
+       full,
+       {"[input.key] ok: Ctrl+K"},
+       {"key ffe3 down", "key 6b down", "key 6b up", "key ffe3 up"}},
       {"hotkey without a combo", true, "input", {{"type", "input.key"}}, full, {}, {}},
-      {"text", true, "input", {{"type", "input.text"}, {"value", "hi"}}, full, {"[input.text] ok"},
+      {"text",
+       true,
+       "input",
+       {{"type", "input.text"}, {"value", "hi"}},
+       full,
+       {"[input.text] ok"},
        {"text 2"}},
-      {"invoke without a scene sequence", true, "input",
-       {{"type", "input.invoke"}, {"elementId", "e1"}}, full,
-       {"[input.invoke] invalidSemanticInvocation"}, {}},
-      {"invoke without control", true, "input",
-       {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}}, viewOnly,
-       {"[input.invoke] denied(control)"}, {}},
-      {"unknown control message", true, "control", {{"type", "control.unknown"}}, full,
-       {"[control] control.unknown (not handled yet)"}, {}},
+      {"invoke without a scene sequence",
+       true,
+       "input",
+       {{"type", "input.invoke"}, {"elementId", "e1"}},
+       full,
+       {"[input.invoke] invalidSemanticInvocation"},
+       {}},
+      {"invoke without control",
+       true,
+       "input",
+       {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}},
+       viewOnly,
+       {"[input.invoke] denied(control)"},
+       {}},
+      {"unknown control message",
+       true,
+       "control",
+       {{"type", "control.unknown"}},
+       full,
+       {"[control] control.unknown (not handled yet)"},
+       {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
