@@ -28,6 +28,9 @@ function usage() {
   --port N                 listen port (default 8443; 0 picks a free one)
   --tls-cert FILE          serve HTTPS/WSS with this PEM certificate chain
   --tls-key FILE           and this PEM private key
+  --tls-port N             with --tls-cert: keep plain HTTP on --host/--port (for a local
+                           agent) and serve HTTPS/WSS on all interfaces on this port too
+                           (for phones on the network, whose browsers need https for WebCrypto)
   --turn-url URL           a TURN server for the agent (repeatable), e.g. turn:turn.example:3478
   --turn-secret SECRET     coturn's static-auth-secret (use-auth-secret)
   --turn-ttl SECONDS       lifetime of TURN credentials (default 86400)
@@ -44,6 +47,7 @@ function parseArgs(argv) {
     port: 8443,
     tlsCert: null,
     tlsKey: null,
+    tlsPort: null,
     turnUrls: [],
     turnSecret: null,
     turnTtl: 86400,
@@ -55,6 +59,7 @@ function parseArgs(argv) {
   };
   const numbers = {
     '--port': 'port',
+    '--tls-port': 'tlsPort',
     '--turn-ttl': 'turnTtl',
     '--session-limit': 'sessionLimit',
     '--pairing-ttl': 'pairingTtl',
@@ -97,6 +102,9 @@ function parseArgs(argv) {
     }
   }
   if (config.port > 65535) throw new Error('--port is out of range');
+  if (config.tlsPort !== null && (config.tlsPort > 65535 || !config.tlsCert)) {
+    throw new Error('--tls-port needs --tls-cert and --tls-key and a port up to 65535');
+  }
   if (Boolean(config.tlsCert) !== Boolean(config.tlsKey)) {
     throw new Error('--tls-cert and --tls-key go together');
   }
@@ -569,22 +577,29 @@ function main() {
   }
   const rendezvous = new RendezvousServer(config);
   const onRequest = (request, response) => rendezvous.handleRequest(request, response);
-  const server = config.tlsCert
-    ? https.createServer({
-      cert: fs.readFileSync(config.tlsCert),
-      key: fs.readFileSync(config.tlsKey),
-    }, onRequest)
-    : http.createServer(onRequest);
-  server.on('upgrade', (request, socket, head) => rendezvous.handleUpgrade(request, socket, head));
-  server.on('error', (error) => {
-    process.stderr.write(`rendezvous: ${error.message}\n`);
-    process.exit(1);
-  });
-  server.listen(config.port, config.host, () => {
-    const { port } = server.address();
-    const scheme = config.tlsCert ? 'https' : 'http';
-    const host = config.host.includes(':') ? `[${config.host}]` : config.host;
-    log(`listening on ${scheme}://${host}:${port}`);
+  const onUpgrade = (request, socket, head) => rendezvous.handleUpgrade(request, socket, head);
+  const tlsOptions = config.tlsCert
+    ? { cert: fs.readFileSync(config.tlsCert), key: fs.readFileSync(config.tlsKey) }
+    : null;
+  // With --tls-port the main listener stays plain and a second one serves TLS.
+  const mainIsTls = tlsOptions && config.tlsPort === null;
+  const listen = (server, port, host, scheme, onListening) => {
+    server.on('upgrade', onUpgrade);
+    server.on('error', (error) => {
+      process.stderr.write(`rendezvous: ${error.message}\n`);
+      process.exit(1);
+    });
+    server.listen(port, host, () => {
+      const shownHost = host.includes(':') ? `[${host}]` : host;
+      log(`listening on ${scheme}://${shownHost}:${server.address().port}`);
+      if (onListening) onListening();
+    });
+  };
+  const main = mainIsTls ? https.createServer(tlsOptions, onRequest) : http.createServer(onRequest);
+  listen(main, config.port, config.host, mainIsTls ? 'https' : 'http', () => {
+    if (config.tlsPort !== null) {
+      listen(https.createServer(tlsOptions, onRequest), config.tlsPort, '0.0.0.0', 'https');
+    }
   });
   // Everything is in memory: nothing to flush.
   const stop = () => process.exit(0);

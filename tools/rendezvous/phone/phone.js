@@ -84,13 +84,26 @@ function parseLink(text) {
   return JSON.parse(new URLSearchParams(query).get('payload'));
 }
 
+const LOOPBACK = new Set(['127.0.0.1', 'localhost', '[::1]']);
+
+// An agent next to a development server on loopback announces a loopback
+// address; a phone elsewhere on the network reaches the same server through
+// the address it loaded this page from.
+function reachableSignalUrl(signalUrl) {
+  const url = new URL(signalUrl);
+  if (!LOOPBACK.has(url.hostname) || LOOPBACK.has(location.hostname)) return url;
+  url.protocol = location.protocol === 'https:' ? 'wss:' : 'ws:';
+  url.host = location.host;
+  return url;
+}
+
 // The phone's identity proof in the WebSocket query.
 async function openSignaling(signalUrl, agentId) {
   const timestamp = Math.floor(Date.now() / 1000);
   const nonce = randomText(24);
   const transcript =
     `ZUL-SIGNALING-IDENTITY-1\nphone\n${state.device.id}\n${agentId}\n${timestamp}\n${nonce}`;
-  const url = new URL(signalUrl);
+  const url = reachableSignalUrl(signalUrl);
   url.search = new URLSearchParams({
     role: 'phone', deviceId: state.device.id, agentId, publicKey: state.device.publicKey,
     timestamp: String(timestamp), nonce, signature: await sign(transcript),
@@ -330,7 +343,12 @@ function guarded(action) {
       }
     }
   };
-  if (params.get('link')) {
+  // "#zul://pair?payload=…" (a link as it is, e.g. from a QR code) pairs at once,
+  // as does "?link=<escaped link>&auto=1".
+  if (location.hash.startsWith('#zul://')) {
+    $('link').value = location.hash.slice(1);
+    guarded(() => pair($('link').value))();
+  } else if (params.get('link')) {
     $('link').value = params.get('link');
     if (params.get('auto') === '1') guarded(() => pair($('link').value))();
   }
