@@ -11,6 +11,7 @@
 #include <ctime>
 #include <thread>
 
+#include "ZulAgent/DisplaySwitcher.h"
 #include "ZulAgent/PeerSessionLink.h"
 #include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
@@ -67,6 +68,10 @@ AgentMessageActions::AgentMessageActions(std::shared_ptr<InputInjector> injector
       sceneSource_(std::move(sceneSource)),
       print_(std::move(print)) {}
 
+void AgentMessageActions::addHandler(std::string type, Handler handler) {
+  handlers_[std::move(type)] = std::move(handler);
+}
+
 void AgentMessageActions::setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor) {
   std::lock_guard lock(pointerMutex_);
   pointer_ = std::move(executor);
@@ -112,6 +117,8 @@ void AgentMessageActions::dispatch(const RoutedMessage& message,
       print_("[input.key] ok: " + *combo);
     } else if (type == "input.invoke") {
       invoke(message, permissions);
+    } else if (auto handler = handlers_.find(type); handler != handlers_.end()) {
+      handler->second(message, permissions);
     } else {
       print_("[" + message.channel + "] " + type + " (not handled yet)");
     }
@@ -292,12 +299,6 @@ void runRealAgent(const RealAgentSettings& settings,
     active->deviceId.reset();
   };
   dispatcher->onDiagnostic = [print](const std::string& line) { print("[control] " + line); };
-  dispatcher->onSessionEstablished = [print, active](const std::string& sessionId,
-                                                     const std::string& deviceId) {
-    print("control session established: " + sessionId + " (" + deviceId + ")");
-    std::lock_guard lock(active->mutex);
-    active->deviceId = deviceId;
-  };
   dispatcher->onAuthenticatedMessage = [actions](const RoutedMessage& message,
                                                  const PermissionGate& permissions) {
     actions->dispatch(message, permissions);
@@ -329,28 +330,69 @@ void runRealAgent(const RealAgentSettings& settings,
     print(std::string("capture failed: ") + error.what());
   });
 
-  const std::vector<DisplayDescriptor> displays = ScreenCaptureSource::availableDisplays();
-  if (displays.empty()) throw CaptureError::displayUnavailable(0);
-  const auto [width, height] = captureSize(displays.front());
-  CaptureOptions options;
-  options.displayIndex = 0;
-  options.width = width;
-  options.height = height;
-  options.framesPerSecond = 15;
-  options.idleFramesPerSecond = 2;
-  options.convertHdrToSdr = true;
+  // Capture of one display at the agent's options; returns the display that
+  // capture resolved. The pointer then targets it at the same reference size.
+  auto startCapture = [capture](std::int64_t index) {
+    const std::vector<DisplayDescriptor> displays = ScreenCaptureSource::availableDisplays();
+    if (index < 0 || index >= std::int64_t(displays.size())) {
+      throw CaptureError::displayUnavailable(index);
+    }
+    const auto [width, height] = captureSize(displays[std::size_t(index)]);
+    CaptureOptions options;
+    options.displayIndex = index;
+    options.width = width;
+    options.height = height;
+    options.framesPerSecond = 15;
+    options.idleFramesPerSecond = 2;
+    options.convertHdrToSdr = true;
+    capture->stop();
+    capture->start(options);
+    const auto resolved = capture->resolvedDisplayID();
+    for (const auto& display : displays) {
+      if (resolved && display.displayID == *resolved) return display;
+    }
+    return displays[std::size_t(index)];
+  };
+  auto targetPointer = [actions, injector, print](const DisplayDescriptor& display) {
+    const auto [width, height] = captureSize(display);
+    actions->setPointerExecutor(std::make_shared<PointerInputExecutor>(
+        double(width), double(height), DesktopRect::of(display), injector));
+    print("input executor targets display " + std::to_string(display.displayID) + " (" +
+          std::to_string(display.width) + "x" + std::to_string(display.height) + ", captured at " +
+          std::to_string(width) + "x" + std::to_string(height) + ")");
+  };
+
   print("starting capture\u2026");
-  capture->start(options);
-  const auto resolved = capture->resolvedDisplayID();
-  auto target = std::find_if(displays.begin(), displays.end(), [&](const DisplayDescriptor& d) {
-    return resolved && d.displayID == *resolved;
+  targetPointer(startCapture(0));
+
+  auto switcher = std::make_shared<DisplaySwitcher>(DisplaySwitcher::Hooks{
+      .availableDisplays = [] { return ScreenCaptureSource::availableDisplays(); },
+      .primaryDisplayID = [] { return ScreenCaptureSource::primaryDisplayID(); },
+      .activeSessionId = [dispatcher] { return dispatcher->activeSessionId(); },
+      .sendControl = [link](const std::string& text) { link->sendControlText(text); },
+      .restartCapture = startCapture,
+      .onSwitched = targetPointer,
+      .print = print,
+      .nowMilliseconds =
+          [] {
+            return std::chrono::duration_cast<std::chrono::milliseconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                .count();
+          },
   });
-  if (target == displays.end()) target = displays.begin();
-  actions->setPointerExecutor(std::make_shared<PointerInputExecutor>(
-      double(width), double(height), DesktopRect::of(*target), injector));
-  print("input executor targets display " + std::to_string(target->displayID) + " (" +
-        std::to_string(target->width) + "x" + std::to_string(target->height) + ", captured at " +
-        std::to_string(width) + "x" + std::to_string(height) + ")");
+  actions->addHandler("control.monitor.select",
+                      [switcher](const RoutedMessage& message, const PermissionGate& permissions) {
+                        switcher->select(message.json, permissions);
+                      });
+  dispatcher->onSessionEstablished = [print, active, switcher](const std::string& sessionId,
+                                                               const std::string& deviceId) {
+    print("control session established: " + sessionId + " (" + deviceId + ")");
+    {
+      std::lock_guard lock(active->mutex);
+      active->deviceId = deviceId;
+    }
+    switcher->sendMonitorList();
+  };
 
   // Pairing links live two minutes; without a window to ask for a new one,
   // a fresh link is published when the last one expired and no phone is in
@@ -444,6 +486,7 @@ void runRealAgent(const RealAgentSettings& settings,
   loopWake.notify_all();
   signaling.close();
   signalingLoop.join();
+  switcher->shutdown();
   capture->stop();
   dispatcher->releaseActiveSession();
   link->close();

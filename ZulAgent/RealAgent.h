@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,10 @@ class AgentMessageActions {
   AgentMessageActions(std::shared_ptr<InputInjector> injector, SceneSourceProvider sceneSource,
                       PrintLine print);
 
+  using Handler = std::function<void(const RoutedMessage&, const PermissionGate&)>;
+  // Another message type this agent handles (display switching, scenes).
+  void addHandler(std::string type, Handler handler);
+
   void setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor);
   // No button stays pressed after a session ends.
   void releaseHeldButton();
@@ -67,6 +72,7 @@ class AgentMessageActions {
   void invoke(const RoutedMessage& message, const PermissionGate& permissions);
 
   KeyboardExecutor keyboard_;
+  std::map<std::string, Handler> handlers_;
   SceneSourceProvider sceneSource_;
   PrintLine print_;
   mutable std::mutex pointerMutex_;

@@ -380,6 +380,16 @@ std::vector<DisplayDescriptor> ScreenCaptureSource::availableDisplays(
   return connection->monitors();
 }
 
+std::optional<std::uint32_t> ScreenCaptureSource::primaryDisplayID(const std::string& displayName) {
+  auto connection = X11CaptureConnection::open(displayName);
+  if (!connection) {
+    throw CaptureError::platformUnsupported("cannot open X display \"" + displayName + "\"");
+  }
+  std::optional<std::uint32_t> primary;
+  connection->monitors(&primary);
+  return primary;
+}
+
 void ScreenCaptureSource::setFrameReady(FrameReady handler) {
   std::lock_guard lock(impl_->mutex);
   impl_->frameReady = std::move(handler);

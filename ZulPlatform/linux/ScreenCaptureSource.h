@@ -44,6 +44,9 @@ class ScreenCaptureSource : public CaptureSource {
   // position. Throws CaptureError::platformUnsupported when the display
   // cannot be opened.
   static std::vector<DisplayDescriptor> availableDisplays(const std::string& displayName = {});
+  // The id of the monitor RandR marks primary; nothing when none is. Throws
+  // like availableDisplays.
+  static std::optional<std::uint32_t> primaryDisplayID(const std::string& displayName = {});
 
   std::string name() const override { return "x11"; }
   void setFrameReady(FrameReady handler) override;

@@ -61,8 +61,10 @@ bool X11CaptureConnection::canReadScreen() {
   return true;
 }
 
-std::vector<DisplayDescriptor> X11CaptureConnection::monitors() {
+std::vector<DisplayDescriptor> X11CaptureConnection::monitors(
+    std::optional<std::uint32_t>* primary) {
   std::vector<DisplayDescriptor> list;
+  if (primary) primary->reset();
   if (!alive()) return list;
   int eventBase = 0, errorBase = 0, major = 0, minor = 0;
   if (XRRQueryExtension(display_, &eventBase, &errorBase) &&
@@ -76,6 +78,7 @@ std::vector<DisplayDescriptor> X11CaptureConnection::monitors() {
                                        .height = monitors[i].height,
                                        .originX = monitors[i].x,
                                        .originY = monitors[i].y});
+      if (primary && monitors[i].primary) *primary = std::uint32_t(monitors[i].name);
     }
     if (monitors) XRRFreeMonitors(monitors);
   }

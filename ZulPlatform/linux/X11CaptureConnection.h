@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,9 @@ class X11CaptureConnection {
   // screen-recording permission on X11).
   bool canReadScreen();
   // The RandR monitors in the server's order, in root-window pixels; the
-  // whole screen when RandR offers none.
-  std::vector<DisplayDescriptor> monitors();
+  // whole screen when RandR offers none. `primary`, when given, receives the
+  // id of the monitor RandR marks primary (nothing when none is).
+  std::vector<DisplayDescriptor> monitors(std::optional<std::uint32_t>* primary = nullptr);
 
   // Makes a lost server on `display` set `lost` instead of ending the
   // process; for connections opened elsewhere (WebRTC's capturer).

@@ -185,12 +185,14 @@ class Phone {
   std::string connect(const std::string& options = "{}") {
     return eval("zulPhone.connect(" + options + ")").get<std::string>();
   }
-  // Control messages received so far.
-  nlohmann::json control() { return eval("zulPhone.controlMessages()"); }
-  // Waits for the n-th control message (1-based) and returns it.
+  // The agent's answers on the control channel so far (hello replies and
+  // refusals; display lists left out).
+  static constexpr const char* replies =
+      "zulPhone.controlMessages().filter(m => m.type !== 'control.monitor.list')";
+  // Waits for the n-th answer (1-based) and returns it.
   nlohmann::json waitForControl(std::size_t n) {
-    if (!waitFor("zulPhone.controlMessages().length >= " + std::to_string(n), 30s)) return {};
-    return control()[n - 1];
+    if (!waitFor(std::string(replies) + ".length >= " + std::to_string(n), 30s)) return {};
+    return eval(replies)[n - 1];
   }
   nlohmann::json stats() { return eval("zulPhone.videoStats()"); }
   bool framesDecodedAbove(int count) {
@@ -198,6 +200,7 @@ class Phone {
                    ")");
   }
   void sendCursor(const std::string& sessionId, int x, int y) {
+    EXPECT_TRUE(waitFor("zulPhone.state.session.channels.input?.readyState === 'open'"));
     eval("zulPhone.send('input', {type: 'input.cursor', protoVersion: '1.0', sessionId: " +
          nlohmann::json(sessionId).dump() + ", phase: 'move', x: " + std::to_string(x) +
          ", y: " + std::to_string(y) + "})");
@@ -336,6 +339,41 @@ TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
   EXPECT_TRUE(phone_->waitFor("zulPhone.state.session.pc.connectionState !== 'connected'"));
+}
+
+// Two monitors side by side: the phone hears of both, switches to the right
+// one, and its pointer requests land there.
+TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
+  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-left 640/169x720/190+0+0 screen >/dev/null"), 0);
+  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-right 640/169x720/190+640+0 none >/dev/null"), 0);
+  startServer();
+  startAgent();
+  const std::string sessionId = pairAndConnect();
+  const std::string lists =
+      "zulPhone.controlMessages().filter(m => m.type === 'control.monitor.list')";
+
+  ASSERT_TRUE(phone_->waitFor(lists + ".length >= 1")) << agent_->tail();
+  const auto first = phone_->eval(lists + "[0]");
+  EXPECT_EQ(first["sessionId"], sessionId);
+  EXPECT_EQ(first["selected"], 0);
+  ASSERT_EQ(first["monitors"].size(), 2u) << first.dump();
+  EXPECT_EQ(first["monitors"][1]["name"], "Монитор 2");
+  EXPECT_EQ(first["monitors"][1]["rect"],
+            nlohmann::json({{"x", 640}, {"y", 0}, {"w", 640}, {"h", 720}}));
+
+  phone_->eval(
+      "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
+      "sessionId: " +
+      nlohmann::json(sessionId).dump() + ", index: 1})");
+  ASSERT_TRUE(phone_->waitFor(lists + ".length >= 2")) << agent_->tail();
+  EXPECT_EQ(phone_->eval(lists + "[1].selected"), 1);
+  EXPECT_TRUE(agent_->waitForLine("selected display 1: "));
+  EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 640)"))
+      << phone_->stats().dump();
+
+  phone_->sendCursor(sessionId, 100, 50);
+  ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=100 y=50")) << agent_->tail();
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(740, 50));
 }
 
 TEST_F(RealAgentE2eTest, RelaysThroughTurnWhenThePhoneAsksForIt) {

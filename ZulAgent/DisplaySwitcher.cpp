@@ -1,0 +1,146 @@
+#include "ZulAgent/DisplaySwitcher.h"
+
+#include <utility>
+
+namespace zul {
+
+DisplaySwitcher::DisplaySwitcher(Hooks hooks)
+    : hooks_(std::move(hooks)), worker_([this] { runTasks(); }) {}
+
+DisplaySwitcher::~DisplaySwitcher() { shutdown(); }
+
+void DisplaySwitcher::shutdown() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+    tasks_.clear();
+  }
+  wake_.notify_all();
+  idle_.notify_all();
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+}
+
+void DisplaySwitcher::post(std::function<void()> task) {
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    tasks_.push_back(std::move(task));
+  }
+  wake_.notify_one();
+}
+
+void DisplaySwitcher::runTasks() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+    if (stopping_) return;
+    auto task = std::move(tasks_.front());
+    tasks_.pop_front();
+    busy_ = true;
+    lock.unlock();
+    task();
+    lock.lock();
+    busy_ = false;
+    if (tasks_.empty()) idle_.notify_all();
+  }
+}
+
+void DisplaySwitcher::waitUntilIdle() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return stopping_ || (tasks_.empty() && !busy_); });
+}
+
+std::int64_t DisplaySwitcher::selectedIndex() const {
+  std::lock_guard lock(mutex_);
+  return index_;
+}
+
+nlohmann::json DisplaySwitcher::monitorList(const std::vector<DisplayDescriptor>& displays,
+                                            std::int64_t selected, const std::string& sessionId,
+                                            std::int64_t timestampMs,
+                                            std::optional<std::uint32_t> primaryDisplayID) {
+  nlohmann::json monitors = nlohmann::json::array();
+  for (const auto& display : displays) {
+    monitors.push_back({
+        {"index", display.index},
+        {"name", "Монитор " + std::to_string(display.index + 1)},
+        {"rect",
+         {{"x", display.originX},
+          {"y", display.originY},
+          {"w", display.width},
+          {"h", display.height}}},
+        {"primary", primaryDisplayID == display.displayID},
+        {"scale", 1.0},
+        {"hdr", false},
+    });
+  }
+  return {
+      {"type", "control.monitor.list"}, {"protoVersion", "1.0"},           {"ts", timestampMs},
+      {"sessionId", sessionId},         {"monitors", std::move(monitors)}, {"selected", selected}};
+}
+
+void DisplaySwitcher::sendMonitorList() {
+  post([this] { sendListNow(); });
+}
+
+void DisplaySwitcher::sendListNow() {
+  try {
+    const auto sessionId = hooks_.activeSessionId();
+    if (!sessionId) return;
+    const auto displays = hooks_.availableDisplays();
+    const auto list = monitorList(displays, selectedIndex(), *sessionId, hooks_.nowMilliseconds(),
+                                  hooks_.primaryDisplayID());
+    hooks_.sendControl(list.dump());
+  } catch (const std::exception& error) {
+    hooks_.print(std::string("[control] display list not sent: ") + error.what());
+  }
+}
+
+void DisplaySwitcher::select(const nlohmann::json& message, const PermissionGate& permissions) {
+  auto index = message.find("index");
+  if (index == message.end() || !index->is_number()) return;
+  try {
+    permissions.demand(DevicePermission::control);
+  } catch (const std::exception& error) {
+    hooks_.print(std::string("monitor switch rejected: ") + error.what());
+    return;
+  }
+  // A fraction counts by its whole part; an absurd number names no display.
+  const double asDouble = index->get<double>();
+  const std::int64_t requested = index->is_number_integer() ? index->get<std::int64_t>()
+                                 : (asDouble > -1e9 && asDouble < 1e9)
+                                     ? static_cast<std::int64_t>(asDouble)
+                                     : -1;
+  {
+    std::lock_guard lock(mutex_);
+    if (switching_ || stopping_) return;
+    switching_ = true;
+  }
+  post([this, requested] { runSwitch(requested); });
+}
+
+void DisplaySwitcher::runSwitch(std::int64_t index) {
+  try {
+    const DisplayDescriptor display = hooks_.restartCapture(index);
+    {
+      std::lock_guard lock(mutex_);
+      index_ = index;
+    }
+    hooks_.onSwitched(display);
+    sendListNow();
+    hooks_.print("selected display " + std::to_string(index) + ": " +
+                 std::to_string(display.displayID) + ", " + std::to_string(display.width) + "x" +
+                 std::to_string(display.height));
+  } catch (const std::exception& error) {
+    hooks_.print(std::string("monitor switch failed: ") + error.what());
+    try {
+      hooks_.onSwitched(hooks_.restartCapture(selectedIndex()));
+    } catch (const std::exception& again) {
+      hooks_.print(std::string("capture could not be restarted: ") + again.what());
+    }
+  }
+  std::lock_guard lock(mutex_);
+  switching_ = false;
+}
+
+}  // namespace zul

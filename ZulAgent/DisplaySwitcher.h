@@ -1,0 +1,81 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZulCore/Media/DisplayDescriptor.h"
+#include "ZulCore/Trust/DevicePermission.h"
+
+namespace zul {
+
+// Tells the phone which displays there are and which one it watches
+// ("control.monitor.list"), and carries out its "control.monitor.select"
+// requests by restarting capture on another display. Lists and switches run
+// in order on the switcher's own thread, never on the caller's. One switch at
+// a time: a request that arrives during a switch is dropped.
+class DisplaySwitcher {
+ public:
+  struct Hooks {
+    std::function<std::vector<DisplayDescriptor>()> availableDisplays;
+    std::function<std::optional<std::uint32_t>()> primaryDisplayID;
+    std::function<std::optional<std::string>()> activeSessionId;
+    // Writes a message on the "control" channel; may throw.
+    std::function<void(const std::string&)> sendControl;
+    // Stops capture and starts it on the display with this index; throws when
+    // it cannot. Returns the display that capture resolved.
+    std::function<DisplayDescriptor(std::int64_t index)> restartCapture;
+    // After a successful switch (the pointer follows the captured display).
+    std::function<void(const DisplayDescriptor&)> onSwitched;
+    std::function<void(std::string_view)> print;
+    std::function<std::int64_t()> nowMilliseconds;
+  };
+
+  explicit DisplaySwitcher(Hooks hooks);
+  // Finishes the task in progress; later ones are dropped.
+  ~DisplaySwitcher();
+  DisplaySwitcher(const DisplaySwitcher&) = delete;
+  DisplaySwitcher& operator=(const DisplaySwitcher&) = delete;
+
+  // Queues sending the list to the active session (nothing without one).
+  void sendMonitorList();
+  // One "control.monitor.select" message; the switch is queued.
+  void select(const nlohmann::json& message, const PermissionGate& permissions);
+  // Ends the thread after the task in progress; nothing is queued later.
+  void shutdown();
+
+  std::int64_t selectedIndex() const;
+  // Waits until every queued task has run.
+  void waitUntilIdle();
+
+  static nlohmann::json monitorList(const std::vector<DisplayDescriptor>& displays,
+                                    std::int64_t selected, const std::string& sessionId,
+                                    std::int64_t timestampMs,
+                                    std::optional<std::uint32_t> primaryDisplayID);
+
+ private:
+  void post(std::function<void()> task);
+  void runTasks();
+  void sendListNow();
+  void runSwitch(std::int64_t index);
+
+  Hooks hooks_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::condition_variable idle_;
+  std::deque<std::function<void()>> tasks_;
+  bool busy_ = false;
+  bool stopping_ = false;
+  std::int64_t index_ = 0;
+  bool switching_ = false;
+  std::thread worker_;
+};
+
+}  // namespace zul
