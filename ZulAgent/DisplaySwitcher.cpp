@@ -4,51 +4,13 @@
 
 namespace zul {
 
-DisplaySwitcher::DisplaySwitcher(Hooks hooks)
-    : hooks_(std::move(hooks)), worker_([this] { runTasks(); }) {}
+DisplaySwitcher::DisplaySwitcher(Hooks hooks) : hooks_(std::move(hooks)) {}
 
 DisplaySwitcher::~DisplaySwitcher() { shutdown(); }
 
-void DisplaySwitcher::shutdown() {
-  {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-    tasks_.clear();
-  }
-  wake_.notify_all();
-  idle_.notify_all();
-  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
-}
+void DisplaySwitcher::shutdown() { tasks_.shutdown(); }
 
-void DisplaySwitcher::post(std::function<void()> task) {
-  {
-    std::lock_guard lock(mutex_);
-    if (stopping_) return;
-    tasks_.push_back(std::move(task));
-  }
-  wake_.notify_one();
-}
-
-void DisplaySwitcher::runTasks() {
-  std::unique_lock lock(mutex_);
-  while (true) {
-    wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
-    if (stopping_) return;
-    auto task = std::move(tasks_.front());
-    tasks_.pop_front();
-    busy_ = true;
-    lock.unlock();
-    task();
-    lock.lock();
-    busy_ = false;
-    if (tasks_.empty()) idle_.notify_all();
-  }
-}
-
-void DisplaySwitcher::waitUntilIdle() {
-  std::unique_lock lock(mutex_);
-  idle_.wait(lock, [this] { return stopping_ || (tasks_.empty() && !busy_); });
-}
+void DisplaySwitcher::waitUntilIdle() { tasks_.waitUntilIdle(); }
 
 std::int64_t DisplaySwitcher::selectedIndex() const {
   std::lock_guard lock(mutex_);
@@ -80,7 +42,7 @@ nlohmann::json DisplaySwitcher::monitorList(const std::vector<DisplayDescriptor>
 }
 
 void DisplaySwitcher::sendMonitorList() {
-  post([this] { sendListNow(); });
+  tasks_.post([this] { sendListNow(); });
 }
 
 void DisplaySwitcher::sendListNow() {
@@ -113,10 +75,13 @@ void DisplaySwitcher::select(const nlohmann::json& message, const PermissionGate
                                      : -1;
   {
     std::lock_guard lock(mutex_);
-    if (switching_ || stopping_) return;
+    if (switching_) return;
     switching_ = true;
   }
-  post([this, requested] { runSwitch(requested); });
+  if (!tasks_.post([this, requested] { runSwitch(requested); })) {
+    std::lock_guard lock(mutex_);
+    switching_ = false;
+  }
 }
 
 void DisplaySwitcher::runSwitch(std::int64_t index) {

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ZulAgent/TaskQueue.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
 #include "ZulCore/Trust/DevicePermission.h"
 
@@ -61,21 +59,14 @@ class DisplaySwitcher {
                                     std::optional<std::uint32_t> primaryDisplayID);
 
  private:
-  void post(std::function<void()> task);
-  void runTasks();
   void sendListNow();
   void runSwitch(std::int64_t index);
 
   Hooks hooks_;
   mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::condition_variable idle_;
-  std::deque<std::function<void()>> tasks_;
-  bool busy_ = false;
-  bool stopping_ = false;
   std::int64_t index_ = 0;
   bool switching_ = false;
-  std::thread worker_;
+  TaskQueue tasks_;  // last: its thread ends before the fields above go
 };
 
 }  // namespace zul

@@ -1,6 +1,7 @@
 #include "ZulAgent/RealAgent.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <ctime>
 #include <thread>
 
+#include "ZulAgent/AccessibilityScenePublisher.h"
 #include "ZulAgent/DisplaySwitcher.h"
 #include "ZulAgent/PeerSessionLink.h"
 #include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
@@ -213,6 +215,35 @@ class StopSignals {
   sigset_t previous_;
 };
 
+// The accessibility scene source, made on first use and shared.
+class LazySceneSource {
+ public:
+  std::shared_ptr<AccessibilitySceneSource> get() {
+    std::lock_guard lock(mutex_);
+    if (!source_) {
+      source_ =
+          std::make_shared<AccessibilitySceneSource>(std::make_shared<AtspiAccessibilityBackend>());
+    }
+    return source_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::shared_ptr<AccessibilitySceneSource> source_;
+};
+
+std::string hostName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0 || !name[0]) return "computer";
+  return name;
+}
+
+std::int64_t unixMilliseconds() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
 // The control session in progress, as the orchestrator tracks it.
 struct ActiveSession {
   std::mutex mutex;
@@ -238,17 +269,9 @@ void runRealAgent(const RealAgentSettings& settings,
 
   auto pairing = std::make_shared<const PairingService>(identity);
   auto injector = std::make_shared<XTestInputInjector>();
-  auto sceneSource = [backend = std::shared_ptr<AccessibilitySceneSource>(),
-                      mutex = std::make_shared<std::mutex>()]() mutable {
-    // AT-SPI is reached on the first element action, not at start: the
-    // agent runs without an accessibility bus.
-    std::lock_guard lock(*mutex);
-    if (!backend) {
-      backend =
-          std::make_shared<AccessibilitySceneSource>(std::make_shared<AtspiAccessibilityBackend>());
-    }
-    return backend;
-  };
+  // AT-SPI is reached on the first scene or element action, not at start:
+  // the agent runs without an accessibility bus.
+  auto sceneSource = [slot = std::make_shared<LazySceneSource>()] { return slot->get(); };
   auto actions = std::make_shared<AgentMessageActions>(injector, sceneSource, print);
   auto active = std::make_shared<ActiveSession>();
 
@@ -353,7 +376,19 @@ void runRealAgent(const RealAgentSettings& settings,
     }
     return displays[std::size_t(index)];
   };
-  auto targetPointer = [actions, injector, print](const DisplayDescriptor& display) {
+  auto publisher = std::make_shared<AccessibilityScenePublisher>(AccessibilityScenePublisher::Hooks{
+      .source = sceneSource,
+      .activeSessionId = [dispatcher] { return dispatcher->activeSessionId(); },
+      .sendScene = [link](const std::string& text) { link->sendText("scene", text); },
+      .print = print,
+      .nowMilliseconds = unixMilliseconds,
+      .hostName = hostName(),
+  });
+  actions->addHandler(
+      "scene.request_snapshot",
+      [publisher](const RoutedMessage&, const PermissionGate&) { publisher->publish(); });
+  auto targetPointer = [actions, injector, print, publisher](const DisplayDescriptor& display) {
+    publisher->setDisplay(DesktopRect::of(display), display.index);
     const auto [width, height] = captureSize(display);
     actions->setPointerExecutor(std::make_shared<PointerInputExecutor>(
         double(width), double(height), DesktopRect::of(display), injector));
@@ -371,14 +406,13 @@ void runRealAgent(const RealAgentSettings& settings,
       .activeSessionId = [dispatcher] { return dispatcher->activeSessionId(); },
       .sendControl = [link](const std::string& text) { link->sendControlText(text); },
       .restartCapture = startCapture,
-      .onSwitched = targetPointer,
-      .print = print,
-      .nowMilliseconds =
-          [] {
-            return std::chrono::duration_cast<std::chrono::milliseconds>(
-                       std::chrono::system_clock::now().time_since_epoch())
-                .count();
+      .onSwitched =
+          [targetPointer, publisher](const DisplayDescriptor& display) {
+            targetPointer(display);
+            publisher->publish();
           },
+      .print = print,
+      .nowMilliseconds = unixMilliseconds,
   });
   actions->addHandler("control.monitor.select",
                       [switcher](const RoutedMessage& message, const PermissionGate& permissions) {
@@ -487,6 +521,7 @@ void runRealAgent(const RealAgentSettings& settings,
   signaling.close();
   signalingLoop.join();
   switcher->shutdown();
+  publisher->shutdown();
   capture->stop();
   dispatcher->releaseActiveSession();
   link->close();

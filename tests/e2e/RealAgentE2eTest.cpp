@@ -374,6 +374,23 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   phone_->sendCursor(sessionId, 100, 50);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=100 y=50")) << agent_->tail();
   EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(740, 50));
+
+  // A scene of the new display follows the switch; another one is sent on
+  // request. Without an accessibility bus it stands for the whole computer.
+  const std::string scenes =
+      "zulPhone.state.received.filter(m => m.channel === 'scene').map(m => JSON.parse(m.data))";
+  ASSERT_TRUE(phone_->waitFor(scenes + ".length >= 1")) << agent_->tail();
+  phone_->eval(
+      "zulPhone.send('scene', {type: 'scene.request_snapshot', protoVersion: '1.0', "
+      "sessionId: " +
+      nlohmann::json(sessionId).dump() + "})");
+  ASSERT_TRUE(phone_->waitFor(scenes + ".length >= 2")) << agent_->tail();
+  const auto scene = phone_->eval(scenes + "[1]");
+  EXPECT_EQ(scene["type"], "scene.snapshot");
+  EXPECT_EQ(scene["seq"], phone_->eval(scenes + "[0].seq").get<int>() + 1);
+  EXPECT_EQ(scene["screen"]["monitor"], 1);
+  EXPECT_EQ(scene["screen"]["originX"], 640);
+  EXPECT_EQ(scene["activeWindow"]["appId"], "linux.unknown") << scene.dump();
 }
 
 TEST_F(RealAgentE2eTest, RelaysThroughTurnWhenThePhoneAsksForIt) {

@@ -1,9 +1,8 @@
-#include "ZulAgent/DisplaySwitcher.h"
-
 #include <gtest/gtest.h>
 
 #include <future>
 
+#include "ZulAgent/DisplaySwitcher.h"
 #include "ZulCore/Media/CaptureSource.h"
 
 namespace zul {
@@ -55,9 +54,8 @@ struct Switcher {
       .nowMilliseconds = [] { return std::int64_t(1'700'000'000'123); },
   }};
 
-  void select(nlohmann::json message,
-              std::set<DevicePermission> granted = {DevicePermission::view,
-                                                    DevicePermission::control}) {
+  void select(nlohmann::json message, std::set<DevicePermission> granted = {
+                                          DevicePermission::view, DevicePermission::control}) {
     message["type"] = "control.monitor.select";
     switcher.select(message, PermissionGate{std::move(granted)});
   }
@@ -97,15 +95,35 @@ TEST(DisplaySwitcher, SwitchesOrExplainsWhyNot) {
   const std::set<DevicePermission> full{DevicePermission::view, DevicePermission::control};
   const Case cases[] = {
       {"another display", {{"index", 1}}, full, {1}, 1, {"selected display 1: 72, 1280x1024"}, 1},
-      {"the same display again", {{"index", 0}}, full, {0}, 0, {"selected display 0: 71, 1920x1080"},
+      {"the same display again",
+       {{"index", 0}},
+       full,
+       {0},
+       0,
+       {"selected display 0: 71, 1920x1080"},
        1},
-      {"no such display", {{"index", 5}}, full, {5, 0}, 0,
-       {"monitor switch failed: displayUnavailable(index: 5)"}, 0},
-      {"an absurd index", {{"index", 1e300}}, full, {-1, 0}, 0,
-       {"monitor switch failed: displayUnavailable(index: -1)"}, 0},
+      {"no such display",
+       {{"index", 5}},
+       full,
+       {5, 0},
+       0,
+       {"monitor switch failed: displayUnavailable(index: 5)"},
+       0},
+      {"an absurd index",
+       {{"index", 1e300}},
+       full,
+       {-1, 0},
+       0,
+       {"monitor switch failed: displayUnavailable(index: -1)"},
+       0},
       {"no index", {{"index", "1"}}, full, {}, 0, {}, 0},
-      {"without control", {{"index", 1}}, {DevicePermission::view}, {}, 0,
-       {"monitor switch rejected: denied(control)"}, 0},
+      {"without control",
+       {{"index", 1}},
+       {DevicePermission::view},
+       {},
+       0,
+       {"monitor switch rejected: denied(control)"},
+       0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
