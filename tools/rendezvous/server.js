@@ -31,7 +31,7 @@ function usage() {
   --tls-port N             with --tls-cert: keep plain HTTP on --host/--port (for a local
                            agent) and serve HTTPS/WSS on all interfaces on this port too
                            (for phones on the network, whose browsers need https for WebCrypto)
-  --turn-url URL           a TURN server for the agent (repeatable), e.g. turn:turn.example:3478
+  --turn-url URL           a TURN server for the agent and phones (repeatable), e.g. turn:turn.example:3478
   --turn-secret SECRET     coturn's static-auth-secret (use-auth-secret)
   --turn-ttl SECONDS       lifetime of TURN credentials (default 86400)
   --stun-url URL           a STUN server handed out with the TURN ones (repeatable)
