@@ -1,0 +1,88 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "ZulAgent/TrustedDevicesTool.h"
+#include "ZulCore/Trust/MemorySecretBackend.h"
+
+namespace zul {
+namespace {
+
+TrustedDevice phone(std::string id, bool revoked = false) {
+  TrustedDevice device;
+  device.deviceId = std::move(id);
+  device.name = "Device " + device.deviceId.substr(device.deviceId.size() - 3);
+  device.ed25519PublicKey = "key";
+  device.permissions = {DevicePermission::view, DevicePermission::control};
+  device.pairedAt = UtcSeconds{std::chrono::seconds(1'790'000'000)};
+  device.revoked = revoked;
+  return device;
+}
+
+TEST(TrustedDevicesTool, ListsAndRevokes) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> arguments;
+    int status;
+    std::string out;
+    std::string err;
+    std::vector<bool> revokedAfter;  // of device_aaa, device_bbb
+  };
+  const Case cases[] = {
+      {"list",
+       {},
+       0,
+       "device_aaa  trusted  2026-09-21T14:13:20Z  view,control  Device aaa\n"
+       "device_bbb  revoked  2026-09-21T14:13:20Z  view,control  Device bbb\n",
+       "",
+       {false, true}},
+      {"revoke",
+       {"revoke", "device_aaa"},
+       0,
+       "revoked device_aaa (Device aaa)\n",
+       "",
+       {true, true}},
+      {"revoke again",
+       {"revoke", "device_bbb"},
+       0,
+       "device_bbb was already revoked\n",
+       "",
+       {false, true}},
+      {"unknown phone",
+       {"revoke", "device_zzz"},
+       1,
+       "",
+       "no trusted phone with the id device_zzz\n",
+       {false, true}},
+      {"no id", {"revoke"}, 2, "", "usage", {false, true}},
+      {"unknown command", {"forget", "device_aaa"}, 2, "", "usage", {false, true}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const TrustedDeviceStore store(
+        SecretStore(TrustedDeviceStore::account, std::make_shared<MemorySecretBackend>()));
+    store.save({phone("device_aaa"), phone("device_bbb", true)});
+    std::ostringstream out, err;
+    EXPECT_EQ(runTrustedDevicesTool(c.arguments, store, out, err), c.status);
+    EXPECT_EQ(out.str(), c.out);
+    EXPECT_EQ(err.str().substr(0, c.err.size()), c.err);
+    const auto after = store.load();
+    EXPECT_EQ(std::vector<bool>({after[0].revoked, after[1].revoked}), c.revokedAfter);
+  }
+}
+
+TEST(TrustedDevicesTool, ReportsAStoreItCannotRead) {
+  auto backend = std::make_shared<MemorySecretBackend>();
+  const TrustedDeviceStore store(SecretStore(TrustedDeviceStore::account, backend));
+  std::ostringstream out, err;
+  EXPECT_EQ(runTrustedDevicesTool({}, store, out, err), 0);
+  EXPECT_EQ(out.str(), "no trusted phones\n");
+
+  backend->save(SecretStore::service, TrustedDeviceStore::account, toBytes("not json"));
+  EXPECT_EQ(runTrustedDevicesTool({"revoke", "device_aaa"}, store, out, err), 1);
+  EXPECT_NE(err.str().find("cannot be read"), std::string::npos);
+  EXPECT_EQ(backend->load(SecretStore::service, TrustedDeviceStore::account), toBytes("not json"));
+}
+
+}  // namespace
+}  // namespace zul
