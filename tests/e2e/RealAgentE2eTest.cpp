@@ -420,27 +420,21 @@ TEST_F(RealAgentE2eTest, RefusesForgedHellosAndExecutesNothing) {
   const std::size_t mark = agent_->lineCount();
   const auto pointerBefore = pointerPosition(xvfb_->display());
 
+  // The page's buttons for hellos the agent must refuse.
   struct Case {
-    const char* name;
-    std::string options;  // zulPhone.hello's overrides
+    const char* button;   // data-forge
     const char* refusal;  // in control.error's message
   };
-  const std::string otherSession = "'00000000-0000-4000-8000-000000000000'";
   const Case cases[] = {
-      {"wrong fingerprint", "{dtlsFingerprint: 'sha-256 ' + Array(32).fill('AB').join(':')}",
-       "fingerprintMismatch"},
-      {"transcript off by one byte",
-       "{transcript: (t) => t.slice(0, -1) + (t.endsWith('A') ? 'B' : 'A')}", "invalidSignature"},
-      {"signed for another session",
-       "{transcript: (t) => t.replace(" + nlohmann::json(sessionId).dump() + ", " + otherSession +
-           ")}",
-       "invalidSignature"},
-      {"another device's id", "{deviceId: 'device_AAAAAAAAAAAAAAAAAAAAAAAA'}", "identityMismatch"},
+      {"fingerprint", "fingerprintMismatch"},
+      {"transcript", "invalidSignature"},
+      {"session", "invalidSignature"},
+      {"device", "identityMismatch"},
   };
   std::size_t replies = 0;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    phone_->eval("zulPhone.hello(" + c.options + ")");
+    SCOPED_TRACE(c.button);
+    phone_->eval(std::string("document.querySelector('[data-forge=") + c.button + "]').click()");
     const auto reply = phone_->waitForControl(++replies);
     EXPECT_EQ(reply["type"], "control.error") << reply.dump();
     EXPECT_EQ(reply["code"], "PERMISSION_DENIED");
@@ -453,7 +447,7 @@ TEST_F(RealAgentE2eTest, RefusesForgedHellosAndExecutesNothing) {
   }
 
   // A true hello is accepted; a request under another session's id is not.
-  phone_->eval("zulPhone.hello()");
+  phone_->eval("document.querySelector('[data-forge=none]').click()");
   ASSERT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok");
   phone_->sendCursor("00000000-0000-4000-8000-000000000000", 700, 500);
   EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.error");

@@ -303,6 +303,15 @@ window.zulPhone = {
     .map((m) => JSON.parse(m.data)),
 };
 
+// The forged hellos behind the page's buttons.
+const FORGERIES = {
+  fingerprint: { dtlsFingerprint: `sha-256 ${Array(32).fill('AB').join(':')}` },
+  transcript: { transcript: (t) => t.slice(0, -1) + (t.endsWith('A') ? 'B' : 'A') },
+  session: { transcript: (t) => t.replace(state.session.sessionId, crypto.randomUUID()) },
+  device: { deviceId: `device_${'A'.repeat(24)}` },
+  none: {},
+};
+
 function guarded(action) {
   return () => action().catch((error) => {
     log(`error: ${error.message}`);
@@ -322,6 +331,13 @@ function guarded(action) {
   status(localStorage.getItem('zul.agent') ? 'paired' : 'not paired');
   $('pair').onclick = guarded(() => pair($('link').value));
   $('connect').onclick = guarded(() => connect({ relay: params.get('relay') === '1' }));
+  for (const button of document.querySelectorAll('[data-forge]')) {
+    button.onclick = guarded(async () => {
+      if (!state.session || !state.session.pc) throw new Error('connect first');
+      await hello(FORGERIES[button.dataset.forge]);
+      log(`hello sent (${button.textContent})`);
+    });
+  }
   $('forget').onclick = () => {
     localStorage.removeItem('zul.agent');
     status('not paired');
