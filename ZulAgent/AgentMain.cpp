@@ -52,6 +52,13 @@ void runWebRtcSmokeMode() {
 }
 
 void runRealAgentMode() {
+  // With a server named in the environment the agent runs without windows
+  // (development, tests, headless machines); otherwise the setup window asks.
+  const char* url = std::getenv("ZUL_SIGNALING_URL");
+  if ((!url || !*url) && windowedRealAgent()) {
+    windowedRealAgent()(printLine);
+    return;
+  }
   try {
     const RealAgentSettings settings = RealAgentSettings::fromEnvironment();
     printLine("Zul Linux agent \u2014 real agent (signaling: " + settings.signalingBaseURL +

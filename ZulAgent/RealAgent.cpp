@@ -252,9 +252,19 @@ struct ActiveSession {
 
 }  // namespace
 
+namespace {
+WindowedRealAgent& windowedSlot() {
+  static WindowedRealAgent run;
+  return run;
+}
+}  // namespace
+
+void setWindowedRealAgent(WindowedRealAgent run) { windowedSlot() = std::move(run); }
+const WindowedRealAgent& windowedRealAgent() { return windowedSlot(); }
+
 void runRealAgent(const RealAgentSettings& settings,
                   const std::function<void(const std::string&)>& onStatusChanged,
-                  const PrintLine& print) {
+                  const PrintLine& print, const RealAgentUi& ui) {
   StopSignals stopSignals;
   auto status = [&](const std::string& text) {
     if (onStatusChanged) onStatusChanged(text);
@@ -441,6 +451,7 @@ void runRealAgent(const RealAgentSettings& settings,
       const std::int64_t seconds = std::max<std::int64_t>(
           0, payload.expiresAt - unixSeconds(std::chrono::system_clock::now()));
       for (const auto& line : pairingBanner(link, seconds, settings.signalingBaseURL)) print(line);
+      if (ui.onPairingLink) ui.onPairingLink(link, identity->agentId(), seconds);
       linkValidUntil = SteadyClock::now() + std::chrono::seconds(seconds);
       status("waiting");
     } catch (const std::exception& error) {
@@ -483,6 +494,11 @@ void runRealAgent(const RealAgentSettings& settings,
       }
       const auto now = SteadyClock::now();
       if (deadline && now >= *deadline) break;
+      if (ui.control && ui.control->stopRequested()) break;
+      if (ui.control && ui.control->takePairingRefresh()) {
+        refreshPairing();
+        continue;
+      }
 
       std::optional<std::string> activeDevice;
       {

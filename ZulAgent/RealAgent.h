@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -87,6 +88,28 @@ std::vector<std::string> pairingBanner(const std::string& link, std::int64_t exp
 // (failed, disconnected, closed).
 bool iceStateEndsSession(int state);
 
+// Requests from a user interface to a running real agent; any thread.
+class RealAgentControl {
+ public:
+  void requestStop() { stop_ = true; }
+  void requestPairingRefresh() { refresh_ = true; }
+  bool stopRequested() const { return stop_; }
+  bool takePairingRefresh() { return refresh_.exchange(false); }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> refresh_{false};
+};
+
+// What a user interface adds to the real agent. Callbacks run on the agent's
+// threads.
+struct RealAgentUi {
+  std::function<void(const std::string& link, const std::string& agentId,
+                     std::int64_t expiresInSeconds)>
+      onPairingLink;
+  std::shared_ptr<RealAgentControl> control;
+};
+
 // The real agent: identity, pairing, the peer session, screen capture, the
 // signalling client with reconnects, the control dispatcher and the desktop
 // actions, wired together. Returns after tear-down (the settings' duration,
@@ -94,6 +117,12 @@ bool iceStateEndsSession(int state);
 // signalling statuses, "waiting" after each pairing link and "reconnecting".
 void runRealAgent(const RealAgentSettings& settings,
                   const std::function<void(const std::string&)>& onStatusChanged,
-                  const PrintLine& print);
+                  const PrintLine& print, const RealAgentUi& ui = {});
+
+// The real agent behind its windows (setup, pairing QR, trusted devices),
+// when the build has them; set by the executable's `main`.
+using WindowedRealAgent = std::function<void(const PrintLine& print)>;
+void setWindowedRealAgent(WindowedRealAgent run);
+const WindowedRealAgent& windowedRealAgent();
 
 }  // namespace zul

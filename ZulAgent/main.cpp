@@ -1,3 +1,7 @@
 #include "ZulAgent/AgentMain.h"
+#include "ZulAgent/RealAgentWindows.h"
 
-int main(int argc, char** argv) { return zul::agentMain(argc, argv); }
+int main(int argc, char** argv) {
+  zul::setWindowedRealAgent(zul::runRealAgentWithWindows);
+  return zul::agentMain(argc, argv);
+}

@@ -122,8 +122,9 @@ TEST(AccessibilityScenePublisher, SendsTheFocusedWindowsElements) {
   for (const auto& element : p.sent[0]["elements"]) texts.push_back(element["text"]);
   EXPECT_NE(std::find(texts.begin(), texts.end(), "OK"), texts.end());
   EXPECT_NE(std::find(texts.begin(), texts.end(), "Cancel"), texts.end());
-  EXPECT_EQ(p.printed, (std::vector<std::string>{"semantic snapshot sent: " +
-                                                 std::to_string(texts.size()) + " elements, seq 1"}));
+  EXPECT_EQ(p.printed,
+            (std::vector<std::string>{"semantic snapshot sent: " + std::to_string(texts.size()) +
+                                      " elements, seq 1"}));
 }
 
 TEST(AccessibilityScenePublisher, SendsNothingWithoutASessionAndReportsSendFailures) {

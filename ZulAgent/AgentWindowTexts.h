@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ZulCore/Trust/TrustedDevice.h"
+
+namespace zul::windows {
+
+// What the agent's windows decide, apart from the widgets, so that it is
+// tested without a screen.
+
+// The setup window's server address: trimmed, https, with a host; nothing
+// otherwise.
+std::optional<std::string> acceptedServerURL(std::string_view text);
+
+enum class PillColour { accent, green, neutral };
+struct StatusView {
+  std::optional<std::string> pillText;  // nothing: the pill stays as it is
+  PillColour colour = PillColour::accent;
+  bool enableRetry = false;  // field and button enabled again, "Повторить"
+  bool showFailure = false;  // the status goes to the failure box
+};
+// How the setup window shows a status the agent reports.
+StatusView statusView(std::string_view status);
+// The failure box's text for a failure message.
+std::string friendlyFailure(std::string_view message);
+
+// "VELTO-PC-" and the agent id's last eight characters, upper-cased.
+std::string deviceCode(std::string_view agentId);
+// "Код истечёт через MM:SS", or "Код истёк — обновите QR" at 0.
+std::string countdownText(std::int64_t remainingSeconds);
+
+// The devices window's rows: newest pairing first (stable), each with its
+// detail line: permissions sorted by name, " · ", then "добавлено " and the date.
+std::vector<TrustedDevice> devicesNewestFirst(std::vector<TrustedDevice> devices);
+std::string deviceDetail(const TrustedDevice& device, const std::string& pairedAtText);
+
+}  // namespace zul::windows

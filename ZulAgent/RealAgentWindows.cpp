@@ -1,0 +1,97 @@
+#include "ZulAgent/RealAgentWindows.h"
+
+#include <QApplication>
+#include <QMetaObject>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "ZulAgent/AgentSetupWindow.h"
+#include "ZulAgent/PairingQRWindow.h"
+#include "ZulPlatform/linux/SecretBackendSelection.h"
+#include "ZulPlatform/linux/X11CaptureConnection.h"
+#include "ZulPlatform/linux/XTestInputInjector.h"
+
+namespace zul {
+namespace {
+
+bool screenReadable() {
+  auto connection = X11CaptureConnection::open({});
+  return connection && connection->canReadScreen();
+}
+
+bool inputInjectable() {
+  try {
+    XTestInputInjector probe;
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// Runs `action` on the GUI thread.
+template <typename Action>
+void onGui(QObject* context, Action action) {
+  QMetaObject::invokeMethod(context, std::move(action), Qt::QueuedConnection);
+}
+
+}  // namespace
+
+void runRealAgentWithWindows(const PrintLine& print) {
+  const char* display = std::getenv("DISPLAY");
+  if (!display || !*display) {
+    print(
+        "real-agent failed: no X display for the setup window "
+        "(set ZUL_SIGNALING_URL to run without windows)");
+    return;
+  }
+  int argc = 1;
+  char name[] = "zul-agent";
+  char* argv[] = {name, nullptr};
+  QApplication app(argc, argv);
+  QApplication::setOrganizationName("zul");
+  QApplication::setApplicationName("zul-agent");
+
+  AgentSetupWindowController setup({screenReadable, inputInjectable});
+  PairingQRWindowController pairing(
+      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, makeSecretBackend())));
+  auto control = std::make_shared<RealAgentControl>();
+  std::thread agent;
+
+  auto stopAgent = [&] {
+    control->requestStop();
+    if (agent.joinable()) agent.join();
+  };
+  setup.show([&](const std::string& url) {
+    stopAgent();  // a retry replaces the agent that is still trying
+    control = std::make_shared<RealAgentControl>();
+    agent = std::thread([&setup, &pairing, print, url, control] {
+      RealAgentSettings settings;
+      settings.signalingBaseURL = url;
+      RealAgentUi ui;
+      ui.control = control;
+      ui.onPairingLink = [&pairing, control](const std::string& link, const std::string& agentId,
+                                             std::int64_t seconds) {
+        onGui(&pairing, [&pairing, control, link, agentId, seconds] {
+          pairing.show(link, agentId, seconds, [control] { control->requestPairingRefresh(); });
+        });
+      };
+      try {
+        runRealAgent(
+            settings,
+            [&setup](const std::string& status) {
+              onGui(&setup, [&setup, status] { setup.updateTransportStatus(status); });
+            },
+            print, ui);
+      } catch (const std::exception& error) {
+        print(std::string("real-agent failed: ") + error.what());
+        const std::string message = error.what();
+        onGui(&setup, [&setup, message] { setup.showFailure(message); });
+      }
+    });
+  });
+  app.exec();
+  stopAgent();
+}
+
+}  // namespace zul
