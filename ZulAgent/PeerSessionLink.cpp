@@ -9,10 +9,9 @@ namespace zul {
 
 PeerSessionLink::PeerSessionLink(MakeSession makeSession, Callbacks callbacks)
     : makeSession_(std::move(makeSession)), callbacks_(std::move(callbacks)) {
-  std::shared_ptr<AgentPeerSession> first = makeSession_();
-  fingerprint_ = first->dtlsFingerprint();
-  attachCallbacks(*first, generation_);
-  session_ = std::move(first);
+  // Made now for its certificate's fingerprint, kept for the first phone.
+  spare_ = makeSession_();
+  fingerprint_ = spare_->dtlsFingerprint();
 }
 
 PeerSessionLink::~PeerSessionLink() { close(); }
@@ -50,7 +49,8 @@ std::string PeerSessionLink::dtlsFingerprint() const { return fingerprint_; }
 bool PeerSessionLink::hasDataChannels() const { return false; }
 
 void PeerSessionLink::createDataChannels() {
-  std::shared_ptr<AgentPeerSession> fresh = makeSession_();
+  std::shared_ptr<AgentPeerSession> fresh = std::exchange(spare_, nullptr);
+  if (!fresh) fresh = makeSession_();
   AgentPeerSession::IceServerInfo servers;
   std::uint64_t generation;
   {

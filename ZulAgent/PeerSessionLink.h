@@ -37,7 +37,9 @@ class PeerSessionLink final : public SignalingPeer, public ControlChannel {
   };
 
   // `makeSession` builds a session on the agent's certificate; it is called
-  // once here (for the fingerprint) and once per ready phone.
+  // once here (for the fingerprint; that session serves the first phone) and
+  // once for every later phone. Until the first phone there is no current
+  // session: frames are dropped and sends fail.
   PeerSessionLink(MakeSession makeSession, Callbacks callbacks);
   ~PeerSessionLink() override;
 
@@ -69,6 +71,9 @@ class PeerSessionLink final : public SignalingPeer, public ControlChannel {
   MakeSession makeSession_;
   Callbacks callbacks_;
   std::string fingerprint_;
+  // The session made at construction, until the first phone takes it; only
+  // the signalling thread touches it.
+  std::shared_ptr<AgentPeerSession> spare_;
 
   mutable std::mutex mutex_;
   std::shared_ptr<AgentPeerSession> session_;

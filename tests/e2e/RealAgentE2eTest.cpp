@@ -559,6 +559,11 @@ TEST_F(RealAgentE2eTest, KeepsThePhoneAcrossSignalingAndAgentRestarts) {
   ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s, connectedAt + 1)) << agent_->tail();
   EXPECT_EQ(phone_->eval("zulPhone.state.session.pc.connectionState"), "connected");
 
+  // Connecting again makes a new connection on the same agent.
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(2)["type"], "control.hello.ok") << agent_->tail();
+  EXPECT_TRUE(phone_->framesDecodedAbove(5));
+
   // The agent restarts with its stored identity and certificate.
   const std::string link = pairingLink();
   agent_->stop();
@@ -568,7 +573,7 @@ TEST_F(RealAgentE2eTest, KeepsThePhoneAcrossSignalingAndAgentRestarts) {
   }
   ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s));
   phone_->connect();
-  EXPECT_EQ(phone_->waitForControl(2)["type"], "control.hello.ok") << agent_->tail();
+  EXPECT_EQ(phone_->waitForControl(3)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_EQ(phone_->eval("zulPhone.state.fingerprintMismatch"), false);
 }
 
