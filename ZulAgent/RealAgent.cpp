@@ -265,7 +265,10 @@ const WindowedRealAgent& windowedRealAgent() { return windowedSlot(); }
 void runRealAgent(const RealAgentSettings& settings,
                   const std::function<void(const std::string&)>& onStatusChanged,
                   const PrintLine& print, const RealAgentUi& ui) {
-  StopSignals stopSignals;
+  // Alone, the agent takes SIGINT and SIGTERM itself; under a user interface,
+  // the interface does and stops the agent through its control.
+  std::optional<StopSignals> stopSignals;
+  if (!ui.control) stopSignals.emplace();
   auto status = [&](const std::string& text) {
     if (onStatusChanged) onStatusChanged(text);
   };
@@ -488,7 +491,9 @@ void runRealAgent(const RealAgentSettings& settings,
                        : std::nullopt;
   try {
     while (true) {
-      if (const int signal = stopSignals.wait(std::chrono::milliseconds(500))) {
+      if (!stopSignals) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      } else if (const int signal = stopSignals->wait(std::chrono::milliseconds(500))) {
         print(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
         break;
       }

@@ -102,7 +102,7 @@ class RealAgentControl {
 };
 
 // What a user interface adds to the real agent. Callbacks run on the agent's
-// threads.
+// threads. With a control, the interface handles SIGINT and SIGTERM.
 struct RealAgentUi {
   std::function<void(const std::string& link, const std::string& agentId,
                      std::int64_t expiresInSeconds)>

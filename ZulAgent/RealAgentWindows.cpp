@@ -1,7 +1,10 @@
 #include "ZulAgent/RealAgentWindows.h"
 
+#include <signal.h>
+
 #include <QApplication>
 #include <QMetaObject>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <thread>
@@ -45,6 +48,16 @@ void runRealAgentWithWindows(const PrintLine& print) {
         "(set ZUL_SIGNALING_URL to run without windows)");
     return;
   }
+  // SIGINT and SIGTERM close the windows (and so stop the agent) through the
+  // event loop: blocked in every thread, taken by one that waits for them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  sigset_t previousMask;
+  pthread_sigmask(SIG_BLOCK, &stopSignals, &previousMask);
+  std::atomic<bool> finished{false};
+
   int argc = 1;
   char name[] = "zul-agent";
   char* argv[] = {name, nullptr};
@@ -90,8 +103,20 @@ void runRealAgentWithWindows(const PrintLine& print) {
       }
     });
   });
+  std::thread signalWaiter([&] {
+    const timespec tick{0, 250'000'000};
+    while (!finished) {
+      if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) {
+        print("stopping (signal)");
+        QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
+      }
+    }
+  });
   app.exec();
   stopAgent();
+  finished = true;
+  signalWaiter.join();
+  pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
 }
 
 }  // namespace zul
