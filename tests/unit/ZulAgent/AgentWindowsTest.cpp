@@ -9,7 +9,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSettings>
-#include <QStandardPaths>
+#include <QTemporaryDir>
 
 #include "ZulAgent/AgentSetupWindow.h"
 #include "ZulAgent/PairingQRWindow.h"
@@ -149,10 +149,12 @@ TEST(TrustedDevicesWindow, ListsNewestFirstAndRevokesAfterConfirmation) {
 
 int main(int argc, char** argv) {
   qputenv("QT_QPA_PLATFORM", "offscreen");
-  QStandardPaths::setTestModeEnabled(true);  // settings go to a test location
   QApplication app(argc, argv);
   QCoreApplication::setOrganizationName("zul-tests");
   QCoreApplication::setApplicationName("zul-window-tests");
+  // Settings of this process alone: tests run as parallel processes.
+  QTemporaryDir settings;
+  QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
