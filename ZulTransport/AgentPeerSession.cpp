@@ -214,13 +214,17 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     channelObservers_.push_back(std::move(observer));
   }
 
-  std::string createOffer() {
+  std::string createOffer(std::optional<std::chrono::milliseconds> gatheringLimit) {
     auto connection = this->connection();
     if (!connection) throw AgentPeerSessionError::missingLocalDescription();
     auto offer = webrtc_support::createOffer(*connection, webrtc_support::sendOnlyOfferOptions());
     if (!offer) throw AgentPeerSessionError::offerCreationFailed();
     webrtc_support::setLocalDescription(*connection, std::move(offer));
-    observer_->latch().wait();
+    if (!gatheringLimit) {
+      observer_->latch().wait();
+    } else if (!observer_->latch().waitFor(*gatheringLimit)) {
+      throw AgentPeerSessionError::gatheringTimedOut();
+    }
     auto sdp = webrtc_support::localDescriptionSdp(runtime_->signalingThread(), *connection);
     if (!sdp) throw AgentPeerSessionError::missingLocalDescription();
     return *sdp;
@@ -380,7 +384,10 @@ void AgentPeerSession::configureIceServers(const std::vector<std::string>& urls,
 
 void AgentPeerSession::createDataChannels() { impl_->createDataChannels(); }
 
-std::string AgentPeerSession::createOfferWithGatheredCandidates() { return impl_->createOffer(); }
+std::string AgentPeerSession::createOfferWithGatheredCandidates(
+    std::optional<std::chrono::milliseconds> gatheringLimit) {
+  return impl_->createOffer(gatheringLimit);
+}
 
 void AgentPeerSession::acceptAnswer(const std::string& sdp) {
   auto connection = impl_->connection();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -52,9 +53,11 @@ class AgentPeerSession {
   void configureIceServers(const std::vector<std::string>& urls, const std::string& username,
                            const std::string& credential);
   void createDataChannels();
-  // Blocks until the offer carries every gathered candidate. Throws
-  // WebRtcError or AgentPeerSessionError.
-  std::string createOfferWithGatheredCandidates();
+  // Blocks until the offer carries every gathered candidate, at most
+  // `gatheringLimit` when given (then gatheringTimedOut). Throws WebRtcError
+  // or AgentPeerSessionError.
+  std::string createOfferWithGatheredCandidates(
+      std::optional<std::chrono::milliseconds> gatheringLimit = std::nullopt);
   // Throws WebRtcError.
   void acceptAnswer(const std::string& sdp);
   // Failures only produce a diagnostic.

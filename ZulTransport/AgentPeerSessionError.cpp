@@ -27,6 +27,9 @@ AgentPeerSessionError AgentPeerSessionError::sendFailed(std::string_view label) 
 AgentPeerSessionError AgentPeerSessionError::offerCreationFailed() {
   return {Case::offerCreationFailed, "offerCreationFailed"};
 }
+AgentPeerSessionError AgentPeerSessionError::gatheringTimedOut() {
+  return {Case::gatheringTimedOut, "gatheringTimedOut"};
+}
 AgentPeerSessionError AgentPeerSessionError::missingLocalDescription() {
   return {Case::missingLocalDescription, "missingLocalDescription"};
 }

@@ -19,6 +19,7 @@ class AgentPeerSessionError : public Error {
     sendFailed,
     offerCreationFailed,      // the library returned neither an offer nor an error
     missingLocalDescription,  // no local description after gathering
+    gatheringTimedOut,        // ICE gathering did not finish in the time allowed
   };
 
   static AgentPeerSessionError unknownChannel(std::string_view label);
@@ -28,6 +29,7 @@ class AgentPeerSessionError : public Error {
   static AgentPeerSessionError sendFailed(std::string_view label);
   static AgentPeerSessionError offerCreationFailed();
   static AgentPeerSessionError missingLocalDescription();
+  static AgentPeerSessionError gatheringTimedOut();
 
   Case kind() const { return kind_; }
   const std::string& label() const { return label_; }

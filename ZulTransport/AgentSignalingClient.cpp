@@ -194,6 +194,9 @@ class RunControl {
   // Ends the run: stops the periodic round, sends a close frame after any
   // pending message, then closes. Called on the run's own context.
   virtual void cancel() = 0;
+  // Sends a message made on another thread (posted to the run's context);
+  // dropped when the run is ending.
+  virtual void enqueue(std::string text) = 0;
 };
 
 struct AgentSignalingClient::Impl {
@@ -210,6 +213,13 @@ struct AgentSignalingClient::Impl {
         handler(this->pairing, std::move(peer), std::move(trustedDevices), owner,
                 this->options.now) {
     if (!this->options.randomBytes) this->options.randomBytes = systemRandomBytes;
+    handler.setSendFromAnyThread([this](const std::string& text) { sendFromAnyThread(text); });
+  }
+
+  void sendFromAnyThread(const std::string& text) {
+    std::lock_guard lock(mutex);
+    if (!runContext || !activeRun) throw SignalingError::notConnected();
+    asio::post(*runContext, [run = activeRun, text] { run->enqueue(text); });
   }
 
   IdentityProof freshProof() const {
@@ -393,6 +403,12 @@ class WebSocketRun final : public RunControl {
       return;
     }
     beginShutdown();
+  }
+
+  void enqueue(std::string text) override {
+    if (!writing_) return;
+    outbox_.push_back(std::move(text));
+    writeSignal_.cancel();
   }
 
   // Called once connected, before the receive and write loops start.

@@ -44,9 +44,17 @@ const std::string* stringAt(const nlohmann::json& object, const char* key) {
 
 }  // namespace
 
+bool ControlSessionShared::useNonce(const std::string& deviceId, const std::string& nonce) {
+  std::lock_guard lock(mutex_);
+  return usedNonces_.insert(deviceId + '\n' + nonce).second;
+}
+
 ControlSessionDispatcher::ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer,
-                                                   TrustedDeviceStore trustedDevices)
-    : peer_(std::move(peer)), trustedDevices_(std::move(trustedDevices)) {}
+                                                   TrustedDeviceStore trustedDevices,
+                                                   std::shared_ptr<ControlSessionShared> shared)
+    : peer_(std::move(peer)),
+      trustedDevices_(std::move(trustedDevices)),
+      shared_(shared ? std::move(shared) : std::make_shared<ControlSessionShared>()) {}
 
 std::string ControlSessionDispatcher::helloTranscript(std::string_view sessionId,
                                                       std::string_view deviceId,
@@ -117,11 +125,17 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
           *publicKey, toBytes(helloTranscript(hello.sessionId, *deviceId, *nonce)), *signature)) {
     throw ControlSessionError::invalidSignature();
   }
+  // Remembered only once the signature holds, so strangers cannot use up a
+  // phone's nonces; the phone's own replay is refused like a bad signature.
+  if (!shared_->useNonce(*deviceId, *nonce)) {
+    diagnose("hello from " + *deviceId + " repeats a nonce already used");
+    throw ControlSessionError::invalidSignature();
+  }
 
   auto replaceSession = json.find("replaceSession");
   const bool replace =
       replaceSession != json.end() && replaceSession->is_boolean() && replaceSession->get<bool>();
-  const ControlLeaseResult lease = lease_.acquire(hello.sessionId, *deviceId, replace);
+  const ControlLeaseResult lease = shared_->lease.acquire(hello.sessionId, *deviceId, replace);
   if (!lease.granted) throw ControlSessionError::anotherSessionActive();
   if (lease.replacedSessionId && onSessionReleased) onSessionReleased();
 
@@ -155,11 +169,16 @@ void ControlSessionDispatcher::sendError(const std::string& sessionId,
                                          const std::exception& error) {
   auto* controlError = dynamic_cast<const ControlSessionError*>(&error);
   const bool denied =
-      controlError && controlError->kind() != ControlSessionError::Case::missingField;
+      (controlError && controlError->kind() != ControlSessionError::Case::missingField) ||
+      dynamic_cast<const PermissionGateError*>(&error);
   nlohmann::json reply = MessageRouter::makeEnvelope("control.error", sessionId);
   reply["code"] = denied ? "PERMISSION_DENIED" : "INVALID_MESSAGE";
   reply["message"] = error.what();
   send(reply);
+}
+
+void ControlSessionDispatcher::refuse(const std::string& sessionId, const std::exception& error) {
+  sendError(sessionId, error);
 }
 
 void ControlSessionDispatcher::send(const nlohmann::json& message) {
@@ -190,7 +209,7 @@ void ControlSessionDispatcher::releaseActiveSession() {
   }
   if (!sessionId) return;
   if (onSessionReleased) onSessionReleased();
-  lease_.release(*sessionId);
+  shared_->lease.release(*sessionId);
   diagnose("released control session " + *sessionId);
 }
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -52,13 +53,31 @@ class ControlChannel {
   virtual void sendControlText(const std::string& text) = 0;
 };
 
+// What the dispatchers of all phone connections share for the process: the
+// single control lease, and the nonces of the hellos already accepted (a
+// nonce is good for one hello per run, so a recorded hello cannot be played
+// back, not even on a fresh connection).
+class ControlSessionShared {
+ public:
+  ControlSessionLease lease;
+  // False when this device already used this nonce.
+  bool useNonce(const std::string& deviceId, const std::string& nonce);
+
+ private:
+  std::mutex mutex_;
+  std::set<std::string> usedNonces_;
+};
+
 // The gate between the data channels and everything that acts on the
 // computer: authenticates the phone's signed hello against the trusted
 // devices and the DTLS fingerprint, holds the single control lease, and
 // passes each message of the established session on with its permissions.
 class ControlSessionDispatcher {
  public:
-  ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer, TrustedDeviceStore trustedDevices);
+  // One dispatcher per phone connection; `shared` is common to all of them
+  // (a fresh one when absent).
+  ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer, TrustedDeviceStore trustedDevices,
+                           std::shared_ptr<ControlSessionShared> shared = nullptr);
 
   std::function<void(const std::string& sessionId, const std::string& deviceId)>
       onSessionEstablished;
@@ -74,6 +93,10 @@ class ControlSessionDispatcher {
   void setExpectedPeerDeviceId(std::optional<std::string> deviceId);
   std::optional<std::string> activeSessionId() const;
   void releaseActiveSession();
+  // Answers a request of the session that failed after it was passed on:
+  // "control.error" with "PERMISSION_DENIED" for a missing permission,
+  // "INVALID_MESSAGE" for anything else.
+  void refuse(const std::string& sessionId, const std::exception& error);
 
   // "ZUL-CONTROL-HELLO-1\n" sessionId \n deviceId \n nonce.
   static std::string helloTranscript(std::string_view sessionId, std::string_view deviceId,
@@ -87,7 +110,7 @@ class ControlSessionDispatcher {
 
   std::shared_ptr<ControlChannel> peer_;
   TrustedDeviceStore trustedDevices_;
-  ControlSessionLease lease_;
+  std::shared_ptr<ControlSessionShared> shared_;
 
   mutable std::mutex mutex_;
   std::optional<std::string> sessionId_;

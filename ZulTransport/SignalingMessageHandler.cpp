@@ -99,7 +99,8 @@ void SignalingMessageHandler::handle(std::string_view message, const Send& send)
   } else if (*type == "pairing.request") {
     handlePairingRequest(parsed, send);
   } else if (*type == "signal.answer") {
-    if (const auto* sdp = stringAt(parsed, "sdp")) peer_->setRemoteAnswer(*sdp);
+    const auto* sdp = stringAt(parsed, "sdp");
+    if (sdp) peer_->setRemoteAnswer(senderOf(parsed), *sdp);
   } else if (*type == "signal.ice") {
     const auto* candidate = stringAt(parsed, "candidate");
     if (!candidate) return;
@@ -108,7 +109,8 @@ void SignalingMessageHandler::handle(std::string_view message, const Send& send)
       auto value = it->get<std::int64_t>();
       if (value >= 0 && value <= 0xffff) lineIndex = static_cast<int>(value);
     }
-    peer_->addRemoteCandidate(*candidate, stringOrEmpty(parsed, "sdpMid"), lineIndex);
+    peer_->addRemoteCandidate(senderOf(parsed), *candidate, stringOrEmpty(parsed, "sdpMid"),
+                              lineIndex);
   } else if (*type == "peer.left") {
     handlePeerLeft(parsed);
   } else if (*type == "session.limit_reached") {
@@ -124,23 +126,41 @@ void SignalingMessageHandler::handleReadyPeer(const Json& message, const Send& s
       it != message.end() && it->is_boolean() && it->get<bool>()) {
     return;  // a phone that is only pairing gets no offer
   }
-  if (const auto* peerId = stringAt(message, "peerId")) {
+  const auto* given = stringAt(message, "peerId");
+  const std::string peerId = given ? *given : std::string();
+  if (given) {
     {
       std::lock_guard lock(mutex_);
-      activePeerId_ = *peerId;
+      activePeerId_ = peerId;
     }
-    if (events_.onPeerReady) events_.onPeerReady(*peerId);
+    if (events_.onPeerReady) events_.onPeerReady(peerId);
     reportStatus("peer-ready");
   }
-  if (!peer_->hasDataChannels()) {
-    peer_->createDataChannels();
-    std::lock_guard lock(mutex_);
-    peerInitialized_ = true;
-  } else {
-    peer_->restartIce();
-  }
-  auto sdp = peer_->createOfferWithAllCandidates();
-  sendJson(send, Json{{"type", "signal.offer"}, {"sdp", sdp}});
+  // The offer may be made later on another thread: it names its phone, so
+  // that a server serving several phones can route it (others ignore it).
+  auto sendOffer = [this, peerId, send](const std::string& sdp) {
+    Json offer{{"type", "signal.offer"}, {"sdp", sdp}};
+    if (!peerId.empty()) offer["peerId"] = peerId;
+    Send anyThread;
+    {
+      std::lock_guard lock(mutex_);
+      anyThread = sendFromAnyThread_;
+    }
+    sendJson(anyThread ? anyThread : send, offer);
+  };
+  peer_->offerTo(peerId, std::move(sendOffer));
+  std::lock_guard lock(mutex_);
+  peerInitialized_ = true;
+}
+
+std::string SignalingMessageHandler::senderOf(const Json& message) const {
+  if (const auto* peerId = stringAt(message, "peerId")) return *peerId;
+  return activePeerId().value_or("");
+}
+
+void SignalingMessageHandler::setSendFromAnyThread(Send send) {
+  std::lock_guard lock(mutex_);
+  sendFromAnyThread_ = std::move(send);
 }
 
 void SignalingMessageHandler::handlePairingRequest(const Json& message, const Send& send) {

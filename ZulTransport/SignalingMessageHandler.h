@@ -58,6 +58,11 @@ class SignalingMessageHandler {
 
   void reportStatus(const std::string& status) const;
 
+  // How messages are sent from other threads while connected (offers made
+  // off the read loop); throws when not connected. Without it, offers go
+  // through the `send` of the message that asked for them.
+  void setSendFromAnyThread(Send send);
+
   std::optional<std::string> activePeerId() const;
   bool peerInitialized() const;
 
@@ -65,6 +70,9 @@ class SignalingMessageHandler {
   void handleReadyPeer(const nlohmann::json& message, const Send& send);
   void handlePairingRequest(const nlohmann::json& message, const Send& send);
   void handlePeerLeft(const nlohmann::json& message);
+  // The phone a relayed answer or candidate belongs to: its "peerId" when the
+  // server adds one, else the phone announced last ("" when none was).
+  std::string senderOf(const nlohmann::json& message) const;
   void handleSessionLimit();
 
   std::shared_ptr<const PairingService> pairing_;
@@ -76,6 +84,7 @@ class SignalingMessageHandler {
   mutable std::mutex mutex_;
   bool peerInitialized_ = false;
   std::optional<std::string> activePeerId_;
+  Send sendFromAnyThread_;
 };
 
 }  // namespace zul

@@ -1,13 +1,12 @@
 #include "ZulTransport/WebRtcSupport.h"
 
-#include "ZulTransport/WebRtcLogging.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <future>
 #include <string_view>
 
 #include "ZulTransport/WebRtcError.h"
+#include "ZulTransport/WebRtcLogging.h"
 #include "api/audio_codecs/builtin_audio_decoder_factory.h"
 #include "api/audio_codecs/builtin_audio_encoder_factory.h"
 #include "api/create_peerconnection_factory.h"
@@ -199,6 +198,11 @@ void GatheringLatch::complete() {
 void GatheringLatch::wait() {
   std::unique_lock lock(mutex_);
   done_.wait(lock, [&] { return complete_; });
+}
+
+bool GatheringLatch::waitFor(std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  return done_.wait_for(lock, limit, [&] { return complete_; });
 }
 
 bool GatheringLatch::isComplete() {

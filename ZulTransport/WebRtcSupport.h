@@ -3,6 +3,7 @@
 // Private to ZulTransport: the pieces that the peer sessions share on top of
 // the WebRTC library. Never included by a public header.
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -69,6 +70,8 @@ class GatheringLatch {
  public:
   void complete();
   void wait();
+  // False when gathering is still going after `limit`.
+  bool waitFor(std::chrono::milliseconds limit);
   bool isComplete();
 
  private:

@@ -48,29 +48,30 @@ class FakeSignalingPeer : public SignalingPeer {
                             "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:"
                             "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89");
   }
-  bool hasDataChannels() const override {
-    std::lock_guard lock(mutex_);
-    return dataChannels_;
-  }
-  void createDataChannels() override {
+  // The first phone gets data channels, later ones an ICE restart; the
+  // offer goes out at once.
+  void offerTo(const std::string& peerId, OfferSink sendOffer) override {
+    std::string sdp;
     change([&] {
-      dataChannels_ = true;
-      ++createDataChannelsCalls_;
+      if (dataChannels_) {
+        ++iceRestarts_;
+      } else {
+        dataChannels_ = true;
+        ++createDataChannelsCalls_;
+      }
+      offeredPeers_.push_back(peerId);
+      sdp = "v=0 fake-offer " + std::to_string(++offers_);
+    });
+    sendOffer(sdp);
+  }
+  void setRemoteAnswer(const std::string& peerId, const std::string& sdp) override {
+    change([&] {
+      answers_.push_back(sdp);
+      answerPeers_.push_back(peerId);
     });
   }
-  void restartIce() override {
-    change([&] { ++iceRestarts_; });
-  }
-  std::string createOfferWithAllCandidates() override {
-    std::string sdp;
-    change([&] { sdp = "v=0 fake-offer " + std::to_string(++offers_); });
-    return sdp;
-  }
-  void setRemoteAnswer(const std::string& sdp) override {
-    change([&] { answers_.push_back(sdp); });
-  }
-  void addRemoteCandidate(const std::string& candidate, const std::string& sdpMid,
-                          int sdpMLineIndex) override {
+  void addRemoteCandidate(const std::string&, const std::string& candidate,
+                          const std::string& sdpMid, int sdpMLineIndex) override {
     change([&] { candidates_.push_back({candidate, sdpMid, sdpMLineIndex}); });
   }
   void setIceServers(const std::vector<std::string>& urls, const std::string& username,
@@ -86,6 +87,13 @@ class FakeSignalingPeer : public SignalingPeer {
   }
   int offers() const {
     return read([&] { return offers_; });
+  }
+  std::vector<std::string> offeredPeers() const {
+    return read([&] { return offeredPeers_; });
+  }
+  // The phone each answer was routed to.
+  std::vector<std::string> answerPeers() const {
+    return read([&] { return answerPeers_; });
   }
   std::vector<std::string> answers() const {
     return read([&] { return answers_; });
@@ -122,6 +130,8 @@ class FakeSignalingPeer : public SignalingPeer {
   int iceRestarts_ = 0;
   int offers_ = 0;
   std::vector<std::string> answers_;
+  std::vector<std::string> offeredPeers_;
+  std::vector<std::string> answerPeers_;
   std::vector<Candidate> candidates_;
   std::vector<IceServers> iceServers_;
 };

@@ -225,12 +225,12 @@ TEST_F(DispatcherFixture, MessagesOutsideTheSessionAreRefusedOrDropped) {
 
 TEST_F(DispatcherFixture, ReplacingASessionReleasesItFirst) {
   send(phone.hello("s1"));
-  auto refused = phone.hello("s2");
+  auto refused = phone.hello("s2", "n-2");
   send(refused);
   EXPECT_EQ(lastReply()["message"], "anotherSessionActive");
   EXPECT_EQ(dispatcher.activeSessionId(), "s1");
 
-  auto replacing = phone.hello("s2");
+  auto replacing = phone.hello("s2", "n-3");
   replacing["replaceSession"] = true;
   send(replacing);
   EXPECT_EQ(lastReply()["controlLease"], "replaced");
@@ -248,8 +248,52 @@ TEST_F(DispatcherFixture, ReleaseEndsTheSessionOnce) {
                                               "diag released control session s1"}));
   EXPECT_FALSE(dispatcher.activeSessionId());
   // The lease is free again: a new session needs no replacement.
-  send(phone.hello("s2"));
+  send(phone.hello("s2", "n-2"));
   EXPECT_EQ(lastReply()["controlLease"], "granted");
+}
+
+// Each phone connection has its own dispatcher; they share the lease and the
+// nonces already used.
+TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
+  auto shared = std::make_shared<ControlSessionShared>();
+  Harness a, b;  // b lends only its channel
+  ControlSessionDispatcher first(a.channel, a.store, shared);
+  ControlSessionDispatcher second(b.channel, a.store, shared);
+  a.store.save({a.phone.record()});
+  first.setExpectedPeerDeviceId(a.phone.deviceId);
+  second.setExpectedPeerDeviceId(a.phone.deviceId);
+  auto withReplace = [](nlohmann::json hello) {
+    hello["replaceSession"] = true;
+    return hello;
+  };
+  struct Step {
+    ControlSessionDispatcher& dispatcher;
+    RecordingChannel& channel;
+    nlohmann::json hello;
+    std::string reply;  // "controlLease" or the error message
+  };
+  const Step steps[] = {
+      {first, *a.channel, a.phone.hello("s1", "n-1"), "granted"},
+      {first, *a.channel, a.phone.hello("s1", "n-1"), "invalidSignature"},  // replayed
+      {second, *b.channel, withReplace(a.phone.hello("s1", "n-1")), "invalidSignature"},
+      {second, *b.channel, a.phone.hello("s2", "n-2"), "anotherSessionActive"},
+      {second, *b.channel, withReplace(a.phone.hello("s2", "n-3")), "replaced"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.hello.dump());
+    step.dispatcher.handle("control", step.hello.dump());
+    const auto& reply = step.channel.sent.back();
+    EXPECT_EQ(reply.value("controlLease", reply.value("message", "")), step.reply);
+  }
+  EXPECT_EQ(second.activeSessionId(), "s2");
+
+  // Refusals of requests passed on: a missing permission is denied, anything
+  // else is an invalid message.
+  second.refuse("s2", PermissionGateError::denied(DevicePermission::control));
+  EXPECT_EQ(b.channel->sent.back()["code"], "PERMISSION_DENIED");
+  EXPECT_EQ(b.channel->sent.back()["message"], "denied(control)");
+  second.refuse("s2", std::runtime_error("staleElement"));
+  EXPECT_EQ(b.channel->sent.back()["code"], "INVALID_MESSAGE");
 }
 
 }  // namespace

@@ -167,7 +167,13 @@ TEST_F(SignalingMessageHandlerTest, ReadyPeersGetOffersAndLaterOnesAnIceRestart)
   EXPECT_EQ(statuses, (std::vector<std::string>{"peer-ready", "peer-ready"}));
   EXPECT_EQ(handler.activePeerId(), "device_2");
   ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[1], (Json{{"type", "signal.offer"}, {"sdp", "v=0 fake-offer 2"}}));
+  EXPECT_EQ(sent[1],
+            (Json{{"type", "signal.offer"}, {"sdp", "v=0 fake-offer 2"}, {"peerId", "device_2"}}));
+
+  // Answers go to the phone the server names, else to the one announced last.
+  handle(R"({"type":"signal.answer","sdp":"a1","peerId":"device_1"})");
+  handle(R"({"type":"signal.answer","sdp":"a2"})");
+  EXPECT_EQ(peer->answerPeers(), (std::vector<std::string>{"device_1", "device_2"}));
 }
 
 TEST_F(SignalingMessageHandlerTest, PeerLeftAndSessionLimitTrackTheActivePeer) {
