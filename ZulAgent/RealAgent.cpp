@@ -14,7 +14,8 @@
 
 #include "ZulAgent/AccessibilityScenePublisher.h"
 #include "ZulAgent/DisplaySwitcher.h"
-#include "ZulAgent/PeerSessionLink.h"
+#include "ZulAgent/orchestration/PhoneConnections.h"
+#include "ZulAgent/orchestration/WatchedCapture.h"
 #include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
 #include "ZulPlatform/linux/SecretBackendSelection.h"
@@ -65,13 +66,17 @@ const std::string* stringAt(const nlohmann::json& json, const char* key) {
 }  // namespace
 
 AgentMessageActions::AgentMessageActions(std::shared_ptr<InputInjector> injector,
-                                         SceneSourceProvider sceneSource, PrintLine print)
+                                         SceneSourceProvider sceneSource, PrintLine print,
+                                         Refuse refuse)
     : keyboard_(std::move(injector)),
       sceneSource_(std::move(sceneSource)),
-      print_(std::move(print)) {}
+      print_(std::move(print)),
+      refuse_(std::move(refuse)) {}
 
-void AgentMessageActions::addHandler(std::string type, Handler handler) {
-  handlers_[std::move(type)] = std::move(handler);
+AgentMessageActions::~AgentMessageActions() { shutdown(); }
+
+void AgentMessageActions::addHandler(std::string type, Handler handler, bool needsControl) {
+  handlers_[std::move(type)] = {std::move(handler), needsControl};
 }
 
 void AgentMessageActions::setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor) {
@@ -88,42 +93,101 @@ void AgentMessageActions::releaseHeldButton() {
   if (auto executor = pointer()) executor->releaseHeldButton();
 }
 
+void AgentMessageActions::refuse(const RoutedMessage& message, const std::exception& error) const {
+  if (refuse_) refuse_(message, error);
+}
+
+void AgentMessageActions::queue(TaskQueue& queue, const RoutedMessage& message,
+                                std::function<void()> task) {
+  if (!queue.post(std::move(task))) {
+    print_("[input] dropped " + message.type + ": too many requests waiting");
+  }
+}
+
 void AgentMessageActions::dispatch(const RoutedMessage& message,
                                    const PermissionGate& permissions) {
   const nlohmann::json& payload = message.json;
   const std::string& type = message.type;
+  const bool input = type == "input.cursor" || type == "input.scroll" || type == "input.text" ||
+                     type == "input.key";
   try {
-    if (type == "input.cursor" || type == "input.scroll") {
-      auto executor = pointer();
-      if (!executor) {
-        print_("[input] dropped: capture hasn't resolved a display yet");
-        return;
-      }
-      if (type == "input.cursor") {
-        executor->handle(payload, permissions);
-        print_("[input.cursor] ok: " + shown(payload, "phase") + " x=" + shown(payload, "x") +
-               " y=" + shown(payload, "y"));
+    if (input) {
+      // Refused at once, in order, rather than after the queue.
+      permissions.demand(DevicePermission::control);
+      if (type == "input.text") {
+        const std::string* value = stringAt(payload, "value");
+        if (!value) return;
+        queue(keyboardQueue_, message,
+              [this, message, permissions, text = *value] { typeText(text, permissions); });
+      } else if (type == "input.key") {
+        const std::string* combo = stringAt(payload, "combo");
+        if (!combo) return;
+        queue(keyboardQueue_, message, [this, message, permissions, combo = *combo] {
+          try {
+            keyboard_.sendHotkey(combo, permissions);
+            print_("[input.key] ok: " + combo);
+          } catch (const std::exception& error) {
+            print_(std::string("[input] ") + error.what());
+            refuse(message, error);
+          }
+        });
       } else {
-        executor->scroll(payload, permissions);
-        print_("[input.scroll] ok: dx=" + shown(payload, "dx") + " dy=" + shown(payload, "dy"));
+        queue(pointerQueue_, message,
+              [this, message, permissions] { pointerRequest(message, permissions); });
       }
-    } else if (type == "input.text") {
-      const std::string* value = stringAt(payload, "value");
-      if (!value) return;
-      keyboard_.sendText(*value, permissions);
-      print_("[input.text] ok");
-    } else if (type == "input.key") {
-      const std::string* combo = stringAt(payload, "combo");
-      if (!combo) return;
-      keyboard_.sendHotkey(*combo, permissions);
-      print_("[input.key] ok: " + *combo);
     } else if (type == "input.invoke") {
-      invoke(message, permissions);
-    } else if (auto handler = handlers_.find(type); handler != handlers_.end()) {
-      handler->second(message, permissions);
+      queue(invokeQueue_, message, [this, message, permissions] { invoke(message, permissions); });
+    } else if (auto entry = handlers_.find(type); entry != handlers_.end()) {
+      if (entry->second.needsControl) permissions.demand(DevicePermission::control);
+      entry->second.handler(message, permissions);
     } else {
       print_("[" + message.channel + "] " + type + " (not handled yet)");
     }
+  } catch (const std::exception& error) {
+    const std::string prefix = input                              ? "[input] "
+                               : type == "control.monitor.select" ? "monitor switch rejected: "
+                                                                  : "[" + type + "] ";
+    print_(prefix + error.what());
+    refuse(message, error);
+  }
+}
+
+void AgentMessageActions::pointerRequest(const RoutedMessage& message,
+                                         const PermissionGate& permissions) {
+  const nlohmann::json& payload = message.json;
+  auto executor = pointer();
+  if (!executor) {
+    print_("[input] dropped: capture hasn't resolved a display yet");
+    return;
+  }
+  try {
+    if (message.type == "input.cursor") {
+      executor->handle(payload, permissions);
+      print_("[input.cursor] ok: " + shown(payload, "phase") + " x=" + shown(payload, "x") +
+             " y=" + shown(payload, "y"));
+    } else {
+      executor->scroll(payload, permissions);
+      print_("[input.scroll] ok: dx=" + shown(payload, "dx") + " dy=" + shown(payload, "dy"));
+    }
+  } catch (const std::exception& error) {
+    print_(std::string("[input] ") + error.what());
+    refuse(message, error);
+  }
+}
+
+// Typed in pieces, so that pointer requests get the desktop in between.
+void AgentMessageActions::typeText(const std::string& text, const PermissionGate& permissions) {
+  constexpr std::size_t piece = 256;
+  try {
+    std::size_t from = 0;
+    while (from < text.size()) {
+      std::size_t to = std::min(text.size(), from + piece);
+      // Not inside a UTF-8 sequence.
+      while (to < text.size() && (static_cast<unsigned char>(text[to]) & 0xC0) == 0x80) ++to;
+      keyboard_.sendText(std::string_view(text).substr(from, to - from), permissions);
+      from = to;
+    }
+    print_("[input.text] ok");
   } catch (const std::exception& error) {
     print_(std::string("[input] ") + error.what());
   }
@@ -143,7 +207,20 @@ void AgentMessageActions::invoke(const RoutedMessage& message, const PermissionG
     print_("[input.invoke] ok: " + *elementId);
   } catch (const std::exception& error) {
     print_(std::string("[input.invoke] ") + error.what());
+    refuse(message, error);
   }
+}
+
+void AgentMessageActions::waitUntilIdle() {
+  pointerQueue_.waitUntilIdle();
+  keyboardQueue_.waitUntilIdle();
+  invokeQueue_.waitUntilIdle();
+}
+
+void AgentMessageActions::shutdown() {
+  pointerQueue_.shutdown();
+  keyboardQueue_.shutdown();
+  invokeQueue_.shutdown();
 }
 
 std::vector<std::string> pairingBanner(const std::string& link, std::int64_t expiresInSeconds,
@@ -244,12 +321,6 @@ std::int64_t unixMilliseconds() {
       .count();
 }
 
-// The control session in progress, as the orchestrator tracks it.
-struct ActiveSession {
-  std::mutex mutex;
-  std::optional<std::string> deviceId;
-};
-
 }  // namespace
 
 namespace {
@@ -262,113 +333,170 @@ WindowedRealAgent& windowedSlot() {
 void setWindowedRealAgent(WindowedRealAgent run) { windowedSlot() = std::move(run); }
 const WindowedRealAgent& windowedRealAgent() { return windowedSlot(); }
 
-void runRealAgent(const RealAgentSettings& settings,
-                  const std::function<void(const std::string&)>& onStatusChanged,
-                  const PrintLine& print, const RealAgentUi& ui) {
-  // Alone, the agent takes SIGINT and SIGTERM itself; under a user interface,
-  // the interface does and stops the agent through its control.
-  std::optional<StopSignals> stopSignals;
-  if (!ui.control) stopSignals.emplace();
-  auto status = [&](const std::string& text) {
-    if (onStatusChanged) onStatusChanged(text);
-  };
+namespace {
 
-  std::shared_ptr<SecretBackend> secrets = makeSecretBackend();
-  print(describeSecretBackendChoice(*secrets));
-  auto identity = std::make_shared<const IdentityKeyStore>(SecretStore("identity", secrets));
-  print("agent id: " + identity->agentId());
-  const TrustedDeviceStore trustedDevices(SecretStore("trusted-devices", secrets));
-  const SecretStore certificateStore("dtls-certificate", secrets);
+// The real agent's run, step by step: trust, connections, dispatch, capture,
+// then the pairing and signalling loops until it is asked to stop.
+class RealAgent {
+ public:
+  RealAgent(const RealAgentSettings& settings,
+            const std::function<void(const std::string&)>& onStatusChanged, const PrintLine& print,
+            const RealAgentUi& ui)
+      : settings_(settings), onStatusChanged_(onStatusChanged), print_(print), ui_(ui) {}
 
-  auto pairing = std::make_shared<const PairingService>(identity);
-  auto injector = std::make_shared<XTestInputInjector>();
-  // AT-SPI is reached on the first scene or element action, not at start:
-  // the agent runs without an accessibility bus.
-  auto sceneSource = [slot = std::make_shared<LazySceneSource>()] { return slot->get(); };
-  auto actions = std::make_shared<AgentMessageActions>(injector, sceneSource, print);
-  auto active = std::make_shared<ActiveSession>();
-
-  // The dispatcher and the peer link refer to each other; the link's
-  // callbacks hold the dispatcher weakly.
-  auto dispatcherSlot = std::make_shared<std::weak_ptr<ControlSessionDispatcher>>();
-  auto withDispatcher = [dispatcherSlot](auto&& action) {
-    if (auto dispatcher = dispatcherSlot->lock()) action(*dispatcher);
-  };
-  PeerSessionLink::Callbacks peerCallbacks;
-  peerCallbacks.onIceConnectionStateChange = [print, withDispatcher](int state) {
-    print("ice connection state: " + iceConnectionStateName(state));
-    if (iceStateEndsSession(state)) {
-      withDispatcher([](ControlSessionDispatcher& d) { d.releaseActiveSession(); });
+  void run() {
+    loadTrust();
+    makeConnections();
+    wireDispatch();
+    startCapture();
+    wireSignaling();
+    refreshPairing();
+    startSignalingLoop();
+    try {
+      pairingLoop();
+    } catch (const std::exception& error) {
+      print_(std::string("real agent: ") + error.what());
     }
-  };
-  peerCallbacks.onDataChannelOpen = [print](const std::string& label) {
-    print("data channel open: " + label);
-  };
-  peerCallbacks.onDiagnostic = [print](const std::string& line) { print("[peer] " + line); };
-  peerCallbacks.onMessage = [print, withDispatcher](const std::string& label, const Bytes& data,
-                                                    bool isBinary) {
-    if (isBinary) {
-      print("[" + label + "] binary message, " + std::to_string(data.size()) + " bytes");
-      return;
-    }
-    const std::string text(data.begin(), data.end());
-    withDispatcher([&](ControlSessionDispatcher& d) { d.handle(label, text); });
-  };
-  peerCallbacks.onSessionReplaced = [withDispatcher] {
-    withDispatcher([](ControlSessionDispatcher& d) { d.releaseActiveSession(); });
-  };
-  auto link = std::make_shared<PeerSessionLink>(
-      [&certificateStore] { return std::make_unique<AgentPeerSession>(certificateStore); },
-      std::move(peerCallbacks));
+    tearDown();
+  }
 
-  auto capture = std::make_shared<ScreenCaptureSource>();
-  AgentSignalingClient signaling(settings.signalingBaseURL, identity, pairing, link,
-                                 trustedDevices);
-  auto dispatcher = std::make_shared<ControlSessionDispatcher>(link, trustedDevices);
-  *dispatcherSlot = dispatcher;
+ private:
+  void status(const std::string& text) const {
+    if (onStatusChanged_) onStatusChanged_(text);
+  }
 
-  print("input: XTest; element actions: AT-SPI (reached on first use)");
+  void loadTrust() {
+    secrets_ = makeSecretBackend();
+    print_(describeSecretBackendChoice(*secrets_));
+    identity_ = std::make_shared<const IdentityKeyStore>(SecretStore("identity", secrets_));
+    print_("agent id: " + identity_->agentId());
+    trustedDevices_.emplace(SecretStore("trusted-devices", secrets_));
+    pairing_ = std::make_shared<const PairingService>(identity_);
+  }
 
-  dispatcher->onSessionReleased = [actions, active] {
-    actions->releaseHeldButton();
-    std::lock_guard lock(active->mutex);
-    active->deviceId.reset();
-  };
-  dispatcher->onDiagnostic = [print](const std::string& line) { print("[control] " + line); };
-  dispatcher->onAuthenticatedMessage = [actions](const RoutedMessage& message,
+  // One WebRTC connection per phone, all on the agent's certificate.
+  void makeConnections() {
+    const SecretStore certificateStore("dtls-certificate", secrets_);
+    PhoneConnections::Hooks hooks;
+    hooks.makeSession = [certificateStore] {
+      return std::make_unique<AgentPeerSession>(certificateStore);
+    };
+    hooks.wireDispatcher = [this](ControlSessionDispatcher& dispatcher) {
+      dispatcher.onDiagnostic = [print = print_](const std::string& line) {
+        print("[control] " + line);
+      };
+      dispatcher.onAuthenticatedMessage = [this](const RoutedMessage& message,
                                                  const PermissionGate& permissions) {
-    actions->dispatch(message, permissions);
-  };
-  signaling.onStatusChanged = [print, status](const std::string& text) {
-    print("signaling: " + text);
-    status(text);
-  };
-  signaling.onPeerReady = [print, dispatcher](const std::string& deviceId) {
-    print("peer ready: " + deviceId);
-    dispatcher->setExpectedPeerDeviceId(deviceId);
-  };
-  // A pairing spends the link's one-time secret: the next idle tick prints a new one.
-  auto linkSpent = std::make_shared<std::atomic<bool>>(false);
-  signaling.onTrustedDevicesChanged = [linkSpent](const std::vector<TrustedDevice>&) {
-    *linkSpent = true;
-  };
-  signaling.onPeerLeft = [print](const std::string& deviceId) { print("peer left: " + deviceId); };
-  signaling.onSessionLimitReached = [print, dispatcher,
-                                     link](const std::optional<std::string>& peerId) {
-    print("session limit reached: " + peerId.value_or("unknown"));
-    dispatcher->releaseActiveSession();
-    link->close();
-  };
+        actions_->dispatch(message, permissions);
+      };
+    };
+    hooks.onSessionEstablished = [this](const std::string& sessionId, const std::string& deviceId) {
+      print_("control session established: " + sessionId + " (" + deviceId + ")");
+      // A new session never inherits a button the previous phone held.
+      actions_->releaseHeldButton();
+      capture_->setWatched(true);
+      switcher_->sendMonitorList();
+    };
+    hooks.onSessionEnded = [this] {
+      actions_->releaseHeldButton();
+      capture_->setWatched(false);
+    };
+    hooks.print = print_;
+    connections_ = PhoneConnections::make(std::move(hooks), *trustedDevices_, {});
+  }
 
-  capture->setFrameReady(
-      [link](const CapturedFrame& frame) { link->push(frame, monotonicNanoseconds()); });
-  capture->setCaptureFailed([print](const CaptureError& error) {
-    print(std::string("capture failed: ") + error.what());
-  });
+  void wireDispatch() {
+    injector_ = std::make_shared<XTestInputInjector>();
+    // AT-SPI is reached on the first scene or element action, not at start:
+    // the agent runs without an accessibility bus.
+    auto sceneSource = [slot = std::make_shared<LazySceneSource>()] { return slot->get(); };
+    std::weak_ptr<PhoneConnections> connections = connections_;
+    actions_ = std::make_shared<AgentMessageActions>(
+        injector_, sceneSource, print_,
+        [connections](const RoutedMessage& message, const std::exception& error) {
+          if (auto c = connections.lock()) c->refuse(message.sessionId, error);
+        });
+    print_("input: XTest; element actions: AT-SPI (reached on first use)");
+
+    publisher_ = std::make_shared<AccessibilityScenePublisher>(AccessibilityScenePublisher::Hooks{
+        .source = sceneSource,
+        .activeSessionId = [connections] { return activeSessionOf(connections); },
+        .sendScene =
+            [connections](const std::string& text) {
+              if (auto c = connections.lock()) c->sendToSession("scene", text);
+            },
+        .print = print_,
+        .nowMilliseconds = unixMilliseconds,
+        .hostName = hostName(),
+    });
+    // A scan reads the whole focused window: requests that pile up during
+    // one are answered by a single fresh scan.
+    actions_->addHandler("scene.request_snapshot",
+                         [this](const RoutedMessage&, const PermissionGate&) {
+                           sceneQueue_.post([publisher = publisher_] { publisher->publish(); });
+                         });
+  }
+
+  static std::optional<std::string> activeSessionOf(
+      const std::weak_ptr<PhoneConnections>& connections) {
+    auto c = connections.lock();
+    return c ? c->activeSessionId() : std::nullopt;
+  }
+
+  // Starts capture once, to resolve the display the pointer targets (a
+  // failure stops the agent), then leaves it idle until a phone watches.
+  void startCapture() {
+    screen_ = std::make_shared<ScreenCaptureSource>();
+    std::weak_ptr<PhoneConnections> connections = connections_;
+    screen_->setFrameReady([connections](const CapturedFrame& frame) {
+      if (auto c = connections.lock()) c->push(frame, monotonicNanoseconds());
+    });
+    screen_->setCaptureFailed([print = print_](const CaptureError& error) {
+      print(std::string("capture failed: ") + error.what());
+    });
+    capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
+        .start = [screen =
+                      screen_](std::int64_t index) { return startScreenCapture(*screen, index); },
+        .stop = [screen = screen_] { screen->stop(); },
+        .print = print_,
+    });
+
+    print_("starting capture\u2026");
+    targetPointer(capture_->startOn(0));
+
+    switcher_ = std::make_shared<DisplaySwitcher>(DisplaySwitcher::Hooks{
+        .availableDisplays = [] { return ScreenCaptureSource::availableDisplays(); },
+        .primaryDisplayID = [] { return ScreenCaptureSource::primaryDisplayID(); },
+        .activeSessionId = [connections] { return activeSessionOf(connections); },
+        .sendControl =
+            [connections](const std::string& text) {
+              if (auto c = connections.lock()) c->sendToSession("control", text);
+            },
+        .restartCapture = [capture =
+                               capture_](std::int64_t index) { return capture->startOn(index); },
+        .onSwitched =
+            [this](const DisplayDescriptor& display) {
+              targetPointer(display);
+              sceneQueue_.post([publisher = publisher_] { publisher->publish(); });
+            },
+        .print = print_,
+        .nowMilliseconds = unixMilliseconds,
+    });
+    actions_->addHandler(
+        "control.monitor.select",
+        [switcher = switcher_](const RoutedMessage& message, const PermissionGate& permissions) {
+          switcher->select(message.json, permissions);
+        },
+        /*needsControl=*/true);
+    actions_->addHandler("control.monitor.list",
+                         [switcher = switcher_](const RoutedMessage&, const PermissionGate&) {
+                           switcher->sendMonitorList();
+                         });
+  }
 
   // Capture of one display at the agent's options; returns the display that
   // capture resolved. The pointer then targets it at the same reference size.
-  auto startCapture = [capture](std::int64_t index) {
+  static DisplayDescriptor startScreenCapture(ScreenCaptureSource& capture, std::int64_t index) {
     const std::vector<DisplayDescriptor> displays = ScreenCaptureSource::availableDisplays();
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
@@ -381,172 +509,193 @@ void runRealAgent(const RealAgentSettings& settings,
     options.framesPerSecond = 15;
     options.idleFramesPerSecond = 2;
     options.convertHdrToSdr = true;
-    capture->stop();
-    capture->start(options);
-    const auto resolved = capture->resolvedDisplayID();
+    capture.stop();
+    capture.start(options);
+    const auto resolved = capture.resolvedDisplayID();
     for (const auto& display : displays) {
       if (resolved && display.displayID == *resolved) return display;
     }
     return displays[std::size_t(index)];
-  };
-  auto publisher = std::make_shared<AccessibilityScenePublisher>(AccessibilityScenePublisher::Hooks{
-      .source = sceneSource,
-      .activeSessionId = [dispatcher] { return dispatcher->activeSessionId(); },
-      .sendScene = [link](const std::string& text) { link->sendText("scene", text); },
-      .print = print,
-      .nowMilliseconds = unixMilliseconds,
-      .hostName = hostName(),
-  });
-  actions->addHandler(
-      "scene.request_snapshot",
-      [publisher](const RoutedMessage&, const PermissionGate&) { publisher->publish(); });
-  auto targetPointer = [actions, injector, print, publisher](const DisplayDescriptor& display) {
-    publisher->setDisplay(DesktopRect::of(display), display.index);
+  }
+
+  void targetPointer(const DisplayDescriptor& display) {
+    publisher_->setDisplay(DesktopRect::of(display), display.index);
     const auto [width, height] = captureSize(display);
-    actions->setPointerExecutor(std::make_shared<PointerInputExecutor>(
-        double(width), double(height), DesktopRect::of(display), injector));
-    print("input executor targets display " + std::to_string(display.displayID) + " (" +
-          std::to_string(display.width) + "x" + std::to_string(display.height) + ", captured at " +
-          std::to_string(width) + "x" + std::to_string(height) + ")");
-  };
+    actions_->setPointerExecutor(std::make_shared<PointerInputExecutor>(
+        double(width), double(height), DesktopRect::of(display), injector_));
+    print_("input executor targets display " + std::to_string(display.displayID) + " (" +
+           std::to_string(display.width) + "x" + std::to_string(display.height) + ", captured at " +
+           std::to_string(width) + "x" + std::to_string(height) + ")");
+  }
 
-  print("starting capture\u2026");
-  targetPointer(startCapture(0));
-
-  auto switcher = std::make_shared<DisplaySwitcher>(DisplaySwitcher::Hooks{
-      .availableDisplays = [] { return ScreenCaptureSource::availableDisplays(); },
-      .primaryDisplayID = [] { return ScreenCaptureSource::primaryDisplayID(); },
-      .activeSessionId = [dispatcher] { return dispatcher->activeSessionId(); },
-      .sendControl = [link](const std::string& text) { link->sendControlText(text); },
-      .restartCapture = startCapture,
-      .onSwitched =
-          [targetPointer, publisher](const DisplayDescriptor& display) {
-            targetPointer(display);
-            publisher->publish();
-          },
-      .print = print,
-      .nowMilliseconds = unixMilliseconds,
-  });
-  actions->addHandler("control.monitor.select",
-                      [switcher](const RoutedMessage& message, const PermissionGate& permissions) {
-                        switcher->select(message.json, permissions);
-                      });
-  dispatcher->onSessionEstablished = [print, active, switcher](const std::string& sessionId,
-                                                               const std::string& deviceId) {
-    print("control session established: " + sessionId + " (" + deviceId + ")");
-    {
-      std::lock_guard lock(active->mutex);
-      active->deviceId = deviceId;
-    }
-    switcher->sendMonitorList();
-  };
+  void wireSignaling() {
+    signaling_ = std::make_unique<AgentSignalingClient>(settings_.signalingBaseURL, identity_,
+                                                        pairing_, connections_, *trustedDevices_);
+    signaling_->onStatusChanged = [this](const std::string& text) {
+      print_("signaling: " + text);
+      status(text);
+    };
+    signaling_->onPeerReady = [this](const std::string& deviceId) {
+      print_("peer ready: " + deviceId);
+    };
+    // A pairing spends the link's one-time secret: the next idle tick prints a new one.
+    signaling_->onTrustedDevicesChanged = [this](const std::vector<TrustedDevice>&) {
+      linkSpent_ = true;
+    };
+    signaling_->onPeerLeft = [this](const std::string& deviceId) {
+      print_("peer left: " + deviceId);
+      connections_->peerLeft(deviceId);
+    };
+    signaling_->onSessionLimitReached = [this](const std::optional<std::string>& peerId) {
+      print_("session limit reached: " + peerId.value_or("unknown"));
+      connections_->closeAll();
+    };
+  }
 
   // Pairing links live two minutes; without a window to ask for a new one,
   // a fresh link is published when the last one expired and no phone is in
   // session, and retried a few seconds after a failure.
-  std::optional<SteadyClock::time_point> linkValidUntil;
-  SteadyClock::time_point nextPairingAttempt = SteadyClock::now();
-  auto refreshPairing = [&] {
+  void refreshPairing() {
     try {
-      const PairingQrPayload payload = signaling.createPairing();
+      const PairingQrPayload payload = signaling_->createPairing();
       const std::string link = pairingDeepLink(payload);
       if (link.empty()) throw RealAgentError::couldNotEncodePairingLink();
       const std::int64_t seconds = std::max<std::int64_t>(
           0, payload.expiresAt - unixSeconds(std::chrono::system_clock::now()));
-      for (const auto& line : pairingBanner(link, seconds, settings.signalingBaseURL)) print(line);
-      if (ui.onPairingLink) ui.onPairingLink(link, identity->agentId(), seconds);
-      linkValidUntil = SteadyClock::now() + std::chrono::seconds(seconds);
+      for (const auto& line : pairingBanner(link, seconds, settings_.signalingBaseURL)) {
+        print_(line);
+      }
+      if (ui_.onPairingLink) ui_.onPairingLink(link, identity_->agentId(), seconds);
+      linkValidUntil_ = SteadyClock::now() + std::chrono::seconds(seconds);
       status("waiting");
     } catch (const std::exception& error) {
-      print(std::string("refresh pairing failed: ") + error.what());
-      linkValidUntil.reset();
-      nextPairingAttempt = SteadyClock::now() + std::chrono::seconds(5);
+      print_(std::string("refresh pairing failed: ") + error.what());
+      linkValidUntil_.reset();
+      nextPairingAttempt_ = SteadyClock::now() + std::chrono::seconds(5);
     }
-  };
-  refreshPairing();
+  }
 
-  std::atomic<bool> stopping{false};
-  std::mutex loopMutex;
-  std::condition_variable loopWake;
-  std::thread signalingLoop([&] {
-    while (!stopping) {
-      std::string reason = "the server closed the connection";
-      try {
-        signaling.run();
-      } catch (const std::exception& error) {
-        reason = error.what();
+  void startSignalingLoop() {
+    signalingThread_ = std::thread([this] {
+      while (!stopping_) {
+        std::string reason = "the server closed the connection";
+        try {
+          signaling_->run();
+        } catch (const std::exception& error) {
+          reason = error.what();
+        }
+        if (stopping_) break;
+        print_("signaling disconnected: " + reason + "; retrying");
+        status("reconnecting");
+        std::unique_lock lock(loopMutex_);
+        loopWake_.wait_for(lock, std::chrono::seconds(2), [&] { return stopping_.load(); });
       }
-      if (stopping) break;
-      print("signaling disconnected: " + reason + "; retrying");
-      status("reconnecting");
-      std::unique_lock lock(loopMutex);
-      loopWake.wait_for(lock, std::chrono::seconds(2), [&] { return stopping.load(); });
-    }
-  });
+    });
+  }
 
-  const std::optional<SteadyClock::time_point> deadline =
-      settings.seconds ? std::optional(SteadyClock::now() +
-                                       std::chrono::duration_cast<SteadyClock::duration>(
-                                           std::chrono::duration<double>(*settings.seconds)))
-                       : std::nullopt;
-  try {
+  // Until the deadline, a signal or the interface's stop: new pairing links
+  // when due, and an immediate end for a session whose device was revoked.
+  void pairingLoop() {
+    // Alone, the agent takes SIGINT and SIGTERM itself; under a user
+    // interface, the interface does and stops the agent through its control.
+    std::optional<StopSignals> stopSignals;
+    if (!ui_.control) stopSignals.emplace();
+    const std::optional<SteadyClock::time_point> deadline =
+        settings_.seconds ? std::optional(SteadyClock::now() +
+                                          std::chrono::duration_cast<SteadyClock::duration>(
+                                              std::chrono::duration<double>(*settings_.seconds)))
+                          : std::nullopt;
     while (true) {
       if (!stopSignals) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
       } else if (const int signal = stopSignals->wait(std::chrono::milliseconds(500))) {
-        print(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
-        break;
+        print_(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+        return;
       }
       const auto now = SteadyClock::now();
-      if (deadline && now >= *deadline) break;
-      if (ui.control && ui.control->stopRequested()) break;
-      if (ui.control && ui.control->takePairingRefresh()) {
+      if (deadline && now >= *deadline) return;
+      if (ui_.control && ui_.control->stopRequested()) return;
+      if (ui_.control && ui_.control->takePairingRefresh()) {
         refreshPairing();
         continue;
       }
-
-      std::optional<std::string> activeDevice;
-      {
-        std::lock_guard lock(active->mutex);
-        activeDevice = active->deviceId;
-      }
-      // A device revoked while in session loses it at once.
-      if (activeDevice) {
-        std::vector<TrustedDevice> devices;
-        try {
-          devices = trustedDevices.load();
-        } catch (const std::exception&) {
-          // A store that cannot be read is not a revoke.
-          continue;
-        }
-        const bool trusted = std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
-          return d.deviceId == *activeDevice && !d.revoked;
-        });
-        if (!trusted) {
-          print("device " + *activeDevice + " is no longer trusted: ending its session");
-          dispatcher->releaseActiveSession();
-          link->close();
-        }
-      } else if ((!linkValidUntil || now >= *linkValidUntil || linkSpent->exchange(false)) &&
-                 now >= nextPairingAttempt) {
+      if (const auto activeDevice = connections_->activeDeviceId()) {
+        endSessionIfRevoked(*activeDevice);
+      } else if ((!linkValidUntil_ || now >= *linkValidUntil_ || linkSpent_.exchange(false)) &&
+                 now >= nextPairingAttempt_) {
         refreshPairing();
       }
     }
-  } catch (const std::exception& error) {
-    print(std::string("real agent: ") + error.what());
   }
 
-  print("stopping\u2026");
-  stopping = true;
-  loopWake.notify_all();
-  signaling.close();
-  signalingLoop.join();
-  switcher->shutdown();
-  publisher->shutdown();
-  capture->stop();
-  dispatcher->releaseActiveSession();
-  link->close();
-  print("stopped");
+  // A device revoked while in session loses it at once.
+  void endSessionIfRevoked(const std::string& deviceId) {
+    std::vector<TrustedDevice> devices;
+    try {
+      devices = trustedDevices_->load();
+    } catch (const std::exception&) {
+      return;  // a store that cannot be read is not a revoke
+    }
+    const bool trusted = std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
+      return d.deviceId == deviceId && !d.revoked;
+    });
+    if (!trusted) {
+      print_("device " + deviceId + " is no longer trusted: ending its session");
+      connections_->endSession();
+    }
+  }
+
+  void tearDown() {
+    print_("stopping\u2026");
+    stopping_ = true;
+    loopWake_.notify_all();
+    signaling_->close();
+    if (signalingThread_.joinable()) signalingThread_.join();
+    // Offers are made on the connections' worker and sent through the
+    // client: the worker ends before the client goes.
+    connections_->shutdown();
+    switcher_->shutdown();
+    sceneQueue_.shutdown();
+    publisher_->shutdown();
+    actions_->shutdown();
+    capture_->shutdown();
+    print_("stopped");
+  }
+
+  const RealAgentSettings& settings_;
+  const std::function<void(const std::string&)>& onStatusChanged_;
+  const PrintLine& print_;
+  const RealAgentUi& ui_;
+
+  std::shared_ptr<SecretBackend> secrets_;
+  std::shared_ptr<const IdentityKeyStore> identity_;
+  std::optional<TrustedDeviceStore> trustedDevices_;
+  std::shared_ptr<const PairingService> pairing_;
+  std::shared_ptr<PhoneConnections> connections_;
+  std::shared_ptr<XTestInputInjector> injector_;
+  std::shared_ptr<AgentMessageActions> actions_;
+  std::shared_ptr<AccessibilityScenePublisher> publisher_;
+  std::shared_ptr<ScreenCaptureSource> screen_;
+  std::shared_ptr<WatchedCapture> capture_;
+  std::shared_ptr<DisplaySwitcher> switcher_;
+  std::unique_ptr<AgentSignalingClient> signaling_;
+  TaskQueue sceneQueue_{1, TaskQueue::Overflow::latestWins};
+
+  std::optional<SteadyClock::time_point> linkValidUntil_;
+  SteadyClock::time_point nextPairingAttempt_ = SteadyClock::now();
+  std::atomic<bool> linkSpent_{false};
+  std::atomic<bool> stopping_{false};
+  std::mutex loopMutex_;
+  std::condition_variable loopWake_;
+  std::thread signalingThread_;
+};
+
+}  // namespace
+
+void runRealAgent(const RealAgentSettings& settings,
+                  const std::function<void(const std::string&)>& onStatusChanged,
+                  const PrintLine& print, const RealAgentUi& ui) {
+  RealAgent(settings, onStatusChanged, print, ui).run();
 }
 
 }  // namespace zul

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ZulAgent/TaskQueue.h"
 #include "ZulCore/Input/InputInjector.h"
 #include "ZulCore/Input/KeyboardExecutor.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
@@ -48,36 +49,66 @@ struct RealAgentSettings {
 using PrintLine = std::function<void(std::string_view)>;
 
 // What the agent does with each message of an authenticated control session.
+// Slow work runs on bounded queues of its own, never on the data channel's
+// thread: pointer requests on one, typing and keys on another, element
+// actions on a third, so that a long text does not hold up pointer moves.
 // The pointer executor exists once capture has resolved its display; before
 // that pointer requests are dropped.
 class AgentMessageActions {
  public:
   using SceneSourceProvider = std::function<std::shared_ptr<AccessibilitySceneSource>()>;
+  // Tells the phone that its request failed (a missing permission, an
+  // element action that could not be done).
+  using Refuse = std::function<void(const RoutedMessage&, const std::exception&)>;
 
   AgentMessageActions(std::shared_ptr<InputInjector> injector, SceneSourceProvider sceneSource,
-                      PrintLine print);
+                      PrintLine print, Refuse refuse = {});
+  // shutdown()
+  ~AgentMessageActions();
 
   using Handler = std::function<void(const RoutedMessage&, const PermissionGate&)>;
-  // Another message type this agent handles (display switching, scenes).
-  void addHandler(std::string type, Handler handler);
+  // Another message type this agent handles (display switching, scenes). The
+  // handler runs on the caller's thread and queues its own slow work; with
+  // `needsControl` a phone without `control` is refused first. A handler
+  // that throws is refused.
+  void addHandler(std::string type, Handler handler, bool needsControl = false);
 
   void setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor);
   // No button stays pressed after a session ends.
   void releaseHeldButton();
 
-  // Never throws: failures are printed and the message dropped.
+  // Never throws: failures are printed, refused and the message dropped.
   void dispatch(const RoutedMessage& message, const PermissionGate& permissions);
+
+  // Waits until every request queued so far has been carried out.
+  void waitUntilIdle();
+  // Finishes the requests in progress and drops the others.
+  void shutdown();
 
  private:
   std::shared_ptr<PointerInputExecutor> pointer() const;
+  void pointerRequest(const RoutedMessage& message, const PermissionGate& permissions);
+  void typeText(const std::string& text, const PermissionGate& permissions);
   void invoke(const RoutedMessage& message, const PermissionGate& permissions);
+  void refuse(const RoutedMessage& message, const std::exception& error) const;
+  void queue(TaskQueue& queue, const RoutedMessage& message, std::function<void()> task);
+
+  struct HandlerEntry {
+    Handler handler;
+    bool needsControl = false;
+  };
 
   KeyboardExecutor keyboard_;
-  std::map<std::string, Handler> handlers_;
+  std::map<std::string, HandlerEntry> handlers_;
   SceneSourceProvider sceneSource_;
   PrintLine print_;
+  Refuse refuse_;
   mutable std::mutex pointerMutex_;
   std::shared_ptr<PointerInputExecutor> pointer_;
+  // Last: their threads end before the fields above go.
+  TaskQueue pointerQueue_{512};
+  TaskQueue keyboardQueue_{64};
+  TaskQueue invokeQueue_{16};
 };
 
 // The lines that announce a pairing link.

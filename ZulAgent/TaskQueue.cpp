@@ -2,7 +2,8 @@
 
 namespace zul {
 
-TaskQueue::TaskQueue() : worker_([this] { run(); }) {}
+TaskQueue::TaskQueue(std::size_t capacity, Overflow overflow)
+    : capacity_(capacity == 0 ? 1 : capacity), overflow_(overflow), worker_([this] { run(); }) {}
 
 TaskQueue::~TaskQueue() { shutdown(); }
 
@@ -10,6 +11,11 @@ bool TaskQueue::post(std::function<void()> task) {
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return false;
+    if (overflow_ == Overflow::latestWins) {
+      tasks_.clear();
+    } else if (tasks_.size() >= capacity_) {
+      return false;
+    }
     tasks_.push_back(std::move(task));
   }
   wake_.notify_one();

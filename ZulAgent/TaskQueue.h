@@ -1,25 +1,36 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <thread>
 
 namespace zul {
 
 // One thread that runs posted tasks in order: work that must not run on the
-// thread that asked for it (a data channel's delivery thread) and must not
-// overlap with itself (capture restarts, accessibility scans).
+// thread that asked for it (a data channel's delivery thread, the signalling
+// read loop) and must not overlap with itself (typing, capture restarts,
+// accessibility scans). The queue is bounded, so a phone that sends faster
+// than the desktop can act cannot make the agent hoard work.
 class TaskQueue {
  public:
-  TaskQueue();
+  enum class Overflow {
+    dropNewest,  // a full queue refuses the new task
+    latestWins,  // the new task replaces every task still waiting
+  };
+
+  explicit TaskQueue(std::size_t capacity = std::numeric_limits<std::size_t>::max(),
+                     Overflow overflow = Overflow::dropNewest);
   // shutdown()
   ~TaskQueue();
   TaskQueue(const TaskQueue&) = delete;
   TaskQueue& operator=(const TaskQueue&) = delete;
 
-  // False once shut down (the task is dropped).
+  // False when the task was dropped: the queue is shut down, or full and
+  // dropping new tasks.
   bool post(std::function<void()> task);
   // Lets the task in progress finish, drops the others, joins the thread.
   void shutdown();
@@ -29,6 +40,8 @@ class TaskQueue {
  private:
   void run();
 
+  const std::size_t capacity_;
+  const Overflow overflow_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;

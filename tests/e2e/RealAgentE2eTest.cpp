@@ -161,9 +161,11 @@ class TurnServer {
 // The phone page's API, called through the DevTools protocol.
 class Phone {
  public:
-  Phone(HeadlessChromium& browser, int serverPort) : browser_(browser) {
-    // "localhost" makes the page a secure context, which WebCrypto needs.
-    page_ = browser_.openPage("http://localhost:" + std::to_string(serverPort) + "/phone/");
+  // Loopback hosts make the page a secure context, which WebCrypto needs;
+  // pages of two hosts keep two devices apart (each origin its own storage).
+  Phone(HeadlessChromium& browser, int serverPort, const std::string& host = "localhost")
+      : browser_(browser) {
+    page_ = browser_.openPage("http://" + host + ":" + std::to_string(serverPort) + "/phone/");
     EXPECT_TRUE(waitFor("document.body?.dataset.ready === '1'"));
   }
 
@@ -233,7 +235,7 @@ class RealAgentE2eTest : public testing::Test {
                                      testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dataHome_);
     fs::create_directories(dataHome_);
-    xvfb_ = std::make_unique<XvfbServer>(1280, 720);
+    xvfb_ = std::make_unique<XvfbServer>(1920, 1080);
   }
   void TearDown() override {
     phone_.reset();
@@ -326,10 +328,10 @@ TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
   EXPECT_EQ(stats["width"], 1280);
   EXPECT_EQ(stats["height"], 720);
 
-  // The screen is captured at its own size, so wire and screen points agree.
-  phone_->sendCursor(sessionId, 321, 123);
-  ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=321 y=123")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(321, 123));
+  // The 1920x1080 screen is sent at 1280x720: wire points scale by 1.5.
+  phone_->sendCursor(sessionId, 320, 120);
+  ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=320 y=120")) << agent_->tail();
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(480, 180));
 
   // The stored device is the page's key, and nothing else was stored.
   const auto devices = trustedDevices().load();
@@ -351,8 +353,8 @@ TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
 // Two monitors side by side: the phone hears of both, switches to the right
 // one, and its pointer requests land there.
 TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
-  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-left 640/169x720/190+0+0 screen >/dev/null"), 0);
-  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-right 640/169x720/190+640+0 none >/dev/null"), 0);
+  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-left 960/254x1080/286+0+0 screen >/dev/null"), 0);
+  ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-right 960/254x1080/286+960+0 none >/dev/null"), 0);
   startServer();
   startAgent();
   const std::string sessionId = pairAndConnect();
@@ -366,7 +368,7 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   ASSERT_EQ(first["monitors"].size(), 2u) << first.dump();
   EXPECT_EQ(first["monitors"][1]["name"], "Монитор 2");
   EXPECT_EQ(first["monitors"][1]["rect"],
-            nlohmann::json({{"x", 640}, {"y", 0}, {"w", 640}, {"h", 720}}));
+            nlohmann::json({{"x", 960}, {"y", 0}, {"w", 960}, {"h", 1080}}));
 
   phone_->eval(
       "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
@@ -378,9 +380,10 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 640)"))
       << phone_->stats().dump();
 
+  // Captured at 640x720, the right display's wire points scale by 1.5 too.
   phone_->sendCursor(sessionId, 100, 50);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=100 y=50")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(740, 50));
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(1110, 75));
 
   // A scene of the new display follows the switch; another one is sent on
   // request. Without an accessibility bus it stands for the whole computer.
@@ -396,8 +399,79 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   EXPECT_EQ(scene["type"], "scene.snapshot");
   EXPECT_EQ(scene["seq"], phone_->eval(scenes + "[0].seq").get<int>() + 1);
   EXPECT_EQ(scene["screen"]["monitor"], 1);
-  EXPECT_EQ(scene["screen"]["originX"], 640);
+  EXPECT_EQ(scene["screen"]["originX"], 960);
   EXPECT_EQ(scene["activeWindow"]["appId"], "linux.unknown") << scene.dump();
+}
+
+// Two paired phones at once: a newcomer never disturbs the phone in session
+// until its own verified hello takes the session over; the same phone coming
+// back gets an ICE restart; a crowd of strangers cannot make the agent open
+// connection after connection.
+TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
+  startServer();
+  startAgent();
+  std::size_t firstLink = 0;
+  ASSERT_TRUE(agent_->waitForLine("zul://pair?payload=", 60s, 0, &firstLink));
+  const std::string linkA = pairingLink();
+  openPhone();
+  phone_->pair(linkA);
+  Phone phoneB(*browser_, serverPort_, "127.0.0.1");
+  phoneB.pair(pairingLink(firstLink + 1));
+  ASSERT_EQ(trustedDevices().load().size(), 2u);
+
+  const std::string sessionA = phone_->connect();
+  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
+  ASSERT_TRUE(phone_->framesDecodedAbove(5));
+  auto aStillServed = [&](int x) {
+    const int decoded = phone_->stats()["framesDecoded"].get<int>();
+    EXPECT_TRUE(phone_->framesDecodedAbove(decoded + 3)) << "A's video stopped";
+    phone_->sendCursor(sessionA, x, 100);
+    EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=" + std::to_string(x) + " y=100"))
+        << agent_->tail();
+  };
+
+  // A announces itself again: ICE restarts on its connection, same session.
+  std::size_t mark = agent_->lineCount();
+  EXPECT_EQ(phone_->connect(), sessionA);
+  EXPECT_EQ(phone_->waitForControl(2)["controlLease"], "granted");
+  EXPECT_TRUE(agent_->waitForLine("ICE restart for ", 10s, mark)) << agent_->tail();
+  EXPECT_EQ(agent_->countContaining("control session established", mark), 0u);
+  aStillServed(101);
+
+  // B arrives and says hello without asking to take over: refused, A undisturbed.
+  const std::string sessionB = phoneB.connect("{autoHello: false}");
+  aStillServed(102);
+  phoneB.eval("zulPhone.hello({replaceSession: false})");
+  const auto refusal = phoneB.waitForControl(1);
+  EXPECT_EQ(refusal["type"], "control.error") << refusal.dump();
+  EXPECT_EQ(refusal["message"], "anotherSessionActive");
+  aStillServed(103);
+
+  // Five strangers ask at once: B and one of them wait for a hello, the
+  // others are turned away.
+  mark = agent_->lineCount();
+  phoneB.eval("zulPhone.flood(5)");
+  for (int i = 0; i < 300 && agent_->countContaining("phones are already connecting", mark) < 4;
+       ++i) {
+    std::this_thread::sleep_for(100ms);
+  }
+  EXPECT_EQ(agent_->countContaining("phones are already connecting", mark), 4u) << agent_->tail();
+  EXPECT_EQ(agent_->countContaining("offering a connection to", mark), 1u);
+  aStillServed(104);
+
+  // B asks to take over: it is in session and A's connection is closed.
+  mark = agent_->lineCount();
+  phoneB.eval("zulPhone.hello({replaceSession: true})");
+  const auto ok = phoneB.waitForControl(2);
+  EXPECT_EQ(ok["type"], "control.hello.ok") << ok.dump() << agent_->tail();
+  EXPECT_EQ(ok["controlLease"], "replaced");
+  EXPECT_TRUE(agent_->waitForLine("replaced by", 10s, mark));
+  EXPECT_TRUE(phone_->waitFor(
+      "zulPhone.state.session.channels.control.readyState === 'closed' || "
+      "zulPhone.state.session.pc.connectionState !== 'connected'"));
+  EXPECT_TRUE(phoneB.framesDecodedAbove(5)) << phoneB.stats().dump();
+  phoneB.sendCursor(sessionB, 200, 100);
+  EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=200 y=100", 30s, mark));
 }
 
 TEST_F(RealAgentE2eTest, RelaysThroughTurnWhenThePhoneAsksForIt) {

@@ -386,7 +386,10 @@ class RendezvousServer {
       agentId,
       connection,
       sessionsServed: 0,
-      activePhone: null,
+      // The phones that asked for a session, by device id; the agent decides
+      // which of them holds the control session.
+      sessionPhones: new Map(),
+      latestPhone: null,
       pendingPairings: [],
       phones: new Set(),
     };
@@ -417,7 +420,8 @@ class RendezvousServer {
       phone.connection.close(4001, 'agent offline');
     }
     agent.phones.clear();
-    agent.activePhone = null;
+    agent.sessionPhones.clear();
+    agent.latestPhone = null;
     agent.pendingPairings = [];
   }
 
@@ -427,7 +431,10 @@ class RendezvousServer {
 
   onAgentMessage(agent, message, text) {
     if (message.type.startsWith('signal.')) {
-      if (agent.activePhone) agent.activePhone.connection.sendText(text);
+      // To the phone it names, else to the one that asked last.
+      const phone = typeof message.peerId === 'string'
+        ? agent.sessionPhones.get(message.peerId) : agent.latestPhone;
+      if (phone) phone.connection.sendText(text);
       return;
     }
     if (message.type === 'pairing.grant') {
@@ -453,17 +460,17 @@ class RendezvousServer {
       const changed = next.size !== before.size || ids.some((id) => !before.has(id));
       this.revoked.set(agent.agentId, next);
       if (changed) log(`agent ${agent.agentId} reports ${next.size} revoked device(s)`);
-      const active = agent.activePhone;
-      if (active && next.has(active.deviceId)) {
-        this.endSession(agent, active, 'device-revoked');
+      for (const phone of [...agent.sessionPhones.values()]) {
+        if (next.has(phone.deviceId)) this.endSession(agent, phone, 'device-revoked');
       }
     }
   }
 
   // The phone is no longer served; the agent hears "peer.left".
   endSession(agent, phone, code) {
-    if (agent.activePhone !== phone) return;
-    agent.activePhone = null;
+    if (agent.sessionPhones.get(phone.deviceId) !== phone) return;
+    agent.sessionPhones.delete(phone.deviceId);
+    if (agent.latestPhone === phone) agent.latestPhone = null;
     if (code) phone.connection.sendJson({ type: 'signal.error', code });
     agent.connection.sendJson({ type: 'peer.left', peerId: phone.deviceId });
   }
@@ -491,12 +498,12 @@ class RendezvousServer {
       } else if (message.type === 'session.request') {
         this.onSessionRequest(agent, phone, error);
       } else if (message.type.startsWith('signal.')) {
-        if (agent.activePhone !== phone) {
+        if (agent.sessionPhones.get(phone.deviceId) !== phone) {
           error('no-session');
           return;
         }
-        // Relayed as sent: the agent sees the phone's exact bytes.
-        agent.connection.sendText(data);
+        // Relayed with the phone named, so that the agent can tell phones apart.
+        agent.connection.sendJson({ ...message, peerId: phone.deviceId });
       } else {
         error('unknown-type');
       }
@@ -504,7 +511,7 @@ class RendezvousServer {
     connection.on('close', () => {
       agent.phones.delete(phone);
       agent.pendingPairings = agent.pendingPairings.filter((p) => p !== phone);
-      if (agent.activePhone === phone && this.agents.get(agent.agentId) === agent) {
+      if (agent.sessionPhones.get(deviceId) === phone && this.agents.get(agent.agentId) === agent) {
         this.endSession(agent, phone, null);
       }
       log(`phone ${deviceId} disconnected`);
@@ -550,17 +557,22 @@ class RendezvousServer {
     if (limit > 0 && agent.sessionsServed >= limit) {
       log(`session limit of ${agent.agentId} reached`);
       error('session-limit-reached');
-      const active = agent.activePhone;
-      agent.activePhone = null;
-      if (active && active !== phone) {
-        active.connection.sendJson({ type: 'signal.error', code: 'session-limit-reached' });
+      for (const active of agent.sessionPhones.values()) {
+        if (active !== phone) {
+          active.connection.sendJson({ type: 'signal.error', code: 'session-limit-reached' });
+        }
       }
+      agent.sessionPhones.clear();
+      agent.latestPhone = null;
       agent.connection.sendJson({ type: 'session.limit_reached' });
       return;
     }
-    const previous = agent.activePhone;
+    // The same device on another socket replaces its older one; other phones
+    // stay, and the agent's control lease decides who is in session.
+    const previous = agent.sessionPhones.get(phone.deviceId);
     if (previous && previous !== phone) this.endSession(agent, previous, 'session-replaced');
-    agent.activePhone = phone;
+    agent.sessionPhones.set(phone.deviceId, phone);
+    agent.latestPhone = phone;
     agent.sessionsServed += 1;
     log(`session ${agent.sessionsServed} for ${phone.deviceId}`);
     agent.connection.sendJson({ type: 'peer.ready', peerId: phone.deviceId, pairing: false });

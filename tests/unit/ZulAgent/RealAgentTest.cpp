@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "ZulAgent/RealAgent.h"
+#include "ZulAgent/orchestration/WatchedCapture.h"
 #include "unit/ZulCore/RecordingInputInjector.h"
 
 namespace zul {
@@ -11,8 +15,22 @@ struct Actions {
   std::shared_ptr<test::RecordingInputInjector> injector =
       std::make_shared<test::RecordingInputInjector>();
   std::vector<std::string> printed;
+  std::vector<std::string> refused;  // what the phone was told
+  std::vector<std::string> handled;
   AgentMessageActions actions{injector, nullptr,
-                              [this](std::string_view line) { printed.emplace_back(line); }};
+                              [this](std::string_view line) { printed.emplace_back(line); },
+                              [this](const RoutedMessage& m, const std::exception& error) {
+                                refused.push_back(m.type + ": " + error.what());
+                              }};
+
+  Actions() {
+    actions.addHandler(
+        "control.monitor.select",
+        [this](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); }, true);
+    actions.addHandler(
+        "control.monitor.list",
+        [this](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); });
+  }
 
   void withPointer() {
     actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
@@ -23,6 +41,7 @@ struct Actions {
                                                      DevicePermission::control}) {
     RoutedMessage routed{channel, message.value("type", ""), "1.0", "s", message};
     actions.dispatch(routed, PermissionGate{{granted.begin(), granted.end()}});
+    actions.waitUntilIdle();
   }
 };
 
@@ -35,6 +54,8 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
     std::vector<DevicePermission> granted;
     std::vector<std::string> printed;
     std::vector<std::string> events;
+    std::vector<std::string> refused = {};
+    std::vector<std::string> handled = {};
   };
   const std::vector<DevicePermission> viewOnly{DevicePermission::view};
   const std::vector<DevicePermission> full{DevicePermission::view, DevicePermission::control};
@@ -66,7 +87,58 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
        {{"type", "input.cursor"}, {"phase", "down"}, {"x", 1}, {"y", 1}},
        viewOnly,
        {"[input] denied(control)"},
-       {}},
+       {},
+       {"input.cursor: denied(control)"}},
+      {"text without control",
+       true,
+       "input",
+       {{"type", "input.text"}, {"value", "hi"}},
+       viewOnly,
+       {"[input] denied(control)"},
+       {},
+       {"input.text: denied(control)"}},
+      {"hotkey without control",
+       true,
+       "input",
+       {{"type", "input.key"}, {"combo", "Ctrl+K"}},
+       viewOnly,
+       {"[input] denied(control)"},
+       {},
+       {"input.key: denied(control)"}},
+      {"unknown key name",
+       true,
+       "input",
+       {{"type", "input.key"}, {"combo", "Ctrl+Nope"}},
+       full,
+       {"[input] unsupportedKey(\"Nope\")"},
+       {},
+       {"input.key: unsupportedKey(\"Nope\")"}},
+      {"display switch without control",
+       true,
+       "control",
+       {{"type", "control.monitor.select"}, {"index", 1}},
+       viewOnly,
+       {"monitor switch rejected: denied(control)"},
+       {},
+       {"control.monitor.select: denied(control)"}},
+      {"display switch",
+       true,
+       "control",
+       {{"type", "control.monitor.select"}, {"index", 1}},
+       full,
+       {},
+       {},
+       {},
+       {"control.monitor.select"}},
+      {"display list asked for by a view-only phone",
+       true,
+       "control",
+       {{"type", "control.monitor.list"}},
+       viewOnly,
+       {},
+       {},
+       {},
+       {"control.monitor.list"}},
       {"hotkey",
        true,
        "input",
@@ -88,14 +160,24 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
        {{"type", "input.invoke"}, {"elementId", "e1"}},
        full,
        {"[input.invoke] invalidSemanticInvocation"},
-       {}},
+       {},
+       {"input.invoke: invalidSemanticInvocation"}},
       {"invoke without control",
        true,
        "input",
        {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}},
        viewOnly,
        {"[input.invoke] denied(control)"},
-       {}},
+       {},
+       {"input.invoke: denied(control)"}},
+      {"invoke without accessibility",
+       true,
+       "input",
+       {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}},
+       full,
+       {"[input.invoke] permissionRequired"},
+       {},
+       {"input.invoke: permissionRequired"}},
       {"unknown control message",
        true,
        "control",
@@ -111,6 +193,113 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
     a.send(c.channel, c.message, c.granted);
     EXPECT_EQ(a.printed, c.printed);
     EXPECT_EQ(a.injector->events, c.events);
+    EXPECT_EQ(a.refused, c.refused);
+    EXPECT_EQ(a.handled, c.handled);
+  }
+}
+
+// Typing that blocks until released, and pointer moves in order of arrival.
+class BlockingTyping : public test::RecordingInputInjector {
+ public:
+  void typeText(std::u32string_view text) override {
+    std::unique_lock lock(mutex);
+    typedCodePoints += text.size();
+    changed.notify_all();
+    changed.wait(lock, [&] { return released; });
+  }
+  void movePointer(DesktopPoint p) override {
+    std::lock_guard lock(mutex);
+    movesBeforeTypingDone += typedCodePoints < total;
+    changed.notify_all();
+  }
+  void release() {
+    std::lock_guard lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool released = false;
+  std::size_t typedCodePoints = 0;
+  std::size_t movesBeforeTypingDone = 0;
+  static constexpr std::size_t total = 1 << 20;
+};
+
+TEST(AgentMessageActions, PointerMovesPassALongText) {
+  auto injector = std::make_shared<BlockingTyping>();
+  std::vector<std::string> printed;
+  std::mutex printedMutex;
+  AgentMessageActions actions(injector, nullptr, [&](std::string_view line) {
+    std::lock_guard lock(printedMutex);
+    printed.emplace_back(line);
+  });
+  actions.setPointerExecutor(
+      std::make_shared<PointerInputExecutor>(1920, 1080, DesktopRect{0, 0, 1920, 1080}, injector));
+  const PermissionGate full{{DevicePermission::view, DevicePermission::control}};
+  auto message = [](nlohmann::json json) {
+    return RoutedMessage{"input", json["type"], "1.0", "s", json};
+  };
+
+  actions.dispatch(
+      message({{"type", "input.text"}, {"value", std::string(BlockingTyping::total, 'a')}}), full);
+  {
+    std::unique_lock lock(injector->mutex);
+    injector->changed.wait(lock, [&] { return injector->typedCodePoints > 0; });
+  }
+  actions.dispatch(message({{"type", "input.cursor"}, {"phase", "move"}, {"x", 5}, {"y", 5}}),
+                   full);
+  {
+    // The move is carried out while the text is still being typed.
+    std::unique_lock lock(injector->mutex);
+    injector->changed.wait(lock, [&] { return injector->movesBeforeTypingDone == 1; });
+  }
+  injector->release();
+  actions.waitUntilIdle();
+  EXPECT_EQ(injector->typedCodePoints, BlockingTyping::total);
+  EXPECT_EQ(printed,
+            (std::vector<std::string>{"[input.cursor] ok: move x=5 y=5", "[input.text] ok"}));
+}
+
+TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
+  std::vector<std::string> calls;
+  std::mutex mutex;
+  auto record = [&](std::string call) {
+    std::lock_guard lock(mutex);
+    calls.push_back(std::move(call));
+  };
+  WatchedCapture capture({
+      .start =
+          [&](std::int64_t index) {
+            if (index == 7) throw std::runtime_error("no display 7");
+            record("start " + std::to_string(index));
+            return DisplayDescriptor{.index = index};
+          },
+      .stop = [&] { record("stop"); },
+      .print = [](std::string_view) {},
+  });
+  struct Step {
+    std::function<void()> action;
+    std::vector<std::string> calls;  // since the previous step
+    bool running;
+  };
+  const Step steps[] = {
+      {[&] { capture.startOn(0); }, {"start 0", "stop"}, false},  // start-up check
+      {[&] { capture.setWatched(true); }, {"start 0"}, true},
+      {[&] { capture.startOn(1); }, {"start 1"}, true},  // a display switch
+      {[&] { EXPECT_THROW(capture.startOn(7), std::runtime_error); }, {}, true},
+      {[&] { capture.setWatched(false); }, {"stop"}, false},
+      {[&] { capture.setWatched(false); }, {}, false},
+      {[&] { capture.setWatched(true); }, {"start 1"}, true},  // the next phone
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE(i);
+    steps[i].action();
+    capture.waitUntilIdle();
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(calls, steps[i].calls);
+    EXPECT_EQ(capture.running(), steps[i].running);
+    calls.clear();
   }
 }
 

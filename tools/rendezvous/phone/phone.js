@@ -67,9 +67,8 @@ async function loadDevice(fresh = false) {
   return state.device.id;
 }
 
-async function sign(text) {
-  return b64url(await crypto.subtle.sign({ name: 'Ed25519' }, state.device.privateKey,
-    encoder.encode(text)));
+async function sign(text, privateKey = state.device.privateKey) {
+  return b64url(await crypto.subtle.sign({ name: 'Ed25519' }, privateKey, encoder.encode(text)));
 }
 async function verify(publicKeyText, bytes, signatureText) {
   const key = await crypto.subtle.importKey('raw', unb64url(publicKeyText), { name: 'Ed25519' },
@@ -98,15 +97,15 @@ function reachableSignalUrl(signalUrl) {
 }
 
 // The phone's identity proof in the WebSocket query.
-async function openSignaling(signalUrl, agentId) {
+async function openSignaling(signalUrl, agentId, device = state.device) {
   const timestamp = Math.floor(Date.now() / 1000);
   const nonce = randomText(24);
   const transcript =
-    `ZUL-SIGNALING-IDENTITY-1\nphone\n${state.device.id}\n${agentId}\n${timestamp}\n${nonce}`;
+    `ZUL-SIGNALING-IDENTITY-1\nphone\n${device.id}\n${agentId}\n${timestamp}\n${nonce}`;
   const url = reachableSignalUrl(signalUrl);
   url.search = new URLSearchParams({
-    role: 'phone', deviceId: state.device.id, agentId, publicKey: state.device.publicKey,
-    timestamp: String(timestamp), nonce, signature: await sign(transcript),
+    role: 'phone', deviceId: device.id, agentId, publicKey: device.publicKey,
+    timestamp: String(timestamp), nonce, signature: await sign(transcript, device.privateKey),
   }).toString();
   const ws = new WebSocket(url);
   await new Promise((resolve, reject) => {
@@ -159,6 +158,30 @@ async function pair(linkText) {
   return grant;
 }
 
+// The o= line's session id: the same for every offer of one connection.
+function sdpSessionId(sdp) {
+  const match = /^o=\S+ (\S+)/m.exec(sdp || '');
+  return match ? match[1] : undefined;
+}
+
+// Asks for sessions as `count` new devices that never paired, each on a
+// socket of its own kept open, as a crowd of strangers would.
+async function flood(count) {
+  const agent = JSON.parse(localStorage.getItem('zul.agent') || 'null');
+  if (!agent) throw new Error('pair first');
+  state.floodSockets = state.floodSockets || [];
+  for (let i = 0; i < count; i += 1) {
+    const pair = await crypto.subtle.generateKey({ name: 'Ed25519' }, true, ['sign', 'verify']);
+    const raw = await crypto.subtle.exportKey('raw', pair.publicKey);
+    const device = { id: await deriveId('device_', raw), publicKey: b64url(raw),
+      privateKey: pair.privateKey };
+    const ws = await openSignaling(agent.signalUrl, agent.agentId, device);
+    ws.send(JSON.stringify({ type: 'session.request' }));
+    state.floodSockets.push(ws);
+  }
+  return count;
+}
+
 function offeredFingerprint(sdp) {
   const match = /a=fingerprint:sha-256 ([0-9A-Fa-f:]+)/.exec(sdp);
   return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
@@ -183,7 +206,7 @@ async function hello(options = {}) {
   const message = {
     type: 'control.hello', protoVersion: '1.0', sessionId, deviceId,
     dtlsFingerprint: options.dtlsFingerprint || offeredFingerprint(session.pc.remoteDescription.sdp),
-    nonce, signature: await sign(transcript), replaceSession: true,
+    nonce, signature: await sign(transcript), replaceSession: options.replaceSession ?? true,
   };
   send('control', message);
   return message;
@@ -193,15 +216,27 @@ async function hello(options = {}) {
 // agent's offer (refused when it does not carry the pinned fingerprint), and
 // resolves once the control channel is open, after sending the hello unless
 // `autoHello` is false. `relay` keeps the phone's media on TURN.
+//
+// Connecting again while the connection lives asks the agent for it anew: the
+// agent restarts ICE on the same connection (its offer keeps the connection's
+// SDP session id), the channels stay open and the hello is repeated.
 async function connect({ relay = false, autoHello = true } = {}) {
   const agent = JSON.parse(localStorage.getItem('zul.agent') || 'null');
   if (!agent) throw new Error('pair first');
   status('connecting');
+  const previous = state.session;
+  if (previous && previous.ws) {
+    previous.ws.onmessage = null;
+    previous.ws.onclose = null;
+    previous.ws.close();
+  }
   const ws = await openSignaling(agent.signalUrl, agent.agentId);
-  const session = {
+  const live = previous && previous.pc && !['closed', 'failed'].includes(previous.pc.connectionState);
+  const session = live ? previous : {
     ws, pc: null, channels: {}, sessionId: crypto.randomUUID(), iceServers: [],
   };
-  if (state.session && state.session.pc) state.session.pc.close();
+  session.ws = ws;
+  if (!live && previous && previous.pc) previous.pc.close();
   state.session = session;
   let controlOpen;
   const opened = new Promise((resolve, reject) => { controlOpen = { resolve, reject }; });
@@ -248,8 +283,14 @@ async function connect({ relay = false, autoHello = true } = {}) {
         controlOpen.reject(new Error('the offer names another DTLS fingerprint'));
         return;
       }
-      const pc = makeConnection();
-      session.pc = pc;
+      const sameConnection = session.pc && session.pc.remoteDescription &&
+        sdpSessionId(session.pc.remoteDescription.sdp) === sdpSessionId(m.sdp);
+      if (!sameConnection) {
+        if (session.pc) session.pc.close();
+        session.channels = {};
+        session.pc = makeConnection();
+      }
+      const pc = session.pc;
       await pc.setRemoteDescription({ type: 'offer', sdp: m.sdp });
       await pc.setLocalDescription(await pc.createAnswer());
       if (pc.iceGatheringState !== 'complete') {
@@ -261,7 +302,15 @@ async function connect({ relay = false, autoHello = true } = {}) {
         });
       }
       ws.send(JSON.stringify({ type: 'signal.answer', sdp: pc.localDescription.sdp }));
-      log('answer sent');
+      log(sameConnection ? 'answer sent (ICE restart)' : 'answer sent');
+      if (sameConnection) {
+        try {
+          if (autoHello) await hello();
+          controlOpen.resolve(session.sessionId);
+        } catch (error) {
+          controlOpen.reject(error);
+        }
+      }
     } else if (m.type === 'signal.error') {
       recordSignalError(m);
       controlOpen.reject(new Error(`the server refused: ${m.code}`));
@@ -296,6 +345,7 @@ window.zulPhone = {
   connect,
   hello,
   send,
+  flood,
   videoStats,
   // A new device key, as if another phone that never paired picked this one up.
   newDevice: () => loadDevice(true),
