@@ -12,8 +12,9 @@ namespace zul {
 namespace {
 
 // The library's ICE connection states after which a connection is over:
-// failed, disconnected, closed.
-bool endsConnection(int state) { return state == 4 || state == 5 || state == 6; }
+// failed, disconnected. "Closed" comes only from closing it here, or from the
+// session replacing its first connection when it learns the ICE servers.
+bool endsConnection(int state) { return state == 4 || state == 5; }
 
 std::string shortId(const std::string& deviceId) {
   return deviceId.empty() ? std::string("an unnamed phone") : deviceId;

@@ -466,9 +466,9 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   EXPECT_EQ(ok["type"], "control.hello.ok") << ok.dump() << agent_->tail();
   EXPECT_EQ(ok["controlLease"], "replaced");
   EXPECT_TRUE(agent_->waitForLine("replaced by", 10s, mark));
-  EXPECT_TRUE(phone_->waitFor(
-      "zulPhone.state.session.channels.control.readyState === 'closed' || "
-      "zulPhone.state.session.pc.connectionState !== 'connected'"));
+  EXPECT_TRUE(
+      phone_->waitFor("zulPhone.state.session.channels.control.readyState === 'closed' || "
+                      "zulPhone.state.session.pc.connectionState !== 'connected'"));
   EXPECT_TRUE(phoneB.framesDecodedAbove(5)) << phoneB.stats().dump();
   phoneB.sendCursor(sessionB, 200, 100);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=200 y=100", 30s, mark));
