@@ -238,8 +238,6 @@ std::vector<std::string> pairingBanner(const std::string& link, std::int64_t exp
           ""};
 }
 
-bool iceStateEndsSession(int state) { return state == 4 || state == 5 || state == 6; }
-
 // ---------------------------------------------------------------------------
 // The orchestrator
 

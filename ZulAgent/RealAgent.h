@@ -115,10 +115,6 @@ class AgentMessageActions {
 std::vector<std::string> pairingBanner(const std::string& link, std::int64_t expiresInSeconds,
                                        const std::string& signalingBaseURL);
 
-// The ICE connection states after which a control session is over
-// (failed, disconnected, closed).
-bool iceStateEndsSession(int state);
-
 // Requests from a user interface to a running real agent; any thread.
 class RealAgentControl {
  public:

@@ -337,12 +337,49 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
   unsetenv("ZUL_DEMO_SECONDS");
 }
 
-TEST(RealAgent, EndsSessionsOnlyOnLostConnections) {
-  std::vector<int> ending;
-  for (int state = -1; state <= 8; ++state) {
-    if (iceStateEndsSession(state)) ending.push_back(state);
+TEST(TaskQueue, KeepsItsBound) {
+  struct Case {
+    TaskQueue::Overflow overflow;
+    std::vector<int> ran;  // of tasks 1..4 posted while task 0 runs
+    std::vector<bool> accepted;
+  };
+  const Case cases[] = {
+      {TaskQueue::Overflow::dropNewest, {0, 1, 2}, {true, true, false, false}},
+      {TaskQueue::Overflow::latestWins, {0, 4}, {true, true, true, true}},
+  };
+  for (const auto& c : cases) {
+    TaskQueue queue(2, c.overflow);
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool started = false, release = false;
+    std::vector<int> ran;
+    queue.post([&] {
+      std::unique_lock lock(mutex);
+      ran.push_back(0);
+      started = true;
+      changed.notify_all();
+      changed.wait(lock, [&] { return release; });
+    });
+    {
+      std::unique_lock lock(mutex);
+      changed.wait(lock, [&] { return started; });
+    }
+    std::vector<bool> accepted;
+    for (int i = 1; i <= 4; ++i) {
+      accepted.push_back(queue.post([&, i] {
+        std::lock_guard lock(mutex);
+        ran.push_back(i);
+      }));
+    }
+    {
+      std::lock_guard lock(mutex);
+      release = true;
+      changed.notify_all();
+    }
+    queue.waitUntilIdle();
+    EXPECT_EQ(ran, c.ran);
+    EXPECT_EQ(accepted, c.accepted);
   }
-  EXPECT_EQ(ending, (std::vector<int>{4, 5, 6}));  // failed, disconnected, closed
 }
 
 }  // namespace
