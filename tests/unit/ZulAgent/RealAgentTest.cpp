@@ -81,30 +81,6 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
        full,
        {"[input.cursor] ok: move x=missing y=missing"},
        {"move 100,0"}},
-      {"pointer without control",
-       true,
-       "input",
-       {{"type", "input.cursor"}, {"phase", "down"}, {"x", 1}, {"y", 1}},
-       viewOnly,
-       {"[input] denied(control)"},
-       {},
-       {"input.cursor: denied(control)"}},
-      {"text without control",
-       true,
-       "input",
-       {{"type", "input.text"}, {"value", "hi"}},
-       viewOnly,
-       {"[input] denied(control)"},
-       {},
-       {"input.text: denied(control)"}},
-      {"hotkey without control",
-       true,
-       "input",
-       {{"type", "input.key"}, {"combo", "Ctrl+K"}},
-       viewOnly,
-       {"[input] denied(control)"},
-       {},
-       {"input.key: denied(control)"}},
       {"unknown key name",
        true,
        "input",
@@ -113,14 +89,6 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
        {"[input] unsupportedKey(\"Nope\")"},
        {},
        {"input.key: unsupportedKey(\"Nope\")"}},
-      {"display switch without control",
-       true,
-       "control",
-       {{"type", "control.monitor.select"}, {"index", 1}},
-       viewOnly,
-       {"monitor switch rejected: denied(control)"},
-       {},
-       {"control.monitor.select: denied(control)"}},
       {"display switch",
        true,
        "control",
@@ -162,14 +130,6 @@ TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
        {"[input.invoke] invalidSemanticInvocation"},
        {},
        {"input.invoke: invalidSemanticInvocation"}},
-      {"invoke without control",
-       true,
-       "input",
-       {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}},
-       viewOnly,
-       {"[input.invoke] denied(control)"},
-       {},
-       {"input.invoke: denied(control)"}},
       {"invoke without accessibility",
        true,
        "input",
@@ -300,6 +260,26 @@ TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
     EXPECT_EQ(calls, steps[i].calls);
     EXPECT_EQ(capture.running(), steps[i].running);
     calls.clear();
+  }
+}
+
+TEST(AgentMessageActions, RefusesEveryActionToAViewOnlyPhone) {
+  for (std::string type :
+       {"input.cursor", "input.text", "input.key", "input.invoke", "control.monitor.select"}) {
+    Actions a;
+    a.withPointer();
+    a.send(type == "control.monitor.select" ? "control" : "input",
+           {{"type", type},
+            {"phase", "down"},
+            {"value", "hi"},
+            {"combo", "Ctrl+K"},
+            {"elementId", "e1"},
+            {"sceneSeq", 1},
+            {"index", 1}},
+           {DevicePermission::view});
+    EXPECT_EQ(a.refused, std::vector<std::string>{type + ": denied(control)"});
+    EXPECT_TRUE(a.injector->events.empty()) << type;
+    EXPECT_TRUE(a.handled.empty()) << type;
   }
 }
 
