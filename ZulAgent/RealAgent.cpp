@@ -22,6 +22,7 @@
 #include "ZulTransport/AgentSignalingClient.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
 #include "ZulTransport/LocalOfferSession.h"
+#include "ZulTransport/SignalingUrl.h"
 
 namespace zul {
 
@@ -41,7 +42,11 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
   if (const char* text = std::getenv("ZUL_DEMO_SECONDS"); text && *text) {
     char* end = nullptr;
     const double seconds = std::strtod(text, &end);
-    if (end && *end == '\0' && std::isfinite(seconds) && seconds >= 0) settings.seconds = seconds;
+    // Capped so that the deadline's nanoseconds fit the clock (about 31 years).
+    constexpr double maxSeconds = 1e9;
+    if (end && *end == '\0' && std::isfinite(seconds) && seconds >= 0) {
+      settings.seconds = std::min(seconds, maxSeconds);
+    }
   }
   return settings;
 }
@@ -156,7 +161,8 @@ std::vector<std::string> pairingBanner(const std::string& link, std::int64_t exp
           "",
           link,
           "",
-          "Expires in " + std::to_string(expiresInSeconds) + "s. Signaling: " + signalingBaseURL,
+          "Expires in " + std::to_string(expiresInSeconds) +
+              "s. Signaling: " + redactedUrl(signalingBaseURL),
           rule,
           ""};
 }
@@ -318,7 +324,17 @@ void runRealAgent(const RealAgentSettings& settings,
     withDispatcher([](ControlSessionDispatcher& d) { d.releaseActiveSession(); });
   };
   auto link = std::make_shared<PeerSessionLink>(
-      [&certificateStore] { return std::make_unique<AgentPeerSession>(certificateStore); },
+      // The certificate is read once for the run; every phone's session shares it.
+      [certificate =
+           [&] {
+             try {
+               return PersistedDtlsCertificate::loadOrCreate(certificateStore);
+             } catch (const std::exception& error) {
+               print(std::string("could not load or create the agent's DTLS certificate: ") +
+                     error.what());
+               throw;
+             }
+           }()] { return std::make_unique<AgentPeerSession>(certificate); },
       std::move(peerCallbacks));
 
   auto capture = std::make_shared<ScreenCaptureSource>();
