@@ -55,8 +55,8 @@ class AgentPeerSession {
   // Replaces the connection (and forgets its channels) with one that uses a
   // single ICE server made of the usable `urls`, or none when there is none.
   // Each URL the library would refuse (scheme, host, port, transport,
-  // control characters, length, TURN without a user name) is left out with a
-  // diagnostic line that never shows the credential.
+  // control characters, length, TURN without a user name, beyond the first
+  // 32) is left out with a diagnostic line that never shows the credential.
   void configureIceServers(const std::vector<std::string>& urls, const std::string& username,
                            const std::string& credential);
   void createDataChannels();

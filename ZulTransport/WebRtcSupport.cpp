@@ -367,8 +367,11 @@ std::optional<std::string> iceUrlProblem(const std::string& url, const std::stri
 
 UsableIceServers usableIceServers(const std::vector<std::string>& urls, const std::string& username,
                                   const std::string& credential) {
+  // A server's list is short; a longer one is cut rather than printed whole.
+  constexpr std::size_t kMaxUrls = 32;
   UsableIceServers usable;
-  for (const auto& url : urls) {
+  for (std::size_t i = 0; i < urls.size() && i < kMaxUrls; ++i) {
+    const std::string& url = urls[i];
     if (auto problem = iceUrlProblem(url, username, credential)) {
       std::string shown = url.substr(0, 64);
       if (auto at = shown.find('@'); at != std::string::npos) shown = "***" + shown.substr(at);
@@ -378,6 +381,10 @@ UsableIceServers usableIceServers(const std::vector<std::string>& urls, const st
     } else {
       usable.urls.push_back(url);
     }
+  }
+  if (urls.size() > kMaxUrls) {
+    usable.skipped.push_back("ICE servers skipped: " + std::to_string(urls.size() - kMaxUrls) +
+                             " beyond the first " + std::to_string(kMaxUrls));
   }
   return usable;
 }

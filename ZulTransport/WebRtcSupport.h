@@ -102,8 +102,9 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
 // credential for all of them, and a line for each URL left out: not a string
 // the library parses (scheme stun, stuns, turn or turns; host; port
 // 1..65535; "?transport=udp|tcp"), control characters, over 512 bytes, or a
-// TURN URL without a usable user name and credential. The lines show the URL
-// shortened and never the credential.
+// TURN URL without a usable user name and credential; URLs beyond the first
+// 32 get one line together. The lines show the URL shortened and never the
+// credential.
 struct UsableIceServers {
   std::vector<std::string> urls;
   std::vector<std::string> skipped;
