@@ -14,6 +14,7 @@
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/LibavH264Encoder.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulTransport/SignalingUrl.h"
 #include "ZulTransport/WebRTCSmokeTest.h"
 #include "ZulTransport/WebRtcLogging.h"
 
@@ -61,8 +62,8 @@ void runRealAgentMode() {
   }
   try {
     const RealAgentSettings settings = RealAgentSettings::fromEnvironment();
-    printLine("Zul Linux agent \u2014 real agent (signaling: " + settings.signalingBaseURL +
-              "; set ZUL_SIGNALING_URL to change)");
+    printLine("Zul Linux agent \u2014 real agent (signaling: " +
+              redactedUrl(settings.signalingBaseURL) + "; set ZUL_SIGNALING_URL to change)");
     runRealAgent(settings, nullptr, printLine);
   } catch (const std::exception& error) {
     printLine(std::string("real-agent failed: ") + error.what());

@@ -5,6 +5,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -36,7 +37,11 @@ PhoneDemoSettings PhoneDemoSettings::fromValues(const char* seconds, const char*
   if (seconds && *seconds) {
     char* end = nullptr;
     const double value = std::strtod(seconds, &end);
-    if (end && *end == '\0' && std::isfinite(value) && value >= 0) settings.seconds = value;
+    // Capped so that the wait's nanoseconds fit the clock (about 31 years).
+    constexpr double maxSeconds = 1e9;
+    if (end && *end == '\0' && std::isfinite(value) && value >= 0) {
+      settings.seconds = std::min(value, maxSeconds);
+    }
   }
   if (port && *port) {
     char* end = nullptr;

@@ -23,6 +23,7 @@
 #include "ZulTransport/AgentSignalingClient.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
 #include "ZulTransport/LocalOfferSession.h"
+#include "ZulTransport/SignalingUrl.h"
 
 namespace zul {
 
@@ -42,7 +43,11 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
   if (const char* text = std::getenv("ZUL_DEMO_SECONDS"); text && *text) {
     char* end = nullptr;
     const double seconds = std::strtod(text, &end);
-    if (end && *end == '\0' && std::isfinite(seconds) && seconds >= 0) settings.seconds = seconds;
+    // Capped so that the deadline's nanoseconds fit the clock (about 31 years).
+    constexpr double maxSeconds = 1e9;
+    if (end && *end == '\0' && std::isfinite(seconds) && seconds >= 0) {
+      settings.seconds = std::min(seconds, maxSeconds);
+    }
   }
   return settings;
 }
@@ -233,7 +238,8 @@ std::vector<std::string> pairingBanner(const std::string& link, std::int64_t exp
           "",
           link,
           "",
-          "Expires in " + std::to_string(expiresInSeconds) + "s. Signaling: " + signalingBaseURL,
+          "Expires in " + std::to_string(expiresInSeconds) +
+              "s. Signaling: " + redactedUrl(signalingBaseURL),
           rule,
           ""};
 }
@@ -374,11 +380,18 @@ class RealAgent {
 
   // One WebRTC connection per phone, all on the agent's certificate.
   void makeConnections() {
-    const SecretStore certificateStore("dtls-certificate", secrets_);
+    // Read once for the run; every phone's session presents the same certificate.
+    DtlsCertificate certificate;
+    try {
+      certificate =
+          PersistedDtlsCertificate::loadOrCreate(SecretStore("dtls-certificate", secrets_));
+    } catch (const std::exception& error) {
+      print_(std::string("could not load or create the agent's DTLS certificate: ") +
+             error.what());
+      throw;
+    }
     PhoneConnections::Hooks hooks;
-    hooks.makeSession = [certificateStore] {
-      return std::make_unique<AgentPeerSession>(certificateStore);
-    };
+    hooks.makeSession = [certificate] { return std::make_unique<AgentPeerSession>(certificate); };
     hooks.wireDispatcher = [this](ControlSessionDispatcher& dispatcher) {
       dispatcher.onDiagnostic = [print = print_](const std::string& line) {
         print("[control] " + line);

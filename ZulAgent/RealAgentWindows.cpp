@@ -66,8 +66,10 @@ void runRealAgentWithWindows(const PrintLine& print) {
   QApplication::setApplicationName("zul-agent");
 
   AgentSetupWindowController setup({screenReadable, inputInjectable});
+  // The agent's own store, chosen when first used: a store that cannot be
+  // had fails the agent's start with its reason, not the windows.
   PairingQRWindowController pairing(
-      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, makeSecretBackend())));
+      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, deferredSecretBackend())));
   auto control = std::make_shared<RealAgentControl>();
   std::thread agent;
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "ZulCore/Support/Console.h"
 #include "ZulCore/Trust/Iso8601.h"
 
 namespace zul {
@@ -22,8 +23,10 @@ void list(const std::vector<TrustedDevice>& devices, std::ostream& out) {
       if (!permissions.empty()) permissions += ",";
       permissions += rawValue(permission);
     }
-    out << device.deviceId << "  " << (device.revoked ? "revoked" : "trusted") << "  "
-        << formatIso8601(device.pairedAt) << "  " << permissions << "  " << device.name << "\n";
+    // Ids and names come from phones: one line each, whatever they hold.
+    out << escapeControlCharacters(device.deviceId) << "  "
+        << (device.revoked ? "revoked" : "trusted") << "  " << formatIso8601(device.pairedAt)
+        << "  " << permissions << "  " << escapeControlCharacters(device.name) << "\n";
   }
 }
 
@@ -38,28 +41,35 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
     err << usage;
     return 2;
   }
+  std::vector<TrustedDevice> devices;
   try {
-    const auto devices = store.load();
+    devices = store.load();
+  } catch (const std::exception& error) {
+    err << "the trusted phones cannot be read: " << escapeControlCharacters(error.what()) << "\n";
+    return 1;
+  }
+  try {
     if (listing) {
       list(devices, out);
       return 0;
     }
     const std::string& deviceId = arguments[1];
+    const std::string shownId = escapeControlCharacters(deviceId);
     const auto found = std::find_if(devices.begin(), devices.end(),
                                     [&](const TrustedDevice& d) { return d.deviceId == deviceId; });
     if (found == devices.end()) {
-      err << "no trusted phone with the id " << deviceId << "\n";
+      err << "no trusted phone with the id " << shownId << "\n";
       return 1;
     }
     if (found->revoked) {
-      out << deviceId << " was already revoked\n";
+      out << shownId << " was already revoked\n";
       return 0;
     }
     store.revoke(deviceId);
-    out << "revoked " << deviceId << " (" << found->name << ")\n";
+    out << "revoked " << shownId << " (" << escapeControlCharacters(found->name) << ")\n";
     return 0;
   } catch (const std::exception& error) {
-    err << "the trusted phones cannot be read: " << error.what() << "\n";
+    err << "the phone could not be revoked: " << escapeControlCharacters(error.what()) << "\n";
     return 1;
   }
 }

@@ -1,17 +1,19 @@
 #include <iostream>
 
 #include "ZulAgent/TrustedDevicesTool.h"
+#include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/SecretBackendSelection.h"
 
 int main(int argc, char** argv) {
   try {
+    // The agent's own store: the same automatic choice, so a revoke reaches it.
     auto backend = zul::makeSecretBackend();
-    std::cerr << zul::describeSecretBackendChoice(*backend) << "\n";
+    std::cerr << zul::escapeControlCharacters(zul::describeSecretBackendChoice(*backend)) << "\n";
     const zul::TrustedDeviceStore store(
         zul::SecretStore(zul::TrustedDeviceStore::account, backend));
     return zul::runTrustedDevicesTool({argv + 1, argv + argc}, store, std::cout, std::cerr);
   } catch (const std::exception& error) {
-    std::cerr << error.what() << "\n";
+    std::cerr << zul::escapeControlCharacters(error.what()) << "\n";
     return 1;
   }
 }

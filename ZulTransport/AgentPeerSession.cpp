@@ -1,36 +1,17 @@
 #include "ZulTransport/AgentPeerSession.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 
 #include "ZulTransport/DataChannelCatalog.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
+#include "ZulTransport/WebRtcError.h"
 #include "ZulTransport/WebRtcSupport.h"
 #include "api/data_channel_interface.h"
 #include "api/jsep.h"
 #include "rtc_base/rtc_certificate.h"
 
 namespace zul {
-namespace {
-
-[[noreturn]] void stopProgram(const std::string& line) {
-  std::fprintf(stderr, "%s\n", line.c_str());
-  std::abort();
-}
-
-// The certificate first: the program must not come up with any other one.
-DtlsCertificate loadCertificateOrStop(const SecretStore& store) {
-  try {
-    return PersistedDtlsCertificate::loadOrCreate(store);
-  } catch (const std::exception& error) {
-    stopProgram(std::string("could not load or create the agent's DTLS certificate: ") +
-                error.what());
-  }
-}
-
-}  // namespace
 
 class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
  public:
@@ -98,14 +79,11 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     std::string label_;
   };
 
-  explicit Impl(const SecretStore& certificateStore)
-      : certificate_(loadCertificateOrStop(certificateStore)) {
+  explicit Impl(const DtlsCertificate& certificate) : certificate_(certificate) {
+    webrtc_support::initialize();
     webrtcCertificate_ = rtc::RTCCertificate::FromPEM(
         rtc::RTCCertificatePEM(certificate_.privateKeyPem, certificate_.certificatePem));
-    if (!webrtcCertificate_) {
-      stopProgram(std::string("could not load or create the agent's DTLS certificate: ") +
-                  DtlsCertificateError::malformedPem().text());
-    }
+    if (!webrtcCertificate_) throw DtlsCertificateError::malformedPem();
     runtime_ = std::make_unique<webrtc_support::Runtime>();
     source_ = rtc::make_ref_counted<webrtc_support::PushedVideoSource>();
     observer_ = std::make_unique<ConnectionObserver>();
@@ -150,8 +128,14 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     config.servers = servers;
     auto result = runtime_->factory().CreatePeerConnectionOrError(
         config, webrtc::PeerConnectionDependencies(observer_.get()));
-    if (!result.ok()) stopProgram("PeerConnectionFactory could not create a peer connection");
-    return result.MoveValue();
+    if (result.ok()) return result.MoveValue();
+    if (!servers.empty()) {
+      // The servers passed our checks but not the library's: go on without.
+      diagnostic("ICE servers refused (" + std::string(result.error().message()) +
+                 "); connecting without them");
+      return makeConnection({});
+    }
+    throw WebRtcError(webrtc::ToString(result.error().type()), result.error().message());
   }
 
   void addTrack(webrtc::PeerConnectionInterface& connection) {
@@ -167,10 +151,12 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
 
   void configureIceServers(const std::vector<std::string>& urls, const std::string& username,
                            const std::string& credential) {
+    auto usable = webrtc_support::usableIceServers(urls, username, credential);
+    for (const auto& problem : usable.skipped) diagnostic(problem);
     std::vector<webrtc::PeerConnectionInterface::IceServer> servers;
-    if (!urls.empty()) {
+    if (!usable.urls.empty()) {
       webrtc::PeerConnectionInterface::IceServer server;
-      server.urls = urls;
+      server.urls = std::move(usable.urls);
       server.username = username;
       server.password = credential;
       servers.push_back(std::move(server));
@@ -348,10 +334,13 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
   bool reportedUnreadableFrame_ = false;
 };
 
-AgentPeerSession::AgentPeerSession(const SecretStore& certificateStore)
-    : impl_(std::make_shared<Impl>(certificateStore)) {
+AgentPeerSession::AgentPeerSession(const DtlsCertificate& certificate)
+    : impl_(std::make_shared<Impl>(certificate)) {
   impl_->start();
 }
+
+AgentPeerSession::AgentPeerSession(const SecretStore& certificateStore)
+    : AgentPeerSession(PersistedDtlsCertificate::loadOrCreate(certificateStore)) {}
 
 AgentPeerSession::~AgentPeerSession() { impl_->shutdown(); }
 

@@ -14,6 +14,7 @@
 #include "ZulCore/Trust/SecretStore.h"
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/Nv12Pixels.h"
+#include "ZulTransport/PersistedDtlsCertificate.h"
 
 namespace zul {
 
@@ -32,9 +33,13 @@ class AgentPeerSession {
   using LabelHandler = std::function<void(const std::string& label)>;
   using DiagnosticHandler = std::function<void(const std::string& line)>;
 
+  // On a certificate loaded once for the run (PersistedDtlsCertificate), so
+  // that every phone's session presents the same one without reading the
+  // store again. Throws DtlsCertificateError when the library cannot take it
+  // and WebRtcError when the factory makes no peer connection.
+  explicit AgentPeerSession(const DtlsCertificate& certificate);
   // Loads or creates the certificate in `certificateStore` (account
-  // "dtls-certificate"); a certificate that cannot be had stops the program,
-  // as does a factory that makes no peer connection.
+  // "dtls-certificate") first; throws what loading throws, as above.
   explicit AgentPeerSession(const SecretStore& certificateStore);
   ~AgentPeerSession();
   AgentPeerSession(const AgentPeerSession&) = delete;
@@ -49,7 +54,10 @@ class AgentPeerSession {
   void setOnDiagnostic(DiagnosticHandler handler);
 
   // Replaces the connection (and forgets its channels) with one that uses a
-  // single ICE server made of all `urls`, or none when `urls` is empty.
+  // single ICE server made of the usable `urls`, or none when there is none.
+  // Each URL the library would refuse (scheme, host, port, transport,
+  // control characters, length, TURN without a user name, beyond the first
+  // 32) is left out with a diagnostic line that never shows the credential.
   void configureIceServers(const std::vector<std::string>& urls, const std::string& username,
                            const std::string& credential);
   void createDataChannels();

@@ -1,8 +1,12 @@
 #include "ZulTransport/PersistedDtlsCertificate.h"
 
+#include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/sha.h>
+#include <openssl/x509.h>
 
 #include <array>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "ZulTransport/WebRtcSupport.h"
@@ -17,6 +21,16 @@ DtlsCertificateError DtlsCertificateError::generationFailed() {
 }
 DtlsCertificateError DtlsCertificateError::malformedPem() {
   return {Case::malformedPem, formatErrorCase("malformedPem")};
+}
+DtlsCertificateError DtlsCertificateError::malformedRecord(std::string_view reason) {
+  return {Case::malformedRecord,
+          formatErrorCase("malformedRecord", {field("reason", std::string(reason))})};
+}
+DtlsCertificateError DtlsCertificateError::malformedPrivateKey() {
+  return {Case::malformedPrivateKey, formatErrorCase("malformedPrivateKey")};
+}
+DtlsCertificateError DtlsCertificateError::keyMismatch() {
+  return {Case::keyMismatch, formatErrorCase("keyMismatch")};
 }
 
 namespace PersistedDtlsCertificate {
@@ -73,6 +87,52 @@ std::optional<Bytes> decodeBase64Strict(std::string_view text) {
   return out;
 }
 
+const std::string& stringMember(const nlohmann::json& record, const char* key) {
+  auto it = record.find(key);
+  if (it == record.end())
+    throw DtlsCertificateError::malformedRecord(std::string("missing ") + key);
+  if (!it->is_string()) {
+    throw DtlsCertificateError::malformedRecord(std::string("not a string: ") + key);
+  }
+  return it->get_ref<const std::string&>();
+}
+
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct PkeyFree {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct X509Free {
+  void operator()(X509* certificate) const { X509_free(certificate); }
+};
+
+std::unique_ptr<BIO, BioFree> memoryBio(const std::string& text) {
+  return std::unique_ptr<BIO, BioFree>(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+}
+
+// Never asks for a passphrase: an encrypted key simply does not parse.
+int noPassphrase(char*, int, int, void*) { return 0; }
+
+// Checks with OpenSSL before the WebRTC library sees the texts: the library
+// would take a key that is not the certificate's, and the phone's DTLS
+// handshake would then fail with no word why.
+void requireMatchingPair(const std::string& privateKeyPem, const std::string& certificatePem) {
+  derBytes(certificatePem);  // malformedPem
+  auto certificateBio = memoryBio(certificatePem);
+  std::unique_ptr<X509, X509Free> certificate(
+      certificateBio ? PEM_read_bio_X509(certificateBio.get(), nullptr, noPassphrase, nullptr)
+                     : nullptr);
+  auto keyBio = memoryBio(privateKeyPem);
+  std::unique_ptr<EVP_PKEY, PkeyFree> key(
+      keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, noPassphrase, nullptr) : nullptr);
+  const bool matches = certificate && key && X509_check_private_key(certificate.get(), key.get());
+  ERR_clear_error();
+  if (!certificate) throw DtlsCertificateError::malformedPem();
+  if (!key) throw DtlsCertificateError::malformedPrivateKey();
+  if (!matches) throw DtlsCertificateError::keyMismatch();
+}
+
 DtlsCertificate fromWebRtc(const rtc::RTCCertificate& certificate) {
   const rtc::RTCCertificatePEM pem = certificate.ToPEM();
   DtlsCertificate out;
@@ -123,9 +183,13 @@ std::string fingerprint(std::string_view certificatePem) {
 DtlsCertificate loadOrCreate(const SecretStore& store) {
   webrtc_support::initialize();
   if (std::optional<Bytes> stored = store.load()) {
-    const auto record = nlohmann::json::parse(stored->begin(), stored->end());
-    const std::string privateKey = record.at("privateKey").get<std::string>();
-    const std::string certificate = record.at("certificate").get<std::string>();
+    // No exceptions from the parser: its messages quote the text, key and all.
+    const auto record = nlohmann::json::parse(stored->begin(), stored->end(), nullptr, false);
+    if (record.is_discarded()) throw DtlsCertificateError::malformedRecord("not JSON");
+    if (!record.is_object()) throw DtlsCertificateError::malformedRecord("not an object");
+    const std::string& privateKey = stringMember(record, "privateKey");
+    const std::string& certificate = stringMember(record, "certificate");
+    requireMatchingPair(privateKey, certificate);
     // The library refuses PEM it cannot read; report it as ours.
     auto parsed = rtc::RTCCertificate::FromPEM(rtc::RTCCertificatePEM(privateKey, certificate));
     if (!parsed) throw DtlsCertificateError::malformedPem();

@@ -12,12 +12,19 @@ namespace zul {
 class DtlsCertificateError : public Error {
  public:
   enum class Case {
-    generationFailed,  // the WebRTC library made no certificate
-    malformedPem,      // the PEM text has no base64 body that decodes
+    generationFailed,     // the WebRTC library made no certificate
+    malformedPem,         // the PEM text has no base64 body that decodes
+    malformedRecord,      // the stored record is not the JSON object it must be
+    malformedPrivateKey,  // the stored private key does not parse
+    keyMismatch,          // the stored private key is not the certificate's
   };
 
   static DtlsCertificateError generationFailed();
   static DtlsCertificateError malformedPem();
+  // `reason` names what is wrong, never the record's text: it holds the key.
+  static DtlsCertificateError malformedRecord(std::string_view reason);
+  static DtlsCertificateError malformedPrivateKey();
+  static DtlsCertificateError keyMismatch();
 
   Case kind() const { return kind_; }
 
@@ -41,10 +48,10 @@ namespace PersistedDtlsCertificate {
 inline constexpr const char* account = "dtls-certificate";
 
 // Reads the stored certificate, or generates an ECDSA one and stores it first.
-// A stored record that does not decode is an error, never a reason to make a
-// new certificate: the agent must not silently change its identity on the
-// wire. Throws SecretStoreError, DtlsCertificateError or the JSON library's
-// errors.
+// A stored record that does not decode, or whose key is not the certificate's,
+// is an error that leaves the record as it is and never quotes it; it is never
+// a reason to make a new certificate: the agent must not silently change its
+// identity on the wire. Throws SecretStoreError or DtlsCertificateError.
 DtlsCertificate loadOrCreate(const SecretStore& store);
 
 // "sha-256 " and the 32 SHA-256 bytes of the DER as upper-case hex pairs

@@ -36,7 +36,8 @@ bool hasControlOrSpace(std::string_view text) {
 
 SignalingUrl parseOrThrow(std::string_view baseUrl) {
   auto url = SignalingUrl::parse(baseUrl);
-  if (!url) throw SignalingError::invalidSignalingURL(std::string(baseUrl));
+  if (!url) throw SignalingError::invalidSignalingURL(redactedUrl(baseUrl));
+  url->authority = url->hostAndPort();
   return *url;
 }
 
@@ -105,6 +106,28 @@ std::string SignalingUrl::target() const {
 std::string SignalingUrl::text() const {
   std::string out = scheme + "://" + authority + path;
   if (!query.empty()) out += "?" + query;
+  return out;
+}
+
+std::string SignalingUrl::hostAndPort() const {
+  auto at = authority.rfind('@');
+  return at == std::string::npos ? authority : authority.substr(at + 1);
+}
+
+std::string redactedUrl(std::string_view text) {
+  const auto schemeEnd = text.find("://");
+  const std::size_t authorityStart = schemeEnd == std::string_view::npos ? 0 : schemeEnd + 3;
+  std::string out(text.substr(0, authorityStart));
+  auto rest = text.substr(authorityStart);
+  const auto authorityEnd = rest.find_first_of("/?#");
+  const auto authority = rest.substr(0, authorityEnd);
+  if (auto at = authority.rfind('@'); at != std::string_view::npos) {
+    out += "***@";
+    rest = rest.substr(at + 1);
+  }
+  const auto pathEnd = rest.find_first_of("?#");
+  out.append(rest.substr(0, pathEnd));
+  if (pathEnd != std::string_view::npos && rest[pathEnd] == '?') out += "?***";
   return out;
 }
 

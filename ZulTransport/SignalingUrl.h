@@ -31,14 +31,21 @@ struct SignalingUrl {
   // "path?query", or "/" for an empty path: the HTTP request target.
   std::string target() const;
   std::string text() const;
+  // The authority without any user info: "host[:port]" as written.
+  std::string hostAndPort() const;
 };
 
+// `text` fit to be printed: user info ("user:password@") becomes "***@" and a
+// query becomes "?***", also in text that does not parse as a URL.
+std::string redactedUrl(std::string_view text);
+
 // The base URL with "wss"/"ws" mapped to "https"/"http" (other schemes kept),
-// `path` as its path and no query. Throws SignalingError::invalidSignalingURL.
+// `path` as its path, no user info and no query. Throws SignalingError::invalidSignalingURL.
 std::string signalingHttpUrl(std::string_view baseUrl, std::string_view path);
 
 // The base URL with "https"/"http" mapped to "wss"/"ws" (other schemes kept),
-// the path "/v1/rendezvous/" + agentId and no query: the QR code's signalUrl.
+// the path "/v1/rendezvous/" + agentId, no user info and no query: the QR
+// code's signalUrl, so a password in the base URL never reaches a phone.
 // Throws SignalingError::invalidSignalingURL.
 std::string rendezvousUrl(std::string_view baseUrl, std::string_view agentId);
 

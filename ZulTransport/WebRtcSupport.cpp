@@ -5,6 +5,7 @@
 #include <future>
 #include <string_view>
 
+#include "ZulCore/Support/Console.h"
 #include "ZulTransport/WebRtcError.h"
 #include "ZulTransport/WebRtcLogging.h"
 #include "api/audio_codecs/builtin_audio_decoder_factory.h"
@@ -16,6 +17,7 @@
 #include "api/video_codecs/builtin_video_encoder_factory.h"
 #include "libyuv/convert.h"
 #include "modules/audio_device/include/fake_audio_device.h"
+#include "pc/ice_server_parsing.h"
 #include "rtc_base/logging.h"
 #include "rtc_base/ref_counted_object.h"
 #include "rtc_base/ssl_adapter.h"
@@ -292,3 +294,104 @@ namespace zul {
 void configureWebRtcLogging() { webrtc_support::initialize(); }
 
 }  // namespace zul
+
+namespace zul::webrtc_support {
+namespace {
+
+constexpr std::size_t kMaxIceText = 512;
+
+bool hasControlOrSpace(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](unsigned char c) { return c <= 0x20 || c == 0x7f; });
+}
+
+// Why the library or the TURN server would refuse `url`, or nothing.
+std::optional<std::string> iceUrlProblem(const std::string& url, const std::string& username,
+                                         const std::string& credential) {
+  if (url.empty()) return "empty";
+  if (url.size() > kMaxIceText) return "longer than 512 bytes";
+  if (hasControlOrSpace(url)) return "control character or space";
+  const std::string_view scheme = std::string_view(url).substr(0, url.find(':'));
+  const bool turn = scheme == "turn" || scheme == "turns";
+  if (!turn && scheme != "stun" && scheme != "stuns")
+    return "scheme is not stun, stuns, turn or turns";
+  if (url.find('@') != std::string::npos) return "user info in the URL";
+  std::string_view rest = std::string_view(url).substr(scheme.size() + 1);
+  if (auto query = rest.find('?'); query != std::string_view::npos) {
+    const auto parameter = rest.substr(query + 1);
+    if (!turn || (parameter != "transport=udp" && parameter != "transport=tcp")) {
+      return "transport is not udp or tcp";
+    }
+    rest = rest.substr(0, query);
+  }
+  std::string_view port;
+  if (!rest.empty() && rest.front() == '[') {
+    const auto close = rest.find(']');
+    if (close == std::string_view::npos || close == 1) return "bad host";
+    if (close + 1 < rest.size()) {
+      if (rest[close + 1] != ':') return "bad host";
+      port = rest.substr(close + 2);
+      if (port.empty()) return "bad port";
+    }
+  } else if (auto colon = rest.rfind(':'); colon != std::string_view::npos) {
+    port = rest.substr(colon + 1);
+    rest = rest.substr(0, colon);
+    if (port.empty()) return "bad port";
+  }
+  if (rest.empty()) return "no host";
+  if (!port.empty()) {
+    const bool digits = port.size() <= 5 && std::all_of(port.begin(), port.end(), [](char c) {
+                          return c >= '0' && c <= '9';
+                        });
+    if (!digits || std::stoi(std::string(port)) < 1 || std::stoi(std::string(port)) > 65535) {
+      return "port is not 1 to 65535";
+    }
+  }
+  if (turn) {
+    if (username.empty() || credential.empty()) return "TURN without user name or credential";
+    if (username.size() > kMaxIceText || credential.size() > kMaxIceText) {
+      return "TURN user name or credential longer than 512 bytes";
+    }
+    if (hasControlOrSpace(username) || hasControlOrSpace(credential)) {
+      return "control character in the TURN user name or credential";
+    }
+  }
+  webrtc::PeerConnectionInterface::IceServer server;
+  server.urls = {url};
+  server.username = username;
+  server.password = credential;
+  cricket::ServerAddresses stunServers;
+  std::vector<cricket::RelayServerConfig> turnServers;
+  const webrtc::RTCError error =
+      webrtc::ParseIceServersOrError({server}, &stunServers, &turnServers);
+  if (!error.ok()) return std::string(error.message());
+  return std::nullopt;
+}
+
+}  // namespace
+
+UsableIceServers usableIceServers(const std::vector<std::string>& urls, const std::string& username,
+                                  const std::string& credential) {
+  // A server's list is short; a longer one is cut rather than printed whole.
+  constexpr std::size_t kMaxUrls = 32;
+  UsableIceServers usable;
+  for (std::size_t i = 0; i < urls.size() && i < kMaxUrls; ++i) {
+    const std::string& url = urls[i];
+    if (auto problem = iceUrlProblem(url, username, credential)) {
+      std::string shown = url.substr(0, 64);
+      if (auto at = shown.find('@'); at != std::string::npos) shown = "***" + shown.substr(at);
+      if (url.size() > 64) shown += "\u2026";
+      usable.skipped.push_back("ICE server skipped: " + escapeControlCharacters(shown) + " (" +
+                               escapeControlCharacters(*problem) + ")");
+    } else {
+      usable.urls.push_back(url);
+    }
+  }
+  if (urls.size() > kMaxUrls) {
+    usable.skipped.push_back("ICE servers skipped: " + std::to_string(urls.size() - kMaxUrls) +
+                             " beyond the first " + std::to_string(kMaxUrls));
+  }
+  return usable;
+}
+
+}  // namespace zul::webrtc_support

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ZulCore/Media/CapturedFrame.h"
 #include "ZulTransport/Nv12Pixels.h"
@@ -99,6 +100,20 @@ std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
 std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface& factory,
                                          webrtc::PeerConnectionInterface& connection,
                                          const rtc::scoped_refptr<PushedVideoSource>& source);
+
+// The ICE server URLs that the library will take, with one user name and
+// credential for all of them, and a line for each URL left out: not a string
+// the library parses (scheme stun, stuns, turn or turns; host; port
+// 1..65535; "?transport=udp|tcp"), control characters, over 512 bytes, or a
+// TURN URL without a usable user name and credential; URLs beyond the first
+// 32 get one line together. The lines show the URL shortened and never the
+// credential.
+struct UsableIceServers {
+  std::vector<std::string> urls;
+  std::vector<std::string> skipped;
+};
+UsableIceServers usableIceServers(const std::vector<std::string>& urls, const std::string& username,
+                                  const std::string& credential);
 
 // The offer options of a send-only peer: receive neither audio nor video.
 webrtc::PeerConnectionInterface::RTCOfferAnswerOptions sendOnlyOfferOptions();

@@ -1,16 +1,48 @@
 #include "ZulCore/Support/Console.h"
 
 #include <cstdio>
-#include <string>
 
 namespace zul {
 
 void makeStdoutUnbuffered() { std::setvbuf(stdout, nullptr, _IONBF, 0); }
 
+std::string escapeControlCharacters(std::string_view text) {
+  static constexpr char hex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c < 0x20 || c == 0x7f) {
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    } else if (c == 0xC2 && next >= 0x80 && next <= 0x9F) {  // C1: U+0080..U+009F
+      out += "\\u00";
+      out += hex[next >> 4];
+      out += hex[next & 15];
+      ++i;
+    } else if (c == 0xE2 && next == 0x80 && i + 2 < text.size() &&
+               (text[i + 2] == '\xA8' || text[i + 2] == '\xA9')) {
+      out += text[i + 2] == '\xA8' ? "\\u2028" : "\\u2029";
+      i += 2;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
 void printLine(std::string_view line) {
-  std::string buffer;
-  buffer.reserve(line.size() + 1);
-  buffer.append(line);
+  std::string buffer = escapeControlCharacters(line);
   buffer.push_back('\n');
   std::fwrite(buffer.data(), 1, buffer.size(), stdout);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace zul {
@@ -8,8 +9,16 @@ namespace zul {
 // that must appear at once, also when stdout is a pipe.
 void makeStdoutUnbuffered();
 
-// Writes `line` and a line feed to standard output in one call, so lines
-// printed from different threads never interleave.
+// `text` safe for one terminal line: control characters (C0, DEL, C1, the
+// Unicode line and paragraph separators) become visible escapes such as
+// "\n", "\x1b" or "\u2028", and a backslash becomes "\\", so text that a
+// phone, a server or a store supplies can neither break a line nor drive the
+// terminal. Other UTF-8 stays as it is.
+std::string escapeControlCharacters(std::string_view text);
+
+// Writes `line`, escaped as above, and a line feed to standard output in one
+// call, so lines printed from different threads never interleave and one
+// diagnostic is always one line.
 void printLine(std::string_view line);
 
 }  // namespace zul

@@ -37,6 +37,13 @@ class SecretStoreError : public Error {
   std::string reason_;
 };
 
+// Held by whoever reads, changes and writes back one secret; released when
+// destroyed.
+class SecretUpdateLock {
+ public:
+  virtual ~SecretUpdateLock() = default;
+};
+
 // Where secrets are kept: the Secret Service, a private file store, a test
 // double. Secrets are opaque bytes keyed by (service, account).
 class SecretBackend {
@@ -50,6 +57,13 @@ class SecretBackend {
                     const Bytes& secret) = 0;
   // Never fails; removing an absent secret does nothing.
   virtual void remove(const std::string& service, const std::string& account) noexcept = 0;
+  // Waits until no other process that uses the same store is updating this
+  // secret and keeps them out until the lock is destroyed. Nothing for a
+  // store that lives in this process alone. Throws SecretStoreError.
+  virtual std::unique_ptr<SecretUpdateLock> lockForUpdate(const std::string& /*service*/,
+                                                          const std::string& /*account*/) {
+    return nullptr;
+  }
 };
 
 // One named secret of the agent, under the agent's fixed service name.
@@ -66,6 +80,9 @@ class SecretStore {
   std::optional<Bytes> load() const { return backend_->load(service, account_); }
   void save(const Bytes& secret) const { backend_->save(service, account_, secret); }
   void remove() const noexcept { backend_->remove(service, account_); }
+  std::unique_ptr<SecretUpdateLock> lockForUpdate() const {
+    return backend_->lockForUpdate(service, account_);
+  }
 
  private:
   std::string account_;

@@ -99,12 +99,16 @@ std::vector<TrustedDevice> TrustedDeviceStore::load() const {
 
 void TrustedDeviceStore::save(const std::vector<TrustedDevice>& devices) const {
   std::lock_guard lock(updateLock(secretStore_.account()));
+  const auto otherProcesses = secretStore_.lockForUpdate();
   secretStore_.save(toBytes(encodeTrustedDevices(devices)));
 }
 
 void TrustedDeviceStore::update(
     const std::function<void(std::vector<TrustedDevice>&)>& change) const {
+  // The process's lock first, then the store's: threads of one process never
+  // wait on the store's lock for each other.
   std::lock_guard lock(updateLock(secretStore_.account()));
+  const auto otherProcesses = secretStore_.lockForUpdate();
   auto devices = load();  // a store that does not decode stops here, unwritten
   change(devices);
   secretStore_.save(toBytes(encodeTrustedDevices(devices)));

@@ -40,8 +40,9 @@ std::vector<TrustedDevice> decodeTrustedDevices(std::string_view json);
 
 // The persistent list of paired phones, one JSON document in the secret
 // store. No cache: every operation reads and writes the secret. Updates of one
-// account are serialised in the process, so a revoke racing a pairing loses
-// neither change.
+// account take turns, within the process and with every other process on the
+// same store (the agent pairing while the trusted-devices tool revokes), so
+// no change is lost.
 class TrustedDeviceStore {
  public:
   static constexpr const char* account = "trusted-devices";

@@ -1,13 +1,20 @@
 #include "ZulPlatform/linux/FileSecretBackend.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string_view>
 #include <system_error>
 
 namespace zul {
@@ -54,9 +61,11 @@ bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
   return true;
 }
 
+}  // namespace
+
 // Creates `folder` (0700) if missing and tightens it if it lets others in.
 // Throws the errno on failure.
-void ensurePrivateFolder(const fs::path& folder) {
+void FileSecretBackend::ensurePrivateFolder(const fs::path& folder) {
   if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
     throw std::system_error(errno, std::generic_category(), "cannot create " + folder.string());
   }
@@ -75,6 +84,8 @@ void ensurePrivateFolder(const fs::path& folder) {
   }
 }
 
+namespace {
+
 // Tightens an existing folder, leaving a missing one missing. Best effort: a
 // read works whether or not this succeeds.
 void tightenIfPresent(const fs::path& folder) {
@@ -92,7 +103,84 @@ void syncFolder(const fs::path& folder) {
   }
 }
 
+// Temporary files are named ".<file>.tmp.<pid>.<n>": hidden (escaped names
+// never start with "."), and telling which process wrote them.
+std::string temporaryName(const std::string& file) {
+  static std::atomic<unsigned long> counter{0};
+  return "." + file + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
+}
+
+// The writer's process id of a temporary file name, or 0.
+pid_t temporaryWriter(std::string_view name) {
+  if (name.empty() || name.front() != '.') return 0;
+  auto last = name.rfind('.');
+  if (last == std::string_view::npos || last + 1 == name.size()) return 0;
+  auto pidDot = name.rfind('.', last - 1);
+  if (pidDot == std::string_view::npos || pidDot < 5 || name.substr(pidDot - 4, 4) != ".tmp") {
+    return 0;
+  }
+  auto allDigits = [](std::string_view text) {
+    return !text.empty() && text.size() <= 10 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  const auto pid = name.substr(pidDot + 1, last - pidDot - 1);
+  if (!allDigits(pid) || !allDigits(name.substr(last + 1))) return 0;
+  return static_cast<pid_t>(std::stoll(std::string(pid)));
+}
+
+// Removes the temporary files of writers that died before renaming them.
+void removeDeadWritersFiles(const fs::path& folder) {
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), ::closedir);
+  if (!dir) return;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const pid_t writer = temporaryWriter(entry->d_name);
+    if (writer > 0 && writer != ::getpid() && ::kill(writer, 0) != 0 && errno == ESRCH) {
+      ::unlinkat(::dirfd(dir.get()), entry->d_name, 0);
+    }
+  }
+}
+
+class FileLock final : public SecretUpdateLock {
+ public:
+  explicit FileLock(int fd) : fd_(fd) {}
+  ~FileLock() override { ::close(fd_); }  // closing releases the flock
+
+ private:
+  int fd_;
+};
+
 }  // namespace
+
+std::unique_ptr<SecretUpdateLock> FileSecretBackend::lockFile(const fs::path& path,
+                                                              const std::string& account) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) throw SecretStoreError::writeFailed(account, path.string() + ": " + errnoText(errno));
+  auto lock = std::make_unique<FileLock>(fd);
+  while (::flock(fd, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      throw SecretStoreError::writeFailed(account, path.string() + ": " + errnoText(errno));
+    }
+  }
+  return lock;
+}
+
+std::unique_ptr<SecretUpdateLock> FileSecretBackend::lockForUpdate(const std::string& service,
+                                                                   const std::string& account) {
+  if (escapeName(service).size() > kMaxEscapedLength ||
+      escapeName(account).size() > kMaxEscapedLength) {
+    throw SecretStoreError::writeFailed(account, "the name is too long for a file name");
+  }
+  const fs::path path = pathFor(service, account);
+  try {
+    std::error_code ignored;
+    if (root_.has_parent_path()) fs::create_directories(root_.parent_path(), ignored);
+    ensurePrivateFolder(root_);
+    ensurePrivateFolder(path.parent_path());
+  } catch (const std::exception& error) {
+    throw SecretStoreError::writeFailed(account, error.what());
+  }
+  return lockFile(path.parent_path() / ("." + path.filename().string() + ".lock"), account);
+}
 
 fs::path FileSecretBackend::defaultRoot() {
   // Relative values are invalid by the XDG rules and are ignored.
@@ -198,20 +286,38 @@ void FileSecretBackend::save(const std::string& service, const std::string& acco
     throw SecretStoreError::writeFailed(account, error.what());
   }
 
-  // Temporary files are hidden; escaped names never start with ".".
-  std::string temporary = (folder / ("." + path.filename().string() + ".XXXXXX")).string();
-  FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
-  if (fd.get() < 0) {
-    throw SecretStoreError::writeFailed(account, folder.string() + ": " + errnoText(errno));
-  }
+  removeDeadWritersFiles(folder);
+
+  // Written unnamed where the file system allows it, so that a writer killed
+  // before the rename leaves nothing; named only for the rename.
+  const fs::path temporary = folder / temporaryName(path.filename().string());
   auto fail = [&](int error) {
     ::unlink(temporary.c_str());
     return SecretStoreError::writeFailed(account, path.string() + ": " + errnoText(error));
   };
-  if (::fchmod(fd.get(), 0600) != 0) throw fail(errno);
-  if (!writeAll(fd.get(), secret.data(), secret.size())) throw fail(errno);
-  if (::fsync(fd.get()) != 0) throw fail(errno);
-  if (int error = fd.close(); error != 0) throw fail(error);
+  auto writeAndSync = [&](FileDescriptor& fd) {
+    if (!writeAll(fd.get(), secret.data(), secret.size()) || ::fsync(fd.get()) != 0) {
+      throw fail(errno);
+    }
+  };
+  bool named = false;
+  {
+    FileDescriptor fd(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (fd.get() >= 0) {
+      writeAndSync(fd);
+      const std::string self = "/proc/self/fd/" + std::to_string(fd.get());
+      named = ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    }
+  }
+  if (!named) {  // no O_TMPFILE here, or no /proc
+    FileDescriptor fd(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (fd.get() < 0) {
+      throw SecretStoreError::writeFailed(account, folder.string() + ": " + errnoText(errno));
+    }
+    writeAndSync(fd);
+    if (int error = fd.close(); error != 0) throw fail(error);
+  }
   if (::rename(temporary.c_str(), path.c_str()) != 0) throw fail(errno);
   try {
     syncFolder(folder);

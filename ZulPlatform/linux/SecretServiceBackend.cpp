@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "ZulPlatform/linux/FileSecretBackend.h"
+
 namespace zul {
 namespace {
 
@@ -261,6 +263,31 @@ void SecretServiceBackend::remove(const std::string& service, const std::string&
   } catch (...) {
     // Removing never fails: at worst the secret stays.
   }
+}
+
+}  // namespace zul
+
+namespace zul {
+
+std::unique_ptr<SecretUpdateLock> SecretServiceBackend::lockForUpdate(const std::string& service,
+                                                                      const std::string& account) {
+  namespace fs = std::filesystem;
+  fs::path folder;
+  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && runtime[0] == '/') {
+    folder = fs::path(runtime) / "zul-agent";
+  } else {
+    folder = FileSecretBackend::defaultRoot().parent_path() / "locks";
+  }
+  try {
+    std::error_code ignored;
+    fs::create_directories(folder.parent_path(), ignored);
+    FileSecretBackend::ensurePrivateFolder(folder);
+  } catch (const std::exception& error) {
+    throw SecretStoreError::writeFailed(account, error.what());
+  }
+  const std::string name =
+      FileSecretBackend::escapeName(service) + "." + FileSecretBackend::escapeName(account);
+  return FileSecretBackend::lockFile(folder / (name.substr(0, 200) + ".lock"), account);
 }
 
 }  // namespace zul

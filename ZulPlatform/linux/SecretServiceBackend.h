@@ -41,6 +41,10 @@ class SecretServiceBackend final : public SecretBackend {
   std::optional<Bytes> load(const std::string& service, const std::string& account) override;
   void save(const std::string& service, const std::string& account, const Bytes& secret) override;
   void remove(const std::string& service, const std::string& account) noexcept override;
+  // A lock file in $XDG_RUNTIME_DIR/zul-agent (or, without one, beside the
+  // file store), shared by every process of the user.
+  std::unique_ptr<SecretUpdateLock> lockForUpdate(const std::string& service,
+                                                  const std::string& account) override;
 
  private:
   struct Connection;

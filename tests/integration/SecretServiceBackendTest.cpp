@@ -156,21 +156,34 @@ TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
   backend.remove(kService, "binary");  // absent: nothing happens
 }
 
-TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {
+TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBusThenKeepsToIt) {
   ScopedEnv choice("ZUL_SECRET_BACKEND", std::nullopt);
   ScopedEnv dataHome("XDG_DATA_HOME", (keyring->temp() / "data").string());
   auto chosen = makeSecretBackend();
   EXPECT_EQ(chosen->name(), "secret-service");
   EXPECT_EQ(describeSecretBackendChoice(*chosen), "secret store: secret-service");
+  EXPECT_EQ(makeSecretBackend(), chosen);  // the windows and the agent share it
+  // Its updates take turns with other processes through a lock file.
+  EXPECT_NE(chosen->lockForUpdate(kService, "trusted-devices"), nullptr);
 
   ScopedEnv runtime("XDG_RUNTIME_DIR", (keyring->temp() / "runtime").string());
   {
     ScopedEnv nowhere("DBUS_SESSION_BUS_ADDRESS",
                       "unix:path=" + (keyring->temp() / "no-bus").string());
+    // The identity lives in the Secret Service: no silent move to the file store.
+    try {
+      makeSecretBackend();
+      ADD_FAILURE() << "fell back to another store";
+    } catch (const SecretStoreError& error) {
+      EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable) << error.text();
+      EXPECT_NE(error.reason().find("ZUL_SECRET_BACKEND=file"), std::string::npos);
+    }
+    // A machine that never chose falls back to the file store.
+    ScopedEnv freshData("XDG_DATA_HOME", (keyring->temp() / "fresh").string());
     auto fallback = makeSecretBackend();
     EXPECT_EQ(fallback->name(), "file");
     const auto line = describeSecretBackendChoice(*fallback);
-    EXPECT_NE(line.find((keyring->temp() / "data" / "zul-agent" / "secrets").string()),
+    EXPECT_NE(line.find((keyring->temp() / "fresh" / "zul-agent" / "secrets").string()),
               std::string::npos)
         << line;
 
@@ -181,10 +194,6 @@ TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBus) {
     } catch (const SecretStoreError& error) {
       EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable) << error.text();
     }
-  }
-  {
-    ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
-    EXPECT_EQ(makeSecretBackend()->name(), "file");
   }
   ScopedEnv forcedFile("ZUL_SECRET_BACKEND", "file");
   EXPECT_EQ(makeSecretBackend()->name(), "file");
@@ -204,6 +213,7 @@ TEST_F(SecretServiceBackendTest, KeyringWithoutDefaultCollectionIsLeftForTheFile
   // Choosing it would make the first save ask for a new keyring in a dialog.
   PrivateKeyring fresh(std::nullopt);
   ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", fresh.address());
+  ScopedEnv dataHome("XDG_DATA_HOME", (fresh.temp() / "data").string());
   ScopedEnv choice("ZUL_SECRET_BACKEND", "auto");
   EXPECT_FALSE(SecretServiceBackend::probe(std::chrono::seconds(5)).has_value());
   auto failure = SecretServiceBackend::probe(std::chrono::seconds(5), true);

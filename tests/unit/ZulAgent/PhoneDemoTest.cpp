@@ -13,9 +13,15 @@ TEST(PhoneDemoSettings, FromEnvironmentValues) {
     std::int64_t expectedPort;
   };
   const Case cases[] = {
-      {nullptr, nullptr, 300, 8787}, {"12", "0", 12, 0},         {"2.5", "9000", 2.5, 9000},
-      {"abc", "x", 300, 8787},       {"-3", "70000", 300, 8787}, {"nan", "-1", 300, 8787},
+      {nullptr, nullptr, 300, 8787},
+      {"12", "0", 12, 0},
+      {"2.5", "9000", 2.5, 9000},
+      {"abc", "x", 300, 8787},
+      {"-3", "70000", 300, 8787},
+      {"nan", "-1", 300, 8787},
       {"", "", 300, 8787},
+      {"1e308", "1e9", 1e9, 8787},
+      {"inf", "99999999999999999999", 300, 8787},
   };
   for (const auto& c : cases) {
     const auto settings = PhoneDemoSettings::fromValues(c.seconds, c.port);

@@ -33,7 +33,7 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
        {},
        0,
        "device_aaa  trusted  2026-09-21T14:13:20Z  view,control  Device aaa\n"
-       "device_bbb  revoked  2026-09-21T14:13:20Z  view,control  Device bbb\n",
+       "device_bbb  revoked  2026-09-21T14:13:20Z  view,control  Device\\nbbb\\x1b[2J\n",
        "",
        {false, true}},
       {"revoke",
@@ -49,10 +49,10 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
        "",
        {false, true}},
       {"unknown phone",
-       {"revoke", "device_zzz"},
+       {"revoke", "device_\x07zzz"},
        1,
        "",
-       "no trusted phone with the id device_zzz\n",
+       "no trusted phone with the id device_\\x07zzz\n",
        {false, true}},
       {"no id", {"revoke"}, 2, "", "usage", {false, true}},
       {"unknown command", {"forget", "device_aaa"}, 2, "", "usage", {false, true}},
@@ -61,7 +61,9 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
     SCOPED_TRACE(c.name);
     const TrustedDeviceStore store(
         SecretStore(TrustedDeviceStore::account, std::make_shared<MemorySecretBackend>()));
-    store.save({phone("device_aaa"), phone("device_bbb", true)});
+    TrustedDevice hostile = phone("device_bbb", true);
+    hostile.name = "Device\nbbb\x1b[2J";  // control characters from a phone stay on one line
+    store.save({phone("device_aaa"), hostile});
     std::ostringstream out, err;
     EXPECT_EQ(runTrustedDevicesTool(c.arguments, store, out, err), c.status);
     EXPECT_EQ(out.str(), c.out);

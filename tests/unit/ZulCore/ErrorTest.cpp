@@ -2,6 +2,7 @@
 
 #include "ZulCore/Media/CaptureSource.h"
 #include "ZulCore/Media/VideoEncoder.h"
+#include "ZulCore/Support/Console.h"
 #include "ZulCore/Trust/DevicePermission.h"
 
 namespace zul {
@@ -57,6 +58,27 @@ TEST(PermissionGate, AllowsAndDemandsGrantedRightsOnly) {
   }
   EXPECT_FALSE(devicePermissionFromRaw("View"));
   EXPECT_FALSE(devicePermissionFromRaw(""));
+}
+
+}  // namespace
+}  // namespace zul
+
+namespace zul {
+namespace {
+
+TEST(Console, PrintedLinesKeepEveryControlCharacterVisible) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"peer ready: device_A", "peer ready: device_A"},
+      {"name\nsecond line\r", "name\\nsecond line\\r"},
+      {"\x1b[2J\x07tab\there", "\\x1b[2J\\x07tab\\there"},
+      {std::string("nul\0end", 7), "nul\\x00end"},
+      {"back\\slash \x7f", "back\\\\slash \\x7f"},
+      {"c1 \xC2\x9B"
+       "31m, \xE2\x80\xA8 and \xE2\x80\xA9",
+       "c1 \\u009b31m, \\u2028 and \\u2029"},
+      {"Код \u2026 \u2014 ok", "Код \u2026 \u2014 ok"},
+  };
+  for (const auto& [text, shown] : cases) EXPECT_EQ(escapeControlCharacters(text), shown);
 }
 
 }  // namespace

@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <set>
+#include <thread>
 
+#include "ZulCore/Trust/MemorySecretBackend.h"
 #include "ZulCore/Trust/SecretStore.h"
+#include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/FileSecretBackend.h"
+#include "ZulPlatform/linux/SecretBackendSelection.h"
 
 namespace zul {
 namespace {
@@ -172,6 +178,145 @@ TEST_F(FileSecretBackendTest, UnwritableFolderFailsTheSave) {
   } catch (const SecretStoreError& error) {
     EXPECT_EQ(error.kind(), SecretStoreError::Case::writeFailed);
     EXPECT_EQ(error.account(), "identity");
+  }
+}
+
+TrustedDevice phone(const std::string& id) {
+  TrustedDevice device;
+  device.deviceId = id;
+  device.name = id;
+  device.ed25519PublicKey = "key";
+  device.permissions = {DevicePermission::view};
+  return device;
+}
+
+// Runs `work` in a child process; returns its pid. The child exits 0 when
+// `work` returns, 1 when it throws.
+template <typename Work>
+pid_t inChild(Work work) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int status = 0;
+    try {
+      work();
+    } catch (...) {
+      status = 1;
+    }
+    ::_exit(status);
+  }
+  return pid;
+}
+
+TEST_F(FileSecretBackendTest, ConcurrentProcessesLoseNoUpdate) {
+  // 8 processes, each revoking 5 phones and pairing 5 new ones at once, as
+  // the agent pairing while the trusted-devices tool revokes.
+  constexpr int processes = 8, each = 5;
+  std::vector<TrustedDevice> before;
+  for (int p = 0; p < processes; ++p)
+    for (int k = 0; k < each; ++k) before.push_back(phone("old_" + std::to_string(p * each + k)));
+  TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, backend)).save(before);
+
+  std::vector<pid_t> children;
+  for (int p = 0; p < processes; ++p) {
+    children.push_back(inChild([&, p] {
+      const TrustedDeviceStore store(
+          SecretStore(TrustedDeviceStore::account, std::make_shared<FileSecretBackend>(root)));
+      for (int k = 0; k < each; ++k) {
+        store.revoke("old_" + std::to_string(p * each + k));
+        store.addOrReplace(phone("new_" + std::to_string(p * each + k)));
+      }
+    }));
+  }
+  for (pid_t child : children) {
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const auto after = TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, backend)).load();
+  ASSERT_EQ(after.size(), std::size_t(2 * processes * each));
+  int revoked = 0;
+  for (const auto& device : after) revoked += device.revoked;
+  EXPECT_EQ(revoked, processes * each);
+}
+
+TEST_F(FileSecretBackendTest, KilledWriterLeavesNoTemporaryFile) {
+  backend->save(kService, "trusted-devices", toBytes("old"));
+  const pid_t writer = inChild([&] {
+    FileSecretBackend own(root);
+    for (std::uint64_t n = 0;; ++n)
+      own.save(kService, "trusted-devices", toBytes(n % 2 ? "a" : "b"));
+  });
+  while (backend->load(kService, "trusted-devices") == toBytes("old")) std::this_thread::yield();
+  ::kill(writer, SIGKILL);
+  ASSERT_EQ(::waitpid(writer, nullptr, 0), writer);
+  // Also what a writer killed between naming and renaming would leave.
+  const fs::path stale =
+      root / kService / (".trusted-devices.tmp." + std::to_string(writer) + ".7");
+  writeFile(stale, "half");
+
+  backend->save(kService, "identity", toBytes("next save"));
+  std::set<std::string> onDisk;
+  for (const auto& entry : fs::directory_iterator(root / kService))
+    onDisk.insert(entry.path().filename().string());
+  EXPECT_EQ(onDisk, (std::set<std::string>{"identity", "trusted-devices"}));
+  const auto kept = backend->load(kService, "trusted-devices");
+  EXPECT_TRUE(kept == toBytes("a") || kept == toBytes("b"));
+}
+
+TEST_F(FileSecretBackendTest, AutomaticChoiceKeepsTheStoreThatHoldsTheIdentity) {
+  struct Case {
+    const char* name;
+    const char* setting;
+    const char* remembered;  // before; nullptr: nothing remembered
+    bool fileHasIdentity;
+    bool serviceAnswers;
+    const char* chosen;  // "unavailable": SecretStoreError
+    const char* rememberedAfter;
+  };
+  const Case cases[] = {
+      {"first start without a service", "", nullptr, false, false, "file", "file"},
+      {"first start with a service", "auto", nullptr, false, true, "secret-service",
+       "secret-service"},
+      {"file identity, a service appears", "", nullptr, true, true, "file", "file"},
+      {"file remembered, a service appears", "", "file", false, true, "file", "file"},
+      {"service remembered and gone", "", "secret-service", false, false, "unavailable",
+       "secret-service"},
+      {"service remembered, a file identity too", "", "secret-service", true, true,
+       "secret-service", "secret-service"},
+      {"file forced", "file", "secret-service", false, true, "file", "secret-service"},
+      {"service forced and gone", "secret-service", nullptr, false, false, "unavailable", nullptr},
+      {"unknown store", "kwallet", nullptr, false, true, "unavailable", nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path remembered = temp / c.name / "secret-store";
+    fs::create_directories(remembered.parent_path());
+    if (c.remembered) writeFile(remembered, std::string(c.remembered) + "\n");
+    auto file = std::make_shared<MemorySecretBackend>();
+    auto service = std::make_shared<MemorySecretBackend>();
+    if (c.fileHasIdentity) file->save(SecretStore::service, "identity", toBytes("key"));
+    SecretBackendCandidates candidates{
+        .setting = c.setting,
+        .openFile = [&] { return file; },
+        .probeSecretService =
+            [&](bool) {
+              return c.serviceAnswers ? std::nullopt : std::optional<std::string>("no bus");
+            },
+        .openSecretService = [&] { return service; },
+        .remembered = remembered,
+    };
+    std::string chosen;
+    try {
+      const auto choice = chooseSecretBackend(candidates);
+      chosen = choice.backend == file ? "file" : choice.backend == service ? "secret-service" : "?";
+    } catch (const SecretStoreError& error) {
+      EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable);
+      chosen = "unavailable";
+    }
+    EXPECT_EQ(chosen, c.chosen);
+    EXPECT_EQ(
+        fs::exists(remembered) ? std::optional(readFile(remembered)) : std::nullopt,
+        c.rememberedAfter ? std::optional(std::string(c.rememberedAfter) + "\n") : std::nullopt);
   }
 }
 

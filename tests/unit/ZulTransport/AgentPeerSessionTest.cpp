@@ -147,13 +147,69 @@ TEST(AgentPeerSession, TakesPushedFramesAndClosesTwice) {
   session.close();
 }
 
-TEST(AgentPeerSessionDeathTest, DamagedCertificateStopsTheProgram) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST(AgentPeerSession, DamagedCertificateIsAnErrorNotAnAbort) {
   auto backend = std::make_shared<MemorySecretBackend>();
   backend->save(SecretStore::service, "dtls-certificate", toBytes("{broken"));
-  SecretStore store(PersistedDtlsCertificate::account, backend);
-  EXPECT_DEATH(AgentPeerSession session(store),
-               "could not load or create the agent's DTLS certificate: ");
+  EXPECT_THROW(AgentPeerSession(SecretStore(PersistedDtlsCertificate::account, backend)),
+               DtlsCertificateError);
+}
+
+TEST(AgentPeerSession, BadIceServersAreSkippedWithALineAndTheGoodOnesKept) {
+  const std::vector<std::string> good = {"stun:127.0.0.1:3478", "turn:[::1]:3478?transport=tcp",
+                                         "turns:turn.example.com"};
+  const std::vector<std::string> bad = {
+      "",
+      "stun:127.0.0.1:0",
+      "stun:127.0.0.1:99999",
+      "turn:127.0.0.1:-1",
+      "stun:127.0.0.1:",
+      "http://127.0.0.1:3478",
+      "turn:127.0.0.1:3478?transport=sctp",
+      "stun:127.0.0.1:3478?transport=udp",
+      std::string("stun:127.0.0.1\0:3478", 20),
+      "stun:127.0.0.1\n:3478",
+      "stun:" + std::string(600, 'a'),
+      "turn:user:s3cret-credential@127.0.0.1",
+      "stun:",
+  };
+  struct Case {
+    const char* name;
+    std::string username;
+    std::string credential;
+    std::size_t kept;  // of `good`: TURN needs a usable user name and credential
+  };
+  const Case cases[] = {
+      {"credentials", "user", "s3cret-credential", 3},
+      {"no credential", "user", "", 1},
+      {"NUL in the user name", std::string("us\0er", 5), "s3cret-credential", 1},
+      {"very long credential", "user", std::string(4096, 's'), 1},
+  };
+  AgentPeerSession session(PersistedDtlsCertificate::loadOrCreate(certificateStore()));
+  std::vector<std::string> lines;
+  session.setOnDiagnostic([&](const std::string& line) {
+    if (line.starts_with("ICE server")) lines.push_back(line);
+  });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    lines.clear();
+    std::vector<std::string> urls = bad;
+    urls.insert(urls.begin() + 2, good.begin(), good.end());
+    session.configureIceServers(urls, c.username, c.credential);
+    const auto servers = session.iceServers();
+    ASSERT_EQ(servers.size(), 1u);
+    EXPECT_EQ(servers[0].urls, std::vector<std::string>(good.begin(), good.begin() + c.kept));
+    EXPECT_EQ(lines.size(), bad.size() + good.size() - c.kept);
+    for (const auto& line : lines) {
+      EXPECT_EQ(line.find("s3cret"), std::string::npos) << line;
+      EXPECT_EQ(line.find_first_of(std::string("\n\0", 2)), std::string::npos) << line;
+    }
+  }
+  // A flood of entries is cut, with one line for the rest.
+  lines.clear();
+  std::vector<std::string> flood(10000, "stun:127.0.0.1:3478");
+  session.configureIceServers(flood, "", "");
+  EXPECT_EQ(session.iceServers().at(0).urls.size(), 32u);
+  EXPECT_EQ(lines, std::vector<std::string>{"ICE servers skipped: 9968 beyond the first 32"});
 }
 
 TEST(LocalOfferSession, OffersOneSendOnlyVideoSectionWithHostCandidates) {

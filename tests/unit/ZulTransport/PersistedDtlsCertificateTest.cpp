@@ -45,18 +45,56 @@ TEST(PersistedDtlsCertificate, FingerprintIsUpperCaseHexPairsOfTheDerDigest) {
             certificate.fingerprint);
 }
 
-TEST(PersistedDtlsCertificate, DamagedRecordFailsAndIsLeftAsItIs) {
-  const std::string valid = nlohmann::json{{"privateKey", "x"}}.dump();  // lacks "certificate"
-  const std::string badPem =
-      nlohmann::json{
-          {"privateKey", "-----BEGIN X-----\nAAAA\n-----END X-----"},
-          {"certificate", "-----BEGIN CERTIFICATE-----\n*bad*\n-----END CERTIFICATE-----"}}
-          .dump();
-  for (const std::string& damaged : {std::string("not json"), valid, badPem}) {
+TEST(PersistedDtlsCertificate, DamagedRecordFailsClearlyWithoutTheKeyAndIsLeftAsItIs) {
+  using Case = DtlsCertificateError::Case;
+  const auto mine =
+      PersistedDtlsCertificate::loadOrCreate(makeStore(std::make_shared<MemorySecretBackend>()));
+  const auto other =
+      PersistedDtlsCertificate::loadOrCreate(makeStore(std::make_shared<MemorySecretBackend>()));
+  auto record = [](const std::string& key, const std::string& certificate) {
+    return nlohmann::json{{"privateKey", key}, {"certificate", certificate}}.dump();
+  };
+  const std::string valid = record(mine.privateKeyPem, mine.certificatePem);
+  std::string brokenCertificate = mine.certificatePem;
+  brokenCertificate[40] = '*';
+  std::string truncatedCertificate = mine.certificatePem.substr(0, 200);
+  const struct {
+    const char* name;
+    std::string stored;
+    Case expected;
+  } cases[] = {
+      {"truncated", valid.substr(0, valid.size() / 2), Case::malformedRecord},
+      {"not JSON", "not json " + mine.privateKeyPem, Case::malformedRecord},
+      {"not an object", "[" + valid + "]", Case::malformedRecord},
+      {"no certificate", nlohmann::json{{"privateKey", mine.privateKeyPem}}.dump(),
+       Case::malformedRecord},
+      {"certificate not a string",
+       nlohmann::json{{"privateKey", mine.privateKeyPem}, {"certificate", 7}}.dump(),
+       Case::malformedRecord},
+      {"key and a broken certificate", record(mine.privateKeyPem, brokenCertificate),
+       Case::malformedPem},
+      {"key and a cut certificate", record(mine.privateKeyPem, truncatedCertificate),
+       Case::malformedPem},
+      {"broken key", record(mine.privateKeyPem.substr(0, 60), mine.certificatePem),
+       Case::malformedPrivateKey},
+      {"another certificate's key", record(other.privateKeyPem, mine.certificatePem),
+       Case::keyMismatch},
+  };
+  // A line of the key's base64 body: no error may show any of it.
+  const std::string keyLine = mine.privateKeyPem.substr(mine.privateKeyPem.find('\n') + 1, 24);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     auto backend = std::make_shared<MemorySecretBackend>();
-    backend->save(SecretStore::service, "dtls-certificate", toBytes(damaged));
-    EXPECT_ANY_THROW(PersistedDtlsCertificate::loadOrCreate(makeStore(backend))) << damaged;
-    EXPECT_EQ(backend->load(SecretStore::service, "dtls-certificate"), toBytes(damaged));
+    backend->save(SecretStore::service, "dtls-certificate", toBytes(c.stored));
+    try {
+      PersistedDtlsCertificate::loadOrCreate(makeStore(backend));
+      ADD_FAILURE() << "loaded";
+    } catch (const DtlsCertificateError& error) {
+      EXPECT_EQ(error.kind(), c.expected) << error.text();
+      EXPECT_EQ(error.text().find(keyLine.substr(0, 8)), std::string::npos) << error.text();
+      EXPECT_EQ(error.text().find("PRIVATE"), std::string::npos) << error.text();
+    }
+    EXPECT_EQ(backend->load(SecretStore::service, "dtls-certificate"), toBytes(c.stored));
   }
 }
 
