@@ -366,10 +366,12 @@ TEST(ScreenCaptureSourceTest, MonitorsThatComeAndGoKeepTheVideoFlowing) {
     const char* watched;
     int width, height;
   };
+  // Without zul-a, RandR lists the screen's output as a monitor of its own,
+  // after the others.
   const Step steps[] = {
       {"xrandr --setmonitor zul-c 800/212x600/159+3200+0 none", 3, 1, "zul-b", 900, 720},
-      {"xrandr --delmonitor zul-a", 2, 0, "zul-b", 900, 720},
-      {"xrandr --delmonitor zul-b", 1, 0, "zul-c", 800, 600},
+      {"xrandr --delmonitor zul-a", 3, 0, "zul-b", 900, 720},
+      {"xrandr --delmonitor zul-b", 2, 0, "zul-c", 800, 600},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(step.command);
