@@ -52,7 +52,8 @@ class ScreenCaptureSource : public CaptureSource {
   std::string name() const override { return "x11"; }
   void setFrameReady(FrameReady handler) override;
   // Called on the capture thread when the display goes away while capturing
-  // (server gone, monitor removed); the source is stopped afterwards.
+  // (server gone; a monitor removed while nobody listens for display
+  // changes); the source is stopped afterwards.
   void setCaptureFailed(CaptureFailed handler);
   // Called on the capture thread when the monitors change while capturing
   // (one added, removed, moved or resized), with the new list. Capture goes
