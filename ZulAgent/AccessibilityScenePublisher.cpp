@@ -8,9 +8,9 @@ namespace zul {
 
 AccessibilityScenePublisher::AccessibilityScenePublisher(Hooks hooks) : hooks_(std::move(hooks)) {}
 
-void AccessibilityScenePublisher::setDisplay(const DesktopRect& bounds, std::int64_t monitorIndex) {
+void AccessibilityScenePublisher::setDisplay(const VideoMapping& video, std::int64_t monitorIndex) {
   std::lock_guard lock(mutex_);
-  screen_ = {bounds, monitorIndex};
+  screen_ = {video, monitorIndex};
 }
 
 void AccessibilityScenePublisher::shutdown() { tasks_.shutdown(); }
@@ -46,13 +46,15 @@ nlohmann::json AccessibilityScenePublisher::snapshot(const AccessibilityScene& s
       {"ts", timestampMs},
       {"sessionId", sessionId},
       {"seq", scene.sequence},
+      // The video's size, the space of every rectangle here; the origin
+      // says where the display lies on the desktop.
       {"screen",
-       {{"w", side(screen.bounds.width)},
-        {"h", side(screen.bounds.height)},
+       {{"w", side(screen.video.videoWidth)},
+        {"h", side(screen.video.videoHeight)},
         {"scale", 1.0},
         {"monitor", screen.monitorIndex},
-        {"originX", std::int64_t(screen.bounds.minX())},
-        {"originY", std::int64_t(screen.bounds.minY())},
+        {"originX", std::int64_t(screen.video.display.minX())},
+        {"originY", std::int64_t(screen.video.display.minY())},
         {"hdr", false}}},
       {"activeWindow", scene.activeWindow.toJson()},
       {"windows", std::move(windows)},
@@ -64,13 +66,13 @@ nlohmann::json AccessibilityScenePublisher::snapshot(const AccessibilityScene& s
 }
 
 AccessibilityScene AccessibilityScenePublisher::fallbackScene(std::int64_t sequence,
-                                                              const DesktopRect& bounds,
+                                                              const VideoMapping& video,
                                                               const std::string& hostName) {
   SceneWindow window;
   window.id = "axwin:unavailable";
   window.appId = "linux.unknown";
   window.title = hostName;
-  window.rect = bounds;
+  window.rect = {0, 0, video.videoWidth, video.videoHeight};
   window.process = "unknown";
   window.className = "desktop";
   AccessibilityScene scene;
@@ -86,14 +88,14 @@ void AccessibilityScenePublisher::publishNow(std::int64_t sequence, Screen scree
   std::optional<AccessibilityScene> scene;
   try {
     if (auto source = hooks_.source())
-      scene = source->scan(sequence, screen.bounds, scanBudgetSeconds);
+      scene = source->scan(sequence, screen.video, scanBudgetSeconds);
   } catch (const std::exception& error) {
     hooks_.print(std::string("[scene] accessibility unavailable: ") + error.what());
   }
   const bool scanned = scene.has_value();
   if (!scanned) {
     hooks_.print("[scene] semantic scan found no focused accessible window");
-    scene = fallbackScene(sequence, screen.bounds, hooks_.hostName);
+    scene = fallbackScene(sequence, screen.video, hooks_.hostName);
   }
   const auto message =
       snapshot(*scene, screen, *sessionId, hooks_.nowMilliseconds(), scanned ? "uia" : "none");

@@ -11,6 +11,7 @@
 
 #include "ZulAgent/TaskQueue.h"
 #include "ZulCore/Input/DesktopRect.h"
+#include "ZulCore/Input/VideoMapping.h"
 #include "ZulCore/Scene/AccessibilityScene.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
 
@@ -38,21 +39,26 @@ class AccessibilityScenePublisher {
 
   explicit AccessibilityScenePublisher(Hooks hooks);
 
-  // The captured display, when capture resolves or switches it.
-  void setDisplay(const DesktopRect& bounds, std::int64_t monitorIndex);
+  // The captured display and the video it is seen in, when capture resolves
+  // or switches it; scene rectangles are sent in the video's pixels.
+  void setDisplay(const VideoMapping& video, std::int64_t monitorIndex);
+  // The same with a video as large as the display.
+  void setDisplay(const DesktopRect& bounds, std::int64_t monitorIndex) {
+    setDisplay(VideoMapping::unscaled(bounds), monitorIndex);
+  }
   // Queues one snapshot; its sequence number is taken now.
   void publish();
   void shutdown();
   void waitUntilIdle();
 
   struct Screen {
-    DesktopRect bounds;
+    VideoMapping video;
     std::int64_t monitorIndex = 0;
   };
   static nlohmann::json snapshot(const AccessibilityScene& scene, const Screen& screen,
                                  const std::string& sessionId, std::int64_t timestampMs,
                                  const char* source);
-  static AccessibilityScene fallbackScene(std::int64_t sequence, const DesktopRect& bounds,
+  static AccessibilityScene fallbackScene(std::int64_t sequence, const VideoMapping& video,
                                           const std::string& hostName);
 
  private:

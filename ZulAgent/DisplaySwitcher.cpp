@@ -90,6 +90,7 @@ void DisplaySwitcher::runSwitch(std::int64_t index) {
     {
       std::lock_guard lock(mutex_);
       index_ = index;
+      lastDisplayID_ = display.displayID;
     }
     hooks_.onSwitched(display);
     sendListNow();
@@ -106,6 +107,65 @@ void DisplaySwitcher::runSwitch(std::int64_t index) {
   }
   std::lock_guard lock(mutex_);
   switching_ = false;
+}
+
+void DisplaySwitcher::displaysChanged() {
+  {
+    std::lock_guard lock(mutex_);
+    if (changePending_) return;
+    changePending_ = true;
+  }
+  if (!tasks_.post([this] { followDisplays(); })) {
+    std::lock_guard lock(mutex_);
+    changePending_ = false;
+  }
+}
+
+void DisplaySwitcher::followDisplays() {
+  std::optional<std::uint32_t> watched;
+  {
+    std::lock_guard lock(mutex_);
+    // Changes from here on need another look.
+    changePending_ = false;
+    watched = lastDisplayID_;
+  }
+  try {
+    if (hooks_.capturedDisplayID) watched = hooks_.capturedDisplayID();
+    const std::vector<DisplayDescriptor> displays = hooks_.availableDisplays();
+    if (displays.empty()) {
+      hooks_.print("displays changed: none left to capture");
+      return;
+    }
+    std::vector<std::int64_t> candidates;
+    for (const auto& display : displays) {
+      if (watched && display.displayID == *watched) candidates.push_back(display.index);
+    }
+    if (candidates.empty() || candidates.front() != displays.front().index) {
+      candidates.push_back(displays.front().index);
+    }
+    for (std::size_t i = 0; i < candidates.size(); ++i) {
+      try {
+        const DisplayDescriptor display = hooks_.restartCapture(candidates[i]);
+        {
+          std::lock_guard lock(mutex_);
+          index_ = display.index;
+          lastDisplayID_ = display.displayID;
+        }
+        hooks_.onSwitched(display);
+        sendListNow();
+        hooks_.print("displays changed: watching display " + std::to_string(display.index) + ": " +
+                     std::to_string(display.displayID) + ", " + std::to_string(display.width) +
+                     "x" + std::to_string(display.height));
+        return;
+      } catch (const std::exception& error) {
+        if (i + 1 == candidates.size()) throw;
+        hooks_.print(std::string("displays changed: display ") + std::to_string(candidates[i]) +
+                     " cannot be captured: " + error.what());
+      }
+    }
+  } catch (const std::exception& error) {
+    hooks_.print(std::string("displays changed: capture could not be restarted: ") + error.what());
+  }
 }
 
 }  // namespace zul

@@ -16,9 +16,11 @@ namespace zul {
 
 // Tells the phone which displays there are and which one it watches
 // ("control.monitor.list"), and carries out its "control.monitor.select"
-// requests by restarting capture on another display. Lists and switches run
-// in order on the switcher's own thread, never on the caller's. One switch at
-// a time: a request that arrives during a switch is dropped.
+// requests by restarting capture on another display. When monitors come and
+// go, capture follows: on the same display while it exists, else on the
+// first. Lists, switches and changes run in order on the switcher's own
+// thread, never on the caller's. One switch at a time: a request that
+// arrives during a switch is dropped.
 class DisplaySwitcher {
  public:
   struct Hooks {
@@ -34,6 +36,9 @@ class DisplaySwitcher {
     std::function<void(const DisplayDescriptor&)> onSwitched;
     std::function<void(std::string_view)> print;
     std::function<std::int64_t()> nowMilliseconds;
+    // The display capture runs on (its platform id); when unset, the one the
+    // switcher last started.
+    std::function<std::optional<std::uint32_t>()> capturedDisplayID;
   };
 
   explicit DisplaySwitcher(Hooks hooks);
@@ -46,6 +51,11 @@ class DisplaySwitcher {
   void sendMonitorList();
   // One "control.monitor.select" message; the switch is queued.
   void select(const nlohmann::json& message, const PermissionGate& permissions);
+  // The monitors changed (any thread): capture restarts on the display it
+  // watched if that still exists, else on the first; the pointer and scene
+  // follow and the phone gets the new list. A burst of changes is followed
+  // once.
+  void displaysChanged();
   // Ends the thread after the task in progress; nothing is queued later.
   void shutdown();
 
@@ -61,11 +71,14 @@ class DisplaySwitcher {
  private:
   void sendListNow();
   void runSwitch(std::int64_t index);
+  void followDisplays();
 
   Hooks hooks_;
   mutable std::mutex mutex_;
   std::int64_t index_ = 0;
   bool switching_ = false;
+  bool changePending_ = false;
+  std::optional<std::uint32_t> lastDisplayID_;
   TaskQueue tasks_;  // last: its thread ends before the fields above go
 };
 

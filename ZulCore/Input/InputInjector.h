@@ -52,6 +52,9 @@ class InputInjector {
   // Types Unicode code points, characters missing from the keyboard map
   // included; leaves the keyboard map as it found it.
   virtual void typeText(std::u32string_view text) = 0;
+  // Releases every button and key pressed through this injector and not
+  // released since, so that nothing stays down after a session.
+  virtual void releaseAll() = 0;
 };
 
 }  // namespace zul

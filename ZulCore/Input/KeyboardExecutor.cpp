@@ -185,6 +185,8 @@ void KeyboardExecutor::sendHotkey(std::string_view combo, const PermissionGate& 
   // The destructor releases the key, then the modifiers in reverse order.
 }
 
+void KeyboardExecutor::releaseAll() { injector_->releaseAll(); }
+
 void KeyboardExecutor::sendText(std::string_view text, const PermissionGate& permissions) {
   permissions.demand(DevicePermission::control);
   if (text.empty()) return;

@@ -56,8 +56,12 @@ class KeyboardExecutor {
   // Types `text` (UTF-8; invalid bytes become U+FFFD) as Unicode characters.
   void sendText(std::string_view text, const PermissionGate& permissions);
   // Presses a combination such as "Cmd+Shift+4": modifiers down, key down and
-  // up, modifiers up in reverse order, so no modifier stays down.
+  // up, modifiers up in reverse order, so no modifier stays down, also when
+  // the injector fails half-way.
   void sendHotkey(std::string_view combo, const PermissionGate& permissions);
+  // Releases every key and button still down through the injector (after a
+  // release that failed); for the end of a session.
+  void releaseAll();
 
   // The combination grammar alone; throws KeyboardExecutorError.
   static KeyCombination parseCombo(std::string_view combo);

@@ -44,25 +44,18 @@ int takeSteps(double& remainder, double delta) {
 
 }  // namespace
 
+PointerInputExecutor::PointerInputExecutor(const VideoMapping& mapping,
+                                           std::shared_ptr<InputInjector> injector)
+    : mapping_(mapping), injector_(std::move(injector)) {}
+
 PointerInputExecutor::PointerInputExecutor(double referenceWidth, double referenceHeight,
                                            DesktopRect displayBounds,
                                            std::shared_ptr<InputInjector> injector)
-    : referenceWidth_(referenceWidth),
-      referenceHeight_(referenceHeight),
-      displayBounds_(displayBounds),
-      injector_(std::move(injector)) {}
+    : PointerInputExecutor(VideoMapping{displayBounds, referenceWidth, referenceHeight},
+                           std::move(injector)) {}
 
 DesktopPoint PointerInputExecutor::displayPoint(double wireX, double wireY) const {
-  const DesktopRect& b = displayBounds_;
-  // A real display is at least one pixel wide and high.
-  if (!(b.width >= 1 && b.height >= 1)) std::abort();
-  double x = b.minX() + (b.width / std::max(referenceWidth_, 1.0)) * wireX;
-  double y = b.minY() + (b.height / std::max(referenceHeight_, 1.0)) * wireY;
-  if (!(x > b.minX())) x = b.minX();
-  if (x > b.maxX() - 1) x = b.maxX() - 1;
-  if (!(y > b.minY())) y = b.minY();
-  if (y > b.maxY() - 1) y = b.maxY() - 1;
-  return {x, y};
+  return mapping_.toDesktop(wireX, wireY);
 }
 
 void PointerInputExecutor::handle(const nlohmann::json& payload,
@@ -84,9 +77,15 @@ void PointerInputExecutor::handle(const nlohmann::json& payload,
       post(EventKind::moved, point, button);
     }
   } else if (*phase == "down") {
+    // One button at a time: a "down" whose "up" never came is let go first.
+    if (heldButton_) post(EventKind::up, point, *heldButton_);
     heldButton_ = button;
     post(EventKind::down, point, button);
   } else if (*phase == "up") {
+    // An "up" naming another button still ends the held one.
+    if (heldButton_ && buttonNamed(*heldButton_) != buttonNamed(button)) {
+      post(EventKind::up, point, *heldButton_);
+    }
     heldButton_.reset();
     post(EventKind::up, point, button);
   }
@@ -118,6 +117,12 @@ void PointerInputExecutor::releaseHeldButton() {
   std::string button = *heldButton_;
   heldButton_.reset();
   post(EventKind::up, lastPoint_, button);
+}
+
+void PointerInputExecutor::releaseAll() {
+  std::lock_guard lock(inputLock_);
+  heldButton_.reset();
+  injector_->releaseAll();
 }
 
 std::optional<std::string> PointerInputExecutor::heldButton() const {

@@ -8,18 +8,22 @@
 
 #include "ZulCore/Input/DesktopRect.h"
 #include "ZulCore/Input/InputInjector.h"
+#include "ZulCore/Input/VideoMapping.h"
 #include "ZulCore/Trust/DevicePermission.h"
 
 namespace zul {
 
 // Performs the phone's pointer requests ("input.cursor", "input.scroll") on
-// one display. Wire coordinates are measured from the display's top-left
-// corner in reference units; they land on that display only, clamped to its
-// edges.
+// one display. Wire coordinates are video pixels, measured from the video's
+// top-left corner; they land on that display only, clamped to its edges.
+// At most one button is held at a time, and none once a session ends
+// (`releaseAll`).
 class PointerInputExecutor {
  public:
-  // `displayBounds` is read once, here: a display rearranged later needs a new
+  // The mapping is fixed here: a display rearranged later needs a new
   // executor.
+  PointerInputExecutor(const VideoMapping& mapping, std::shared_ptr<InputInjector> injector);
+  // A video of `referenceWidth` x `referenceHeight` pixels over `displayBounds`.
   PointerInputExecutor(double referenceWidth, double referenceHeight, DesktopRect displayBounds,
                        std::shared_ptr<InputInjector> injector);
 
@@ -34,6 +38,9 @@ class PointerInputExecutor {
 
   // Lets go of a button still held by a "down" without its "up".
   void releaseHeldButton();
+  // Lets go of the held button and of every button and key still down
+  // through this executor's injector (the keyboard's too when they share it).
+  void releaseAll();
 
   DesktopPoint displayPoint(double wireX, double wireY) const;
 
@@ -45,9 +52,7 @@ class PointerInputExecutor {
   enum class EventKind { moved, down, up, dragged };
   void post(EventKind kind, DesktopPoint point, const std::string& button);
 
-  const double referenceWidth_;
-  const double referenceHeight_;
-  const DesktopRect displayBounds_;
+  const VideoMapping mapping_;
   const std::shared_ptr<InputInjector> injector_;
 
   mutable std::mutex inputLock_;

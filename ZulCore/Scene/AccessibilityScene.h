@@ -11,10 +11,8 @@
 
 namespace zul {
 
-// One element as the phone sees it. `rect` is relative to the scanned
-// display's top-left corner in display pixels: the same space in which the
-// pointer executor takes wire coordinates when its reference size is the
-// display's size.
+// One element as the phone sees it. `rect` is in the video's pixels from its
+// top-left corner: the space in which the pointer executor takes taps.
 struct SceneElement {
   std::string id;  // "el:" and 64 hexadecimal digits
   std::string role;

@@ -79,10 +79,6 @@ std::vector<std::string> actionsFor(bool editable, bool invokable) {
   return actions;
 }
 
-DesktopRect relativeTo(const DesktopRect& rect, const DesktopRect& display) {
-  return {rect.x - display.x, rect.y - display.y, rect.width, rect.height};
-}
-
 }  // namespace
 
 AccessibilitySceneSource::AccessibilitySceneSource(std::shared_ptr<AccessibilityBackend> backend,
@@ -107,7 +103,7 @@ std::optional<std::string> AccessibilitySceneSource::chooseAction(
 }
 
 std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t sequence,
-                                                                 const DesktopRect& displayBounds,
+                                                                 const VideoMapping& video,
                                                                  double budgetSeconds) {
   const auto started = clock_();
   const auto budget = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -125,7 +121,7 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
         "axwin:" + hexDigest(app + '\0' + std::to_string(window->processId) + '\0' + window->title);
     active.appId = window->applicationName.empty() ? "linux.app" : window->applicationName;
     active.title = window->title;
-    active.rect = relativeTo(window->rect.value_or(DesktopRect{}), displayBounds);
+    active.rect = video.toVideo(window->rect.value_or(DesktopRect{}));
     active.process = app;
     active.processId = window->processId;
     active.className = "linux.app";
@@ -171,9 +167,9 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
       bool interesting = role != "unknown" || !label.empty() || actionable;
 
       // Wrappers that repeat their child's role and place add nothing.
-      std::string id =
-          sized ? scene::elementIdentifier(role, label, relativeTo(*info.rect, displayBounds))
-                : std::string();
+      // Identified by the rectangle the phone receives.
+      const DesktopRect videoRect = sized ? video.toVideo(*info.rect) : DesktopRect{};
+      std::string id = sized ? scene::elementIdentifier(role, label, videoRect) : std::string();
       bool kept = sized && interesting;
       auto seen = kept ? positions.find(id) : positions.end();
       if (seen != positions.end()) {
@@ -187,7 +183,7 @@ std::optional<AccessibilityScene> AccessibilitySceneSource::scan(std::int64_t se
         SceneElement element;
         element.role = role;
         element.text = label;
-        element.rect = relativeTo(*info.rect, displayBounds);
+        element.rect = videoRect;
         element.id = id;
         element.enabled = info.enabled;
         element.focused = info.focused;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ZulCore/Input/DesktopRect.h"
+#include "ZulCore/Input/VideoMapping.h"
 #include "ZulCore/Scene/AccessibilityBackend.h"
 #include "ZulCore/Scene/AccessibilityScene.h"
 #include "ZulCore/Support/Error.h"
@@ -52,10 +53,16 @@ class AccessibilitySceneSource {
                                     Clock clock = {});
 
   // Walks the focused window breadth-first until 200 elements are collected or
-  // `budgetSeconds` have passed. Nothing when no focused window is found.
-  // Never throws.
-  std::optional<AccessibilityScene> scan(std::int64_t sequence, const DesktopRect& displayBounds,
+  // `budgetSeconds` have passed. Rectangles are in the video's pixels, as
+  // `video` maps the captured display. Nothing when no focused window is
+  // found. Never throws.
+  std::optional<AccessibilityScene> scan(std::int64_t sequence, const VideoMapping& video,
                                          double budgetSeconds);
+  // The same with a video as large as the display.
+  std::optional<AccessibilityScene> scan(std::int64_t sequence, const DesktopRect& displayBounds,
+                                         double budgetSeconds) {
+    return scan(sequence, VideoMapping::unscaled(displayBounds), budgetSeconds);
+  }
 
   // Focuses a text field, otherwise performs the element's default action.
   // Throws AccessibilitySceneError.

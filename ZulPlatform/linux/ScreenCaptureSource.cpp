@@ -122,6 +122,7 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   struct Run {
     CaptureOptions options;
     DisplayDescriptor monitor;
+    std::vector<DisplayDescriptor> monitors;  // the list as last seen
     int width = 0;
     int height = 0;
     std::unique_ptr<X11CaptureConnection> connection;
@@ -135,6 +136,7 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   std::condition_variable wake;
   FrameReady frameReady;
   CaptureFailed captureFailed;
+  DisplaysChanged displaysChanged;
   CaptureTiming onCaptureTiming;
   bool running = false;
   bool stopRequested = false;
@@ -157,6 +159,8 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   }
 
   void captureLoop(Run& run);
+  // Tells the owner of a changed monitor list; false when nobody listens.
+  bool reportDisplaysChanged(const std::vector<DisplayDescriptor>& monitors);
   void deliveryLoop();
   // Ends the run from the capture thread: tells the owner, then stops.
   void fail(const std::string& reason);
@@ -177,6 +181,22 @@ void ScreenCaptureSource::Impl::fail(const std::string& reason) {
   }
   std::lock_guard lock(mutex);
   running = false;
+}
+
+bool ScreenCaptureSource::Impl::reportDisplaysChanged(
+    const std::vector<DisplayDescriptor>& monitors) {
+  DisplaysChanged handler;
+  {
+    std::lock_guard lock(mutex);
+    handler = displaysChanged;
+  }
+  if (!handler) return false;
+  try {
+    handler(monitors);
+  } catch (...) {
+    // the owner's failure must not take the capture thread down
+  }
+  return true;
 }
 
 void ScreenCaptureSource::Impl::captureLoop(Run& run) {
@@ -209,6 +229,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         std::make_unique<webrtc::DesktopAndCursorComposer>(std::move(screen), captureOptions);
   }
   capturer->Start(this);
+  run.connection->watchMonitors();
 
   FrameGate gate(run.options.framesPerSecond, run.options.idleFramesPerSecond);
   auto pool = std::make_shared<SurfacePool>(run.width, run.height);
@@ -252,15 +273,28 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     if (capturerLost) {
       return failBeforeOrAfterStart("the X server of " + run.connection->name() + " went away");
     }
-    if (now - lastMonitorCheck >= monitorCheckInterval) {
+    // Notices make a change seen at once; the periodic look catches servers
+    // that send none.
+    if (run.connection->monitorsMayHaveChanged() ||
+        now - lastMonitorCheck >= monitorCheckInterval) {
       lastMonitorCheck = now;
-      bool present = false;
-      for (const auto& monitor : run.connection->monitors()) {
-        present = present || monitor.displayID == run.monitor.displayID;
-      }
-      if (!present) {
-        return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) + " of " +
-                                      run.connection->name() + " went away");
+      auto monitors = run.connection->monitors();
+      // An empty list means the server is gone, which the liveness check reports.
+      if (!monitors.empty() && monitors != run.monitors) {
+        run.monitors = std::move(monitors);
+        bool present = false;
+        for (const auto& monitor : run.monitors) {
+          present = present || monitor.displayID == run.monitor.displayID;
+        }
+        const bool heard = reportDisplaysChanged(run.monitors);
+        if (!present) {
+          const std::string gone = "monitor " + std::to_string(run.monitor.index) + " of " +
+                                   run.connection->name() + " went away";
+          if (!heard || !reportedStart) return failBeforeOrAfterStart(gone);
+          std::lock_guard lock(mutex);
+          running = false;
+          return;
+        }
       }
     }
     if (lastResult == webrtc::DesktopCapturer::Result::ERROR_PERMANENT) {
@@ -400,6 +434,11 @@ void ScreenCaptureSource::setCaptureFailed(CaptureFailed handler) {
   impl_->captureFailed = std::move(handler);
 }
 
+void ScreenCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->displaysChanged = std::move(handler);
+}
+
 void ScreenCaptureSource::setOnCaptureTiming(CaptureTiming handler) {
   std::lock_guard lock(impl_->mutex);
   impl_->onCaptureTiming = std::move(handler);
@@ -440,6 +479,7 @@ void ScreenCaptureSource::start(const CaptureOptions& options) {
   auto run = std::make_shared<Impl::Run>();
   run->options = options;
   run->monitor = monitor;
+  run->monitors = monitors;
   run->width =
       int(options.width > 0 ? std::min<std::int64_t>(options.width, 16384) : monitor.width);
   run->height =

@@ -22,6 +22,7 @@ namespace zul {
 class ScreenCaptureSource : public CaptureSource {
  public:
   using CaptureFailed = std::function<void(const CaptureError&)>;
+  using DisplaysChanged = std::function<void(const std::vector<DisplayDescriptor>& displays)>;
   // How long the screen read and the conversion to NV12 of a delivered frame
   // took (conversion zero for an idle repeat); for measurements.
   using CaptureTiming =
@@ -51,8 +52,14 @@ class ScreenCaptureSource : public CaptureSource {
   std::string name() const override { return "x11"; }
   void setFrameReady(FrameReady handler) override;
   // Called on the capture thread when the display goes away while capturing
-  // (server gone, monitor removed); the source is stopped afterwards.
+  // (server gone; a monitor removed while nobody listens for display
+  // changes); the source is stopped afterwards.
   void setCaptureFailed(CaptureFailed handler);
+  // Called on the capture thread when the monitors change while capturing
+  // (one added, removed, moved or resized), with the new list. Capture goes
+  // on while its monitor is there; when it is gone, the run ends without a
+  // captureFailed call, and the owner starts capture where it wants.
+  void setDisplaysChanged(DisplaysChanged handler);
   // Called on the capture thread for each delivered frame.
   void setOnCaptureTiming(CaptureTiming handler);
   void start(const CaptureOptions& options) override;

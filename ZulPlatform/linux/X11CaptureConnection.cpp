@@ -61,6 +61,33 @@ bool X11CaptureConnection::canReadScreen() {
   return true;
 }
 
+void X11CaptureConnection::watchMonitors() {
+  if (lost_) return;
+  const Window root = DefaultRootWindow(display_);
+  XSelectInput(display_, root, StructureNotifyMask);
+  int eventBase = 0, errorBase = 0;
+  if (XRRQueryExtension(display_, &eventBase, &errorBase)) {
+    randrEventBase_ = eventBase;
+    XRRSelectInput(display_, root, RRScreenChangeNotifyMask);
+  }
+  XFlush(display_);
+}
+
+bool X11CaptureConnection::monitorsMayHaveChanged() {
+  bool changed = false;
+  while (!lost_ && XPending(display_) > 0) {
+    XEvent event;
+    XNextEvent(display_, &event);
+    if (randrEventBase_ >= 0 && event.type == randrEventBase_ + RRScreenChangeNotify) {
+      XRRUpdateConfiguration(&event);
+      changed = true;
+    } else if (event.type == ConfigureNotify) {
+      changed = true;
+    }
+  }
+  return changed;
+}
+
 std::vector<DisplayDescriptor> X11CaptureConnection::monitors(
     std::optional<std::uint32_t>* primary) {
   std::vector<DisplayDescriptor> list;

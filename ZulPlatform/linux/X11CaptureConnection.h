@@ -37,6 +37,14 @@ class X11CaptureConnection {
   // id of the monitor RandR marks primary (nothing when none is).
   std::vector<DisplayDescriptor> monitors(std::optional<std::uint32_t>* primary = nullptr);
 
+  // Asks the server to report changes of the screen and its monitors to this
+  // connection: RandR screen changes, and the root window's configure
+  // notices that `xrandr --setmonitor` and `--delmonitor` cause.
+  void watchMonitors();
+  // Reads the notices that arrived since the last call; true when one of
+  // them may have changed the monitors. Never blocks.
+  bool monitorsMayHaveChanged();
+
   // Makes a lost server on `display` set `lost` instead of ending the
   // process; for connections opened elsewhere (WebRTC's capturer).
   static void reportServerLoss(_XDisplay* display, std::atomic<bool>* lost);
@@ -47,6 +55,7 @@ class X11CaptureConnection {
   _XDisplay* display_;
   std::string name_;
   std::atomic<bool> lost_{false};
+  int randrEventBase_ = -1;
 };
 
 }  // namespace zul

@@ -39,8 +39,9 @@ class XTestInputInjector final : public InputInjector {
   void setKey(std::uint32_t keysym, bool pressed) override;
   void typeText(std::u32string_view text) override;
 
-  // Releases every key and button this injector pressed and has not released.
-  void releaseAll();
+  // Releases every key and button this injector pressed and has not released
+  // (a combination that failed half-way included).
+  void releaseAll() override;
 
   // How long a temporary mapping stays after its characters were sent, so
   // that clients translate them before the map changes again.

@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
 
+#include "ZulAgent/AccessibilityScenePublisher.h"
+#include "ZulAgent/CaptureGeometry.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
 #include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/ScreenCaptureSource.h"
 #include "ZulPlatform/linux/XTestInputInjector.h"
 #include "integration/DesktopSession.h"
 
@@ -25,7 +30,7 @@ class DesktopScene : public ::testing::Test {
     desktop = DesktopSession::get();
     if (!desktop) GTEST_SKIP() << DesktopSession::whyMissing();
     backend = std::make_shared<AtspiAccessibilityBackend>();
-    source = std::make_unique<AccessibilitySceneSource>(backend);
+    source = std::make_shared<AccessibilitySceneSource>(backend);
   }
 
   // The application registers with the accessibility bus a little after its
@@ -57,7 +62,7 @@ class DesktopScene : public ::testing::Test {
 
   DesktopSession* desktop = nullptr;
   std::shared_ptr<AtspiAccessibilityBackend> backend;
-  std::unique_ptr<AccessibilitySceneSource> source;
+  std::shared_ptr<AccessibilitySceneSource> source;
 };
 
 TEST_F(DesktopScene, ListsWidgetsWithRolesLabelsAndPointerRects) {
@@ -90,18 +95,73 @@ TEST_F(DesktopScene, ListsWidgetsWithRolesLabelsAndPointerRects) {
       (DesktopRect{static_cast<double>(app.window.x), static_cast<double>(app.window.y),
                    static_cast<double>(app.window.width), static_cast<double>(app.window.height)}));
   EXPECT_EQ(scene->elements.front().role, "dialog");  // most important first
+}
 
-  // A tap at the middle of the button's rectangle, through the pointer
-  // executor of the same display, presses it.
+// What the phone does: it reads the scene the agent publishes for the
+// captured monitor and taps the middle of an element's rectangle, in the
+// video's pixels at the agent's capture size. Every clickable element of the
+// window gets the click, on a 1920x1080 monitor and on one beside it.
+TEST_F(DesktopScene, TapsAtSceneRectanglesReachTheirElementsOnEveryMonitor) {
   auto injector = std::make_shared<XTestInputInjector>(desktop->display());
-  PointerInputExecutor pointer(1280, 720, screen, injector);
-  const SceneElement* button = find(*scene, "Press me");
-  nlohmann::json at = {{"x", button->rect.x + button->rect.width / 2},
-                       {"y", button->rect.y + button->rect.height / 2}};
   const PermissionGate gate{{DevicePermission::control}};
-  pointer.handle({{"phase", "down"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
-  pointer.handle({{"phase", "up"}, {"x", at["x"]}, {"y", at["y"]}}, gate);
-  EXPECT_TRUE(app.waitForPrefix("clicked Press me"));
+  // What a tap on each kind of element makes the app say.
+  const std::map<std::string, std::string> answers = {
+      {"button", "clicked "}, {"checkbox", "toggled "}, {"textfield", "focus "}};
+  const auto displays = ScreenCaptureSource::availableDisplays(desktop->display());
+  ASSERT_EQ(displays.size(), 2u);
+  for (const auto& display : displays) {
+    SCOPED_TRACE("monitor " + std::to_string(display.index));
+    const VideoMapping video = videoMappingFor(display);
+    TestApp app(
+        {"--at", std::to_string(display.originX + 150), std::to_string(display.originY + 100)});
+    std::mutex mutex;
+    nlohmann::json scene;
+    AccessibilityScenePublisher publisher({
+        .source = [this] { return source; },
+        .activeSessionId = [] { return std::optional<std::string>("s-1"); },
+        .sendScene =
+            [&](const std::string& text) {
+              std::lock_guard lock(mutex);
+              scene = nlohmann::json::parse(text);
+            },
+        .print = [](std::string_view) {},
+        .nowMilliseconds = [] { return std::int64_t(0); },
+        .hostName = "test",
+    });
+    publisher.setDisplay(video, display.index);
+    auto complete = [&] {
+      std::set<std::string> roles;
+      for (const auto& e : scene["elements"]) {
+        if (answers.count(e["role"])) roles.insert(e["role"].get<std::string>());
+      }
+      return roles.size() == answers.size();
+    };
+    // The app registers with the accessibility bus a little after it shows.
+    for (int i = 0; i < 100; ++i) {
+      publisher.publish();
+      publisher.waitUntilIdle();
+      std::lock_guard lock(mutex);
+      if (complete()) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(complete()) << scene.dump();
+    EXPECT_EQ(scene["screen"]["w"], captureSizeFor(display).width);
+    EXPECT_EQ(scene["screen"]["h"], captureSizeFor(display).height);
+    EXPECT_EQ(scene["screen"]["originX"], display.originX);
+
+    PointerInputExecutor pointer(video, injector);
+    for (const auto& element : scene["elements"]) {
+      auto answer = answers.find(element["role"]);
+      if (answer == answers.end()) continue;
+      const auto& r = element["rect"];
+      const double x = r["x"].get<double>() + r["w"].get<double>() / 2;
+      const double y = r["y"].get<double>() + r["h"].get<double>() / 2;
+      pointer.handle({{"phase", "down"}, {"x", x}, {"y", y}}, gate);
+      pointer.handle({{"phase", "up"}, {"x", x}, {"y", y}}, gate);
+      EXPECT_TRUE(app.waitForPrefix(answer->second + element["text"].get<std::string>()))
+          << "tap at " << x << "," << y << " on " << element.dump();
+    }
+  }
 }
 
 TEST_F(DesktopScene, InvokePressesTogglesAndFocuses) {

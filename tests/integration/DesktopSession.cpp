@@ -45,7 +45,7 @@ struct DisplayHandle {
 }  // namespace
 
 std::string DesktopSession::whyMissing() {
-  for (const char* program : {"Xvfb", "dbus-daemon", "dbus-send"}) {
+  for (const char* program : {"Xvfb", "xrandr", "dbus-daemon", "dbus-send"}) {
     if (!haveProgram(program)) return std::string(program) + " is not installed";
   }
   if (!std::filesystem::exists(busLauncher)) return "at-spi2-core is not installed";
@@ -71,10 +71,14 @@ DesktopSession::~DesktopSession() {
 }
 
 DesktopSession::DesktopSession() {
-  xvfb_ = std::make_unique<XvfbServer>(1280, 720);
+  xvfb_ = std::make_unique<XvfbServer>(3200, 1200);
   Display* keeper = XOpenDisplay(xvfb_->display().c_str());
   if (!keeper) throw std::runtime_error("cannot open " + xvfb_->display());
   keeper_ = std::shared_ptr<void>(keeper, [](void* d) { XCloseDisplay(static_cast<Display*>(d)); });
+  if (xvfb_->run("xrandr --setmonitor zul-main 1920/508x1080/286+0+0 screen >/dev/null") != 0 ||
+      xvfb_->run("xrandr --setmonitor zul-side 1280/338x1024/271+1920+176 none >/dev/null") != 0) {
+    throw std::runtime_error("xrandr could not set the monitors");
+  }
   // The accessibility bus launcher and the toolkits put their sockets in
   // the runtime directory, named after the display at best: a private one
   // keeps concurrent sessions apart and is removed with the session.

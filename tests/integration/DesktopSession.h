@@ -15,7 +15,8 @@ namespace zul::test {
 // One desktop for the whole test program: Xvfb, a session bus and the
 // accessibility bus with its registry. libatspi connects once per process,
 // so every test shares it. DISPLAY and DBUS_SESSION_BUS_ADDRESS point at it
-// while it lives.
+// while it lives. Its screen holds two RandR monitors: "zul-main", 1920x1080
+// at 0,0, and "zul-side", 1280x1024 at 1920,176.
 class DesktopSession {
  public:
   // Starts it on first use; nothing when a required program is missing

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "ZulAgent/CaptureGeometry.h"
+#include "ZulAgent/DisplaySwitcher.h"
 #include "ZulPlatform/linux/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
@@ -308,6 +310,89 @@ TEST(ScreenCaptureSourceTest, ServerThatGoesAwayIsReportedAsCaptureFailed) {
   server.reset();
   std::filesystem::remove("/tmp/.X" + number + "-lock");
   std::filesystem::remove("/tmp/.X11-unix/X" + number);
+}
+
+// Monitors added and removed while capture runs, followed as the agent does:
+// the switcher restarts capture on the watched monitor while it exists, else
+// on the first, the phone gets each new list, and frames keep coming at the
+// watched monitor's capture size.
+TEST(ScreenCaptureSourceTest, MonitorsThatComeAndGoKeepTheVideoFlowing) {
+  if (skipWithoutXvfb()) GTEST_SKIP() << "Xvfb or xrandr is not installed";
+  XvfbServer server(4000, 1200);
+  ScreenPainter painter(server.display());
+  ASSERT_EQ(server.run("xrandr --setmonitor zul-a 1920/508x1080/286+0+0 screen >/dev/null"), 0);
+  ASSERT_EQ(server.run("xrandr --setmonitor zul-b 1280/338x1024/271+1920+176 none >/dev/null"), 0);
+
+  ScreenCaptureSource capture(server.display());
+  FrameSink frames;
+  capture.setFrameReady(std::ref(frames));
+  std::mutex mutex;
+  std::condition_variable listed;
+  std::vector<nlohmann::json> lists;
+  auto restart = [&](std::int64_t index) {
+    const auto displays = ScreenCaptureSource::availableDisplays(server.display());
+    if (index < 0 || index >= std::int64_t(displays.size())) {
+      throw CaptureError::displayUnavailable(index);
+    }
+    const CaptureSize size = captureSizeFor(displays[std::size_t(index)]);
+    capture.stop();
+    capture.start(options(index, size.width, size.height));
+    return displays[std::size_t(index)];
+  };
+  DisplaySwitcher switcher({
+      .availableDisplays = [&] { return ScreenCaptureSource::availableDisplays(server.display()); },
+      .primaryDisplayID = [] { return std::optional<std::uint32_t>(); },
+      .activeSessionId = [] { return std::optional<std::string>("s-1"); },
+      .sendControl =
+          [&](const std::string& text) {
+            std::lock_guard lock(mutex);
+            lists.push_back(nlohmann::json::parse(text));
+            listed.notify_all();
+          },
+      .restartCapture = restart,
+      .onSwitched = [](const DisplayDescriptor&) {},
+      .print = [](std::string_view) {},
+      .nowMilliseconds = [] { return std::int64_t(0); },
+      .capturedDisplayID = [&] { return capture.resolvedDisplayID(); },
+  });
+  capture.setDisplaysChanged(
+      [&](const std::vector<DisplayDescriptor>&) { switcher.displaysChanged(); });
+  restart(1);
+
+  struct Step {
+    const char* command;
+    std::size_t monitors;
+    std::int64_t selected;
+    const char* watched;
+  };
+  // Without zul-a, RandR lists the screen's output as a monitor of its own,
+  // after the others.
+  const Step steps[] = {
+      {"xrandr --setmonitor zul-c 800/212x600/159+3200+0 none", 3, 1, "zul-b"},
+      {"xrandr --delmonitor zul-a", 3, 0, "zul-b"},
+      {"xrandr --delmonitor zul-b", 2, 0, "zul-c"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.command);
+    std::unique_lock lock(mutex);
+    const std::size_t before = lists.size();
+    lock.unlock();
+    ASSERT_EQ(server.run(std::string(step.command) + " >/dev/null"), 0);
+    lock.lock();
+    ASSERT_TRUE(listed.wait_for(lock, 20s, [&] { return lists.size() > before; }));
+    EXPECT_EQ(lists.back()["monitors"].size(), step.monitors);
+    EXPECT_EQ(lists.back()["selected"], step.selected);
+    lock.unlock();
+    EXPECT_EQ(capture.resolvedDisplayID(), std::uint32_t(painter.atom(step.watched)));
+    const std::size_t count = frames.frames().size();
+    ASSERT_TRUE(frames.waitFor(count + 3));
+    const auto watched =
+        ScreenCaptureSource::availableDisplays(server.display())[std::size_t(step.selected)];
+    EXPECT_EQ(frames.frames().back().width, captureSizeFor(watched).width);
+    EXPECT_EQ(frames.frames().back().height, captureSizeFor(watched).height);
+  }
+  switcher.shutdown();
+  capture.stop();
 }
 
 }  // namespace

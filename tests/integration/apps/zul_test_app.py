@@ -11,7 +11,7 @@ It prints one line per event it sees on standard output:
   key KEYVAL_NAME STATE    a key press reached the window (state = X modifier mask)
   press B X Y / release B X Y / drag X Y   pointer buttons and motion on the pad
   scroll DIRECTION         a wheel step on the pad
-Options: --widgets N adds N extra buttons.
+Options: --widgets N adds N extra buttons; --at X Y places the window there.
 """
 import json
 import sys
@@ -31,10 +31,14 @@ def main():
     extra = 0
     if "--widgets" in sys.argv:
         extra = int(sys.argv[sys.argv.index("--widgets") + 1])
+    at = (0, 0)
+    if "--at" in sys.argv:
+        i = sys.argv.index("--at")
+        at = (int(sys.argv[i + 1]), int(sys.argv[i + 2]))
 
     window = Gtk.Window(title="Zul Test App")
     window.set_default_size(640, 480)
-    window.move(0, 0)
+    window.move(*at)
     window.connect("destroy", Gtk.main_quit)
 
     outer = Gtk.Box(orientation=Gtk.Orientation.VERTICAL, spacing=4)

@@ -114,12 +114,21 @@ TEST(AccessibilityScenePublisher, AnswersWithTheWholeComputerWhenNothingHasFocus
 TEST(AccessibilityScenePublisher, SendsTheFocusedWindowsElements) {
   Publisher p;
   p.backend->focusWindowWithButtons({"OK", "Cancel"});
-  p.publisher.setDisplay({0, 0, 1280, 720}, 0);
+  // A 1920x1080 display captured at 1280x720: the screen and every
+  // rectangle are in the video's pixels.
+  p.publisher.setDisplay(VideoMapping{{0, 0, 1920, 1080}, 1280, 720}, 0);
   p.publish();
   ASSERT_EQ(p.sent.size(), 1u);
   EXPECT_EQ(p.sent[0]["source"], "uia");
+  EXPECT_EQ(p.sent[0]["screen"]["w"], 1280);
+  EXPECT_EQ(p.sent[0]["screen"]["h"], 720);
   std::vector<std::string> texts;
-  for (const auto& element : p.sent[0]["elements"]) texts.push_back(element["text"]);
+  for (const auto& element : p.sent[0]["elements"]) {
+    texts.push_back(element["text"]);
+    if (element["text"] == "OK") {
+      EXPECT_EQ(element["rect"], nlohmann::json::parse(R"({"x": 7, "y": 7, "w": 53, "h": 20})"));
+    }
+  }
   EXPECT_NE(std::find(texts.begin(), texts.end(), "OK"), texts.end());
   EXPECT_NE(std::find(texts.begin(), texts.end(), "Cancel"), texts.end());
   EXPECT_EQ(p.printed,

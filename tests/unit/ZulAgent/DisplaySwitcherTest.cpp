@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 
 #include "ZulAgent/DisplaySwitcher.h"
@@ -13,9 +14,12 @@ const std::vector<DisplayDescriptor> twoDisplays = {
     {.index = 1, .displayID = 72, .width = 1280, .height = 1024, .originX = 1920, .originY = -200},
 };
 
-// The switcher over two displays, recording what it sends, restarts and prints.
+// The switcher over two displays (or whatever `displays` holds), recording
+// what it sends, restarts and prints.
 struct Switcher {
   std::mutex mutex;
+  std::vector<DisplayDescriptor> displays = twoDisplays;
+  std::optional<std::uint32_t> captured;  // what capture says it runs on
   std::vector<nlohmann::json> sent;
   std::vector<std::int64_t> restarts;
   std::vector<std::uint32_t> targeted;
@@ -23,7 +27,11 @@ struct Switcher {
   std::optional<std::string> session = "s-1";
   std::function<void()> duringRestart = [] {};
   DisplaySwitcher switcher{{
-      .availableDisplays = [] { return twoDisplays; },
+      .availableDisplays =
+          [this] {
+            std::lock_guard lock(mutex);
+            return displays;
+          },
       .primaryDisplayID = [] { return std::optional<std::uint32_t>(72); },
       .activeSessionId = [this] { return session; },
       .sendControl =
@@ -38,8 +46,12 @@ struct Switcher {
               restarts.push_back(index);
             }
             duringRestart();
-            if (index < 0 || index >= 2) throw CaptureError::displayUnavailable(index);
-            return twoDisplays[std::size_t(index)];
+            std::lock_guard lock(mutex);
+            if (index < 0 || index >= std::int64_t(displays.size())) {
+              throw CaptureError::displayUnavailable(index);
+            }
+            captured = displays[std::size_t(index)].displayID;
+            return displays[std::size_t(index)];
           },
       .onSwitched =
           [this](const DisplayDescriptor& display) {
@@ -52,6 +64,11 @@ struct Switcher {
             printed.emplace_back(line);
           },
       .nowMilliseconds = [] { return std::int64_t(1'700'000'000'123); },
+      .capturedDisplayID =
+          [this] {
+            std::lock_guard lock(mutex);
+            return captured;
+          },
   }};
 
   void select(nlohmann::json message, std::set<DevicePermission> granted = {
@@ -159,6 +176,90 @@ TEST(DisplaySwitcher, DropsASecondRequestWhileSwitching) {
   s.select({{"index", 0}});
   s.switcher.waitUntilIdle();
   EXPECT_EQ(s.restarts, (std::vector<std::int64_t>{1, 0}));
+}
+
+// Monitors come and go while capture runs: capture stays on its display
+// while it exists, else goes to the first, and the phone hears the new list.
+TEST(DisplaySwitcher, FollowsMonitorsThatComeAndGo) {
+  const DisplayDescriptor added{
+      .index = 1, .displayID = 73, .width = 800, .height = 600, .originX = 3200, .originY = 0};
+  auto at = [](DisplayDescriptor d, std::int64_t index) {
+    d.index = index;
+    return d;
+  };
+  struct Case {
+    const char* name;
+    std::optional<std::uint32_t> watching;
+    std::vector<DisplayDescriptor> now;
+    std::vector<std::int64_t> restarts;
+    std::int64_t selected;
+    std::string printed;
+  };
+  const Case cases[] = {
+      {"one added before the watched one",
+       72,
+       {twoDisplays[0], added, at(twoDisplays[1], 2)},
+       {2},
+       2,
+       "displays changed: watching display 2: 72, 1280x1024"},
+      {"the watched one removed",
+       72,
+       {twoDisplays[0]},
+       {0},
+       0,
+       "displays changed: watching display 0: 71, 1920x1080"},
+      {"the watched one resized",
+       71,
+       {{.index = 0, .displayID = 71, .width = 1280, .height = 720}},
+       {0},
+       0,
+       "displays changed: watching display 0: 71, 1280x720"},
+      {"nothing watched yet", std::nullopt, twoDisplays, {0}, 0, ""},
+      {"none left", 72, {}, {}, 0, "displays changed: none left to capture"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Switcher s;
+    s.captured = c.watching;
+    s.displays = c.now;
+    s.switcher.displaysChanged();
+    s.switcher.waitUntilIdle();
+    EXPECT_EQ(s.restarts, c.restarts);
+    EXPECT_EQ(s.switcher.selectedIndex(), c.selected);
+    if (!c.printed.empty()) {
+      EXPECT_EQ(s.printed, (std::vector<std::string>{c.printed}));
+    }
+    if (c.restarts.empty()) continue;
+    EXPECT_EQ(s.targeted, (std::vector<std::uint32_t>{c.now[std::size_t(c.selected)].displayID}));
+    ASSERT_EQ(s.sent.size(), 1u);
+    EXPECT_EQ(s.sent[0]["selected"], c.selected);
+    EXPECT_EQ(s.sent[0]["monitors"].size(), c.now.size());
+  }
+}
+
+TEST(DisplaySwitcher, FollowsABurstOfChangesOnceAndFallsBackToTheFirst) {
+  Switcher s;
+  std::promise<void> entered, release;
+  auto released = release.get_future().share();
+  std::atomic<int> calls{0};
+  s.duringRestart = [&] {
+    const int call = ++calls;
+    if (call == 1) {
+      entered.set_value();
+      released.wait();
+    } else if (call == 2) {
+      // The watched display cannot be captured any more.
+      throw CaptureError::captureFailed("gone");
+    }
+  };
+  s.select({{"index", 1}});
+  entered.get_future().wait();
+  for (int i = 0; i < 3; ++i) s.switcher.displaysChanged();
+  release.set_value();
+  s.switcher.waitUntilIdle();
+  EXPECT_EQ(s.restarts, (std::vector<std::int64_t>{1, 1, 0}));
+  EXPECT_EQ(s.switcher.selectedIndex(), 0);
+  EXPECT_EQ(s.printed.back(), "displays changed: watching display 0: 71, 1920x1080");
 }
 
 }  // namespace

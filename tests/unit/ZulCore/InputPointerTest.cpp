@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -61,9 +62,14 @@ TEST(PointerInputExecutor, TurnsPhasesIntoPressDragAndRelease) {
         {{"phase", "move"}, {"x", 3}, {"y", 4}},
         {{"phase", "up"}, {"x", 5}, {"y", 6}, {"button", "right"}}},
        {"move 1,2", "button 3 down", "move 3,4", "move 5,6", "button 3 up"}},
-      // "up" releases the payload's button, not the held one.
+      // An "up" naming another button ends the held one too.
       {{{{"phase", "down"}, {"button", "left"}}, {{"phase", "up"}, {"button", "right"}}},
-       {"move 0,0", "button 1 down", "move 0,0", "button 3 up"}},
+       {"move 0,0", "button 1 down", "move 0,0", "button 1 up", "move 0,0", "button 3 up"}},
+      // One button at a time: a second "down" lets go of the first.
+      {{{{"phase", "down"}, {"button", "left"}}, {{"phase", "down"}, {"button", "right"}}},
+       {"move 0,0", "button 1 down", "move 0,0", "button 1 up", "move 0,0", "button 3 down"}},
+      {{{{"phase", "down"}}, {{"phase", "down"}, {"x", 4}}},
+       {"move 0,0", "button 1 down", "move 4,0", "button 1 up", "move 4,0", "button 1 down"}},
       {{{{"phase", "down"}, {"button", "middle"}}}, {"move 0,0", "button 2 down"}},
       // Unknown names act as the left button; matching is case-sensitive.
       {{{{"phase", "down"}, {"button", "Right"}}}, {"move 0,0", "button 1 down"}},
@@ -98,13 +104,42 @@ TEST(PointerInputExecutor, ReleasesTheHeldButtonOnceAtTheLastPoint) {
   EXPECT_EQ(p.injector->events.size(), 2u);
 }
 
-TEST(PointerInputExecutor, SecondDownReplacesTheHeldButton) {
+TEST(PointerInputExecutor, ReleaseAllForgetsTheButtonAndFreesTheInjector) {
   Pointer p;
-  p.run({{{"phase", "down"}, {"button", "left"}}, {{"phase", "down"}, {"button", "right"}}});
-  EXPECT_EQ(p.executor.heldButton(), "right");
+  p.run({{{"phase", "down"}, {"button", "right"}}});
   p.injector->events.clear();
-  p.executor.releaseHeldButton();
-  EXPECT_EQ(p.injector->events.back(), "button 3 up");
+  p.executor.releaseAll();
+  EXPECT_EQ(p.injector->events, (Events{"release all"}));
+  EXPECT_FALSE(p.executor.heldButton());
+}
+
+// Scene rectangles go out in video pixels and taps come back in them: the
+// middle of every rectangle, tapped, lands within a pixel of the element's
+// true middle, for captures smaller than the display and displays anywhere.
+TEST(VideoMapping, TheMiddleOfASceneRectangleTapsTheElementsMiddle) {
+  struct Case {
+    VideoMapping video;
+    DesktopRect element;  // desktop pixels
+  };
+  const Case cases[] = {
+      {{{0, 0, 1920, 1080}, 1280, 720}, {901, 17, 75, 31}},
+      {{{0, 0, 1920, 1080}, 1280, 720}, {0, 1049, 13, 31}},
+      {{{1920, 176, 1280, 1024}, 900, 720}, {2000, 300, 121, 27}},
+      {{{-1280, -200, 1280, 1024}, 900, 720}, {-1279, -199, 17, 17}},
+      {{{0, 0, 1440, 900}, 1440, 900}, {10, 10, 80, 30}},
+  };
+  for (const auto& c : cases) {
+    const DesktopRect seen = c.video.toVideo(c.element);
+    // The phone receives whole numbers.
+    const double x = std::trunc(seen.x), y = std::trunc(seen.y);
+    const double w = std::trunc(seen.width), h = std::trunc(seen.height);
+    const DesktopPoint tap = c.video.toDesktop(x + w / 2, y + h / 2);
+    EXPECT_NEAR(tap.x, c.element.x + c.element.width / 2, 1.5) << c.element.x;
+    EXPECT_NEAR(tap.y, c.element.y + c.element.height / 2, 1.5) << c.element.y;
+  }
+  const VideoMapping scaled{{1920, 176, 1280, 1024}, 900, 720};
+  EXPECT_EQ(scaled.toVideo({1920, 176, 1280, 1024}), (DesktopRect{0, 0, 900, 720}));
+  EXPECT_EQ(VideoMapping::unscaled({5, 6, 7, 8}), (VideoMapping{{5, 6, 7, 8}, 7, 8}));
 }
 
 TEST(PointerInputExecutor, RefusesWithoutControlBeforeLookingAtThePayload) {

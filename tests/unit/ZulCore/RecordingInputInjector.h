@@ -9,7 +9,7 @@
 namespace zul::test {
 
 // Records every injected event as a short text, e.g. "move 10,20",
-// "button 3 down", "key ffe3 up", "scroll 0,2", "text 41".
+// "button 3 down", "key ffe3 up", "scroll 0,2", "text 41", "release all".
 class RecordingInputInjector : public InputInjector {
  public:
   std::vector<std::string> events;
@@ -33,6 +33,7 @@ class RecordingInputInjector : public InputInjector {
     typed += text;
     events.push_back("text " + std::to_string(text.size()));
   }
+  void releaseAll() override { events.push_back("release all"); }
 
  private:
   static std::string number(double v) {

@@ -142,6 +142,14 @@ TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeR
   EXPECT_EQ(json["confidence"], 1.0);
   EXPECT_EQ(scene->activeWindow.id.rfind("axwin:", 0), 0u);
   EXPECT_EQ(scene->activeWindow.rect, (DesktopRect{0, 0, 1000, 1000}));
+
+  // Captured at half the display's size: rectangles are in the video's pixels.
+  auto half = source.scan(8, VideoMapping{display, 640, 360}, 0.3);
+  ASSERT_TRUE(half);
+  EXPECT_EQ(find(*half, "OK")->rect, (DesktopRect{50, 50, 50, 50}));
+  EXPECT_EQ(find(*half, "OK")->id, scene::elementIdentifier("button", "OK", {50, 50, 50, 50}));
+  EXPECT_DOUBLE_EQ(find(*half, "OK")->importance, 0.9);  // the element's own size counts
+  EXPECT_EQ(half->activeWindow.rect, (DesktopRect{0, 0, 500, 500}));
 }
 
 TEST_F(SceneFixture, IdentifiersStayStableAcrossScans) {
