@@ -11,8 +11,10 @@
 #include <cstdlib>
 #include <ctime>
 #include <thread>
+#include <utility>
 
 #include "ZulAgent/AccessibilityScenePublisher.h"
+#include "ZulAgent/CaptureGeometry.h"
 #include "ZulAgent/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/PhoneConnections.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
@@ -85,8 +87,13 @@ void AgentMessageActions::addHandler(std::string type, Handler handler, bool nee
 }
 
 void AgentMessageActions::setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor) {
-  std::lock_guard lock(pointerMutex_);
-  pointer_ = std::move(executor);
+  std::shared_ptr<PointerInputExecutor> previous;
+  {
+    std::lock_guard lock(pointerMutex_);
+    previous = std::exchange(pointer_, std::move(executor));
+  }
+  // A display switch leaves no button pressed on the display left behind.
+  if (previous) previous->releaseHeldButton();
 }
 
 std::shared_ptr<PointerInputExecutor> AgentMessageActions::pointer() const {
@@ -96,6 +103,12 @@ std::shared_ptr<PointerInputExecutor> AgentMessageActions::pointer() const {
 
 void AgentMessageActions::releaseHeldButton() {
   if (auto executor = pointer()) executor->releaseHeldButton();
+}
+
+void AgentMessageActions::releaseAll() {
+  releaseHeldButton();
+  // Keys and buttons still down through the injector the executors share.
+  keyboard_.releaseAll();
 }
 
 void AgentMessageActions::refuse(const RoutedMessage& message, const std::exception& error) const {
@@ -256,16 +269,6 @@ std::int64_t monotonicNanoseconds() {
       .count();
 }
 
-// The agent's capture size: the display's shape inside 1280×720, even sides.
-std::pair<std::int64_t, std::int64_t> captureSize(const DisplayDescriptor& display) {
-  constexpr double maxWidth = 1280, maxHeight = 720;
-  if (display.width <= 0 || display.height <= 0) return {1280, 720};
-  const double scale =
-      std::min({maxWidth / double(display.width), maxHeight / double(display.height), 1.0});
-  auto even = [](double side) { return std::max<std::int64_t>(2, std::int64_t(side) & ~1LL); };
-  return {even(display.width * scale), even(display.height * scale)};
-}
-
 // SIGINT and SIGTERM are taken by the waiting thread (blocked in all others).
 class StopSignals {
  public:
@@ -386,8 +389,7 @@ class RealAgent {
       certificate =
           PersistedDtlsCertificate::loadOrCreate(SecretStore("dtls-certificate", secrets_));
     } catch (const std::exception& error) {
-      print_(std::string("could not load or create the agent's DTLS certificate: ") +
-             error.what());
+      print_(std::string("could not load or create the agent's DTLS certificate: ") + error.what());
       throw;
     }
     PhoneConnections::Hooks hooks;
@@ -403,13 +405,13 @@ class RealAgent {
     };
     hooks.onSessionEstablished = [this](const std::string& sessionId, const std::string& deviceId) {
       print_("control session established: " + sessionId + " (" + deviceId + ")");
-      // A new session never inherits a button the previous phone held.
-      actions_->releaseHeldButton();
+      // A new session never inherits a button or key the previous phone held.
+      actions_->releaseAll();
       capture_->setWatched(true);
       switcher_->sendMonitorList();
     };
     hooks.onSessionEnded = [this] {
-      actions_->releaseHeldButton();
+      actions_->releaseAll();
       capture_->setWatched(false);
     };
     hooks.print = print_;
@@ -492,6 +494,13 @@ class RealAgent {
             },
         .print = print_,
         .nowMilliseconds = unixMilliseconds,
+        .capturedDisplayID = [screen = screen_] { return screen->resolvedDisplayID(); },
+    });
+    // Monitors that come and go: capture follows the one it watched, else
+    // the first, and the phone hears the new list.
+    screen_->setDisplaysChanged([switcher = std::weak_ptr<DisplaySwitcher>(switcher_)](
+                                    const std::vector<DisplayDescriptor>&) {
+      if (auto s = switcher.lock()) s->displaysChanged();
     });
     actions_->addHandler(
         "control.monitor.select",
@@ -512,11 +521,11 @@ class RealAgent {
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
     }
-    const auto [width, height] = captureSize(displays[std::size_t(index)]);
+    const CaptureSize size = captureSizeFor(displays[std::size_t(index)]);
     CaptureOptions options;
     options.displayIndex = index;
-    options.width = width;
-    options.height = height;
+    options.width = size.width;
+    options.height = size.height;
     options.framesPerSecond = 15;
     options.idleFramesPerSecond = 2;
     options.convertHdrToSdr = true;
@@ -529,14 +538,15 @@ class RealAgent {
     return displays[std::size_t(index)];
   }
 
+  // Taps and scene rectangles are in the video's pixels, on every display.
   void targetPointer(const DisplayDescriptor& display) {
-    publisher_->setDisplay(DesktopRect::of(display), display.index);
-    const auto [width, height] = captureSize(display);
-    actions_->setPointerExecutor(std::make_shared<PointerInputExecutor>(
-        double(width), double(height), DesktopRect::of(display), injector_));
+    const VideoMapping video = videoMappingFor(display);
+    publisher_->setDisplay(video, display.index);
+    actions_->setPointerExecutor(std::make_shared<PointerInputExecutor>(video, injector_));
+    const CaptureSize size = captureSizeFor(display);
     print_("input executor targets display " + std::to_string(display.displayID) + " (" +
            std::to_string(display.width) + "x" + std::to_string(display.height) + ", captured at " +
-           std::to_string(width) + "x" + std::to_string(height) + ")");
+           std::to_string(size.width) + "x" + std::to_string(size.height) + ")");
   }
 
   void wireSignaling() {
@@ -669,7 +679,10 @@ class RealAgent {
     sceneQueue_.shutdown();
     publisher_->shutdown();
     actions_->shutdown();
+    screen_->setDisplaysChanged(nullptr);
     capture_->shutdown();
+    // Nothing the agent pressed stays down after it stops.
+    actions_->releaseAll();
     print_("stopped");
   }
 

@@ -76,6 +76,9 @@ class AgentMessageActions {
   void setPointerExecutor(std::shared_ptr<PointerInputExecutor> executor);
   // No button stays pressed after a session ends.
   void releaseHeldButton();
+  // Nothing the agent pressed stays down: every session end and the agent's
+  // stop call it.
+  void releaseAll();
 
   // Never throws: failures are printed, refused and the message dropped.
   void dispatch(const RoutedMessage& message, const PermissionGate& permissions);
