@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <list>
 #include <mutex>
 #include <thread>
 
@@ -25,6 +26,10 @@ MiniHTTPServerError MiniHTTPServerError::invalidPort(std::int64_t port) {
 namespace {
 
 constexpr std::size_t readChunk = 65536;
+// The pause before accepting again after accept failed (out of descriptors
+// or memory): the waiting connection keeps the listener readable, so an
+// immediate retry would spin.
+constexpr auto acceptRetryPause = std::chrono::milliseconds(100);
 constexpr std::string_view separator = "\r\n\r\n";
 
 // Invalid UTF-8 becomes U+FFFD, as a lenient text decoder does.
@@ -148,9 +153,16 @@ class MiniHTTPServer::Impl {
    public:
     Connection(Impl* server, tcp::socket socket)
         : server_(server), socket_(std::move(socket)), deadline_(socket_.get_executor()) {}
-    ~Connection() { --server_->connections_; }
+    ~Connection() {
+      std::lock_guard lock(server_->mutex_);
+      server_->open_.erase(place_);
+    }
 
     void start() {
+      {
+        std::lock_guard lock(server_->mutex_);
+        place_ = server_->open_.insert(server_->open_.end(), weak_from_this());
+      }
       deadline_.expires_after(server_->limits_.requestTimeout);
       deadline_.async_wait([self = shared_from_this()](boost::system::error_code error) {
         if (!error) self->cancel();
@@ -158,8 +170,11 @@ class MiniHTTPServer::Impl {
       readHead();
     }
 
-   private:
+    // Still waiting for its request. Read and written on the network thread.
+    bool reading() const { return reading_; }
+
     void cancel() {
+      reading_ = false;
       boost::system::error_code ignored;
       socket_.shutdown(tcp::socket::shutdown_both, ignored);
       socket_.close(ignored);
@@ -218,7 +233,9 @@ class MiniHTTPServer::Impl {
       read([self = shared_from_this()](boost::system::error_code e) { self->onBody(e); });
     }
 
+   private:
     void handle() {
+      reading_ = false;
       deadline_.cancel();
       asio::post(server_->handlers_, [self = shared_from_this()] {
         Response response;
@@ -235,6 +252,7 @@ class MiniHTTPServer::Impl {
     }
 
     void respond(const Response& response) {
+      reading_ = false;
       deadline_.cancel();
       out_ = buildResponse(response);
       asio::async_write(
@@ -248,6 +266,8 @@ class MiniHTTPServer::Impl {
     Bytes buffer_;
     Bytes out_;
     RequestHead head_;
+    bool reading_ = true;
+    std::list<std::weak_ptr<Connection>>::iterator place_;
   };
 
   Impl(std::int64_t port, Handler handler, Limits limits)
@@ -267,7 +287,8 @@ class MiniHTTPServer::Impl {
     }
     acceptor_.set_option(tcp::acceptor::reuse_address(true));
     acceptor_.bind(endpoint);
-    acceptor_.listen();
+    // A burst of connections waits in the kernel rather than being refused.
+    acceptor_.listen(asio::socket_base::max_listen_connections);
     port_ = acceptor_.local_endpoint().port();
   }
 
@@ -295,6 +316,7 @@ class MiniHTTPServer::Impl {
     asio::post(io_, [this] {
       boost::system::error_code ignored;
       acceptor_.close(ignored);
+      retry_.cancel();
     });
     handlers_.join();
     io_.stop();
@@ -302,31 +324,70 @@ class MiniHTTPServer::Impl {
   }
 
   void accept() {
-    acceptor_.async_accept([self = this](boost::system::error_code error, tcp::socket socket) {
-      if (error == asio::error::operation_aborted || !self->acceptor_.is_open()) return;
-      if (!error) {
-        if (++self->connections_ > self->limits_.maxConnections) {
-          --self->connections_;
-          boost::system::error_code ignored;
-          socket.close(ignored);
-        } else {
-          std::make_shared<Connection>(self, std::move(socket))->start();
+    acceptor_.async_accept([this](boost::system::error_code error, tcp::socket socket) {
+      if (error == asio::error::operation_aborted || !acceptor_.is_open()) return;
+      if (error) {
+        // Out of descriptors or memory: free one by dropping the oldest
+        // waiting client, and try again a little later.
+        if (!acceptFailing_) printLine("http server: accept failed: " + error.message());
+        acceptFailing_ = true;
+        dropOldestWaiting();
+        retry_.expires_after(acceptRetryPause);
+        retry_.async_wait([this](boost::system::error_code e) {
+          if (!e) accept();
+        });
+        return;
+      }
+      acceptFailing_ = false;
+      std::size_t open = 0;
+      {
+        std::lock_guard lock(mutex_);
+        open = open_.size();
+      }
+      // At the cap, a slow client makes room for the new one rather than
+      // the other way round: legitimate requests arrive whole and are done
+      // at once, so the ones still waiting are the slow ones.
+      if (open >= limits_.maxConnections && !dropOldestWaiting()) {
+        boost::system::error_code ignored;
+        socket.close(ignored);
+      } else {
+        std::make_shared<Connection>(this, std::move(socket))->start();
+      }
+      accept();
+    });
+  }
+
+  // Closes the longest-waiting connection that has not sent its request yet.
+  bool dropOldestWaiting() {
+    std::shared_ptr<Connection> victim;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& entry : open_) {
+        auto connection = entry.lock();
+        if (connection && connection->reading()) {
+          victim = std::move(connection);
+          break;
         }
       }
-      self->accept();
-    });
+    }
+    if (!victim) return false;
+    victim->cancel();
+    return true;
   }
 
   // Declared before the io_context, which may still hold connections when it
   // is destroyed.
   Handler handler_;
   Limits limits_;
-  std::atomic<std::size_t> connections_{0};
+  std::mutex mutex_;  // guards open_, thread_ and stopped_
+  // Open connections, oldest first; each removes itself when it goes.
+  std::list<std::weak_ptr<Connection>> open_;
   asio::io_context io_;
   asio::thread_pool handlers_{2};
   tcp::acceptor acceptor_;
+  asio::steady_timer retry_{io_};
+  bool acceptFailing_ = false;  // network thread only
   std::uint16_t port_ = 0;
-  std::mutex mutex_;
   std::thread thread_;
   bool stopped_ = false;
 };

@@ -40,7 +40,9 @@ class MiniHTTPServer {
 
   // What a slow or hostile client may cost. A head over `maxHeadBytes` gets
   // 431, a body announced over `maxBodyBytes` 413; a request not complete
-  // within `requestTimeout` of its connection's start is dropped.
+  // within `requestTimeout` of its connection's start is dropped. With
+  // `maxConnections` open, a new connection pushes out the oldest one that
+  // is still waiting for its request (out of file descriptors, too).
   struct Limits {
     std::size_t maxHeadBytes = 64 * 1024;
     std::size_t maxBodyBytes = 4 * 1024 * 1024;

@@ -357,7 +357,7 @@ class RealAgent {
     wireDispatch();
     startCapture();
     wireSignaling();
-    refreshPairing();
+    startPairingRefresh();
     startSignalingLoop();
     try {
       pairingLoop();
@@ -556,6 +556,7 @@ class RealAgent {
       print_("signaling: " + text);
       status(text);
     };
+    signaling_->onDiagnostic = [this](const std::string& line) { print_("[signaling] " + line); };
     signaling_->onPeerReady = [this](const std::string& deviceId) {
       print_("peer ready: " + deviceId);
     };
@@ -587,13 +588,29 @@ class RealAgent {
         print_(line);
       }
       if (ui_.onPairingLink) ui_.onPairingLink(link, identity_->agentId(), seconds);
-      linkValidUntil_ = SteadyClock::now() + std::chrono::seconds(seconds);
+      {
+        std::lock_guard lock(pairingMutex_);
+        linkValidUntil_ = SteadyClock::now() + std::chrono::seconds(seconds);
+      }
       status("waiting");
     } catch (const std::exception& error) {
       print_(std::string("refresh pairing failed: ") + error.what());
+      std::lock_guard lock(pairingMutex_);
       linkValidUntil_.reset();
       nextPairingAttempt_ = SteadyClock::now() + std::chrono::seconds(5);
     }
+  }
+
+  // The request runs beside the main loop, so that a server that does not
+  // answer holds back neither a stop nor the trusted-list checks; closing
+  // the signalling client ends it.
+  void startPairingRefresh() {
+    if (pairingBusy_.exchange(true)) return;
+    if (pairingThread_.joinable()) pairingThread_.join();
+    pairingThread_ = std::thread([this] {
+      refreshPairing();
+      pairingBusy_ = false;
+    });
   }
 
   void startSignalingLoop() {
@@ -637,16 +654,21 @@ class RealAgent {
       if (deadline && now >= *deadline) return;
       if (ui_.control && ui_.control->stopRequested()) return;
       if (ui_.control && ui_.control->takePairingRefresh()) {
-        refreshPairing();
+        startPairingRefresh();
         continue;
       }
       if (const auto activeDevice = connections_->activeDeviceId()) {
         endSessionIfRevoked(*activeDevice);
-      } else if ((!linkValidUntil_ || now >= *linkValidUntil_ || linkSpent_.exchange(false)) &&
-                 now >= nextPairingAttempt_) {
-        refreshPairing();
+      } else if (pairingDue(now)) {
+        startPairingRefresh();
       }
     }
+  }
+
+  bool pairingDue(SteadyClock::time_point now) {
+    std::lock_guard lock(pairingMutex_);
+    return (!linkValidUntil_ || now >= *linkValidUntil_ || linkSpent_.exchange(false)) &&
+           now >= nextPairingAttempt_;
   }
 
   // A device revoked while in session loses it at once.
@@ -672,6 +694,7 @@ class RealAgent {
     loopWake_.notify_all();
     signaling_->close();
     if (signalingThread_.joinable()) signalingThread_.join();
+    if (pairingThread_.joinable()) pairingThread_.join();
     // Offers are made on the connections' worker and sent through the
     // client: the worker ends before the client goes.
     connections_->shutdown();
@@ -705,9 +728,12 @@ class RealAgent {
   std::unique_ptr<AgentSignalingClient> signaling_;
   TaskQueue sceneQueue_{1, TaskQueue::Overflow::latestWins};
 
+  std::mutex pairingMutex_;  // guards the two times below
   std::optional<SteadyClock::time_point> linkValidUntil_;
   SteadyClock::time_point nextPairingAttempt_ = SteadyClock::now();
   std::atomic<bool> linkSpent_{false};
+  std::atomic<bool> pairingBusy_{false};
+  std::thread pairingThread_;
   std::atomic<bool> stopping_{false};
   std::mutex loopMutex_;
   std::condition_variable loopWake_;

@@ -3,10 +3,12 @@
 // Boost 1.74's awaitable uses std::exchange without including <utility>.
 #include <utility>
 //
+#include <netdb.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include <atomic>
 #include <boost/asio.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/ssl.hpp>
@@ -16,6 +18,8 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <csignal>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -35,8 +39,8 @@ using asio::use_awaitable;
 namespace {
 
 constexpr const char* userAgent = "zul-agent-signaling";
-// A close handshake that the server does not answer must not hold run().
-constexpr auto closeGrace = std::chrono::seconds(3);
+// How often a name lookup in progress is looked at.
+constexpr auto lookupPollInterval = std::chrono::milliseconds(10);
 
 Bytes systemRandomBytes(std::size_t count) {
   Bytes bytes(count);
@@ -89,6 +93,102 @@ void configureTlsPeer(SSL* handle, const std::string& host) {
   }
 }
 
+using Endpoints = std::vector<asio::ip::tcp::endpoint>;
+
+// getaddrinfo cannot be interrupted, and Asio's resolver joins its lookup
+// thread when its context goes away, so a dead DNS server would hold both a
+// time-out and close(). glibc's asynchronous lookup runs on a helper thread
+// of its own instead: the caller polls it, and a lookup that the caller has
+// given up frees itself when it completes.
+class NameLookup {
+ public:
+  NameLookup(const std::string& host, const std::string& port)
+      : state_(std::make_shared<State>(host, port)) {
+    auto* keep = new std::shared_ptr<State>(state_);
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD;
+    event.sigev_notify_function = &NameLookup::finished;
+    event.sigev_value.sival_ptr = keep;
+    gaicb* list[] = {&state_->request};
+    if (int error = getaddrinfo_a(GAI_NOWAIT, list, 1, &event); error != 0) {
+      delete keep;
+      throw SignalingTransportError::transportFailed("resolve", gai_strerror(error));
+    }
+  }
+
+  // The addresses once the lookup is over, nothing while it runs.
+  std::optional<Endpoints> poll() const {
+    if (!state_->done.load(std::memory_order_acquire)) return std::nullopt;
+    if (int error = gai_error(&state_->request); error != 0) {
+      throw SignalingTransportError::transportFailed(
+          "resolve",
+          state_->host + ": " + (error == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(error)));
+    }
+    Endpoints endpoints;
+    for (const addrinfo* info = state_->request.ar_result; info; info = info->ai_next) {
+      asio::ip::tcp::endpoint endpoint;
+      if ((info->ai_family != AF_INET && info->ai_family != AF_INET6) ||
+          info->ai_addrlen > endpoint.capacity()) {
+        continue;
+      }
+      std::memcpy(endpoint.data(), info->ai_addr, info->ai_addrlen);
+      endpoint.resize(info->ai_addrlen);
+      endpoints.push_back(endpoint);
+    }
+    if (endpoints.empty()) {
+      throw SignalingTransportError::transportFailed("resolve", state_->host + ": no address");
+    }
+    return endpoints;
+  }
+
+ private:
+  struct State {
+    State(std::string hostName, std::string portText)
+        : host(std::move(hostName)), port(std::move(portText)) {
+      hints.ai_family = AF_UNSPEC;
+      hints.ai_socktype = SOCK_STREAM;
+      hints.ai_flags = AI_ADDRCONFIG;
+      request.ar_name = host.c_str();
+      request.ar_service = port.c_str();
+      request.ar_request = &hints;
+    }
+    ~State() {
+      if (request.ar_result) freeaddrinfo(request.ar_result);
+    }
+    const std::string host;
+    const std::string port;
+    addrinfo hints{};
+    gaicb request{};
+    std::atomic<bool> done{false};
+  };
+
+  static void finished(sigval value) {
+    auto* keep = static_cast<std::shared_ptr<State>*>(value.sival_ptr);
+    (*keep)->done.store(true, std::memory_order_release);
+    delete keep;
+  }
+
+  std::shared_ptr<State> state_;
+};
+
+// The server's addresses; empty when `stopped` turned true first. Fails with
+// a transport error after `deadline`.
+asio::awaitable<Endpoints> resolve(const SignalingUrl& url,
+                                   std::chrono::steady_clock::time_point deadline,
+                                   std::function<bool()> stopped) {
+  NameLookup lookup(url.host, *url.effectivePort());
+  asio::steady_timer pause(co_await asio::this_coro::executor);
+  for (;;) {
+    if (auto endpoints = lookup.poll()) co_return std::move(*endpoints);
+    if (stopped()) co_return Endpoints{};
+    if (std::chrono::steady_clock::now() >= deadline) {
+      throw SignalingTransportError::transportFailed("resolve", "timed out");
+    }
+    pause.expires_after(lookupPollInterval);
+    co_await pause.async_wait(use_awaitable);
+  }
+}
+
 [[noreturn]] void rethrowAsTransport(const std::string& operation) {
   try {
     throw;
@@ -114,9 +214,9 @@ template <class Stream>
 asio::awaitable<HttpResult> postJson(Stream& stream, const SignalingUrl& url, std::string body) {
   std::string operation = "resolve";
   try {
-    auto executor = co_await asio::this_coro::executor;
-    asio::ip::tcp::resolver resolver(executor);
-    auto endpoints = co_await resolver.async_resolve(url.host, *url.effectivePort(), use_awaitable);
+    // The caller bounds the whole request and ends it on close().
+    auto endpoints =
+        co_await resolve(url, std::chrono::steady_clock::time_point::max(), [] { return false; });
     operation = "connect";
     co_await tcpOf(stream).async_connect(endpoints, use_awaitable);
     if constexpr (std::is_same_v<Stream, TlsStream>) {
@@ -161,28 +261,6 @@ asio::awaitable<HttpResult> postJson(Stream& stream, const SignalingUrl& url, st
   } catch (const boost::system::system_error&) {
     rethrowAsTransport(operation);
   }
-}
-
-// Runs one coroutine to its end on a private context, at most `timeout`.
-template <class T>
-T runBounded(asio::awaitable<T> task, std::chrono::milliseconds timeout,
-             const std::string& operation) {
-  asio::io_context context;
-  std::optional<T> result;
-  std::exception_ptr failure;
-  bool done = false;
-  asio::co_spawn(context, std::move(task), [&](std::exception_ptr error, T value) {
-    done = true;
-    if (error) {
-      failure = error;
-    } else {
-      result = std::move(value);
-    }
-  });
-  context.run_for(timeout);
-  if (!done) throw SignalingTransportError::transportFailed(operation, "timed out");
-  if (failure) std::rethrow_exception(failure);
-  return std::move(*result);
 }
 
 }  // namespace
@@ -235,6 +313,41 @@ struct AgentSignalingClient::Impl {
   template <class Ws>
   void serve(asio::io_context& context, Ws& ws, const SignalingUrl& url);
 
+  // Runs one pairing request to its end on a private context: at most the
+  // pairing time-out, and no longer than close().
+  template <class T>
+  T runPairing(asio::awaitable<T> task) {
+    asio::io_context context;
+    {
+      std::lock_guard lock(mutex);
+      if (closed) throw SignalingTransportError::transportFailed("pairing", "closed");
+      pairingContexts.push_back(&context);
+    }
+    std::optional<T> result;
+    std::exception_ptr failure;
+    bool done = false;
+    asio::co_spawn(context, std::move(task), [&](std::exception_ptr error, T value) {
+      done = true;
+      if (error) {
+        failure = error;
+      } else {
+        result = std::move(value);
+      }
+    });
+    context.run_for(options.pairingTimeout);
+    bool wasClosed = false;
+    {
+      std::lock_guard lock(mutex);
+      std::erase(pairingContexts, &context);
+      wasClosed = closed;
+    }
+    if (!done) {
+      throw SignalingTransportError::transportFailed("pairing", wasClosed ? "closed" : "timed out");
+    }
+    if (failure) std::rethrow_exception(failure);
+    return std::move(*result);
+  }
+
   const std::string baseUrl;
   const std::shared_ptr<const IdentityKeyStore> identity;
   const std::shared_ptr<const PairingService> pairing;
@@ -247,6 +360,7 @@ struct AgentSignalingClient::Impl {
   bool closed = false;
   asio::io_context* runContext = nullptr;
   std::shared_ptr<RunControl> activeRun;
+  std::vector<asio::io_context*> pairingContexts;  // stopped by close()
   std::unique_ptr<ssl::context> tls;
 };
 
@@ -255,28 +369,30 @@ namespace {
 template <class Ws>
 class WebSocketRun final : public RunControl {
  public:
-  WebSocketRun(Ws& ws, SignalingMessageHandler& handler, std::chrono::milliseconds syncPeriod)
+  WebSocketRun(Ws& ws, SignalingMessageHandler& handler,
+               const AgentSignalingClient::Options& options)
       : ws_(ws),
         handler_(handler),
-        syncPeriod_(syncPeriod),
+        options_(options),
         syncTimer_(ws.get_executor()),
         writeSignal_(ws.get_executor()),
-        graceTimer_(ws.get_executor()),
-        resolver_(ws.get_executor()) {}
+        graceTimer_(ws.get_executor()) {}
 
   bool connected() const { return connected_; }
   std::exception_ptr failure() const { return failure_; }
 
-  asio::awaitable<void> connect(const SignalingUrl& url, std::chrono::milliseconds timeout) {
+  // Looks the server up, connects and shakes hands, all within the connect
+  // time-out.
+  asio::awaitable<void> connect(const SignalingUrl& url) {
+    const auto deadline = std::chrono::steady_clock::now() + options_.connectTimeout;
     std::string operation = "resolve";
     try {
       // A close() may come before or between the steps.
       if (cancelled_) co_return;
-      auto endpoints =
-          co_await resolver_.async_resolve(url.host, *url.effectivePort(), use_awaitable);
+      auto endpoints = co_await resolve(url, deadline, [this] { return cancelled_; });
       if (cancelled_) co_return;
       operation = "connect";
-      tcpOf(ws_).expires_after(timeout);
+      tcpOf(ws_).expires_at(deadline);
       co_await tcpOf(ws_).async_connect(endpoints, use_awaitable);
       if (cancelled_) co_return;
       if constexpr (std::is_same_v<typename Ws::next_layer_type, TlsStream>) {
@@ -287,10 +403,13 @@ class WebSocketRun final : public RunControl {
       }
       operation = "websocket handshake";
       tcpOf(ws_).expires_never();
+      // Once open, a connection idle for half the idle time-out is pinged,
+      // and one that stays silent for the whole of it is given up.
       websocket::stream_base::timeout timeouts{};
-      timeouts.handshake_timeout = timeout;
-      timeouts.idle_timeout = websocket::stream_base::none();
-      timeouts.keep_alive_pings = false;
+      timeouts.handshake_timeout = std::max<std::chrono::steady_clock::duration>(
+          deadline - std::chrono::steady_clock::now(), std::chrono::milliseconds(1));
+      timeouts.idle_timeout = options_.idleTimeout;
+      timeouts.keep_alive_pings = true;
       ws_.set_option(timeouts);
       ws_.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
         request.set(http::field::user_agent, userAgent);
@@ -322,6 +441,9 @@ class WebSocketRun final : public RunControl {
         if (cancelled_) break;
         if (error.code() == websocket::error::message_too_big) {
           fail(std::make_exception_ptr(SignalingError::messageTooLarge()));
+        } else if (error.code() == beast::error::timeout) {
+          fail(std::make_exception_ptr(
+              SignalingTransportError::transportFailed("receive", "the server went silent")));
         } else {
           fail(std::make_exception_ptr(
               SignalingTransportError::transportFailed("receive", describe(error.code()))));
@@ -386,7 +508,7 @@ class WebSocketRun final : public RunControl {
       } catch (...) {
         // A failed round is ignored; the next one runs on schedule.
       }
-      syncTimer_.expires_after(syncPeriod_);
+      syncTimer_.expires_after(options_.revokedSyncPeriod);
       try {
         co_await syncTimer_.async_wait(use_awaitable);
       } catch (const boost::system::system_error&) {
@@ -398,7 +520,6 @@ class WebSocketRun final : public RunControl {
   void cancel() override {
     if (!connected_) {
       cancelled_ = true;
-      resolver_.cancel();
       closeSocket();
       return;
     }
@@ -437,7 +558,7 @@ class WebSocketRun final : public RunControl {
     cancelled_ = true;
     syncTimer_.cancel();
     writeSignal_.cancel();
-    graceTimer_.expires_after(closeGrace);
+    graceTimer_.expires_after(options_.closeTimeout);
     graceTimer_.async_wait([this](const boost::system::error_code& error) {
       if (!error) closeSocket();
     });
@@ -450,11 +571,10 @@ class WebSocketRun final : public RunControl {
 
   Ws& ws_;
   SignalingMessageHandler& handler_;
-  std::chrono::milliseconds syncPeriod_;
+  const AgentSignalingClient::Options& options_;
   asio::steady_timer syncTimer_;
   asio::steady_timer writeSignal_;
   asio::steady_timer graceTimer_;
-  asio::ip::tcp::resolver resolver_;
   std::deque<std::string> outbox_;
   bool cancelled_ = false;
   bool connected_ = false;
@@ -467,7 +587,7 @@ class WebSocketRun final : public RunControl {
 
 template <class Ws>
 void AgentSignalingClient::Impl::serve(asio::io_context& context, Ws& ws, const SignalingUrl& url) {
-  auto run = std::make_shared<WebSocketRun<Ws>>(ws, handler, options.revokedSyncPeriod);
+  auto run = std::make_shared<WebSocketRun<Ws>>(ws, handler, options);
   {
     std::lock_guard lock(mutex);
     if (closed) return;
@@ -491,11 +611,10 @@ void AgentSignalingClient::Impl::serve(asio::io_context& context, Ws& ws, const 
     if (error && !failure) failure = error;
     if (--running == 0) context.stop();
   };
-  auto timeout = options.connectTimeout;
   asio::co_spawn(
       context,
       [&]() -> asio::awaitable<void> {
-        co_await run->connect(url, timeout);
+        co_await run->connect(url);
         if (!run->connected()) co_return;
         handler.reportStatus("connected");
         run->startLoops();
@@ -541,6 +660,7 @@ std::optional<std::string> AgentSignalingClient::activePeerId() const {
 
 PairingQrPayload AgentSignalingClient::createPairing() {
   auto payload = impl_->pairing->begin(rendezvousUrl(), impl_->peer->dtlsFingerprint());
+  const auto localExpiry = payload.expiresAt;
   auto proof = impl_->freshProof();
   Json body = {
       {"agentId", payload.agentId},
@@ -561,19 +681,15 @@ PairingQrPayload AgentSignalingClient::createPairing() {
   HttpResult result;
   if (url->usesTls()) {
     auto& tls = impl_->tlsContext();
-    result = runBounded(
-        [&]() -> asio::awaitable<HttpResult> {
-          TlsStream stream(co_await asio::this_coro::executor, tls);
-          co_return co_await postJson(stream, *url, body.dump());
-        }(),
-        impl_->options.pairingTimeout, "pairing");
+    result = impl_->runPairing([&]() -> asio::awaitable<HttpResult> {
+      TlsStream stream(co_await asio::this_coro::executor, tls);
+      co_return co_await postJson(stream, *url, body.dump());
+    }());
   } else {
-    result = runBounded(
-        [&]() -> asio::awaitable<HttpResult> {
-          TcpStream stream(co_await asio::this_coro::executor);
-          co_return co_await postJson(stream, *url, body.dump());
-        }(),
-        impl_->options.pairingTimeout, "pairing");
+    result = impl_->runPairing([&]() -> asio::awaitable<HttpResult> {
+      TcpStream stream(co_await asio::this_coro::executor);
+      co_return co_await postJson(stream, *url, body.dump());
+    }());
   }
   if (result.status < 200 || result.status > 299) {
     throw SignalingError::pairingRequestFailed(result.status);
@@ -599,6 +715,10 @@ PairingQrPayload AgentSignalingClient::createPairing() {
   } else {
     payload.expiresAt = expiresAt->get<std::int64_t>();
   }
+  // The offer lives no longer than one made here would: a server cannot
+  // stretch the time in which a phone may pair.
+  payload.expiresAt = std::min(payload.expiresAt, localExpiry);
+  impl_->handler.addPairingOffer(payload.expiresAt);
   return payload;
 }
 
@@ -623,11 +743,13 @@ void AgentSignalingClient::run() {
 }
 
 void AgentSignalingClient::close() {
+  // Under the lock: a registered context is alive until it is unregistered.
   std::lock_guard lock(impl_->mutex);
   impl_->closed = true;
   if (impl_->runContext && impl_->activeRun) {
     asio::post(*impl_->runContext, [run = impl_->activeRun] { run->cancel(); });
   }
+  for (auto* context : impl_->pairingContexts) context->stop();
 }
 
 std::vector<TrustedDevice> AgentSignalingClient::trustedDeviceList() const {

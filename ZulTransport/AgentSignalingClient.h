@@ -31,10 +31,16 @@ class AgentSignalingClient : public SignalingEvents {
   struct Options {
     // How often the revoked devices are reported while connected.
     std::chrono::milliseconds revokedSyncPeriod = std::chrono::seconds(5);
-    // Bound of the whole pairing request: resolving, connecting, TLS, reply.
+    // Bound of the whole pairing request: name lookup, connecting, TLS, reply.
     std::chrono::milliseconds pairingTimeout = std::chrono::seconds(60);
-    // Bound of connecting and the WebSocket handshake in run().
+    // Bound of the name lookup, connecting, TLS and the WebSocket handshake
+    // in run().
     std::chrono::milliseconds connectTimeout = std::chrono::seconds(30);
+    // A connection that hears nothing for half of this is pinged; one that
+    // stays silent for all of it is given up, and run() fails.
+    std::chrono::milliseconds idleTimeout = std::chrono::seconds(30);
+    // How long close() waits for the server to answer its close frame.
+    std::chrono::milliseconds closeTimeout = std::chrono::seconds(1);
     // The time that goes into identity proofs and device records.
     PairingService::Clock now = std::chrono::system_clock::now;
     // Fresh random bytes; the system's secure generator when unset.
@@ -57,9 +63,11 @@ class AgentSignalingClient : public SignalingEvents {
   AgentSignalingClient& operator=(const AgentSignalingClient&) = delete;
 
   // Registers a pairing offer with the server (POST /v1/pairing) and returns
-  // the payload with the server's secret and expiry. Blocks, at most the
-  // pairing time-out. Throws SignalingError, SignalingTransportError,
-  // IdentityError, PairingError.
+  // the payload with the server's secret and expiry, the expiry no later than
+  // a locally made offer's. Until then, and unused, the offer lets one phone
+  // pair. Blocks, at most the pairing time-out; close() ends it at once.
+  // Throws SignalingError, SignalingTransportError, IdentityError,
+  // PairingError.
   PairingQrPayload createPairing();
 
   // Connects and serves until the connection ends. Returns normally after
@@ -69,7 +77,9 @@ class AgentSignalingClient : public SignalingEvents {
   void run();
 
   // From any thread: ends a run in progress promptly (a WebSocket close
-  // frame, then the socket), and makes later runs return at once.
+  // frame, then the socket, at most the close time-out later) and a pairing
+  // request in progress at once; later runs return at once and later
+  // pairing requests fail.
   void close();
 
   // The stored devices; empty when the store cannot be read.

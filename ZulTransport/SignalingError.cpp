@@ -22,6 +22,9 @@ SignalingError SignalingError::messageTooLarge() {
 SignalingError SignalingError::invalidSignalingURL(const std::string& url) {
   return {Case::invalidSignalingURL, formatErrorCase("invalidSignalingURL", {field(url)})};
 }
+SignalingError SignalingError::pairingNotOffered() {
+  return {Case::pairingNotOffered, "pairingNotOffered"};
+}
 
 SignalingTransportError SignalingTransportError::transportFailed(const std::string& operation,
                                                                  const std::string& reason) {

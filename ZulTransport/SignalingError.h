@@ -18,6 +18,7 @@ class SignalingError : public Error {
     notConnected,              // send without a WebSocket
     messageTooLarge,           // an incoming message over 262,144 bytes
     invalidSignalingURL,       // the server address cannot be formed or used
+    pairingNotOffered,         // a pairing request while no offer of ours was live and unused
   };
 
   static SignalingError pairingRequestFailed(int status);
@@ -27,6 +28,7 @@ class SignalingError : public Error {
   static SignalingError notConnected();
   static SignalingError messageTooLarge();
   static SignalingError invalidSignalingURL(const std::string& url);
+  static SignalingError pairingNotOffered();
 
   Case kind() const { return kind_; }
 

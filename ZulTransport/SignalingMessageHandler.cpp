@@ -171,6 +171,15 @@ void SignalingMessageHandler::handlePairingRequest(const Json& message, const Se
   if (!keyBytes || IdentityKeyStore::deriveId("device_", *keyBytes) != *deviceId) {
     throw SignalingError::pairingDeviceIdMismatch();
   }
+  if (!takeLiveOffer()) {
+    // Not fatal to the run: a lax server would otherwise let any phone keep
+    // the agent reconnecting by asking to pair over and over.
+    if (events_.onDiagnostic) {
+      events_.onDiagnostic("refusing pairing request from " + *deviceId + ": " +
+                           SignalingError::pairingNotOffered().text());
+    }
+    return;
+  }
   auto requested = requestedPermissions(message);
   auto grant = pairing_->completeVerified(*deviceId, *devicePublicKey, requested);
 
@@ -196,6 +205,24 @@ void SignalingMessageHandler::handlePairingRequest(const Json& message, const Se
   sendJson(send, Json{{"type", "pairing.grant"},
                       {"grant", grant.payload},
                       {"grantSignature", grant.signature}});
+}
+
+void SignalingMessageHandler::addPairingOffer(std::int64_t expiresAt) {
+  const auto now = unixSeconds(now_());
+  std::lock_guard lock(mutex_);
+  std::erase_if(offerExpiries_, [now](std::int64_t expiry) { return expiry < now; });
+  offerExpiries_.insert(std::upper_bound(offerExpiries_.begin(), offerExpiries_.end(), expiresAt),
+                        expiresAt);
+}
+
+// Spends the live offer that ends first, if there is one.
+bool SignalingMessageHandler::takeLiveOffer() {
+  const auto now = unixSeconds(now_());
+  std::lock_guard lock(mutex_);
+  std::erase_if(offerExpiries_, [now](std::int64_t expiry) { return expiry < now; });
+  if (offerExpiries_.empty()) return false;
+  offerExpiries_.erase(offerExpiries_.begin());
+  return true;
 }
 
 void SignalingMessageHandler::handlePeerLeft(const Json& message) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,8 @@ struct SignalingEvents {
   // The peer that was active when the server refused another session.
   std::function<void(const std::optional<std::string>& peerId)> onSessionLimitReached;
   std::function<void(const std::vector<TrustedDevice>&)> onTrustedDevicesChanged;
+  // One-line notes on requests the agent refused without ending the run.
+  std::function<void(const std::string&)> onDiagnostic;
 };
 
 // What the signalling client does with each message of the rendezvous
@@ -63,6 +66,12 @@ class SignalingMessageHandler {
   // through the `send` of the message that asked for them.
   void setSendFromAnyThread(Send send);
 
+  // A pairing offer this agent registered, live until `expiresAt` (Unix
+  // seconds, inclusive). A pairing request is granted only against a live
+  // offer, and each offer grants one phone: the server cannot pair phones
+  // when no code is showing, nor two phones from one code.
+  void addPairingOffer(std::int64_t expiresAt);
+
   std::optional<std::string> activePeerId() const;
   bool peerInitialized() const;
 
@@ -74,6 +83,7 @@ class SignalingMessageHandler {
   // server adds one, else the phone announced last ("" when none was).
   std::string senderOf(const nlohmann::json& message) const;
   void handleSessionLimit();
+  bool takeLiveOffer();
 
   std::shared_ptr<const PairingService> pairing_;
   std::shared_ptr<SignalingPeer> peer_;
@@ -85,6 +95,7 @@ class SignalingMessageHandler {
   bool peerInitialized_ = false;
   std::optional<std::string> activePeerId_;
   Send sendFromAnyThread_;
+  std::vector<std::int64_t> offerExpiries_;  // unused offers, earliest first
 };
 
 }  // namespace zul

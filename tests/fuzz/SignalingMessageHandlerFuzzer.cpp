@@ -38,6 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t sentBytes = 0;
   events.onStatusChanged = [&](const std::string& status) { sentBytes += status.size(); };
   zul::SignalingMessageHandler handler(pairing(), peer, store, events);
+  // One phone may pair per input; later requests take the refusal path.
+  handler.addPairingOffer(zul::unixSeconds(std::chrono::system_clock::now()) + 120);
   zul::SignalingMessageHandler::Send send = [&](const std::string& text) {
     sentBytes += text.size();
   };

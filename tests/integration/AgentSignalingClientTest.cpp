@@ -6,10 +6,13 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <array>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
+#include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -262,7 +265,7 @@ TEST_F(AgentSignalingClientTest, ServerChecksTheAgentsSignedProofs) {
 }
 
 TEST_F(AgentSignalingClientTest, PairingSessionRelayAndRevocation) {
-  startServer();
+  startServer({"--pairing-ttl", "3600"});
   auto client = makeClient();
   startRun(*client);
 
@@ -280,8 +283,10 @@ TEST_F(AgentSignalingClientTest, PairingSessionRelayAndRevocation) {
        turn.username.size(), mac, &macLength);
   EXPECT_EQ(turn.credential, base64(mac, macLength));
 
-  // Pairing with the QR code's secret: the grant is the agent's, the phone is stored.
+  // Pairing with the QR code's secret: the grant is the agent's, the phone is
+  // stored. The server's long expiry is cut to the agent's own two minutes.
   auto payload = client->createPairing();
+  EXPECT_LE(payload.expiresAt, nowSeconds() + 120);
   ScriptedPhone phone;
   ASSERT_EQ(phone.connect(port_, identity_->agentId()), 101);
   phone.send(Json{{"type", "pairing.request"},
@@ -399,20 +404,129 @@ TEST_F(AgentSignalingClientTest, OversizedMessageEndsTheRun) {
   EXPECT_TRUE(peer_->answers().empty());
 }
 
-// A server that takes the connection but never answers the handshake: close()
-// must still end the run at once, without an error and without "connected".
-TEST_F(AgentSignalingClientTest, CloseEndsARunThatIsStillConnecting) {
-  asio::io_context context;
-  asio::ip::tcp::acceptor silent(context, {asio::ip::make_address("127.0.0.1"), 0});
-  baseUrl_ = "http://127.0.0.1:" + std::to_string(silent.local_endpoint().port());
-  auto client = makeClient();
+// A server that goes quiet: before the connection is accepted (its backlog
+// is full), after it (no HTTP or WebSocket reply), or once the WebSocket is
+// open (no messages, no pongs).
+class SilentServer {
+ public:
+  enum class Mode { connect, reply, open };
+
+  explicit SilentServer(Mode mode) : acceptor_(context_) {
+    acceptor_.open(asio::ip::tcp::v4());
+    acceptor_.bind({asio::ip::make_address("127.0.0.1"), 0});
+    acceptor_.listen(mode == Mode::connect ? 0 : 16);
+    if (mode == Mode::connect) {
+      // Plain connect(2): Asio's own would wait for the connection.
+      auto endpoint = acceptor_.local_endpoint();
+      for (auto& filler : fillers_) {
+        filler.open(asio::ip::tcp::v4());
+        filler.non_blocking(true);
+        ::connect(filler.native_handle(), endpoint.data(), endpoint.size());
+      }
+    } else if (mode == Mode::open) {
+      thread_ = std::thread([this] {
+        beast::error_code error;
+        websocket::stream<asio::ip::tcp::socket> ws(context_);
+        acceptor_.accept(ws.next_layer(), error);
+        if (!error) ws.accept(error);
+        std::unique_lock lock(mutex_);
+        done_.wait(lock, [this] { return stopping_; });
+      });
+    }
+  }
+  ~SilentServer() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    done_.notify_all();
+    if (thread_.joinable()) thread_.join();
+  }
+  std::string baseUrl() const {
+    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port());
+  }
+
+ private:
+  asio::io_context context_;
+  asio::ip::tcp::acceptor acceptor_;
+  std::array<asio::ip::tcp::socket, 3> fillers_{asio::ip::tcp::socket(context_),
+                                                asio::ip::tcp::socket(context_),
+                                                asio::ip::tcp::socket(context_)};
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool stopping_ = false;
+};
+
+// Wherever a silent server holds the client, close() ends the wait: a run
+// without an error, a pairing request with "closed".
+TEST_F(AgentSignalingClientTest, CloseEndsWhateverASilentServerHolds) {
+  using Mode = SilentServer::Mode;
+  const struct {
+    const char* name;
+    Mode mode;
+    bool pairing;
+  } cases[] = {
+      {"connect, run", Mode::connect, false},     {"connect, pairing", Mode::connect, true},
+      {"handshake, run", Mode::reply, false},     {"pairing reply", Mode::reply, true},
+      {"open WebSocket, run", Mode::open, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SilentServer server(c.mode);
+    baseUrl_ = server.baseUrl();
+    AgentSignalingClient::Options options;
+    options.connectTimeout = options.pairingTimeout = options.idleTimeout = 30s;
+    options.closeTimeout = 200ms;
+    auto client = makeClient(options);
+    auto ended = std::async(std::launch::async, [&]() -> std::exception_ptr {
+      try {
+        c.pairing ? void(client->createPairing()) : client->run();
+      } catch (...) {
+        return std::current_exception();
+      }
+      return nullptr;
+    });
+    std::this_thread::sleep_for(300ms);  // let it reach the silence
+    client->close();
+    ASSERT_EQ(ended.wait_for(5s), std::future_status::ready) << "close() did not end it";
+    auto failure = ended.get();
+    if (!c.pairing) {
+      EXPECT_FALSE(failure);
+      continue;
+    }
+    try {
+      std::rethrow_exception(failure);
+    } catch (const SignalingTransportError& error) {
+      EXPECT_NE(error.text().find("closed"), std::string::npos) << error.text();
+    } catch (...) {
+      ADD_FAILURE() << "no transport error";
+    }
+  }
+  // Only the open WebSocket was ever connected.
+  EXPECT_EQ(statuses(), (std::vector<std::string>{"connected", "disconnected"}));
+}
+
+// A server that stops answering, pongs included, is given up by the client
+// itself within the idle time-out.
+TEST_F(AgentSignalingClientTest, ASilentConnectionIsGivenUp) {
+  SilentServer server(SilentServer::Mode::open);
+  baseUrl_ = server.baseUrl();
+  AgentSignalingClient::Options options;
+  options.idleTimeout = 1s;
+  auto client = makeClient(options);
   runInBackground(*client);
-  std::this_thread::sleep_for(200ms);  // let it reach the handshake
-  client->close();
-  ASSERT_TRUE(waitForRunEnd(5s)) << "close() did not end a connecting run";
+  ASSERT_TRUE(waitForRunEnd(20s)) << "a silent connection was kept";
   runThread_.join();
-  EXPECT_FALSE(runFailure_);
-  EXPECT_TRUE(statuses().empty());
+  try {
+    std::rethrow_exception(runFailure_);
+  } catch (const SignalingTransportError& error) {
+    EXPECT_EQ(error.text(),
+              R"(transportFailed(operation: "receive", reason: "the server went silent"))");
+  } catch (...) {
+    ADD_FAILURE() << "ended without a transport error";
+  }
+  EXPECT_EQ(statuses(), (std::vector<std::string>{"connected", "disconnected"}));
 }
 
 // A private CA-less certificate for "localhost" only, made by the openssl tool.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -73,6 +74,7 @@ class SignalingMessageHandlerTest : public testing::Test {
 TEST_F(SignalingMessageHandlerTest, PairingRequestIsGrantedStoredAndAnswered) {
   auto phone = makeIdentity();
   store.save({storedDevice("device_old", true)});
+  handler.addPairingOffer(unixSeconds(fixedNow) + 120);
   handle(pairingRequest(*phone, {"CONTROL", "shell", "bogus", "files", 7}));
 
   auto deviceId = IdentityKeyStore::deriveId("device_", phone->publicKey());
@@ -134,11 +136,52 @@ TEST_F(SignalingMessageHandlerTest, BadPairingRequestsEndTheRunAndStoreNothing) 
   EXPECT_TRUE(changedLists.empty());
 }
 
+// Each offer of this agent pairs one phone while it is live; any other
+// request is refused with a line, stores nothing and the run goes on.
+TEST_F(SignalingMessageHandlerTest, PairingNeedsALiveUnusedOffer) {
+  std::vector<std::string> notes;
+  events.onDiagnostic = [&](const std::string& line) { notes.push_back(line); };
+  const std::int64_t now = unixSeconds(fixedNow);
+  struct Case {
+    const char* name;
+    std::vector<std::int64_t> offers;
+    std::size_t requests, granted;
+  };
+  const Case cases[] = {
+      {"no offer", {}, 1, 0},
+      {"expired offer", {now - 1}, 1, 0},
+      {"offer ending this second", {now}, 1, 1},
+      {"one offer, two phones", {now + 120}, 2, 1},
+      {"two offers, three phones", {now + 120, now + 5}, 3, 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SignalingMessageHandler fresh{pairing, peer, store, events, [] { return fixedNow; }};
+    store.save({});
+    sent.clear();
+    notes.clear();
+    for (auto expiry : c.offers) fresh.addPairingOffer(expiry);
+    for (std::size_t i = 0; i < c.requests; ++i) {
+      EXPECT_NO_THROW(fresh.handle(pairingRequest(*makeIdentity()).dump(), send));
+    }
+    EXPECT_EQ(store.load().size(), c.granted);
+    EXPECT_EQ(std::count_if(sent.begin(), sent.end(),
+                            [](const Json& m) { return m["type"] == "pairing.grant"; }),
+              std::ptrdiff_t(c.granted));
+    ASSERT_EQ(notes.size(), c.requests - c.granted);
+    for (const auto& note : notes) {
+      EXPECT_EQ(note.rfind("refusing pairing request from device_", 0), 0u) << note;
+      EXPECT_NE(note.find(": pairingNotOffered"), std::string::npos) << note;
+    }
+  }
+}
+
 TEST_F(SignalingMessageHandlerTest, RePairingUnrevokesAndMovesTheDeviceLast) {
   auto phone = makeIdentity();
   auto deviceId = IdentityKeyStore::deriveId("device_", phone->publicKey());
   store.save({storedDevice(deviceId, true), storedDevice("device_b", false),
               storedDevice(deviceId, true)});
+  handler.addPairingOffer(unixSeconds(fixedNow) + 120);
   handle(pairingRequest(*phone, {"view"}));
   auto devices = store.load();
   ASSERT_EQ(devices.size(), 2u);
