@@ -15,8 +15,8 @@ namespace zul {
 
 class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
  public:
-  // The connection's delegate. Lives as long as the session, across
-  // connections, so its gathering latch is a one-shot for the whole session.
+  // The connection's delegate. Lives as long as the session; its gathering
+  // latch opens once per gathering (the first offer, then each ICE restart).
   class ConnectionObserver : public webrtc::PeerConnectionObserver {
    public:
     void setOwner(std::weak_ptr<Impl> owner) {
@@ -199,6 +199,8 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     channels_[channel->label()] = channel;
     channelObservers_.push_back(std::move(observer));
   }
+
+  void restartGathering() { observer_->latch().reset(); }
 
   std::string createOffer(std::optional<std::chrono::milliseconds> gatheringLimit) {
     auto connection = this->connection();
@@ -408,7 +410,11 @@ void AgentPeerSession::push(const Nv12Pixels& pixels, std::int64_t timestampNs) 
 }
 
 void AgentPeerSession::restartIce() {
-  if (auto connection = impl_->connection()) connection->RestartIce();
+  auto connection = impl_->connection();
+  if (!connection) return;
+  // The restart's offer carries the fresh candidates, as the first one did.
+  impl_->restartGathering();
+  connection->RestartIce();
 }
 
 void AgentPeerSession::close() {

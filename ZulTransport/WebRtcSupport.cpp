@@ -197,6 +197,11 @@ void GatheringLatch::complete() {
   done_.notify_all();
 }
 
+void GatheringLatch::reset() {
+  std::lock_guard lock(mutex_);
+  complete_ = false;
+}
+
 void GatheringLatch::wait() {
   std::unique_lock lock(mutex_);
   done_.wait(lock, [&] { return complete_; });

@@ -70,6 +70,8 @@ rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pix
 class GatheringLatch {
  public:
   void complete();
+  // Before an ICE restart, whose offer gathers afresh.
+  void reset();
   void wait();
   // False when gathering is still going after `limit`.
   bool waitFor(std::chrono::milliseconds limit);
