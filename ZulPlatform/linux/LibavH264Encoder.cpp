@@ -11,6 +11,7 @@ extern "C" {
 #include <filesystem>
 #include <mutex>
 
+#include "ZulCore/Media/Nv12Surface.h"
 #include "ZulPlatform/linux/H264AnnexB.h"
 #include "ZulPlatform/linux/Nv12FrameSurface.h"
 
@@ -54,13 +55,19 @@ struct Nv12Planes {
 };
 
 std::optional<Nv12Planes> planesOf(const CapturedFrame& frame) {
-  if (auto* surface = dynamic_cast<Nv12FrameSurface*>(frame.nativeSurface.get())) {
-    if (surface->width() != frame.width || surface->height() != frame.height) return std::nullopt;
-    return Nv12Planes{surface->luma(),
-                      surface->lumaStride(),
-                      surface->chroma(),
-                      surface->chromaStride(),
-                      Nv12FrameSurface::bytesFor(surface->width(), surface->height()),
+  if (auto* surface = dynamic_cast<Nv12Surface*>(frame.nativeSurface.get())) {
+    const Nv12PlaneView view = surface->planes();
+    if (view.width != frame.width || view.height != frame.height || !view.luma || !view.chroma ||
+        view.lumaStride < view.width || view.chromaStride < (view.width + 1) / 2 * 2) {
+      return std::nullopt;
+    }
+    return Nv12Planes{view.luma, view.lumaStride, view.chroma, view.chromaStride,
+                      // The planes may live apart; the size only tells libavcodec
+                      // how much the first one spans.
+                      view.chroma > view.luma
+                          ? std::size_t(view.chroma - view.luma) +
+                                std::size_t(view.chromaStride) * ((view.height + 1) / 2)
+                          : std::size_t(view.lumaStride) * view.height,
                       frame.nativeSurface};
   }
   if (frame.pixelFormat == PixelFormat::nv12 && frame.data && frame.width > 0 && frame.height > 0 &&

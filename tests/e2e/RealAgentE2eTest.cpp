@@ -327,6 +327,8 @@ TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
   const auto stats = phone_->stats();
   EXPECT_EQ(stats["width"], 1280);
   EXPECT_EQ(stats["height"], 720);
+  // Those frames came out of our encoder, not WebRTC's OpenH264.
+  EXPECT_TRUE(agent_->waitForLine("video encoder: libav-h264/")) << agent_->tail();
 
   // The 1920x1080 screen is sent at 1280x720: wire points scale by 1.5.
   phone_->sendCursor(sessionId, 320, 120);
