@@ -332,7 +332,6 @@ async function videoStats() {
     if (s.type === 'inbound-rtp' && s.kind === 'video') {
       out.framesDecoded = s.framesDecoded || 0;
       out.framesPerSecond = s.framesPerSecond || 0;
-      out.decoder = s.decoderImplementation;
     }
     if (s.type === 'transport' && s.selectedCandidatePairId) pairId = s.selectedCandidatePairId;
   });
