@@ -183,6 +183,9 @@ int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
   image.capture_time_ms_ = times.captureTimeMs;
   image.ntp_time_ms_ = times.ntpTimeMs;
   image.rotation_ = times.rotation;
+  // A remote screen is worked on, not watched: the phone shows each frame as
+  // soon as it is decoded instead of buffering for smooth playback.
+  image.playout_delay_ = webrtc::VideoPlayoutDelay(0, 0);
   image._frameType = unit.isKeyFrame ? webrtc::VideoFrameType::kVideoFrameKey
                                      : webrtc::VideoFrameType::kVideoFrameDelta;
 

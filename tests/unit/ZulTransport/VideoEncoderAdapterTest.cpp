@@ -33,6 +33,7 @@ class Recorder : public webrtc::EncodedImageCallback {
       }
     }
     EXPECT_TRUE(image.size() > 4 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1);
+    EXPECT_EQ(image.playout_delay_, webrtc::VideoPlayoutDelay(0, 0));  // shown once decoded
     outputs.push_back(std::move(out));
     return Result(Result::OK);
   }
