@@ -89,6 +89,7 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
   settings.hardwareRequired = false;
   settings.lowLatency = true;
   settings.bFrames = 0;
+  settings.keyFramesOnRequestOnly = true;
   const std::string size = std::to_string(settings.width) + "x" + std::to_string(settings.height);
   try {
     encoder_->configure(settings);

@@ -131,8 +131,10 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
   context->time_base = AVRational{1, fps};          // a time stamp counts frames
   context->framerate = AVRational{fps, 1};          // the expected frame rate
   context->bit_rate = settings.bitrateKbps * 1000;  // average bit rate
-  context->gop_size = fps * 10;                     // a key frame at least every ten seconds
-  context->max_b_frames = 0;                        // no frame reordering
+  // A key frame at least every ten seconds, or only on request: a 1080p key
+  // frame is a burst that a live stream feels as a stall.
+  context->gop_size = settings.keyFramesOnRequestOnly ? (1 << 30) : fps * 10;
+  context->max_b_frames = 0;  // no frame reordering
   context->pix_fmt = AV_PIX_FMT_NV12;
   context->color_range = AVCOL_RANGE_JPEG;  // the capture's NV12 is full range
   context->colorspace = AVCOL_SPC_SMPTE170M;
