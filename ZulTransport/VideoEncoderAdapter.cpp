@@ -137,6 +137,24 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
     buffer = webrtc::NV12Buffer::Copy(*i420);
   }
 
+  // A frame of another size (the watched display changed) before WebRTC has
+  // reconfigured: the encoder starts afresh at that size.
+  if (buffer->width() != settings_.width || buffer->height() != settings_.height) {
+    VideoEncoderSettings resized = settings_;
+    resized.width = buffer->width();
+    resized.height = buffer->height();
+    try {
+      encoder_->configure(resized);
+    } catch (const std::exception& error) {
+      say("video encoder: " + encoder_->name() + " cannot encode " + std::to_string(resized.width) +
+          "x" + std::to_string(resized.height) + " (" + error.what() +
+          "); falling back to WebRTC's OpenH264");
+      return WEBRTC_VIDEO_CODEC_FALLBACK_SOFTWARE;
+    }
+    settings_ = resized;
+    inFlight_.clear();
+  }
+
   // Time stamps in frames of the configured rate, from the capture clock, so
   // that the rate control sees the real spacing of frames (a still screen
   // sends few of them, each with a larger share of the bits).

@@ -381,6 +381,7 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   EXPECT_TRUE(agent_->waitForLine("selected display 1: "));
   EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 960)"))
       << phone_->stats().dump();
+  EXPECT_EQ(agent_->countContaining("falling back"), 0u) << agent_->tail();
 
   // The right display at its own size: wire points are offset by its origin.
   phone_->sendCursor(sessionId, 100, 50);

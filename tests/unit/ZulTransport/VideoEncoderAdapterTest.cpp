@@ -145,6 +145,12 @@ TEST(VideoEncoderAdapterTest, EncodesKeyFramesOnRequestAndFollowsTheRate) {
     EXPECT_EQ(hasIdr, step.expectKey) << "frame " << i;
   }
 
+  // A frame of another size before WebRTC reconfigures: a fresh key frame.
+  ASSERT_EQ(adapter.Encode(frame(picture(true, 160, 120, 0), 8), &delta), WEBRTC_VIDEO_CODEC_OK);
+  ASSERT_EQ(recorder.outputs.size(), std::size(steps) + 1);
+  EXPECT_TRUE(recorder.outputs.back().key);
+  EXPECT_EQ(adapter.settings().width, 160);
+
   webrtc::VideoBitrateAllocation bitrate;
   bitrate.SetBitrate(0, 0, 500'000);
   adapter.SetRates(webrtc::VideoEncoder::RateControlParameters(bitrate, 15.0));
@@ -153,7 +159,7 @@ TEST(VideoEncoderAdapterTest, EncodesKeyFramesOnRequestAndFollowsTheRate) {
   adapter.SetRates(
       webrtc::VideoEncoder::RateControlParameters(webrtc::VideoBitrateAllocation(), 15.0));
   ASSERT_EQ(adapter.Encode(frame(picture(true, 320, 240, 0), 9), &delta), WEBRTC_VIDEO_CODEC_OK);
-  EXPECT_EQ(recorder.outputs.size(), std::size(steps));
+  EXPECT_EQ(recorder.outputs.size(), std::size(steps) + 1);
 }
 
 }  // namespace
