@@ -107,6 +107,13 @@ Runtime::~Runtime() {
   network_->Stop();
 }
 
+PushedVideoSource::PushedVideoSource() {
+  // The agent captures at most this size; the demo captures the display as
+  // it is, and a 4K screen would cost a phone four times the decoding.
+  constexpr int maxPixels = 1920 * 1080;
+  video_adapter()->OnOutputFormatRequest(absl::nullopt, maxPixels, absl::nullopt);
+}
+
 bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   auto buffer = toFrameBuffer(frame);
   if (!buffer) return false;

@@ -51,6 +51,8 @@ class Runtime {
 // The video source that captured frames are pushed into.
 class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
  public:
+  // Pictures larger than 1920x1080 are scaled down to fit, shape kept.
+  PushedVideoSource();
   // Returns false when the frame's pixels are in a form it cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
   bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
