@@ -14,6 +14,7 @@
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/LibavH264Encoder.h"
 #include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulTransport/PeerVideoEncoding.h"
 #include "ZulTransport/SignalingUrl.h"
 #include "ZulTransport/WebRTCSmokeTest.h"
 #include "ZulTransport/WebRtcLogging.h"
@@ -85,6 +86,10 @@ void runPhoneDemoMode() {
 int agentMain(int argc, char** argv) {
   makeStdoutUnbuffered();
   configureWebRtcLogging();
+  // Every peer session streams with our H.264 encoder (hardware when the
+  // machine has one, else libx264 on all cores); OpenH264 is the fallback.
+  setPeerVideoEncoding({.makeEncoder = [] { return std::make_unique<LibavH264Encoder>(); },
+                        .print = [](const std::string& line) { printLine(line); }});
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   const char* captureBackend = std::getenv("ZUL_CAPTURE_BACKEND");
   const LaunchPlan plan = chooseRunMode(

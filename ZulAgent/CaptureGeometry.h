@@ -17,8 +17,18 @@ struct CaptureSize {
   friend bool operator==(const CaptureSize&, const CaptureSize&) = default;
 };
 
-inline constexpr std::int64_t maxCaptureWidth = 1280;
-inline constexpr std::int64_t maxCaptureHeight = 720;
+inline constexpr std::int64_t maxCaptureWidth = 1920;
+inline constexpr std::int64_t maxCaptureHeight = 1080;
+
+// Frames per second while the screen changes, unless ZUL_MAX_FPS asks for
+// another rate up to the highest; a still screen sends the idle rate.
+inline constexpr std::int64_t defaultFramesPerSecond = 30;
+inline constexpr std::int64_t highestFramesPerSecond = 60;
+inline constexpr std::int64_t idleFramesPerSecond = 2;
+
+// A ZUL_MAX_FPS value: a whole number of frames per second, capped at the
+// highest; the default when unset, not a number or below 1.
+std::int64_t framesPerSecondFrom(const char* text);
 
 // The display's shape inside maxCaptureWidth x maxCaptureHeight, never
 // larger than the display, with even sides (4:2:0 video); the largest size

@@ -10,7 +10,8 @@ namespace zul {
 // The NV12 pixels of a captured frame, wherever they live: in the screen
 // capture source's surface or in the frame's own data. Nothing when the frame
 // carries another format (the peer sessions then read `data` themselves).
-// The view is valid while the frame is.
+// The view holds what keeps the pixels alive, so a peer session may keep
+// them rather than copy them.
 std::optional<Nv12Pixels> nv12PixelsOf(const CapturedFrame& frame);
 
 }  // namespace zul

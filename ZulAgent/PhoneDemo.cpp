@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "ZulAgent/CaptureGeometry.h"
 #include "ZulAgent/FramePixels.h"
 #include "ZulTransport/LocalOfferSession.h"
 
@@ -52,7 +53,10 @@ PhoneDemoSettings PhoneDemoSettings::fromValues(const char* seconds, const char*
 }
 
 PhoneDemoSettings PhoneDemoSettings::fromEnvironment() {
-  return fromValues(std::getenv("ZUL_DEMO_SECONDS"), std::getenv("ZUL_DEMO_PORT"));
+  PhoneDemoSettings settings =
+      fromValues(std::getenv("ZUL_DEMO_SECONDS"), std::getenv("ZUL_DEMO_PORT"));
+  settings.framesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"));
+  return settings;
 }
 
 PhoneDemoRoutes::PhoneDemoRoutes(std::string offerSdp, AcceptAnswer acceptAnswer, Print print)
@@ -211,12 +215,12 @@ void runPhoneDemo(const PhoneDemoSettings& settings, const CaptureSourceFactory&
       session->push(frame, timestampNs);
     }
   });
-  // Native size at a steady 15 frames per second: the demo is short-lived, and
-  // a steady rate keeps a change on a still screen from waiting for an idle tick.
+  // Native size at a steady rate: the demo is short-lived, and a steady
+  // rate keeps a change on a still screen from waiting for an idle tick.
   CaptureOptions options;
   options.displayIndex = 0;
-  options.framesPerSecond = 15;
-  options.idleFramesPerSecond = 15;
+  options.framesPerSecond = settings.framesPerSecond;
+  options.idleFramesPerSecond = settings.framesPerSecond;
   capture->start(options);
 
   try {

@@ -18,6 +18,7 @@ namespace zul {
 struct PhoneDemoSettings {
   double seconds = 300;
   std::int64_t port = 8787;
+  std::int64_t framesPerSecond = 30;  // ZUL_MAX_FPS
 
   // ZUL_DEMO_SECONDS (a decimal number; 300 when unset or not a number) and
   // ZUL_DEMO_PORT (8787 when unset or not a port; 0 picks a free one).

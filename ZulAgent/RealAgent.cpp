@@ -51,6 +51,7 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
       settings.seconds = std::min(seconds, maxSeconds);
     }
   }
+  settings.framesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"));
   return settings;
 }
 
@@ -468,8 +469,8 @@ class RealAgent {
       print(std::string("capture failed: ") + error.what());
     });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
-        .start = [screen =
-                      screen_](std::int64_t index) { return startScreenCapture(*screen, index); },
+        .start = [screen = screen_, fps = settings_.framesPerSecond](
+                     std::int64_t index) { return startScreenCapture(*screen, index, fps); },
         .stop = [screen = screen_] { screen->stop(); },
         .print = print_,
     });
@@ -516,7 +517,8 @@ class RealAgent {
 
   // Capture of one display at the agent's options; returns the display that
   // capture resolved. The pointer then targets it at the same reference size.
-  static DisplayDescriptor startScreenCapture(ScreenCaptureSource& capture, std::int64_t index) {
+  static DisplayDescriptor startScreenCapture(ScreenCaptureSource& capture, std::int64_t index,
+                                              std::int64_t framesPerSecond) {
     const std::vector<DisplayDescriptor> displays = ScreenCaptureSource::availableDisplays();
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
@@ -526,8 +528,8 @@ class RealAgent {
     options.displayIndex = index;
     options.width = size.width;
     options.height = size.height;
-    options.framesPerSecond = 15;
-    options.idleFramesPerSecond = 2;
+    options.framesPerSecond = framesPerSecond;
+    options.idleFramesPerSecond = zul::idleFramesPerSecond;
     options.convertHdrToSdr = true;
     capture.stop();
     capture.start(options);

@@ -40,9 +40,11 @@ struct RealAgentSettings {
   std::string signalingBaseURL = defaultSignalingURL;
   // Run this long, then tear down; nothing: until SIGINT or SIGTERM.
   std::optional<double> seconds;
+  // The video's frame rate while the screen changes (ZUL_MAX_FPS).
+  std::int64_t framesPerSecond = 30;
 
-  // ZUL_SIGNALING_URL (the rendezvous server's address) and ZUL_DEMO_SECONDS
-  // (an unparsable or negative value counts as absent).
+  // ZUL_SIGNALING_URL (the rendezvous server's address), ZUL_DEMO_SECONDS
+  // (an unparsable or negative value counts as absent) and ZUL_MAX_FPS.
   static RealAgentSettings fromEnvironment();
 };
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "ZulCore/Support/Console.h"
+#include "ZulTransport/VideoEncoderAdapter.h"
 #include "ZulTransport/WebRtcError.h"
 #include "ZulTransport/WebRtcLogging.h"
 #include "api/audio_codecs/builtin_audio_decoder_factory.h"
@@ -13,6 +14,7 @@
 #include "api/create_peerconnection_factory.h"
 #include "api/jsep.h"
 #include "api/video/i420_buffer.h"
+#include "api/video/nv12_buffer.h"
 #include "api/video_codecs/builtin_video_decoder_factory.h"
 #include "api/video_codecs/builtin_video_encoder_factory.h"
 #include "libyuv/convert.h"
@@ -95,8 +97,7 @@ Runtime::Runtime() {
   factory_ = webrtc::CreatePeerConnectionFactory(
       network_.get(), worker_.get(), signaling_.get(), audioDevice,
       webrtc::CreateBuiltinAudioEncoderFactory(), webrtc::CreateBuiltinAudioDecoderFactory(),
-      webrtc::CreateBuiltinVideoEncoderFactory(), webrtc::CreateBuiltinVideoDecoderFactory(),
-      nullptr, nullptr);
+      makeVideoEncoderFactory(), webrtc::CreateBuiltinVideoDecoderFactory(), nullptr, nullptr);
 }
 
 Runtime::~Runtime() {
@@ -104,6 +105,13 @@ Runtime::~Runtime() {
   signaling_->Stop();
   worker_->Stop();
   network_->Stop();
+}
+
+PushedVideoSource::PushedVideoSource() {
+  // The agent captures at most this size; the demo captures the display as
+  // it is, and a 4K screen would cost a phone four times the decoding.
+  constexpr int maxPixels = 1920 * 1080;
+  video_adapter()->OnOutputFormatRequest(absl::nullopt, maxPixels, absl::nullopt);
 }
 
 bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampNs) {
@@ -129,9 +137,8 @@ void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> 
     return;  // nobody wants a frame now
   }
   if (width != buffer->width() || height != buffer->height()) {
-    auto scaled = webrtc::I420Buffer::Create(width, height);
-    scaled->CropAndScaleFrom(*buffer->ToI420(), cropX, cropY, cropWidth, cropHeight);
-    buffer = scaled;
+    // NV12 stays NV12, so the encoder still takes it as it is.
+    buffer = buffer->CropAndScale(cropX, cropY, cropWidth, cropHeight, width, height);
   }
   OnFrame(webrtc::VideoFrame::Builder()
               .set_video_frame_buffer(buffer)
@@ -140,12 +147,40 @@ void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> 
               .build());
 }
 
+namespace {
+
+// Pushed NV12 pixels, held rather than copied: the frame keeps their owner
+// alive until the encoder is done with them.
+class SharedNv12Buffer : public webrtc::NV12BufferInterface {
+ public:
+  explicit SharedNv12Buffer(Nv12Pixels pixels) : pixels_(std::move(pixels)) {}
+  int width() const override { return pixels_.width; }
+  int height() const override { return pixels_.height; }
+  int StrideY() const override { return pixels_.lumaStride; }
+  int StrideUV() const override { return pixels_.chromaStride; }
+  const uint8_t* DataY() const override { return pixels_.luma; }
+  const uint8_t* DataUV() const override { return pixels_.chroma; }
+  rtc::scoped_refptr<webrtc::I420BufferInterface> ToI420() override {
+    auto out = webrtc::I420Buffer::Create(pixels_.width, pixels_.height);
+    libyuv::NV12ToI420(pixels_.luma, pixels_.lumaStride, pixels_.chroma, pixels_.chromaStride,
+                       out->MutableDataY(), out->StrideY(), out->MutableDataU(), out->StrideU(),
+                       out->MutableDataV(), out->StrideV(), pixels_.width, pixels_.height);
+    return out;
+  }
+
+ private:
+  Nv12Pixels pixels_;
+};
+
+}  // namespace
+
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels) {
   if (!pixels.luma || !pixels.chroma || pixels.width <= 0 || pixels.height <= 0 ||
       pixels.width > 16384 || pixels.height > 16384 || pixels.lumaStride < pixels.width ||
       pixels.chromaStride < (pixels.width + 1) / 2 * 2) {
     return nullptr;
   }
+  if (pixels.owner) return rtc::make_ref_counted<SharedNv12Buffer>(pixels);
   auto out = webrtc::I420Buffer::Create(pixels.width, pixels.height);
   if (libyuv::NV12ToI420(pixels.luma, pixels.lumaStride, pixels.chroma, pixels.chromaStride,
                          out->MutableDataY(), out->StrideY(), out->MutableDataU(), out->StrideU(),
@@ -271,6 +306,9 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
   // instead when the bandwidth is short.
   auto parameters = sender->GetParameters();
   parameters.degradation_preference = webrtc::DegradationPreference::MAINTAIN_RESOLUTION;
+  // The library's ceiling for 1080p (2.5 Mbit/s) blurs text while it moves;
+  // the bandwidth estimate still keeps the rate below what the path carries.
+  for (auto& encoding : parameters.encodings) encoding.max_bitrate_bps = 8'000'000;
   if (auto error = sender->SetParameters(parameters); !error.ok()) {
     return "could not keep the resolution: " + std::string(error.message());
   }

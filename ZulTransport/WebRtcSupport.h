@@ -25,8 +25,9 @@ namespace zul::webrtc_support {
 // "warning", "error").
 void initialize();
 
-// The library's threads and a factory built with the default video encoder
-// and decoder factories (no audio device: the agent sends video only).
+// The library's threads and a factory built with our video encoder factory
+// (see PeerVideoEncoding) and the default decoder factory (no audio device:
+// the agent sends video only).
 class Runtime {
  public:
   Runtime();
@@ -50,6 +51,8 @@ class Runtime {
 // The video source that captured frames are pushed into.
 class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
  public:
+  // Pictures larger than 1920x1080 are scaled down to fit, shape kept.
+  PushedVideoSource();
   // Returns false when the frame's pixels are in a form it cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
   bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
@@ -61,7 +64,8 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
   absl::optional<bool> needs_denoising() const override { return false; }
 };
 
-// The frame's pixels as an I420 buffer, or null when they are neither packed
+// The frame's pixels as a frame buffer (NV12 pixels with an owner are held as
+// they are, anything else becomes I420), or null when they are neither packed
 // BGRA nor NV12 of the announced size.
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame);
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels);

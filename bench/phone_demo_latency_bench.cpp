@@ -1,14 +1,25 @@
-// Glass-to-glass latency of the LAN phone demo on loopback: the time from a
-// change drawn on a private X screen to the browser's decoded frame showing
-// it. Runs `zul-agent --phone-demo` on Xvfb and headless Chromium as the
-// phone; prints the median and 95th percentile over many changes.
+// The phone's view of the LAN phone demo on loopback, on a private 1920x1080
+// X screen with headless Chromium as the phone: glass-to-glass latency (a
+// change drawn on the screen until the browser's decoded frame shows it,
+// median and 95th percentile), then, while the screen moves without pause,
+// the decoded resolution and frame rate and the agent's CPU time per streamed
+// frame, beside ffmpeg's x11grab + libx264 (ultrafast, zerolatency) grabbing
+// the same moving screen.
 //
-//   zul-phone-demo-latency-bench [changes]   (default 60)
+//   zul-phone-demo-latency-bench [changes] [WIDTHxHEIGHT]   (default 60 1920x1080)
+//   ZUL_BENCH_AGENT=<path>: another agent executable (an older build);
+//   ZUL_MAX_FPS is passed on to the agent.
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "e2e/HeadlessChromium.h"
@@ -39,7 +50,7 @@ constexpr const char* installProbe = R"js((() => {
   window.probe = { want: null, resolve: null };
   const onFrame = () => {
     if (probe.want !== null && v.videoWidth) {
-      const sx = Math.floor(v.videoWidth * 64 / 1280), sy = Math.floor(v.videoHeight * 64 / 720);
+      const sx = Math.floor(v.videoWidth * 64 / SCREEN_W), sy = Math.floor(v.videoHeight * 64 / SCREEN_H);
       g.drawImage(v, sx, sy, 8, 8, 0, 0, 8, 8);
       const luma = g.getImageData(4, 4, 1, 1).data[1];
       if ((probe.want === "bright") === (luma > 128)) {
@@ -55,6 +66,36 @@ constexpr const char* installProbe = R"js((() => {
   return true;
 })())js";
 
+// CPU seconds (user + system) that process `pid` has used so far.
+double cpuSecondsOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), {});
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) utime = std::stoull(field);
+    if (i == 15) stime = std::stoull(field);
+  }
+  return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+}
+
+double childrenCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  auto seconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Flips the probe square as fast as the X server takes it, for `seconds`.
+void keepMoving(zul::test::ScreenPattern& pattern, double seconds) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  for (int i = 0; std::chrono::steady_clock::now() < until; ++i) {
+    pattern.fillSquare(32 + (i % 8) * 40, 32, 96, i % 2 ? Rgb{240, 240, 240} : Rgb{40, 40, 40});
+    std::this_thread::sleep_for(5ms);
+  }
+}
+
 int waitForPort(ChildProcess& agent) {
   while (auto line = agent.readStdoutLine(60s)) {
     const auto at = line->find("http://");
@@ -67,20 +108,26 @@ int waitForPort(ChildProcess& agent) {
 
 int main(int argc, char** argv) {
   const int changes = argc > 1 ? std::max(1, std::atoi(argv[1])) : 60;
+  int screenWidth = 1920, screenHeight = 1080;
+  if (argc > 2) std::sscanf(argv[2], "%dx%d", &screenWidth, &screenHeight);
+  const char* agentPath = std::getenv("ZUL_BENCH_AGENT");
+  if (!agentPath || !*agentPath) agentPath = ZUL_AGENT_PATH;
+  const char* maxFps = std::getenv("ZUL_MAX_FPS");
   if (!HeadlessChromium::available()) {
     std::printf("phone-demo latency: skipped (no %s)\n", HeadlessChromium::program);
     return 0;
   }
   try {
-    zul::test::XvfbServer xvfb(1280, 720);
+    zul::test::XvfbServer xvfb(screenWidth, screenHeight);
     zul::test::ScreenPattern pattern(xvfb.display());
     pattern.show({Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}});
 
     ChildProcess::Options options;
     options.env = {
         {"DISPLAY", xvfb.display()}, {"ZUL_DEMO_SECONDS", "900"}, {"ZUL_DEMO_PORT", "0"}};
+    if (maxFps) options.env["ZUL_MAX_FPS"] = maxFps;
     options.captureStdout = true;
-    ChildProcess agent({ZUL_AGENT_PATH, "--phone-demo"}, options);
+    ChildProcess agent({agentPath, "--phone-demo"}, options);
     const int port = waitForPort(agent);
     if (port <= 0) throw std::runtime_error("the demo announced no port");
 
@@ -95,7 +142,11 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 600 && browser.evaluate(page, decoded).get<int>() < 10; ++i) {
       std::this_thread::sleep_for(100ms);
     }
-    browser.evaluate(page, installProbe);
+    std::string probe = installProbe;
+    for (auto [name, value] : {std::pair{"SCREEN_W", screenWidth}, {"SCREEN_H", screenHeight}}) {
+      probe.replace(probe.find(name), std::string(name).size(), std::to_string(value));
+    }
+    browser.evaluate(page, probe);
 
     std::mt19937 random(7);
     std::uniform_int_distribution<int> gap(150, 350);
@@ -123,15 +174,59 @@ int main(int argc, char** argv) {
           latencies.size() - 1,
           static_cast<std::size_t>(q * static_cast<double>(latencies.size())))];
     };
-    std::printf(
-        "phone-demo latency (screen change -> decoded frame in Chromium, loopback, "
-        "capture at 15 fps, 1280x720 H.264)\n");
+    // A screen that never stops moving: what the phone decodes, and what
+    // each streamed frame costs the agent.
+    constexpr double movingSeconds = 6;
+    const int movingBefore = browser.evaluate(page, decoded).get<int>();
+    const double agentCpuBefore = cpuSecondsOf(agent.pid());
+    const auto movingStarted = std::chrono::steady_clock::now();
+    keepMoving(pattern, movingSeconds);
+    const double movingElapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - movingStarted).count();
+    const double agentCpu = cpuSecondsOf(agent.pid()) - agentCpuBefore;
+    const int movingFrames = browser.evaluate(page, decoded).get<int>() - movingBefore;
+    const auto view =
+        browser.evaluate(page,
+                         "(() => { const v = document.getElementById('video'); "
+                         "return { width: v.videoWidth, height: v.videoHeight }; })()");
+
+    // The reference: ffmpeg grabbing and encoding the same moving screen.
+    const int referenceFps = maxFps ? std::max(1, std::atoi(maxFps)) : 30;
+    const std::string ffmpeg =
+        "ffmpeg -hide_banner -nostats -loglevel error -f x11grab -framerate " +
+        std::to_string(referenceFps) + " -video_size " + std::to_string(screenWidth) + "x" +
+        std::to_string(screenHeight) + " -i " + xvfb.display() + " -t " +
+        std::to_string(int(movingSeconds)) +
+        " -c:v libx264 -preset ultrafast -tune zerolatency -pix_fmt yuv420p -f null - "
+        ">/dev/null 2>&1";
+    const double referenceCpuBefore = childrenCpuSeconds();
+    std::thread reference([&] { (void)std::system(ffmpeg.c_str()); });
+    keepMoving(pattern, movingSeconds + 1);
+    reference.join();
+    const double referenceCpu = childrenCpuSeconds() - referenceCpuBefore;
+    const double referenceFrames = movingSeconds * referenceFps;
+
+    std::printf("phone-demo on loopback, %dx%d screen, agent %s\n", screenWidth, screenHeight,
+                agentPath);
+    std::printf("latency (screen change -> decoded frame in Chromium)\n");
     std::printf("  changes: %zu\n", latencies.size());
     std::printf("  median:  %.1f ms\n", at(0.5));
     std::printf("  p95:     %.1f ms\n", at(0.95));
     std::printf("  min/max: %.1f / %.1f ms\n", latencies.front(), latencies.back());
     std::printf("  decoded: %.1f frames/s during the run\n",
                 (framesAfter - framesBefore) / seconds);
+    std::printf("moving screen, %.0f s\n", movingElapsed);
+    std::printf("  decoded: %dx%d at %.1f frames/s\n", view["width"].get<int>(),
+                view["height"].get<int>(), movingFrames / movingElapsed);
+    std::printf("  agent:   %.2f ms CPU per streamed frame (%d frames, %.1f%% of one core)\n",
+                movingFrames > 0 ? agentCpu * 1000 / movingFrames : 0.0, movingFrames,
+                agentCpu * 100 / movingElapsed);
+    std::printf("  ffmpeg x11grab + libx264: %.2f ms CPU per frame (%.0f frames at %d fps)\n",
+                referenceCpu * 1000 / referenceFrames, referenceFrames, referenceFps);
+    if (movingFrames > 0) {
+      std::printf("  agent / ffmpeg: %.2fx\n",
+                  (agentCpu / movingFrames) / (referenceCpu / referenceFrames));
+    }
   } catch (const std::exception& error) {
     std::printf("phone-demo latency: failed: %s\n", error.what());
     return 1;

@@ -26,6 +26,9 @@ struct VideoEncoderSettings {
   bool lowLatency = true;
   std::int64_t bFrames = 0;
   bool hdrToSdr = true;
+  // No periodic key frames: only the first and the forced ones (a peer
+  // connection asks for one whenever its receiver needs it).
+  bool keyFramesOnRequestOnly = false;
 
   friend bool operator==(const VideoEncoderSettings&, const VideoEncoderSettings&) = default;
 };

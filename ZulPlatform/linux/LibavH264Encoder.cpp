@@ -11,6 +11,7 @@ extern "C" {
 #include <filesystem>
 #include <mutex>
 
+#include "ZulCore/Media/Nv12Surface.h"
 #include "ZulPlatform/linux/H264AnnexB.h"
 #include "ZulPlatform/linux/Nv12FrameSurface.h"
 
@@ -54,13 +55,19 @@ struct Nv12Planes {
 };
 
 std::optional<Nv12Planes> planesOf(const CapturedFrame& frame) {
-  if (auto* surface = dynamic_cast<Nv12FrameSurface*>(frame.nativeSurface.get())) {
-    if (surface->width() != frame.width || surface->height() != frame.height) return std::nullopt;
-    return Nv12Planes{surface->luma(),
-                      surface->lumaStride(),
-                      surface->chroma(),
-                      surface->chromaStride(),
-                      Nv12FrameSurface::bytesFor(surface->width(), surface->height()),
+  if (auto* surface = dynamic_cast<Nv12Surface*>(frame.nativeSurface.get())) {
+    const Nv12PlaneView view = surface->planes();
+    if (view.width != frame.width || view.height != frame.height || !view.luma || !view.chroma ||
+        view.lumaStride < view.width || view.chromaStride < (view.width + 1) / 2 * 2) {
+      return std::nullopt;
+    }
+    return Nv12Planes{view.luma, view.lumaStride, view.chroma, view.chromaStride,
+                      // The planes may live apart; the size only tells libavcodec
+                      // how much the first one spans.
+                      view.chroma > view.luma
+                          ? std::size_t(view.chroma - view.luma) +
+                                std::size_t(view.chromaStride) * ((view.height + 1) / 2)
+                          : std::size_t(view.lumaStride) * view.height,
                       frame.nativeSurface};
   }
   if (frame.pixelFormat == PixelFormat::nv12 && frame.data && frame.width > 0 && frame.height > 0 &&
@@ -124,8 +131,10 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
   context->time_base = AVRational{1, fps};          // a time stamp counts frames
   context->framerate = AVRational{fps, 1};          // the expected frame rate
   context->bit_rate = settings.bitrateKbps * 1000;  // average bit rate
-  context->gop_size = fps * 10;                     // a key frame at least every ten seconds
-  context->max_b_frames = 0;                        // no frame reordering
+  // A key frame at least every ten seconds, or only on request: a 1080p key
+  // frame is a burst that a live stream feels as a stall.
+  context->gop_size = settings.keyFramesOnRequestOnly ? (1 << 30) : fps * 10;
+  context->max_b_frames = 0;  // no frame reordering
   context->pix_fmt = AV_PIX_FMT_NV12;
   context->color_range = AVCOL_RANGE_JPEG;  // the capture's NV12 is full range
   context->colorspace = AVCOL_SPC_SMPTE170M;

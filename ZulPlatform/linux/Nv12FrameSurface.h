@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "ZulCore/Media/CapturedFrame.h"
+#include "ZulCore/Media/Nv12Surface.h"
 
 namespace zul {
 
@@ -14,7 +14,7 @@ namespace zul {
 // half-resolution chroma), full range. The screen capture source converts each
 // picture straight into one of these and the encoder reads it in place, so the
 // pixels are never copied between the two.
-class Nv12FrameSurface : public NativeVideoSurface {
+class Nv12FrameSurface : public Nv12Surface {
  public:
   // Memory for a surface; `release` runs once the last user lets go (a pool
   // takes the block back).
@@ -35,6 +35,9 @@ class Nv12FrameSurface : public NativeVideoSurface {
   static std::shared_ptr<Nv12FrameSurface> allocate(int width, int height);
 
   std::string api() const override { return "nv12-memory"; }
+  Nv12PlaneView planes() const override {
+    return {width_, height_, luma(), lumaStride(), chroma(), chromaStride()};
+  }
 
   int width() const { return width_; }
   int height() const { return height_; }

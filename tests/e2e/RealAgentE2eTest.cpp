@@ -325,13 +325,15 @@ TEST_F(RealAgentE2eTest, PairedPhoneSeesTheScreenAndMovesThePointer) {
 
   ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump();
   const auto stats = phone_->stats();
-  EXPECT_EQ(stats["width"], 1280);
-  EXPECT_EQ(stats["height"], 720);
+  EXPECT_EQ(stats["width"], 1920);
+  EXPECT_EQ(stats["height"], 1080);
+  // Those frames came out of our encoder, not WebRTC's OpenH264.
+  EXPECT_TRUE(agent_->waitForLine("video encoder: libav-h264/")) << agent_->tail();
 
-  // The 1920x1080 screen is sent at 1280x720: wire points scale by 1.5.
+  // The 1920x1080 screen is sent at its own size: wire points are screen points.
   phone_->sendCursor(sessionId, 320, 120);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=320 y=120")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(480, 180));
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(320, 120));
 
   // The stored device is the page's key, and nothing else was stored.
   const auto devices = trustedDevices().load();
@@ -377,13 +379,14 @@ TEST_F(RealAgentE2eTest, SwitchesTheWatchedDisplay) {
   ASSERT_TRUE(phone_->waitFor(lists + ".length >= 2")) << agent_->tail();
   EXPECT_EQ(phone_->eval(lists + "[1].selected"), 1);
   EXPECT_TRUE(agent_->waitForLine("selected display 1: "));
-  EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 640)"))
+  EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 960)"))
       << phone_->stats().dump();
+  EXPECT_EQ(agent_->countContaining("falling back"), 0u) << agent_->tail();
 
-  // Captured at 640x720, the right display's wire points scale by 1.5 too.
+  // The right display at its own size: wire points are offset by its origin.
   phone_->sendCursor(sessionId, 100, 50);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=100 y=50")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(1110, 75));
+  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(1060, 50));
 
   // A scene of the new display follows the switch; another one is sent on
   // request. Without an accessibility bus it stands for the whole computer.

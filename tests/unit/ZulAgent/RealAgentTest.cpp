@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "ZulAgent/CaptureGeometry.h"
 #include "ZulAgent/RealAgent.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
 #include "unit/ZulCore/RecordingInputInjector.h"
@@ -296,26 +297,50 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
   struct Case {
     const char* url;
     const char* seconds;
+    const char* fps;
     std::string expectedUrl;
     std::optional<double> expectedSeconds;
+    std::int64_t expectedFps;
   };
+  const std::string fallback = RealAgentSettings::defaultSignalingURL;
   const Case cases[] = {
-      {nullptr, nullptr, RealAgentSettings::defaultSignalingURL, std::nullopt},
-      {"https://rv.example", "2.5", "https://rv.example", 2.5},
-      {"", "ten", RealAgentSettings::defaultSignalingURL, std::nullopt},
-      {nullptr, "-1", RealAgentSettings::defaultSignalingURL, std::nullopt},
-      {nullptr, "3s", RealAgentSettings::defaultSignalingURL, std::nullopt},
-      {nullptr, "1e308", RealAgentSettings::defaultSignalingURL, 1e9},  // capped, never overflows
+      {nullptr, nullptr, nullptr, fallback, std::nullopt, 30},
+      {"https://rv.example", "2.5", "60", "https://rv.example", 2.5, 60},
+      {"", "ten", "fast", fallback, std::nullopt, 30},
+      {nullptr, "-1", "0", fallback, std::nullopt, 30},
+      {nullptr, "3s", "24fps", fallback, std::nullopt, 30},
+      // Capped, never overflows.
+      {nullptr, "1e308", "99999999999999999999", fallback, 1e9, 60},
+      {nullptr, nullptr, "15", fallback, std::nullopt, 15},
   };
   for (const auto& c : cases) {
     c.url ? setenv("ZUL_SIGNALING_URL", c.url, 1) : unsetenv("ZUL_SIGNALING_URL");
     c.seconds ? setenv("ZUL_DEMO_SECONDS", c.seconds, 1) : unsetenv("ZUL_DEMO_SECONDS");
+    c.fps ? setenv("ZUL_MAX_FPS", c.fps, 1) : unsetenv("ZUL_MAX_FPS");
     const auto settings = RealAgentSettings::fromEnvironment();
     EXPECT_EQ(settings.signalingBaseURL, c.expectedUrl);
     EXPECT_EQ(settings.seconds, c.expectedSeconds) << (c.seconds ? c.seconds : "unset");
+    EXPECT_EQ(settings.framesPerSecond, c.expectedFps) << (c.fps ? c.fps : "unset");
   }
   unsetenv("ZUL_SIGNALING_URL");
   unsetenv("ZUL_DEMO_SECONDS");
+  unsetenv("ZUL_MAX_FPS");
+}
+
+// Displays up to 1920x1080 go at their own size; larger ones shrink to fit,
+// shape kept, sides even.
+TEST(RealAgent, CapturesDisplaysAtTheirOwnSizeUpTo1080p) {
+  struct Case {
+    std::int64_t width, height;
+    CaptureSize expected;
+  } cases[] = {
+      {1920, 1080, {1920, 1080}}, {1280, 1024, {1280, 1024}}, {2560, 1440, {1920, 1080}},
+      {3840, 1600, {1920, 800}},  {1080, 1920, {606, 1080}},  {0, 0, {1920, 1080}},
+  };
+  for (const auto& c : cases) {
+    DisplayDescriptor display{.index = 0, .displayID = 1, .width = c.width, .height = c.height};
+    EXPECT_EQ(captureSizeFor(display), c.expected) << c.width << "x" << c.height;
+  }
 }
 
 TEST(TaskQueue, KeepsItsBound) {

@@ -150,22 +150,31 @@ TEST(LibavH264EncoderTest, KeyFramesWhereForcedWithParameterSetsOnlyThere) {
   }
 }
 
-TEST(LibavH264EncoderTest, KeyFrameComesAtLeastEveryTenSecondsOfFrames) {
-  auto encoder = softwareEncoder();
-  auto oneFramePerSecond = settings();
-  oneFramePerSecond.framesPerSecond = 1;  // a key frame at least every 10 frames
-  encoder.configure(oneFramePerSecond);
-  std::vector<std::int64_t> keys;
-  for (std::int64_t sequence = 1; sequence <= 21; ++sequence) {
-    auto encoded = encoder.encode(nv12Frame(sequence), sequence == 1);
-    ASSERT_TRUE(encoded);
-    EXPECT_EQ(encoded->rtpDuration, 90000u);
-    if (encoded->isKeyFrame) keys.push_back(sequence);
+// A key frame at least every ten seconds of frames, or only the first and
+// the forced ones when asked.
+TEST(LibavH264EncoderTest, KeyFramesComePeriodicallyOrOnlyOnRequest) {
+  for (const bool onRequestOnly : {false, true}) {
+    auto encoder = softwareEncoder();
+    auto oneFramePerSecond = settings();
+    oneFramePerSecond.framesPerSecond = 1;  // periodic: a key frame at least every 10 frames
+    oneFramePerSecond.keyFramesOnRequestOnly = onRequestOnly;
+    encoder.configure(oneFramePerSecond);
+    std::vector<std::int64_t> keys;
+    for (std::int64_t sequence = 1; sequence <= 21; ++sequence) {
+      auto encoded = encoder.encode(nv12Frame(sequence), sequence == 1 || sequence == 17);
+      ASSERT_TRUE(encoded);
+      EXPECT_EQ(encoded->rtpDuration, 90000u);
+      if (encoded->isKeyFrame) keys.push_back(sequence);
+    }
+    ASSERT_FALSE(keys.empty());
+    EXPECT_EQ(keys.front(), 1);
+    if (onRequestOnly) {
+      EXPECT_EQ(keys, (std::vector<std::int64_t>{1, 17}));
+    } else {
+      for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_LE(keys[i] - keys[i - 1], 10);
+      EXPECT_LE(21 - keys.back(), 10);
+    }
   }
-  ASSERT_FALSE(keys.empty());
-  EXPECT_EQ(keys.front(), 1);
-  for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_LE(keys[i] - keys[i - 1], 10);
-  EXPECT_LE(21 - keys.back(), 10);
 }
 
 TEST(LibavH264EncoderTest, BitrateChangesOnTheRunningEncoderAndReconfigureReplaces) {

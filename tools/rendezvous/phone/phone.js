@@ -329,7 +329,10 @@ async function videoStats() {
   const report = await session.pc.getStats();
   let pairId;
   report.forEach((s) => {
-    if (s.type === 'inbound-rtp' && s.kind === 'video') out.framesDecoded = s.framesDecoded || 0;
+    if (s.type === 'inbound-rtp' && s.kind === 'video') {
+      out.framesDecoded = s.framesDecoded || 0;
+      out.framesPerSecond = s.framesPerSecond || 0;
+    }
     if (s.type === 'transport' && s.selectedCandidatePairId) pairId = s.selectedCandidatePairId;
   });
   const pair = pairId && report.get(pairId);
