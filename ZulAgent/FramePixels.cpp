@@ -6,9 +6,7 @@ namespace zul {
 
 std::optional<Nv12Pixels> nv12PixelsOf(const CapturedFrame& frame) {
   if (auto* surface = dynamic_cast<const Nv12FrameSurface*>(frame.nativeSurface.get())) {
-    return Nv12Pixels{surface->width(),      surface->height(), surface->luma(),
-                      surface->lumaStride(), surface->chroma(), surface->chromaStride(),
-                      frame.nativeSurface};
+    return Nv12Pixels{surface->planes(), frame.nativeSurface};
   }
   if (frame.pixelFormat != PixelFormat::nv12 || !frame.data || frame.width <= 0 ||
       frame.height <= 0 || frame.width > 16384 || frame.height > 16384) {
@@ -21,8 +19,9 @@ std::optional<Nv12Pixels> nv12PixelsOf(const CapturedFrame& frame) {
   if (frame.data->size() < luma + static_cast<std::size_t>(chromaStride) * ((height + 1) / 2)) {
     return std::nullopt;
   }
-  return Nv12Pixels{width,        height,    frame.data->data(), width, frame.data->data() + luma,
-                    chromaStride, frame.data};
+  return Nv12Pixels{
+      {width, height, frame.data->data(), width, frame.data->data() + luma, chromaStride},
+      frame.data};
 }
 
 }  // namespace zul
