@@ -42,10 +42,6 @@ class AccessibilityScenePublisher {
   // The captured display and the video it is seen in, when capture resolves
   // or switches it; scene rectangles are sent in the video's pixels.
   void setDisplay(const VideoMapping& video, std::int64_t monitorIndex);
-  // The same with a video as large as the display.
-  void setDisplay(const DesktopRect& bounds, std::int64_t monitorIndex) {
-    setDisplay(VideoMapping::unscaled(bounds), monitorIndex);
-  }
   // Queues one snapshot; its sequence number is taken now.
   void publish();
   void shutdown();

@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
 
   if (!scanOnly) {
     auto injector = std::make_shared<zul::XTestInputInjector>(desktop->display());
-    zul::PointerInputExecutor pointer(1280, 720, screen, injector);
+    zul::PointerInputExecutor pointer(zul::VideoMapping::unscaled(screen), injector);
     zul::KeyboardExecutor keyboard(injector);
     Watcher watcher(desktop->display());
     Stats handled, seen, keyHandled, keySeen, textHandled;
@@ -156,18 +156,18 @@ int main(int argc, char** argv) {
     zul::AccessibilitySceneSource source(backend);
     // Wait until the window is in the accessibility tree.
     for (int i = 0; i < 100; ++i) {
-      auto scene = source.scan(0, screen, 30);
+      auto scene = source.scan(0, zul::VideoMapping::unscaled(screen), 30);
       if (scene && scene->elements.size() >= 200) break;
     }
     Stats full, budgeted;
     std::size_t fullCount = 0, budgetedCount = 0;
     for (int i = 1; i <= 10; ++i) {
       auto t0 = Clock::now();
-      auto scene = source.scan(i, screen, 30);
+      auto scene = source.scan(i, zul::VideoMapping::unscaled(screen), 30);
       full.add(ms(Clock::now() - t0));
       fullCount = scene ? scene->elements.size() : 0;
       t0 = Clock::now();
-      scene = source.scan(i, screen, 0.3);
+      scene = source.scan(i, zul::VideoMapping::unscaled(screen), 0.3);
       budgeted.add(ms(Clock::now() - t0));
       budgetedCount = scene ? scene->elements.size() : 0;
     }

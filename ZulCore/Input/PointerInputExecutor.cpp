@@ -48,12 +48,6 @@ PointerInputExecutor::PointerInputExecutor(const VideoMapping& mapping,
                                            std::shared_ptr<InputInjector> injector)
     : mapping_(mapping), injector_(std::move(injector)) {}
 
-PointerInputExecutor::PointerInputExecutor(double referenceWidth, double referenceHeight,
-                                           DesktopRect displayBounds,
-                                           std::shared_ptr<InputInjector> injector)
-    : PointerInputExecutor(VideoMapping{displayBounds, referenceWidth, referenceHeight},
-                           std::move(injector)) {}
-
 DesktopPoint PointerInputExecutor::displayPoint(double wireX, double wireY) const {
   return mapping_.toDesktop(wireX, wireY);
 }

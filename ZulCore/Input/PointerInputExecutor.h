@@ -23,9 +23,6 @@ class PointerInputExecutor {
   // The mapping is fixed here: a display rearranged later needs a new
   // executor.
   PointerInputExecutor(const VideoMapping& mapping, std::shared_ptr<InputInjector> injector);
-  // A video of `referenceWidth` x `referenceHeight` pixels over `displayBounds`.
-  PointerInputExecutor(double referenceWidth, double referenceHeight, DesktopRect displayBounds,
-                       std::shared_ptr<InputInjector> injector);
 
   // One "input.cursor" payload: "phase" ("move", "down", "up"), "x", "y",
   // "button" ("left", "right", "middle"). Throws PermissionGateError only.

@@ -58,11 +58,6 @@ class AccessibilitySceneSource {
   // found. Never throws.
   std::optional<AccessibilityScene> scan(std::int64_t sequence, const VideoMapping& video,
                                          double budgetSeconds);
-  // The same with a video as large as the display.
-  std::optional<AccessibilityScene> scan(std::int64_t sequence, const DesktopRect& displayBounds,
-                                         double budgetSeconds) {
-    return scan(sequence, VideoMapping::unscaled(displayBounds), budgetSeconds);
-  }
 
   // Focuses a text field, otherwise performs the element's default action.
   // Throws AccessibilitySceneError.

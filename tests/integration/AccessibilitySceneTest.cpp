@@ -38,7 +38,7 @@ class DesktopScene : public ::testing::Test {
   std::optional<AccessibilityScene> scanUntil(const std::string& label, std::int64_t sequence,
                                               double budget = 10) {
     for (int i = 0; i < 100; ++i) {
-      auto scene = source->scan(sequence, screen, budget);
+      auto scene = source->scan(sequence, VideoMapping::unscaled(screen), budget);
       if (scene && find(*scene, label)) return scene;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
@@ -175,7 +175,7 @@ TEST_F(DesktopScene, InvokePressesTogglesAndFocuses) {
 
   // Move the focus away with the button, then invoking the field focuses it.
   auto injector = std::make_shared<XTestInputInjector>(desktop->display());
-  PointerInputExecutor pointer(1280, 720, screen, injector);
+  PointerInputExecutor pointer(VideoMapping::unscaled(screen), injector);
   const SceneElement* button = find(*scene, "Press me");
   nlohmann::json at = {{"x", button->rect.x + 5}, {"y", button->rect.y + 5}};
   const PermissionGate gate{{DevicePermission::control}};

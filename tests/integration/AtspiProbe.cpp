@@ -12,7 +12,7 @@ int main() {
   auto backend = std::make_shared<zul::AtspiAccessibilityBackend>();
   zul::AccessibilitySceneSource source(backend);
   bool available = backend->isAvailable();
-  auto scene = source.scan(1, {0, 0, 1280, 720}, 0.3);
+  auto scene = source.scan(1, zul::VideoMapping::unscaled({0, 0, 1280, 720}), 0.3);
   std::string invoke = "ok";
   try {
     source.invoke("el:00", 1);

@@ -64,7 +64,7 @@ TEST_F(DesktopInput, PointerLandsWhereTheWireSays) {
       {1280, 720, {640, 0, 640, 720}, -300, -1, {640, 0}},
   };
   for (const auto& c : cases) {
-    PointerInputExecutor pointer(c.refW, c.refH, c.bounds, injector);
+    PointerInputExecutor pointer(VideoMapping{c.bounds, c.refW, c.refH}, injector);
     pointer.handle({{"phase", "move"}, {"x", c.x}, {"y", c.y}}, controlGate);
     EXPECT_EQ(XState::pointer(display), c.expected) << c.x << "," << c.y;
   }
@@ -72,7 +72,7 @@ TEST_F(DesktopInput, PointerLandsWhereTheWireSays) {
 
 TEST_F(DesktopInput, ButtonsDragAndScrollReachARealWindow) {
   TestApp app;
-  PointerInputExecutor pointer(1280, 720, screen, injector);
+  PointerInputExecutor pointer(VideoMapping::unscaled(screen), injector);
   int cx = app.pad.x + app.pad.width / 2;
   int cy = app.pad.y + app.pad.height / 2;
   auto expect = [&](const std::string& line) {
@@ -167,7 +167,7 @@ TEST_F(DesktopInput, NothingStaysPressedAfterTheSession) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto flaky = std::make_shared<FlakyInjector>(injector, c.failingKeyPress, c.failReleases);
-    PointerInputExecutor pointer(1280, 720, screen, flaky);
+    PointerInputExecutor pointer(VideoMapping::unscaled(screen), flaky);
     KeyboardExecutor keyboard(flaky);
     for (const auto& payload : c.pointer) pointer.handle(payload, controlGate);
     try {

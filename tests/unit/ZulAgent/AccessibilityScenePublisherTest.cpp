@@ -91,7 +91,7 @@ struct Publisher {
 
 TEST(AccessibilityScenePublisher, AnswersWithTheWholeComputerWhenNothingHasFocus) {
   Publisher p;
-  p.publisher.setDisplay({-1280, 0, 0.4, 720}, 1);
+  p.publisher.setDisplay(VideoMapping::unscaled({-1280, 0, 0.4, 720}), 1);
   p.publish(2);
   ASSERT_EQ(p.sent.size(), 2u);
   const auto& snapshot = p.sent[0];

@@ -35,7 +35,7 @@ struct Actions {
 
   void withPointer() {
     actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
-        1280, 720, DesktopRect{100, 0, 1280, 720}, injector));
+        VideoMapping{{100, 0, 1280, 720}, 1280, 720}, injector));
   }
   void send(const std::string& channel, const nlohmann::json& message,
             std::vector<DevicePermission> granted = {DevicePermission::view,
@@ -196,7 +196,7 @@ TEST(AgentMessageActions, PointerMovesPassALongText) {
     printed.emplace_back(line);
   });
   actions.setPointerExecutor(
-      std::make_shared<PointerInputExecutor>(1920, 1080, DesktopRect{0, 0, 1920, 1080}, injector));
+      std::make_shared<PointerInputExecutor>(VideoMapping::unscaled({0, 0, 1920, 1080}), injector));
   const PermissionGate full{{DevicePermission::view, DevicePermission::control}};
   auto message = [](nlohmann::json json) {
     return RoutedMessage{"input", json["type"], "1.0", "s", json};

@@ -18,7 +18,7 @@ const PermissionGate controlGate{{DevicePermission::view, DevicePermission::cont
 struct Pointer {
   explicit Pointer(DesktopRect bounds = {0, 0, 1440, 900}, double refW = 1440, double refH = 900)
       : injector(std::make_shared<test::RecordingInputInjector>()),
-        executor(refW, refH, bounds, injector) {}
+        executor(VideoMapping{bounds, refW, refH}, injector) {}
   Events run(std::initializer_list<json> payloads) {
     for (const auto& p : payloads) executor.handle(p, controlGate);
     return injector->events;

@@ -115,7 +115,7 @@ struct SceneFixture : ::testing::Test {
 };
 
 TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeRects) {
-  auto scene = source.scan(7, display, 0.3);
+  auto scene = source.scan(7, VideoMapping::unscaled(display), 0.3);
   ASSERT_TRUE(scene);
   EXPECT_EQ(scene->sequence, 7);
   std::vector<std::string> texts;
@@ -153,14 +153,14 @@ TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeR
 }
 
 TEST_F(SceneFixture, IdentifiersStayStableAcrossScans) {
-  auto first = source.scan(1, display, 0.3);
-  auto second = source.scan(2, display, 0.3);
+  auto first = source.scan(1, VideoMapping::unscaled(display), 0.3);
+  auto second = source.scan(2, VideoMapping::unscaled(display), 0.3);
   ASSERT_TRUE(first && second);
   EXPECT_EQ(find(*first, "OK")->id, find(*second, "OK")->id);
   EXPECT_EQ(find(*first, "OK")->id.size(), 3u + 64u);
   // The button leaves its wrapper's place: it gets an identifier of its own.
   button->info.rect->x += 1;
-  auto moved = source.scan(3, display, 0.3);
+  auto moved = source.scan(3, VideoMapping::unscaled(display), 0.3);
   std::string movedId = scene::elementIdentifier("button", "OK", {101, 100, 100, 100});
   EXPECT_TRUE(std::any_of(moved->elements.begin(), moved->elements.end(),
                           [&](const SceneElement& e) { return e.id == movedId; }));
@@ -171,28 +171,28 @@ TEST_F(SceneFixture, StopsAtTwoHundredElementsOrWhenTheBudgetIsSpent) {
     backend->window->kids.push_back(
         node("push button", "b" + std::to_string(i), {100.0 + i, 0, 20, 20}, {"click"}));
   }
-  auto scene = source.scan(1, display, 10);
+  auto scene = source.scan(1, VideoMapping::unscaled(display), 10);
   ASSERT_TRUE(scene);
   EXPECT_EQ(scene->elements.size(), 200u);
 
   // Each element read costs 10 ms of the fake clock: a 0.05 s budget admits
   // five reads (window, panel, label, b0, b1), four of them kept.
   backend->onDescribe = [this] { now += 10ms; };
-  auto hurried = source.scan(2, display, 0.05);
+  auto hurried = source.scan(2, VideoMapping::unscaled(display), 0.05);
   ASSERT_TRUE(hurried);
   EXPECT_EQ(hurried->elements.size(), 4u);
 }
 
 TEST_F(SceneFixture, NoWindowOrNoBusMeansNoScene) {
   backend->available = false;
-  EXPECT_FALSE(source.scan(1, display, 0.3));
+  EXPECT_FALSE(source.scan(1, VideoMapping::unscaled(display), 0.3));
   backend->available = true;
   backend->window.reset();
-  EXPECT_FALSE(source.scan(1, display, 0.3));
+  EXPECT_FALSE(source.scan(1, VideoMapping::unscaled(display), 0.3));
 }
 
 TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
-  auto scene = source.scan(10, display, 0.3);
+  auto scene = source.scan(10, VideoMapping::unscaled(display), 0.3);
   source.invoke(find(*scene, "OK")->id, 10);
   EXPECT_EQ(button->performed, (std::vector<std::string>{"click"}));
 
@@ -221,7 +221,7 @@ TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
 }
 
 TEST_F(SceneFixture, InvokeRefusesStaleUnknownAndUnreachable) {
-  auto scene = source.scan(10, display, 0.3);
+  auto scene = source.scan(10, VideoMapping::unscaled(display), 0.3);
   std::string ok = find(*scene, "OK")->id;
   auto errorOf = [&](const std::string& id, std::int64_t seq) -> std::string {
     try {
@@ -250,7 +250,7 @@ TEST_F(SceneFixture, InvokeRefusesStaleUnknownAndUnreachable) {
 TEST_F(SceneFixture, WindowControlsCarryTheirKindAndFixedLabel) {
   backend->controls = {{node("push button", "x", {1000, -50, 20, 20}, {"click"}), "close"},
                        {node("push button", "", {980, -50, 20, 20}), "zoom"}};
-  auto scene = source.scan(1, display, 0.3);
+  auto scene = source.scan(1, VideoMapping::unscaled(display), 0.3);
   const SceneElement* close = find(*scene, "Close window");
   ASSERT_TRUE(close);
   EXPECT_EQ(close->role, "windowControl");
