@@ -5,15 +5,15 @@
 #include <string>
 #include <vector>
 
-#include "ZulAgent/PhoneDemo.h"
-#include "ZulAgent/PipelineTest.h"
-#include "ZulAgent/RealAgent.h"
+#include "ZulAgent/demo/PhoneDemo.h"
+#include "ZulAgent/demo/PipelineTest.h"
+#include "ZulAgent/orchestration/RealAgent.h"
 #include "ZulAgent/RunMode.h"
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
 #include "ZulCore/Support/Console.h"
-#include "ZulPlatform/linux/LibavH264Encoder.h"
-#include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "ZulTransport/PeerVideoEncoding.h"
 #include "ZulTransport/SignalingUrl.h"
 #include "ZulTransport/WebRTCSmokeTest.h"

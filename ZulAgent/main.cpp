@@ -1,5 +1,5 @@
 #include "ZulAgent/AgentMain.h"
-#include "ZulAgent/RealAgentWindows.h"
+#include "ZulAgent/windows/RealAgentWindows.h"
 
 int main(int argc, char** argv) {
   zul::setWindowedRealAgent(zul::runRealAgentWithWindows);

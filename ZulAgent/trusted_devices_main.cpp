@@ -2,7 +2,7 @@
 
 #include "ZulAgent/TrustedDevicesTool.h"
 #include "ZulCore/Support/Console.h"
-#include "ZulPlatform/linux/SecretBackendSelection.h"
+#include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 
 int main(int argc, char** argv) {
   try {

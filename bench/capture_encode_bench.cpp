@@ -32,8 +32,8 @@
 #include <thread>
 #include <vector>
 
-#include "ZulPlatform/linux/LibavH264Encoder.h"
-#include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 
 extern "C" {
 #include <libavdevice/avdevice.h>

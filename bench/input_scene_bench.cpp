@@ -15,8 +15,8 @@
 #include "ZulCore/Input/KeyboardExecutor.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
-#include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
-#include "ZulPlatform/linux/XTestInputInjector.h"
+#include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "integration/DesktopSession.h"
 
 namespace {

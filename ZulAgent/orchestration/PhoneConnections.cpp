@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "ZulAgent/FramePixels.h"
+#include "ZulAgent/demo/FramePixels.h"
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/LocalOfferSession.h"
 

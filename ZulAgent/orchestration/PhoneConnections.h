@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ZulAgent/TaskQueue.h"
+#include "ZulAgent/orchestration/TaskQueue.h"
 #include "ZulCore/Media/CapturedFrame.h"
 #include "ZulTransport/AgentPeerSession.h"
 #include "ZulTransport/ControlSessionDispatcher.h"

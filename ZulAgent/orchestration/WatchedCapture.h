@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "ZulAgent/TaskQueue.h"
+#include "ZulAgent/orchestration/TaskQueue.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
 
 namespace zul {

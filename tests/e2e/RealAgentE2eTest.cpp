@@ -20,7 +20,7 @@
 #include "HeadlessChromium.h"
 #include "ScreenPattern.h"
 #include "ZulCore/Trust/TrustedDevice.h"
-#include "ZulPlatform/linux/FileSecretBackend.h"
+#include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
 

@@ -7,13 +7,13 @@
 #include <set>
 #include <thread>
 
-#include "ZulAgent/AccessibilityScenePublisher.h"
-#include "ZulAgent/CaptureGeometry.h"
+#include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
+#include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
-#include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
-#include "ZulPlatform/linux/ScreenCaptureSource.h"
-#include "ZulPlatform/linux/XTestInputInjector.h"
+#include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "integration/DesktopSession.h"
 
 namespace zul {

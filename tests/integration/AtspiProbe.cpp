@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
-#include "ZulPlatform/linux/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 
 int main() {
   auto backend = std::make_shared<zul::AtspiAccessibilityBackend>();

@@ -6,7 +6,7 @@
 
 #include "ZulCore/Input/KeyboardExecutor.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
-#include "ZulPlatform/linux/XTestInputInjector.h"
+#include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "integration/DesktopSession.h"
 
 namespace zul {

@@ -12,9 +12,9 @@
 #include <sstream>
 #include <thread>
 
-#include "ZulPlatform/linux/H264AnnexB.h"
-#include "ZulPlatform/linux/LibavH264Encoder.h"
-#include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/encoder/H264AnnexB.h"
+#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
 // Xlib last: its macros must not reach the headers above.

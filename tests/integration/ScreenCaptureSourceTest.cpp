@@ -10,10 +10,10 @@
 #include <thread>
 #include <vector>
 
-#include "ZulAgent/CaptureGeometry.h"
-#include "ZulAgent/DisplaySwitcher.h"
-#include "ZulPlatform/linux/Nv12FrameSurface.h"
-#include "ZulPlatform/linux/ScreenCaptureSource.h"
+#include "ZulAgent/orchestration/CaptureGeometry.h"
+#include "ZulAgent/orchestration/DisplaySwitcher.h"
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
 // Xlib last: its macros must not reach the headers above.

@@ -5,8 +5,8 @@
 #include <memory>
 #include <thread>
 
-#include "ZulPlatform/linux/SecretBackendSelection.h"
-#include "ZulPlatform/linux/SecretServiceBackend.h"
+#include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
+#include "ZulPlatform/linux/secrets/SecretServiceBackend.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
 

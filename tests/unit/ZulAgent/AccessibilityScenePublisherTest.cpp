@@ -2,7 +2,7 @@
 
 #include <future>
 
-#include "ZulAgent/AccessibilityScenePublisher.h"
+#include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
 
 namespace zul {
 namespace {

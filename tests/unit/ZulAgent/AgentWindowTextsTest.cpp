@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ZulAgent/AgentWindowTexts.h"
+#include "ZulAgent/windows/AgentWindowTexts.h"
 
 namespace zul::windows {
 namespace {

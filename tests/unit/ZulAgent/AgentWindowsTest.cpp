@@ -11,9 +11,9 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
-#include "ZulAgent/AgentSetupWindow.h"
-#include "ZulAgent/PairingQRWindow.h"
-#include "ZulAgent/TrustedDevicesWindow.h"
+#include "ZulAgent/windows/AgentSetupWindow.h"
+#include "ZulAgent/windows/PairingQRWindow.h"
+#include "ZulAgent/windows/TrustedDevicesWindow.h"
 #include "ZulCore/Trust/MemorySecretBackend.h"
 
 namespace zul {

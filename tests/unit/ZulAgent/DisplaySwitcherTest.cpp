@@ -3,7 +3,7 @@
 #include <atomic>
 #include <future>
 
-#include "ZulAgent/DisplaySwitcher.h"
+#include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulCore/Media/CaptureSource.h"
 
 namespace zul {

@@ -10,7 +10,7 @@
 #include <atomic>
 #include <thread>
 
-#include "ZulAgent/MiniHTTPServer.h"
+#include "ZulAgent/demo/MiniHTTPServer.h"
 
 namespace zul {
 namespace {

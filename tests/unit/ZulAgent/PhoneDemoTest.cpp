@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ZulAgent/PhoneDemo.h"
+#include "ZulAgent/demo/PhoneDemo.h"
 
 namespace zul {
 namespace {

@@ -1,4 +1,4 @@
-#include "ZulAgent/PipelineTest.h"
+#include "ZulAgent/demo/PipelineTest.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

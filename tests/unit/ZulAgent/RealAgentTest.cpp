@@ -4,8 +4,8 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "ZulAgent/CaptureGeometry.h"
-#include "ZulAgent/RealAgent.h"
+#include "ZulAgent/orchestration/CaptureGeometry.h"
+#include "ZulAgent/orchestration/RealAgent.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
 #include "unit/ZulCore/RecordingInputInjector.h"
 

@@ -12,8 +12,8 @@
 #include "ZulCore/Trust/MemorySecretBackend.h"
 #include "ZulCore/Trust/SecretStore.h"
 #include "ZulCore/Trust/TrustedDevice.h"
-#include "ZulPlatform/linux/FileSecretBackend.h"
-#include "ZulPlatform/linux/SecretBackendSelection.h"
+#include "ZulPlatform/linux/secrets/FileSecretBackend.h"
+#include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 
 namespace zul {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ZulPlatform/linux/FrameGate.h"
+#include "ZulPlatform/linux/capture/FrameGate.h"
 
 namespace zul {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ZulPlatform/linux/H264AnnexB.h"
+#include "ZulPlatform/linux/encoder/H264AnnexB.h"
 
 namespace zul {
 namespace {

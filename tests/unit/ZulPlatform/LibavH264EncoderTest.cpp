@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "ZulPlatform/linux/H264AnnexB.h"
-#include "ZulPlatform/linux/LibavH264Encoder.h"
-#include "ZulPlatform/linux/Nv12FrameSurface.h"
+#include "ZulPlatform/linux/encoder/H264AnnexB.h"
+#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 
 namespace zul {
 namespace {

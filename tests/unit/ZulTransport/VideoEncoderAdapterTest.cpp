@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ZulPlatform/linux/LibavH264Encoder.h"
+#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulTransport/VideoEncoderAdapter.h"
 #include "api/video/i420_buffer.h"
 #include "api/video/nv12_buffer.h"

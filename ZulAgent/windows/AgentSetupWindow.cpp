@@ -1,0 +1,171 @@
+#include "ZulAgent/windows/AgentSetupWindow.h"
+
+#include <QFrame>
+#include <QGridLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSettings>
+#include <QVBoxLayout>
+
+#include "ZulAgent/windows/AgentWindowTexts.h"
+
+namespace zul {
+namespace {
+
+// No public rendezvous server exists yet: the field starts empty.
+constexpr const char* defaultServerURL = "";
+constexpr const char* settingsKey = "ZulSignalingURL";
+constexpr const char* accent = "#2f6fed";
+constexpr const char* green = "#1f9d55";
+constexpr const char* neutral = "#8a8f98";
+
+QLabel* label(const QString& text, const char* style = nullptr) {
+  auto* l = new QLabel(text);
+  l->setWordWrap(true);
+  if (style) l->setStyleSheet(style);
+  return l;
+}
+
+}  // namespace
+
+AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
+    : permissions_(std::move(permissions)) {
+  setWindowTitle("Velto");
+  auto* layout = new QVBoxLayout(this);
+  layout->addWidget(label("ДОСТУП НА ЭТОМ КОМПЬЮТЕРЕ", "color: #8a8f98; font-size: 11px;"));
+  layout->addWidget(
+      label("Ваш компьютер — на расстоянии одного касания", "font-size: 20px; font-weight: 600;"));
+
+  serverField_ = new QLineEdit;
+  serverField_->setPlaceholderText("https://rendezvous.example.com");
+  layout->addWidget(serverField_);
+  pill_ = label("");
+  layout->addWidget(pill_);
+
+  auto* permissionsCard = new QFrame;
+  permissionsCard->setFrameShape(QFrame::StyledPanel);
+  auto* grid = new QGridLayout(permissionsCard);
+  // On X11 the X server of the session grants both; there is no settings
+  // page, so the button explains what is missing.
+  auto addRow = [this, grid](int row, const QString& title, const QString& detail,
+                             const QString& hint, QPushButton** settings) {
+    grid->addWidget(label(title, "font-weight: 600;"), row * 2, 0);
+    grid->addWidget(label(detail, "color: #8a8f98;"), row * 2 + 1, 0);
+    auto* status = label("");
+    grid->addWidget(status, row * 2, 1);
+    *settings = new QPushButton("Открыть настройки");
+    connect(*settings, &QPushButton::clicked, this, [this, hint] { showError(hint); });
+    grid->addWidget(*settings, row * 2, 2);
+    return status;
+  };
+  screenStatus_ =
+      addRow(0, "Запись экрана", "Показывает экран компьютера на телефоне",
+             "Запустите агент в графическом сеансе X11: экран читается через его X-сервер.",
+             &screenSettings_);
+  inputStatus_ =
+      addRow(1, "Универсальный доступ", "Разрешает управление указателем и вводом",
+             "X-сервер этого сеанса должен поддерживать расширение XTEST.", &inputSettings_);
+  layout->addWidget(permissionsCard);
+
+  errorCallout_ = label("", "background: #fdecea; color: #b3261e; padding: 8px;");
+  errorCallout_->hide();
+  layout->addWidget(errorCallout_);
+
+  startButton_ = new QPushButton("Включить Velto");
+  layout->addWidget(startButton_);
+  progress_ = new QProgressBar;
+  progress_->setRange(0, 0);
+  progress_->hide();
+  layout->addWidget(progress_);
+  layout->addWidget(label("Прямое зашифрованное соединение • данные экрана не хранятся в облаке",
+                          "color: #8a8f98; font-size: 11px;"));
+  connect(startButton_, &QPushButton::clicked, this, [this] { start(); });
+}
+
+void AgentSetupWindowController::show(std::function<void(const std::string&)> onStart) {
+  onStart_ = std::move(onStart);
+  const QSettings settings;
+  serverField_->setText(settings.value(settingsKey, defaultServerURL).toString());
+  refreshPermissions();
+  QWidget::show();
+  raise();
+  activateWindow();
+}
+
+void AgentSetupWindowController::refreshPermissions() {
+  auto shown = [](QLabel* status, QPushButton* settings, const std::function<bool()>& granted) {
+    const bool ok = granted && granted();
+    status->setText(ok ? "Предоставлено" : "Требуется");
+    status->setStyleSheet(ok ? "color: #1f9d55;" : "color: #b3261e;");
+    settings->setEnabled(!ok);
+  };
+  shown(screenStatus_, screenSettings_, permissions_.screenReadable);
+  shown(inputStatus_, inputSettings_, permissions_.inputInjectable);
+}
+
+void AgentSetupWindowController::start() {
+  refreshPermissions();
+  if (screenStatus_->text() != "Предоставлено" || inputStatus_->text() != "Предоставлено") {
+    showError("Сначала предоставьте оба разрешения в настройках системы.");
+    return;
+  }
+  const auto url = windows::acceptedServerURL(serverField_->text().toStdString());
+  if (!url) {
+    showError("Введите корректный HTTPS-адрес сервера подключения.");
+    return;
+  }
+  QSettings settings;
+  settings.setValue(settingsKey, QString::fromStdString(*url));
+  errorCallout_->hide();
+  serverField_->setEnabled(false);
+  startButton_->setEnabled(false);
+  startButton_->setText("Подключение…");
+  progress_->show();
+  setPill("Подключение", accent);
+  if (onStart_) onStart_(*url);
+}
+
+void AgentSetupWindowController::updateTransportStatus(const std::string& status) {
+  const auto view = windows::statusView(status);
+  if (view.showFailure) {
+    showFailure(status);
+    return;
+  }
+  if (view.pillText) {
+    const char* colour = view.colour == windows::PillColour::green    ? green
+                         : view.colour == windows::PillColour::accent ? accent
+                                                                      : neutral;
+    setPill(QString::fromStdString(*view.pillText), colour);
+  }
+  if (view.enableRetry) enableRetry();
+}
+
+void AgentSetupWindowController::showFailure(const std::string& message) {
+  enableRetry();
+  showError(QString::fromStdString(windows::friendlyFailure(message)));
+}
+
+void AgentSetupWindowController::enableRetry() {
+  serverField_->setEnabled(true);
+  startButton_->setEnabled(true);
+  startButton_->setText("Повторить");
+  progress_->hide();
+}
+
+void AgentSetupWindowController::setPill(const QString& text, const char* colour) {
+  pill_->setText(QString("● ") + text);
+  pill_->setStyleSheet(QString("color: %1; font-weight: 600;").arg(colour));
+}
+
+void AgentSetupWindowController::showError(const QString& text) {
+  errorCallout_->setText(QString("⚠ ") + text);
+  errorCallout_->show();
+}
+
+QString AgentSetupWindowController::pillText() const { return pill_->text().mid(2); }
+QString AgentSetupWindowController::errorText() const { return errorCallout_->text().mid(2); }
+bool AgentSetupWindowController::errorVisible() const { return !errorCallout_->isHidden(); }
+
+}  // namespace zul

@@ -1,0 +1,104 @@
+#include "ZulAgent/windows/AgentWindowTexts.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
+namespace zul::windows {
+namespace {
+
+std::string lower(std::string_view text) {
+  std::string out(text);
+  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+}  // namespace
+
+std::optional<std::string> acceptedServerURL(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return std::nullopt;
+  const auto last = text.find_last_not_of(" \t\r\n");
+  const std::string url(text.substr(first, last - first + 1));
+  constexpr std::string_view scheme = "https://";
+  if (url.rfind(scheme, 0) != 0) return std::nullopt;
+  // The authority runs to the first "/", "?" or "#"; without user info and
+  // port it must still name a host.
+  std::string_view authority = std::string_view(url).substr(scheme.size());
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  if (const auto at = authority.rfind('@'); at != std::string_view::npos) {
+    authority = authority.substr(at + 1);
+  }
+  std::string_view host = authority;
+  if (host.rfind('[', 0) == 0) {
+    host = host.substr(0, host.find(']') == std::string_view::npos ? 0 : host.find(']') + 1);
+  } else {
+    host = host.substr(0, host.find(':'));
+  }
+  if (host.empty() || host == "[]") return std::nullopt;
+  if (url.find_first_of(" \t\r\n") != std::string::npos) return std::nullopt;
+  return url;
+}
+
+StatusView statusView(std::string_view status) {
+  const std::string s = lower(status);
+  if (contains(s, "peer-ready")) return {"Подключено", PillColour::green};
+  if (s == "waiting" || s == "connected" || contains(s, "ready")) {
+    return {"Ожидание телефона", PillColour::accent};
+  }
+  if (contains(s, "reconnecting")) return {"Подключение", PillColour::accent};
+  if (contains(s, "disconnected")) return {"Не в сети", PillColour::neutral, true};
+  if (contains(s, "error") || contains(s, "failed")) {
+    return {std::nullopt, PillColour::neutral, true, true};
+  }
+  return {};
+}
+
+std::string friendlyFailure(std::string_view message) {
+  const std::string s = lower(message);
+  if (contains(s, "capture") || contains(message, "захват") || contains(message, "Захват") ||
+      contains(message, "ЗАХВАТ")) {
+    return "Не удалось начать запись экрана. Проверьте разрешение и перезапустите Velto.";
+  }
+  if (contains(s, "network") || contains(s, "connect")) {
+    return "Не удалось связаться с сервером. Проверьте интернет и повторите попытку.";
+  }
+  return std::string(message);
+}
+
+std::string deviceCode(std::string_view agentId) {
+  std::string tail(agentId.substr(agentId.size() > 8 ? agentId.size() - 8 : 0));
+  for (auto& c : tail) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return "VELTO-PC-" + tail;
+}
+
+std::string countdownText(std::int64_t remainingSeconds) {
+  if (remainingSeconds <= 0) return "Код истёк — обновите QR";
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "Код истечёт через %02lld:%02lld",
+                static_cast<long long>(remainingSeconds / 60),
+                static_cast<long long>(remainingSeconds % 60));
+  return buffer;
+}
+
+std::vector<TrustedDevice> devicesNewestFirst(std::vector<TrustedDevice> devices) {
+  std::stable_sort(
+      devices.begin(), devices.end(),
+      [](const TrustedDevice& a, const TrustedDevice& b) { return a.pairedAt > b.pairedAt; });
+  return devices;
+}
+
+std::string deviceDetail(const TrustedDevice& device, const std::string& pairedAtText) {
+  std::vector<std::string> names;
+  for (auto permission : device.permissions) names.emplace_back(rawValue(permission));
+  std::sort(names.begin(), names.end());
+  std::string detail;
+  for (const auto& name : names) detail += name + " · ";
+  return detail + "добавлено " + pairedAtText;
+}
+
+}  // namespace zul::windows

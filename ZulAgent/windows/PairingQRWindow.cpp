@@ -1,0 +1,134 @@
+#include "ZulAgent/windows/PairingQRWindow.h"
+
+#include <qrencode.h>
+
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPainter>
+#include <QPixmap>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "ZulAgent/windows/AgentWindowTexts.h"
+#include "ZulAgent/windows/TrustedDevicesWindow.h"
+
+namespace zul {
+
+PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
+    : store_(std::move(devices)) {
+  setWindowTitle("Velto — Подключение");
+  resize(600, 590);
+  auto* layout = new QVBoxLayout(this);
+  auto* heading = new QLabel("VELTO • БЕЗОПАСНОЕ СОПРЯЖЕНИЕ");
+  heading->setStyleSheet("color: #8a8f98; font-size: 11px;");
+  layout->addWidget(heading);
+  auto* title = new QLabel("Подключите телефон");
+  title->setStyleSheet("font-size: 20px; font-weight: 600;");
+  layout->addWidget(title);
+  layout->addWidget(new QLabel("Откройте Velto на телефоне и наведите камеру на код"));
+  qr_ = new QLabel;
+  qr_->setAlignment(Qt::AlignCenter);
+  qr_->setAccessibleName("QR-код для подключения телефона");
+  layout->addWidget(qr_);
+  layout->addWidget(new QLabel("●  Ожидание телефона"));
+  auto* codeRow = new QHBoxLayout;
+  codeRow->addWidget(new QLabel("Этот компьютер"));
+  code_ = new QLabel;
+  code_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  codeRow->addWidget(code_);
+  layout->addLayout(codeRow);
+  countdown_ = new QLabel;
+  layout->addWidget(countdown_);
+  progress_ = new QProgressBar;
+  progress_->setTextVisible(false);
+  layout->addWidget(progress_);
+
+  auto* buttons = new QHBoxLayout;
+  auto add = [&](const QString& text, auto action) {
+    auto* button = new QPushButton(text);
+    connect(button, &QPushButton::clicked, this, action);
+    buttons->addWidget(button);
+    return button;
+  };
+  add("Копировать код",
+      [this] { QGuiApplication::clipboard()->setText(QString::fromStdString(deviceCode_)); });
+  add("Копировать ссылку",
+      [this] { QGuiApplication::clipboard()->setText(QString::fromStdString(link_)); });
+  add("Обновить QR", [this] { refresh(); })->setAccessibleName("Обновить QR-код подключения");
+  add("Устройства…", [this] { showDevices(); });
+  layout->addLayout(buttons);
+
+  timer_.setInterval(1000);
+  connect(&timer_, &QTimer::timeout, this, [this] { updateCountdown(); });
+}
+
+PairingQRWindowController::~PairingQRWindowController() = default;
+
+void PairingQRWindowController::show(const std::string& link, const std::string& agentId,
+                                     std::int64_t expiresInSeconds,
+                                     std::function<void()> onRefresh) {
+  link_ = link;
+  onRefresh_ = std::move(onRefresh);
+  expiresAt_ = std::chrono::steady_clock::now() + std::chrono::seconds(expiresInSeconds);
+  deviceCode_ = windows::deviceCode(agentId);
+  code_->setText(QString::fromStdString(deviceCode_));
+  // Long links make dense codes: more pixels than a short one needs.
+  qr_->setPixmap(QPixmap::fromImage(qrCodeImage(link, 360)));
+  progress_->setRange(0, int(std::max<std::int64_t>(expiresInSeconds, 1)));
+  timer_.start();
+  updateCountdown();
+  QWidget::show();
+  raise();
+  activateWindow();
+}
+
+void PairingQRWindowController::updateCountdown() {
+  // Whole seconds, rounded up: a fresh two-minute link reads 02:00, and 00:00
+  // only once it has expired.
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        expiresAt_ - std::chrono::steady_clock::now())
+                        .count();
+  const std::int64_t remaining = left > 0 ? (left + 999) / 1000 : 0;
+  countdown_->setText(QString::fromStdString(windows::countdownText(remaining)));
+  progress_->setValue(int(remaining));
+  if (remaining < 1) timer_.stop();
+}
+
+void PairingQRWindowController::refresh() {
+  if (onRefresh_) onRefresh_();
+}
+
+void PairingQRWindowController::showDevices() {
+  if (!devices_) devices_ = std::make_unique<TrustedDevicesWindowController>(store_);
+  devices_->show();
+}
+
+QString PairingQRWindowController::countdownText() const { return countdown_->text(); }
+
+QImage PairingQRWindowController::qrCodeImage(const std::string& text, int pixelSize) {
+  QRcode* code = QRcode_encodeData(
+      int(text.size()), reinterpret_cast<const unsigned char*>(text.data()), 0, QR_ECLEVEL_M);
+  if (!code) return {};
+  const int quiet = 4;
+  const int modules = code->width + 2 * quiet;
+  QImage image(pixelSize, pixelSize, QImage::Format_RGB32);
+  image.fill(Qt::white);
+  QPainter painter(&image);
+  // Whole pixels per module, centred, so that every module has the same size.
+  const int scale = std::max(1, pixelSize / modules);
+  const int offset = (pixelSize - modules * scale) / 2 + quiet * scale;
+  for (int y = 0; y < code->width; ++y) {
+    for (int x = 0; x < code->width; ++x) {
+      if (code->data[y * code->width + x] & 1) {
+        painter.fillRect(offset + x * scale, offset + y * scale, scale, scale, Qt::black);
+      }
+    }
+  }
+  QRcode_free(code);
+  return image;
+}
+
+}  // namespace zul

@@ -1,0 +1,124 @@
+#include "ZulAgent/windows/RealAgentWindows.h"
+
+#include <signal.h>
+
+#include <QApplication>
+#include <QMetaObject>
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "ZulAgent/windows/AgentSetupWindow.h"
+#include "ZulAgent/windows/PairingQRWindow.h"
+#include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
+#include "ZulPlatform/linux/x11/X11CaptureConnection.h"
+#include "ZulPlatform/linux/x11/XTestInputInjector.h"
+
+namespace zul {
+namespace {
+
+bool screenReadable() {
+  auto connection = X11CaptureConnection::open({});
+  return connection && connection->canReadScreen();
+}
+
+bool inputInjectable() {
+  try {
+    XTestInputInjector probe;
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// Runs `action` on the GUI thread.
+template <typename Action>
+void onGui(QObject* context, Action action) {
+  QMetaObject::invokeMethod(context, std::move(action), Qt::QueuedConnection);
+}
+
+}  // namespace
+
+void runRealAgentWithWindows(const PrintLine& print) {
+  const char* display = std::getenv("DISPLAY");
+  if (!display || !*display) {
+    print(
+        "real-agent failed: no X display for the setup window "
+        "(set ZUL_SIGNALING_URL to run without windows)");
+    return;
+  }
+  // SIGINT and SIGTERM close the windows (and so stop the agent) through the
+  // event loop: blocked in every thread, taken by one that waits for them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  sigset_t previousMask;
+  pthread_sigmask(SIG_BLOCK, &stopSignals, &previousMask);
+  std::atomic<bool> finished{false};
+
+  int argc = 1;
+  char name[] = "zul-agent";
+  char* argv[] = {name, nullptr};
+  QApplication app(argc, argv);
+  QApplication::setOrganizationName("zul");
+  QApplication::setApplicationName("zul-agent");
+
+  AgentSetupWindowController setup({screenReadable, inputInjectable});
+  // The agent's own store, chosen when first used: a store that cannot be
+  // had fails the agent's start with its reason, not the windows.
+  PairingQRWindowController pairing(
+      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, deferredSecretBackend())));
+  auto control = std::make_shared<RealAgentControl>();
+  std::thread agent;
+
+  auto stopAgent = [&] {
+    control->requestStop();
+    if (agent.joinable()) agent.join();
+  };
+  setup.show([&](const std::string& url) {
+    stopAgent();  // a retry replaces the agent that is still trying
+    control = std::make_shared<RealAgentControl>();
+    agent = std::thread([&setup, &pairing, print, url, control] {
+      RealAgentSettings settings;
+      settings.signalingBaseURL = url;
+      RealAgentUi ui;
+      ui.control = control;
+      ui.onPairingLink = [&pairing, control](const std::string& link, const std::string& agentId,
+                                             std::int64_t seconds) {
+        onGui(&pairing, [&pairing, control, link, agentId, seconds] {
+          pairing.show(link, agentId, seconds, [control] { control->requestPairingRefresh(); });
+        });
+      };
+      try {
+        runRealAgent(
+            settings,
+            [&setup](const std::string& status) {
+              onGui(&setup, [&setup, status] { setup.updateTransportStatus(status); });
+            },
+            print, ui);
+      } catch (const std::exception& error) {
+        print(std::string("real-agent failed: ") + error.what());
+        const std::string message = error.what();
+        onGui(&setup, [&setup, message] { setup.showFailure(message); });
+      }
+    });
+  });
+  std::thread signalWaiter([&] {
+    const timespec tick{0, 250'000'000};
+    while (!finished) {
+      if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) {
+        print("stopping (signal)");
+        QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
+      }
+    }
+  });
+  app.exec();
+  stopAgent();
+  finished = true;
+  signalWaiter.join();
+  pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+}
+
+}  // namespace zul

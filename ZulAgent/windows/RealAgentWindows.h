@@ -1,0 +1,13 @@
+#pragma once
+
+#include "ZulAgent/orchestration/RealAgent.h"
+
+namespace zul {
+
+// The real agent as an application: the setup window takes the server's
+// address and starts the agent on a thread of its own; its statuses go to the
+// setup window, its pairing links to the QR window. Returns when the last
+// window is closed, after the agent has stopped.
+void runRealAgentWithWindows(const PrintLine& print);
+
+}  // namespace zul

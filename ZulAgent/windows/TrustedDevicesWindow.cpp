@@ -1,0 +1,126 @@
+#include "ZulAgent/windows/TrustedDevicesWindow.h"
+
+#include <QDateTime>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLocale>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "ZulAgent/windows/AgentWindowTexts.h"
+
+namespace zul {
+namespace {
+
+QString pairedAtText(const TrustedDevice& device) {
+  const auto seconds = device.pairedAt.time_since_epoch().count();
+  const QDateTime local = QDateTime::fromSecsSinceEpoch(seconds);
+  static const QLocale locale;
+  return locale.toString(local.date(), "d MMM yyyy") + " " +
+         locale.toString(local.time(), QLocale::ShortFormat);
+}
+
+}  // namespace
+
+TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStore store,
+                                                               Confirm confirm)
+    : store_(std::move(store)), confirm_(std::move(confirm)) {
+  setWindowTitle("Velto — устройства");
+  auto* layout = new QVBoxLayout(this);
+  auto* heading = new QLabel("Подключённые устройства");
+  heading->setStyleSheet("font-size: 18px; font-weight: 600;");
+  layout->addWidget(heading);
+  auto* subtitle = new QLabel("Телефоны, которым разрешено подключаться к этому компьютеру");
+  subtitle->setStyleSheet("color: #8a8f98;");
+  layout->addWidget(subtitle);
+  list_ = new QVBoxLayout;
+  layout->addLayout(list_);
+  layout->addStretch();
+  if (!confirm_) {
+    confirm_ = [this] {
+      QMessageBox box(this);
+      box.setText("Отозвать доступ?");
+      box.setInformativeText("Этот телефон больше не сможет открыть новые сессии с компьютером.");
+      auto* revoke = box.addButton("Отозвать", QMessageBox::AcceptRole);
+      box.addButton("Отмена", QMessageBox::RejectRole);
+      box.exec();
+      return box.clickedButton() == revoke;
+    };
+  }
+}
+
+void TrustedDevicesWindowController::show() {
+  refresh();
+  QWidget::show();
+  raise();
+  activateWindow();
+}
+
+void TrustedDevicesWindowController::refresh() {
+  while (QLayoutItem* item = list_->takeAt(0)) {
+    if (QWidget* widget = item->widget()) {
+      widget->hide();
+      widget->deleteLater();
+    }
+    delete item;
+  }
+  std::vector<TrustedDevice> devices;
+  try {
+    devices = store_.load();
+  } catch (const std::exception&) {
+    // Unreadable counts as empty.
+  }
+  if (devices.empty()) {
+    list_->addWidget(new QLabel("Пока нет подключённых телефонов"));
+    return;
+  }
+  for (const auto& device : windows::devicesNewestFirst(devices)) {
+    auto* row = new QWidget;
+    row->setObjectName(QString::fromStdString(device.deviceId));
+    auto* layout = new QHBoxLayout(row);
+    auto* texts = new QVBoxLayout;
+    auto* name = new QLabel(QString::fromStdString(device.name));
+    name->setObjectName("name");
+    auto* detail = new QLabel(
+        QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString())));
+    detail->setObjectName("detail");
+    texts->addWidget(name);
+    texts->addWidget(detail);
+    layout->addLayout(texts, 1);
+    auto* button = new QPushButton(device.revoked ? "Отозвано" : "Отозвать");
+    button->setEnabled(!device.revoked);
+    const std::string id = device.deviceId;
+    connect(button, &QPushButton::clicked, this, [this, id] { revoke(id); });
+    layout->addWidget(button);
+    list_->addWidget(row);
+  }
+}
+
+void TrustedDevicesWindowController::revoke(const std::string& deviceId) {
+  if (!confirm_()) return;
+  try {
+    store_.revoke(deviceId);
+  } catch (const std::exception&) {
+    // The list shows what the store holds.
+  }
+  refresh();
+}
+
+std::vector<std::string> TrustedDevicesWindowController::rows() const {
+  std::vector<std::string> out;
+  for (int i = 0; i < list_->count(); ++i) {
+    QWidget* row = list_->itemAt(i)->widget();
+    if (auto* empty = qobject_cast<QLabel*>(row)) {
+      out.push_back(empty->text().toStdString());
+      continue;
+    }
+    auto* button = row->findChild<QPushButton*>();
+    out.push_back(row->findChild<QLabel*>("name")->text().toStdString() + " | " +
+                  row->findChild<QLabel*>("detail")->text().toStdString() + " | " +
+                  button->text().toStdString() + (button->isEnabled() ? "" : " (disabled)"));
+  }
+  return out;
+}
+
+}  // namespace zul

@@ -1,0 +1,555 @@
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
+
+// WebRTC's headers come before anything that includes Xlib, whose macros
+// (None, Bool, Status) would break them.
+#include <libyuv/convert_from_argb.h>
+#include <libyuv/planar_functions.h>
+#include <libyuv/scale_argb.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "ZulPlatform/linux/capture/FrameGate.h"
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
+#include "ZulPlatform/linux/x11/X11CaptureConnection.h"
+#include "modules/desktop_capture/desktop_and_cursor_composer.h"
+#include "modules/desktop_capture/desktop_capture_options.h"
+#include "modules/desktop_capture/desktop_capturer.h"
+#include "modules/desktop_capture/desktop_frame.h"
+#include "modules/desktop_capture/linux/x11/shared_x_display.h"
+
+namespace zul {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How often the capture thread makes sure the server and the monitor are
+// still there; a still screen makes no requests that would notice.
+constexpr auto livenessInterval = std::chrono::milliseconds(250);
+constexpr auto monitorCheckInterval = std::chrono::seconds(1);
+
+// Reuses the blocks of surfaces the consumer has let go, so a frame costs no
+// fresh pages. Blocks outliving the pool are freed by their surface.
+class SurfacePool : public std::enable_shared_from_this<SurfacePool> {
+ public:
+  SurfacePool(int width, int height)
+      : width_(width), height_(height), size_(Nv12FrameSurface::bytesFor(width, height)) {}
+  ~SurfacePool() {
+    for (auto* block : free_) std::free(block);
+  }
+
+  std::shared_ptr<Nv12FrameSurface> take() {
+    std::uint8_t* bytes = nullptr;
+    {
+      std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        bytes = free_.back();
+        free_.pop_back();
+      }
+    }
+    if (!bytes) {
+      bytes = static_cast<std::uint8_t*>(std::aligned_alloc(64, (size_ + 63) / 64 * 64 + 64));
+      if (!bytes) throw std::bad_alloc();
+    }
+    std::weak_ptr<SurfacePool> pool = weak_from_this();
+    return std::make_shared<Nv12FrameSurface>(
+        width_, height_, Nv12FrameSurface::Block{bytes, size_, [pool, bytes] {
+                                                   if (auto owner = pool.lock()) {
+                                                     owner->giveBack(bytes);
+                                                   } else {
+                                                     std::free(bytes);
+                                                   }
+                                                 }});
+  }
+
+ private:
+  void giveBack(std::uint8_t* bytes) {
+    {
+      std::lock_guard lock(mutex_);
+      if (free_.size() < 4) {
+        free_.push_back(bytes);
+        return;
+      }
+    }
+    std::free(bytes);
+  }
+
+  int width_;
+  int height_;
+  std::size_t size_;
+  std::mutex mutex_;
+  std::vector<std::uint8_t*> free_;
+};
+
+// BGRA (libyuv's "ARGB") at any size into a full-range NV12 surface of its
+// own size; scales first when the sizes differ.
+class Nv12Converter {
+ public:
+  void convert(const webrtc::DesktopFrame& frame, Nv12FrameSurface& out) {
+    const std::uint8_t* source = frame.data();
+    int stride = frame.stride();
+    const int width = out.width(), height = out.height();
+    if (frame.size().width() != width || frame.size().height() != height) {
+      scaled_.resize(std::size_t(width) * height * 4);
+      libyuv::ARGBScale(source, stride, frame.size().width(), frame.size().height(), scaled_.data(),
+                        width * 4, width, height, libyuv::kFilterBilinear);
+      source = scaled_.data();
+      stride = width * 4;
+    }
+    const int chromaWidth = out.chromaWidth(), chromaHeight = out.chromaHeight();
+    u_.resize(std::size_t(chromaWidth) * chromaHeight);
+    v_.resize(u_.size());
+    libyuv::ARGBToJ420(source, stride, out.luma(), out.lumaStride(), u_.data(), chromaWidth,
+                       v_.data(), chromaWidth, width, height);
+    libyuv::MergeUVPlane(u_.data(), chromaWidth, v_.data(), chromaWidth, out.chroma(),
+                         out.chromaStride(), chromaWidth, chromaHeight);
+  }
+
+ private:
+  std::vector<std::uint8_t> scaled_;
+  std::vector<std::uint8_t> u_;
+  std::vector<std::uint8_t> v_;
+};
+
+}  // namespace
+
+struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
+  // What one run of the capture thread needs, fixed at start.
+  struct Run {
+    CaptureOptions options;
+    DisplayDescriptor monitor;
+    std::vector<DisplayDescriptor> monitors;  // the list as last seen
+    int width = 0;
+    int height = 0;
+    std::unique_ptr<X11CaptureConnection> connection;
+    std::promise<std::string> started;  // empty text: frames flow; else why not
+  };
+
+  std::string displayName;
+
+  // Guards everything below.
+  mutable std::mutex mutex;
+  std::condition_variable wake;
+  FrameReady frameReady;
+  CaptureFailed captureFailed;
+  DisplaysChanged displaysChanged;
+  CaptureTiming onCaptureTiming;
+  bool running = false;
+  bool stopRequested = false;
+  bool handlingFrame = false;
+  std::int64_t sequence = 0;
+  std::optional<CapturedFrame> pending;  // the frame the delivery thread hands out next
+  std::optional<std::uint32_t> resolvedDisplayID;
+  Statistics statistics;
+  std::thread captureThread;
+  std::thread deliveryThread;
+
+  // Touched by the capture thread alone.
+  webrtc::DesktopCapturer::Result lastResult = webrtc::DesktopCapturer::Result::SUCCESS;
+  std::unique_ptr<webrtc::DesktopFrame> lastFrame;
+
+  void OnCaptureResult(webrtc::DesktopCapturer::Result result,
+                       std::unique_ptr<webrtc::DesktopFrame> frame) override {
+    lastResult = result;
+    lastFrame = std::move(frame);
+  }
+
+  void captureLoop(Run& run);
+  // Tells the owner of a changed monitor list; false when nobody listens.
+  bool reportDisplaysChanged(const std::vector<DisplayDescriptor>& monitors);
+  void deliveryLoop();
+  // Ends the run from the capture thread: tells the owner, then stops.
+  void fail(const std::string& reason);
+};
+
+void ScreenCaptureSource::Impl::fail(const std::string& reason) {
+  CaptureFailed handler;
+  {
+    std::lock_guard lock(mutex);
+    handler = captureFailed;
+  }
+  if (handler) {
+    try {
+      handler(CaptureError::captureFailed(reason));
+    } catch (...) {
+      // the owner's failure must not take the capture thread down
+    }
+  }
+  std::lock_guard lock(mutex);
+  running = false;
+}
+
+bool ScreenCaptureSource::Impl::reportDisplaysChanged(
+    const std::vector<DisplayDescriptor>& monitors) {
+  DisplaysChanged handler;
+  {
+    std::lock_guard lock(mutex);
+    handler = displaysChanged;
+  }
+  if (!handler) return false;
+  try {
+    handler(monitors);
+  } catch (...) {
+    // the owner's failure must not take the capture thread down
+  }
+  return true;
+}
+
+void ScreenCaptureSource::Impl::captureLoop(Run& run) {
+  bool reportedStart = false;
+  auto failBeforeOrAfterStart = [&](const std::string& reason) {
+    if (!reportedStart) {
+      run.started.set_value(reason);
+    } else {
+      fail(reason);
+    }
+  };
+
+  std::atomic<bool> capturerLost{false};
+  std::unique_ptr<webrtc::DesktopCapturer> capturer;
+  {
+    webrtc::DesktopCaptureOptions captureOptions;
+    auto shared = webrtc::SharedXDisplay::Create(run.connection->name());
+    if (!shared) return failBeforeOrAfterStart("cannot open X display " + run.connection->name());
+    X11CaptureConnection::reportServerLoss(shared->display(), &capturerLost);
+    captureOptions.set_x_display(shared);
+    captureOptions.set_use_update_notifications(true);  // XDamage: read only what changed
+    auto screen = webrtc::DesktopCapturer::CreateScreenCapturer(captureOptions);
+    if (!screen) return failBeforeOrAfterStart("no X11 screen capturer");
+    if (run.monitor.displayID != 0 &&
+        !screen->SelectSource(
+            static_cast<webrtc::DesktopCapturer::SourceId>(run.monitor.displayID))) {
+      return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) + " vanished");
+    }
+    capturer =
+        std::make_unique<webrtc::DesktopAndCursorComposer>(std::move(screen), captureOptions);
+  }
+  capturer->Start(this);
+  run.connection->watchMonitors();
+
+  FrameGate gate(run.options.framesPerSecond, run.options.idleFramesPerSecond);
+  auto pool = std::make_shared<SurfacePool>(run.width, run.height);
+  Nv12Converter converter;
+  std::shared_ptr<Nv12FrameSurface> lastSurface;
+  auto nextCapture = Clock::now();
+  auto lastLiveness = Clock::now();
+  auto lastMonitorCheck = Clock::now();
+  int temporaryFailures = 0;
+
+  // A frame that found the consumer busy was dropped; the next one is taken
+  // as soon as the consumer is free rather than a whole interval later.
+  bool retryWhenFree = false;
+  for (;;) {
+    bool early = false;
+    {
+      std::unique_lock lock(mutex);
+      wake.wait_until(lock, nextCapture,
+                      [&] { return stopRequested || (retryWhenFree && !handlingFrame); });
+      if (stopRequested) break;
+      early = retryWhenFree && !handlingFrame && Clock::now() < nextCapture;
+    }
+    retryWhenFree = false;
+    const auto now = Clock::now();
+    if (early) {
+      nextCapture = now + gate.activeInterval();  // pacing goes on from this frame
+    } else {
+      nextCapture += gate.activeInterval();
+      if (nextCapture < now) nextCapture = now + gate.activeInterval();  // fell behind: no burst
+    }
+
+    const auto readStart = Clock::now();
+    capturer->CaptureFrame();
+    const auto readTime = Clock::now() - readStart;
+    auto frame = std::move(lastFrame);
+
+    if (now - lastLiveness >= livenessInterval) {
+      lastLiveness = now;
+      if (!run.connection->alive()) capturerLost = true;
+    }
+    if (capturerLost) {
+      return failBeforeOrAfterStart("the X server of " + run.connection->name() + " went away");
+    }
+    // Notices make a change seen at once; the periodic look catches servers
+    // that send none.
+    if (run.connection->monitorsMayHaveChanged() ||
+        now - lastMonitorCheck >= monitorCheckInterval) {
+      lastMonitorCheck = now;
+      auto monitors = run.connection->monitors();
+      // An empty list means the server is gone, which the liveness check reports.
+      if (!monitors.empty() && monitors != run.monitors) {
+        run.monitors = std::move(monitors);
+        bool present = false;
+        for (const auto& monitor : run.monitors) {
+          present = present || monitor.displayID == run.monitor.displayID;
+        }
+        const bool heard = reportDisplaysChanged(run.monitors);
+        if (!present) {
+          const std::string gone = "monitor " + std::to_string(run.monitor.index) + " of " +
+                                   run.connection->name() + " went away";
+          if (!heard || !reportedStart) return failBeforeOrAfterStart(gone);
+          std::lock_guard lock(mutex);
+          running = false;
+          return;
+        }
+      }
+    }
+    if (lastResult == webrtc::DesktopCapturer::Result::ERROR_PERMANENT) {
+      return failBeforeOrAfterStart("the screen of " + run.connection->name() +
+                                    " cannot be captured");
+    }
+    if (lastResult != webrtc::DesktopCapturer::Result::SUCCESS || !frame) {
+      // A temporary failure (for example while the screen is being resized).
+      if (++temporaryFailures >= 100) {
+        return failBeforeOrAfterStart("capture keeps failing on " + run.connection->name());
+      }
+      continue;
+    }
+    temporaryFailures = 0;
+    if (!reportedStart) {
+      reportedStart = true;
+      run.started.set_value({});
+    }
+
+    std::int64_t number = 0;
+    std::int64_t displayIndex = 0;
+    const bool changed = !frame->updated_region().is_empty();
+    {
+      std::lock_guard lock(mutex);
+      ++statistics.captured;
+      if (gate.offer(now, changed) == FrameGate::Decision::skip) continue;
+      if (handlingFrame) {
+        gate.dropped();
+        ++statistics.dropped;
+        retryWhenFree = true;
+        continue;
+      }
+      handlingFrame = true;
+      number = ++sequence;
+      displayIndex = run.options.displayIndex;
+    }
+    const bool convert = gate.contentChanged() || !lastSurface;
+    const auto convertStart = Clock::now();
+    if (convert) {
+      auto surface = pool->take();
+      converter.convert(*frame, *surface);
+      lastSurface = std::move(surface);
+    }
+    const auto convertTime = Clock::now() - convertStart;
+    gate.delivered(now);
+
+    CapturedFrame captured{
+        .sequence = number,
+        .capturedAt = std::chrono::system_clock::now(),
+        .width = run.width,
+        .height = run.height,
+        .pixelFormat = PixelFormat::nv12,
+        .data = nullptr,
+        .dirtyRegions = {RectPx{0, 0, run.width, run.height}},
+        .isHdr = false,
+        .displayIndex = displayIndex,
+        .nativeSurface = lastSurface,
+    };
+    CaptureTiming timing;
+    {
+      std::lock_guard lock(mutex);
+      statistics.converted += convert ? 1 : 0;
+      pending = std::move(captured);
+      timing = onCaptureTiming;
+      wake.notify_all();
+    }
+    if (timing) {
+      try {
+        timing(readTime, convert ? convertTime : Clock::duration::zero());
+      } catch (...) {
+        // measurements must not stop the capture
+      }
+    }
+  }
+  if (!reportedStart) run.started.set_value("stopped before the first frame");
+}
+
+void ScreenCaptureSource::Impl::deliveryLoop() {
+  for (;;) {
+    CapturedFrame frame;
+    FrameReady handler;
+    {
+      std::unique_lock lock(mutex);
+      wake.wait(lock, [&] { return pending.has_value() || stopRequested; });
+      if (!pending) return;
+      frame = std::move(*pending);
+      pending.reset();
+      handler = frameReady;
+      ++statistics.delivered;
+    }
+    if (handler) {
+      try {
+        handler(frame);
+      } catch (...) {
+        // a consumer's failure is its own; the next frame still comes
+      }
+    }
+    std::lock_guard lock(mutex);
+    handlingFrame = false;
+    wake.notify_all();  // a capture waiting for a free consumer goes on
+  }
+}
+
+ScreenCaptureSource::ScreenCaptureSource(std::string displayName)
+    : impl_(std::make_shared<Impl>()) {
+  impl_->displayName = std::move(displayName);
+}
+
+ScreenCaptureSource::~ScreenCaptureSource() { stop(); }
+
+std::vector<DisplayDescriptor> ScreenCaptureSource::availableDisplays(
+    const std::string& displayName) {
+  auto connection = X11CaptureConnection::open(displayName);
+  if (!connection) {
+    throw CaptureError::platformUnsupported("cannot open X display \"" + displayName + "\"");
+  }
+  return connection->monitors();
+}
+
+std::optional<std::uint32_t> ScreenCaptureSource::primaryDisplayID(const std::string& displayName) {
+  auto connection = X11CaptureConnection::open(displayName);
+  if (!connection) {
+    throw CaptureError::platformUnsupported("cannot open X display \"" + displayName + "\"");
+  }
+  std::optional<std::uint32_t> primary;
+  connection->monitors(&primary);
+  return primary;
+}
+
+void ScreenCaptureSource::setFrameReady(FrameReady handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->frameReady = std::move(handler);
+}
+
+void ScreenCaptureSource::setCaptureFailed(CaptureFailed handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->captureFailed = std::move(handler);
+}
+
+void ScreenCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->displaysChanged = std::move(handler);
+}
+
+void ScreenCaptureSource::setOnCaptureTiming(CaptureTiming handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->onCaptureTiming = std::move(handler);
+}
+
+void ScreenCaptureSource::start(const CaptureOptions& options) {
+  {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->running) throw CaptureError::alreadyRunning();
+  }
+  stop();  // joins the threads of a run that ended by itself
+
+  auto connection = X11CaptureConnection::open(impl_->displayName);
+  const std::string shownName =
+      connection ? connection->name()
+                 : (impl_->displayName.empty()
+                        ? std::string(std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "")
+                        : impl_->displayName);
+  const bool readable = connection && connection->canReadScreen();
+  std::fprintf(stderr, "XGetImage(root of \"%s\") -> %s\n", shownName.c_str(),
+               readable ? "true" : "false");
+  if (!connection) {
+    throw CaptureError::platformUnsupported("cannot open X display \"" + shownName + "\"");
+  }
+  if (!readable) throw CaptureError::screenRecordingPermissionDenied();
+
+  const auto monitors = connection->monitors();
+  // Unsigned, so that a negative index is out of range too.
+  if (static_cast<std::uint64_t>(options.displayIndex) >= monitors.size()) {
+    throw CaptureError::displayUnavailable(options.displayIndex);
+  }
+  const DisplayDescriptor& monitor = monitors[std::size_t(options.displayIndex)];
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->resolvedDisplayID = monitor.displayID;
+  }
+
+  auto run = std::make_shared<Impl::Run>();
+  run->options = options;
+  run->monitor = monitor;
+  run->monitors = monitors;
+  run->width =
+      int(options.width > 0 ? std::min<std::int64_t>(options.width, 16384) : monitor.width);
+  run->height =
+      int(options.height > 0 ? std::min<std::int64_t>(options.height, 16384) : monitor.height);
+  run->connection = std::move(connection);
+  auto started = run->started.get_future();
+
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->running = true;
+    impl_->stopRequested = false;
+    impl_->pending.reset();
+    auto* impl = impl_.get();
+    impl_->deliveryThread = std::thread([impl] { impl->deliveryLoop(); });
+    impl_->captureThread = std::thread([impl, run] {
+      try {
+        impl->captureLoop(*run);
+      } catch (const std::exception& error) {
+        impl->fail(error.what());
+      } catch (...) {
+        impl->fail("unexpected failure");
+      }
+    });
+  }
+  const std::string failure = started.get();
+  if (!failure.empty()) {
+    stop();
+    throw CaptureError::captureFailed(failure);
+  }
+}
+
+void ScreenCaptureSource::stop() noexcept {
+  std::thread capture, delivery;
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->stopRequested = true;
+    impl_->running = false;
+    if (impl_->pending) {
+      // Never handed out: the slot is free again.
+      impl_->pending.reset();
+      impl_->handlingFrame = false;
+    }
+    capture = std::move(impl_->captureThread);
+    delivery = std::move(impl_->deliveryThread);
+    impl_->wake.notify_all();
+  }
+  // Stopped from inside a callback (frameReady on the delivery thread,
+  // captureFailed on the capture thread): that thread cannot join itself; it
+  // ends after the callback and the next start or the destructor joins it.
+  auto joinOrKeep = [this](std::thread& thread, std::thread Impl::*slot) {
+    if (!thread.joinable()) return;
+    if (thread.get_id() == std::this_thread::get_id()) {
+      std::lock_guard lock(impl_->mutex);
+      (*impl_).*slot = std::move(thread);
+    } else {
+      thread.join();
+    }
+  };
+  joinOrKeep(capture, &Impl::captureThread);
+  joinOrKeep(delivery, &Impl::deliveryThread);
+}
+
+std::optional<std::uint32_t> ScreenCaptureSource::resolvedDisplayID() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->resolvedDisplayID;
+}
+
+ScreenCaptureSource::Statistics ScreenCaptureSource::statistics() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->statistics;
+}
+
+}  // namespace zul

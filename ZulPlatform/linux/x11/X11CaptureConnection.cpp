@@ -1,0 +1,124 @@
+#include "ZulPlatform/linux/x11/X11CaptureConnection.h"
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/extensions/Xrandr.h>
+
+#include <mutex>
+
+namespace zul {
+namespace {
+
+// Xlib's handlers are process-wide. A protocol error is reported by the call
+// that caused it; a lost connection goes on to the per-connection exit
+// handler, which decides whether the process ends.
+int ignoreProtocolError(Display*, XErrorEvent*) { return 0; }
+int continueAfterIoError(Display*) { return 0; }
+
+void installHandlers() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    XSetErrorHandler(ignoreProtocolError);
+    XSetIOErrorHandler(continueAfterIoError);
+  });
+}
+
+void markLost(Display*, void* flag) { static_cast<std::atomic<bool>*>(flag)->store(true); }
+
+}  // namespace
+
+std::unique_ptr<X11CaptureConnection> X11CaptureConnection::open(const std::string& name) {
+  installHandlers();
+  Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+  if (!display) return nullptr;
+  return std::unique_ptr<X11CaptureConnection>(
+      new X11CaptureConnection(display, DisplayString(display)));
+}
+
+X11CaptureConnection::X11CaptureConnection(_XDisplay* display, std::string name)
+    : display_(display), name_(std::move(name)) {
+  reportServerLoss(display_, &lost_);
+}
+
+X11CaptureConnection::~X11CaptureConnection() { XCloseDisplay(display_); }
+
+void X11CaptureConnection::reportServerLoss(_XDisplay* display, std::atomic<bool>* lost) {
+  installHandlers();
+  XSetIOErrorExitHandler(display, markLost, lost);
+}
+
+bool X11CaptureConnection::alive() {
+  if (lost_) return false;
+  XSync(display_, False);
+  return !lost_;
+}
+
+bool X11CaptureConnection::canReadScreen() {
+  if (!alive()) return false;
+  XImage* image = XGetImage(display_, DefaultRootWindow(display_), 0, 0, 1, 1, AllPlanes, ZPixmap);
+  if (!image) return false;
+  XDestroyImage(image);
+  return true;
+}
+
+void X11CaptureConnection::watchMonitors() {
+  if (lost_) return;
+  const Window root = DefaultRootWindow(display_);
+  XSelectInput(display_, root, StructureNotifyMask);
+  int eventBase = 0, errorBase = 0;
+  if (XRRQueryExtension(display_, &eventBase, &errorBase)) {
+    randrEventBase_ = eventBase;
+    XRRSelectInput(display_, root, RRScreenChangeNotifyMask);
+  }
+  XFlush(display_);
+}
+
+bool X11CaptureConnection::monitorsMayHaveChanged() {
+  bool changed = false;
+  while (!lost_ && XPending(display_) > 0) {
+    XEvent event;
+    XNextEvent(display_, &event);
+    if (randrEventBase_ >= 0 && event.type == randrEventBase_ + RRScreenChangeNotify) {
+      XRRUpdateConfiguration(&event);
+      changed = true;
+    } else if (event.type == ConfigureNotify) {
+      changed = true;
+    }
+  }
+  return changed;
+}
+
+std::vector<DisplayDescriptor> X11CaptureConnection::monitors(
+    std::optional<std::uint32_t>* primary) {
+  std::vector<DisplayDescriptor> list;
+  if (primary) primary->reset();
+  if (!alive()) return list;
+  int eventBase = 0, errorBase = 0, major = 0, minor = 0;
+  if (XRRQueryExtension(display_, &eventBase, &errorBase) &&
+      XRRQueryVersion(display_, &major, &minor) && (major > 1 || (major == 1 && minor >= 5))) {
+    int count = 0;
+    XRRMonitorInfo* monitors = XRRGetMonitors(display_, DefaultRootWindow(display_), True, &count);
+    for (int i = 0; monitors && i < count; ++i) {
+      list.push_back(DisplayDescriptor{.index = std::int64_t(list.size()),
+                                       .displayID = std::uint32_t(monitors[i].name),
+                                       .width = monitors[i].width,
+                                       .height = monitors[i].height,
+                                       .originX = monitors[i].x,
+                                       .originY = monitors[i].y});
+      if (primary && monitors[i].primary) *primary = std::uint32_t(monitors[i].name);
+    }
+    if (monitors) XRRFreeMonitors(monitors);
+  }
+  if (list.empty() && !lost_) {
+    const int screen = DefaultScreen(display_);
+    list.push_back(DisplayDescriptor{.index = 0,
+                                     .displayID = 0,
+                                     .width = DisplayWidth(display_, screen),
+                                     .height = DisplayHeight(display_, screen),
+                                     .originX = 0,
+                                     .originY = 0});
+  }
+  return list;
+}
+
+}  // namespace zul
