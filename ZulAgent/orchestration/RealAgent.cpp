@@ -19,8 +19,8 @@
 #include "ZulAgent/orchestration/PhoneConnections.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
-#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
+#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "ZulTransport/AgentSignalingClient.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
@@ -473,6 +473,17 @@ class RealAgent {
                      std::int64_t index) { return startScreenCapture(*screen, index, fps); },
         .stop = [screen = screen_] { screen->stop(); },
         .print = print_,
+        .indexOf = [](std::uint32_t displayID) -> std::optional<std::int64_t> {
+          for (const auto& d : ScreenCaptureSource::availableDisplays()) {
+            if (d.displayID == displayID) return d.index;
+          }
+          return std::nullopt;
+        },
+        .resumedElsewhere =
+            [this](const DisplayDescriptor& display) {
+              targetPointer(display);
+              if (switcher_) switcher_->displaysChanged();  // the phone hears the new list
+            },
     });
 
     print_("starting capture\u2026");

@@ -18,6 +18,7 @@ DisplayDescriptor WatchedCapture::startOn(std::int64_t index) {
       {
         std::lock_guard lock(mutex_);
         index_ = index;
+        display_ = display;
         running_ = true;
       }
       apply();
@@ -42,21 +43,33 @@ void WatchedCapture::setWatched(bool watched) {
 void WatchedCapture::apply() {
   bool watched, running;
   std::int64_t index;
+  DisplayDescriptor left;
   {
     std::lock_guard lock(mutex_);
     watched = watched_;
     running = running_;
     index = index_;
+    left = display_;
   }
   if (watched == running) return;
   if (watched) {
+    DisplayDescriptor resumed;
     try {
-      hooks_.start(index);
+      if (hooks_.indexOf) index = hooks_.indexOf(left.displayID).value_or(0);
+      resumed = hooks_.start(index);
       hooks_.print("capture resumed: a phone watches");
     } catch (const std::exception& error) {
       hooks_.print(std::string("capture failed to resume: ") + error.what());
       return;
     }
+    {
+      std::lock_guard lock(mutex_);
+      index_ = resumed.index;
+      display_ = resumed;
+      running_ = true;
+    }
+    if (!(resumed == left) && hooks_.resumedElsewhere) hooks_.resumedElsewhere(resumed);
+    return;
   } else {
     hooks_.stop();
     hooks_.print("capture paused: no phone watches");

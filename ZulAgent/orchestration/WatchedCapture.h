@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string_view>
 
 #include "ZulAgent/orchestration/TaskQueue.h"
@@ -21,6 +22,13 @@ class WatchedCapture {
     std::function<DisplayDescriptor(std::int64_t index)> start;
     std::function<void()> stop;
     std::function<void(std::string_view)> print;
+    // Optional. Where the display with this id is now, if still there:
+    // monitors may come and go while nobody watches, so a resume follows the
+    // display rather than its old index (else the first display).
+    std::function<std::optional<std::int64_t>(std::uint32_t displayID)> indexOf;
+    // Optional. Capture resumed on a display other than the one it left
+    // (moved, resized or gone); the pointer and the phone must follow.
+    std::function<void(const DisplayDescriptor&)> resumedElsewhere;
   };
 
   explicit WatchedCapture(Hooks hooks);
@@ -47,6 +55,7 @@ class WatchedCapture {
   Hooks hooks_;
   mutable std::mutex mutex_;
   std::int64_t index_ = 0;
+  DisplayDescriptor display_;  // what the last start resolved
   bool watched_ = false;
   bool running_ = false;
   TaskQueue queue_{64};  // last: its thread ends before the fields above go

@@ -2,6 +2,7 @@
 #include <stdlib.h>
 
 #include <condition_variable>
+#include <map>
 #include <mutex>
 
 #include "ZulAgent/orchestration/CaptureGeometry.h"
@@ -229,15 +230,28 @@ TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
     std::lock_guard lock(mutex);
     calls.push_back(std::move(call));
   };
+  std::map<std::uint32_t, std::int64_t> monitors = {{100, 0}, {101, 1}};  // id -> index
   WatchedCapture capture({
       .start =
           [&](std::int64_t index) {
             if (index == 7) throw std::runtime_error("no display 7");
             record("start " + std::to_string(index));
-            return DisplayDescriptor{.index = index};
+            DisplayDescriptor display{.index = index, .displayID = std::uint32_t(100 + index)};
+            for (const auto& [id, at] : monitors) {
+              if (at == index) display.displayID = id;
+            }
+            return display;
           },
       .stop = [&] { record("stop"); },
       .print = [](std::string_view) {},
+      .indexOf = [&](std::uint32_t id) -> std::optional<std::int64_t> {
+        if (auto it = monitors.find(id); it != monitors.end()) return it->second;
+        return std::nullopt;
+      },
+      .resumedElsewhere =
+          [&](const DisplayDescriptor& display) {
+            record("elsewhere " + std::to_string(display.index));
+          },
   });
   struct Step {
     std::function<void()> action;
@@ -252,6 +266,22 @@ TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
       {[&] { capture.setWatched(false); }, {"stop"}, false},
       {[&] { capture.setWatched(false); }, {}, false},
       {[&] { capture.setWatched(true); }, {"start 1"}, true},  // the next phone
+      // Monitors that change while nobody watches: the watched one moved to
+      // another index, then is gone (the first display instead).
+      {[&] { capture.setWatched(false); }, {"stop"}, false},
+      {[&] {
+         monitors = {{100, 0}, {101, 2}};
+         capture.setWatched(true);
+       },
+       {"start 2", "elsewhere 2"},
+       true},
+      {[&] { capture.setWatched(false); }, {"stop"}, false},
+      {[&] {
+         monitors = {{100, 0}};
+         capture.setWatched(true);
+       },
+       {"start 0", "elsewhere 0"},
+       true},
   };
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE(i);
