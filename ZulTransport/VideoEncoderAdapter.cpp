@@ -1,6 +1,7 @@
 #include "ZulTransport/VideoEncoderAdapter.h"
 
 #include <algorithm>
+#include <cmath>
 #include <mutex>
 
 #include "ZulCore/Media/Nv12Surface.h"
@@ -152,6 +153,7 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
       return WEBRTC_VIDEO_CODEC_FALLBACK_SOFTWARE;
     }
     settings_ = resized;
+    frameRate_ = double(resized.framesPerSecond);  // a new session starts at the full rate
     inFlight_.clear();
   }
 
@@ -223,13 +225,26 @@ void VideoEncoderAdapter::SetRates(const RateControlParameters& parameters) {
   if (!configured_) return;
   const std::int64_t kbps = std::int64_t(parameters.bitrate.get_sum_bps() / 1000);
   paused_ = kbps <= 0;
-  if (parameters.framerate_fps > 0) frameRate_ = parameters.framerate_fps;
-  if (paused_ || kbps == settings_.bitrateKbps) return;
-  try {
-    encoder_->setBitrate(kbps);
-    settings_.bitrateKbps = kbps;
-  } catch (const std::exception& error) {
-    say("video encoder: " + encoder_->name() + " kept its bit rate (" + error.what() + ")");
+  if (paused_) return;
+  if (kbps != settings_.bitrateKbps) {
+    try {
+      encoder_->setBitrate(kbps);
+      settings_.bitrateKbps = kbps;
+    } catch (const std::exception& error) {
+      say("video encoder: " + encoder_->name() + " kept its bit rate (" + error.what() + ")");
+    }
+  }
+  // The rate frames really come at (a still screen, a throttled link): each
+  // frame gets its share of the bits. Small wobbles of the estimate are not
+  // worth a change of the rate control.
+  const double fps = std::min(parameters.framerate_fps, double(settings_.framesPerSecond));
+  if (fps > 0 && std::abs(fps - frameRate_) >= std::max(0.5, frameRate_ / 10)) {
+    try {
+      encoder_->setFrameRate(fps);
+      frameRate_ = fps;
+    } catch (const std::exception& error) {
+      say("video encoder: " + encoder_->name() + " kept its frame rate (" + error.what() + ")");
+    }
   }
 }
 

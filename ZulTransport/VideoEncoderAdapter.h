@@ -37,6 +37,8 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
 
   // The settings the encoder was last configured or updated with.
   const VideoEncoderSettings& settings() const { return settings_; }
+  // The frame rate the encoder was last told frames arrive at.
+  double frameRate() const { return frameRate_; }
 
  private:
   struct FrameTimes {

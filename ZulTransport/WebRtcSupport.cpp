@@ -299,6 +299,8 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
                                          webrtc::PeerConnectionInterface& connection,
                                          const rtc::scoped_refptr<PushedVideoSource>& source) {
   auto track = factory.CreateVideoTrack("zul-video0", source.get());
+  // Text and edges: under a tight link, frame rate and quality go first.
+  track->set_content_hint(webrtc::VideoTrackInterface::ContentHint::kDetailed);
   auto added = connection.AddTrack(track, {"zul-stream0"});
   if (!added.ok()) return "could not add the video track: " + std::string(added.error().message());
   auto sender = added.MoveValue();

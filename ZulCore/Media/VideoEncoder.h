@@ -105,6 +105,10 @@ class VideoEncoder {
   virtual std::optional<EncodedVideoFrame> encode(const CapturedFrame& frame,
                                                   bool forceKeyFrame) = 0;
   virtual void setBitrate(std::int64_t kbps) = 0;
+  // The rate frames actually arrive at (at most the configured one), so that
+  // each gets its share of the bit rate. An encoder whose rate control does
+  // not depend on it may ignore it.
+  virtual void setFrameRate(double framesPerSecond) { (void)framesPerSecond; }
 };
 
 }  // namespace zul

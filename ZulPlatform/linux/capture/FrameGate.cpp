@@ -17,7 +17,17 @@ FrameGate::FrameGate(std::int64_t framesPerSecond, std::int64_t idleFramesPerSec
     : active_(intervalFor(framesPerSecond)),
       idle_(std::max(intervalFor(idleFramesPerSecond), intervalFor(framesPerSecond))) {}
 
+FrameGate::Clock::time_point FrameGate::nextReadAt() const {
+  if (!read_) return Clock::time_point::min();
+  if (changeNoticed_ || pendingChange_) return lastRead_ + active_;
+  // A small allowance keeps wake-up jitter from pushing an idle frame back.
+  return std::max(lastDelivery_ + idle_ - active_ / 4, lastRead_ + active_);
+}
+
 FrameGate::Decision FrameGate::offer(Clock::time_point now, bool changed) {
+  read_ = true;
+  lastRead_ = now;
+  changeNoticed_ = false;
   pendingChange_ = pendingChange_ || changed;
   if (!delivered_ || pendingChange_) return Decision::deliver;
   // A small allowance keeps sampling jitter from pushing an idle frame to the

@@ -5,12 +5,14 @@
 
 namespace zul {
 
-// Decides, for each picture the capture loop takes, whether it goes to the
-// consumer. The loop samples the screen at the active rate; a picture in which
-// something changed is due at once, an unchanged one only when the idle
-// interval has passed since the last delivery, so a still desktop costs one
-// frame per idle interval. A due picture that finds the consumer busy is
-// dropped; a change it carried stays pending for the next sample.
+// Decides when the capture loop reads the screen and whether a picture goes
+// to the consumer. A change the server reports (`noticeChange`) makes a read
+// due at once, or as soon as the active rate allows after the previous read;
+// without reports the screen is read at the idle rate, so a still desktop
+// costs one read and one frame per idle interval. A picture in which
+// something changed is delivered; an unchanged one only when the idle
+// interval has passed since the last delivery. A due picture that finds the
+// consumer busy is dropped; a change it carried stays pending.
 class FrameGate {
  public:
   using Clock = std::chrono::steady_clock;
@@ -27,7 +29,15 @@ class FrameGate {
   Clock::duration activeInterval() const { return active_; }
   Clock::duration idleInterval() const { return idle_; }
 
-  // A picture was taken at `now`; `changed` says whether the screen changed
+  // The screen or the pointer changed (or may have: a server that reports
+  // nothing has its screen sampled by noticing a change every interval).
+  void noticeChange() { changeNoticed_ = true; }
+  // When the next read is due: after a noticed change, the previous read plus
+  // the active interval (at once when that has passed); otherwise when the
+  // idle frame is due.
+  Clock::time_point nextReadAt() const;
+
+  // A picture was read at `now`; `changed` says whether the screen changed
   // since the previous one.
   Decision offer(Clock::time_point now, bool changed);
   // The outcome of a `deliver`: the consumer took it, or it was busy.
@@ -43,6 +53,9 @@ class FrameGate {
   Clock::duration active_;
   Clock::duration idle_;
   bool delivered_ = false;
+  bool changeNoticed_ = true;  // nothing read yet
+  bool read_ = false;
+  Clock::time_point lastRead_{};
   bool pendingChange_ = true;  // the first picture is always new
   Clock::time_point lastDelivery_{};
   std::int64_t dropped_ = 0;

@@ -6,14 +6,15 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include <algorithm>
 #include <climits>
 #include <deque>
 #include <filesystem>
 #include <mutex>
 
 #include "ZulCore/Media/Nv12Surface.h"
-#include "ZulPlatform/linux/encoder/H264AnnexB.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
+#include "ZulPlatform/linux/encoder/H264AnnexB.h"
 
 namespace zul {
 namespace {
@@ -100,7 +101,9 @@ struct LibavH264Encoder::Session {
   PacketPtr packet{av_packet_alloc()};
   std::string codecName;
   bool hardware = false;
-  std::int64_t framesPerSecond = 1;
+  std::int64_t framesPerSecond = 1;  // the rate the codec was opened with
+  double frameRate = 1;              // the rate frames actually arrive at
+  std::int64_t bitrateKbps = 0;
   H264AccessUnitWriter writer;
   // Capture times of the frames inside the codec, by time stamp.
   std::deque<std::pair<std::int64_t, std::chrono::system_clock::time_point>> inFlight;
@@ -110,9 +113,25 @@ struct LibavH264Encoder::Session {
 
 namespace {
 
+// The encoders spread the average bit rate over the frame rate they were
+// opened with; frames that come slower (a still screen, a throttled link)
+// each get the share of the rate that actually arrives. The ceiling equal to
+// the average turns on the rate control's buffer model, without which libx264
+// ignores later rate changes; half a second of the rate keeps a single frame
+// from growing larger than the link carries in that time.
+void applyRates(AVCodecContext& context, std::int64_t kbps, std::int64_t openedFps,
+                double frameRate) {
+  const double fps = std::clamp(frameRate, 1.0, double(std::max<std::int64_t>(openedFps, 1)));
+  const auto bitsPerSecond =
+      std::int64_t(double(kbps) * 1000.0 * double(std::max<std::int64_t>(openedFps, 1)) / fps);
+  context.bit_rate = bitsPerSecond;
+  context.rc_max_rate = bitsPerSecond;
+  context.rc_buffer_size = int(std::min<std::int64_t>(kbps * 1000 / 2, INT_MAX));
+}
+
 // Opens `codecName` with the settings; the libav status on failure.
 int openSession(LibavH264Encoder::Session& session, const std::string& codecName,
-                const VideoEncoderSettings& settings) {
+                const VideoEncoderSettings& settings, double frameRate) {
   const AVCodec* codec = avcodec_find_encoder_by_name(codecName.c_str());
   if (!codec) return AVERROR_ENCODER_NOT_FOUND;
   const bool vaapi = codecName == "h264_vaapi";
@@ -128,9 +147,9 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
   const int fps = int(std::max<std::int64_t>(settings.framesPerSecond, 1));
   context->width = int(settings.width);
   context->height = int(settings.height);
-  context->time_base = AVRational{1, fps};          // a time stamp counts frames
-  context->framerate = AVRational{fps, 1};          // the expected frame rate
-  context->bit_rate = settings.bitrateKbps * 1000;  // average bit rate
+  context->time_base = AVRational{1, fps};  // a time stamp counts frames
+  context->framerate = AVRational{fps, 1};  // the expected frame rate
+  applyRates(*context, settings.bitrateKbps, fps, frameRate);
   // A key frame at least every ten seconds, or only on request: a 1080p key
   // frame is a burst that a live stream feels as a stall.
   context->gop_size = settings.keyFramesOnRequestOnly ? (1 << 30) : fps * 10;
@@ -187,6 +206,8 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
   session.codecName = codecName;
   session.hardware = LibavH264Encoder::isHardwareCodec(codecName);
   session.framesPerSecond = fps;
+  session.frameRate = std::clamp(frameRate, 1.0, double(fps));
+  session.bitrateKbps = settings.bitrateKbps;
   return 0;
 }
 
@@ -254,7 +275,8 @@ void LibavH264Encoder::configure(const VideoEncoderSettings& settings) {
     const bool hardware = isHardwareCodec(candidate);
     if (!hardware && settings.hardwareRequired) continue;
     auto session = std::make_shared<Session>();
-    const int status = openSession(*session, candidate, settings);
+    const int status = openSession(*session, candidate, settings,
+                                   double(std::max<std::int64_t>(settings.framesPerSecond, 1)));
     if (status == 0) {
       opened = std::move(session);
       break;
@@ -360,24 +382,54 @@ std::optional<EncodedVideoFrame> LibavH264Encoder::encode(const CapturedFrame& f
 
 void LibavH264Encoder::setBitrate(std::int64_t kbps) {
   auto [session, settings] = configured();
-  if (kbps <= 0 || kbps > INT64_MAX / 1000) throw MediaError::propertyUpdateFailed(AVERROR(EINVAL));
+  if (kbps <= 0 || kbps > INT64_MAX / 1000 / 64) {
+    throw MediaError::propertyUpdateFailed(AVERROR(EINVAL));
+  }
 
   settings.bitrateKbps = kbps;
   if (session->canChangeBitrateLive()) {
-    // libx264 and NVENC pick the new average up with the next frame.
+    // libx264 and NVENC pick the new rate up with the next frame.
     std::lock_guard codecLock(session->mutex);
-    session->context->bit_rate = kbps * 1000;
+    session->bitrateKbps = kbps;
+    applyRates(*session->context, kbps, session->framesPerSecond, session->frameRate);
   } else {
     // VAAPI cannot change its rate control in flight: a new session at the
     // new rate takes over, starting with a key frame.
+    double frameRate = 0;
+    {
+      std::lock_guard codecLock(session->mutex);
+      frameRate = session->frameRate;
+    }
     auto replacement = std::make_shared<Session>();
-    const int status = openSession(*replacement, session->codecName, settings);
+    const int status = openSession(*replacement, session->codecName, settings, frameRate);
     if (status < 0) throw MediaError::propertyUpdateFailed(status);
     std::lock_guard lock(mutex_);
     if (session_ == session) session_ = std::move(replacement);
   }
   std::lock_guard lock(mutex_);
   if (session_ && settings_) settings_->bitrateKbps = kbps;
+}
+
+void LibavH264Encoder::setFrameRate(double framesPerSecond) {
+  auto [session, settings] = configured();
+  if (!(framesPerSecond > 0)) throw MediaError::propertyUpdateFailed(AVERROR(EINVAL));
+  std::lock_guard codecLock(session->mutex);
+  session->frameRate = std::clamp(framesPerSecond, 1.0, double(session->framesPerSecond));
+  if (session->canChangeBitrateLive()) {
+    applyRates(*session->context, session->bitrateKbps, session->framesPerSecond,
+               session->frameRate);
+  }
+}
+
+double LibavH264Encoder::frameRate() const {
+  std::shared_ptr<Session> session;
+  {
+    std::lock_guard lock(mutex_);
+    session = session_;
+  }
+  if (!session) return 0;
+  std::lock_guard codecLock(session->mutex);
+  return session->frameRate;
 }
 
 }  // namespace zul

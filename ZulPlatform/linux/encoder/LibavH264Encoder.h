@@ -14,7 +14,8 @@ namespace zul {
 
 // H.264 over FFmpeg's libavcodec: a hardware encoder (VAAPI, NVENC) when the
 // machine has one, libx264 otherwise. Always real time, Baseline profile, no
-// frame reordering, average bit rate, a key frame at least every ten seconds;
+// frame reordering, average bit rate with a ceiling (so that the rates can
+// change while running), a key frame at least every ten seconds;
 // the output is Annex-B with SPS and PPS in front of every key frame only.
 // Pixels come from the frame's `Nv12FrameSurface` or its NV12 `data`.
 class LibavH264Encoder : public VideoEncoder {
@@ -40,6 +41,11 @@ class LibavH264Encoder : public VideoEncoder {
   void configure(const VideoEncoderSettings& settings) override;
   std::optional<EncodedVideoFrame> encode(const CapturedFrame& frame, bool forceKeyFrame) override;
   void setBitrate(std::int64_t kbps) override;
+  // Takes effect with the next frame (VAAPI: with the next bit rate change,
+  // which opens a new session).
+  void setFrameRate(double framesPerSecond) override;
+  // The frame rate the rate control currently assumes; 0 until configured.
+  double frameRate() const;
 
   struct Session;
 

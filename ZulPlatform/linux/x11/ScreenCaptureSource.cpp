@@ -5,12 +5,16 @@
 #include <libyuv/convert_from_argb.h>
 #include <libyuv/planar_functions.h>
 #include <libyuv/scale_argb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <future>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "ZulPlatform/linux/capture/FrameGate.h"
@@ -115,6 +119,29 @@ class Nv12Converter {
   std::vector<std::uint8_t> v_;
 };
 
+// An eventfd that wakes the capture thread out of poll().
+class Waker {
+ public:
+  Waker() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  }
+  ~Waker() { ::close(fd_); }
+  Waker(const Waker&) = delete;
+  Waker& operator=(const Waker&) = delete;
+  int fd() const { return fd_; }
+  void notify() noexcept {
+    const std::uint64_t one = 1;
+    (void)!::write(fd_, &one, sizeof one);
+  }
+  void drain() noexcept {
+    std::uint64_t count = 0;
+    (void)!::read(fd_, &count, sizeof count);
+  }
+
+ private:
+  int fd_;
+};
+
 }  // namespace
 
 struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
@@ -133,7 +160,8 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
 
   // Guards everything below.
   mutable std::mutex mutex;
-  std::condition_variable wake;
+  std::condition_variable wake;  // the delivery thread waits on it
+  Waker waker;                   // the capture thread polls it beside the X connection
   FrameReady frameReady;
   CaptureFailed captureFailed;
   DisplaysChanged displaysChanged;
@@ -230,41 +258,63 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   }
   capturer->Start(this);
   run.connection->watchMonitors();
+  // Where the server reports changes, a change is read as soon as the rate
+  // allows; elsewhere the screen is sampled at the active rate.
+  const bool reported = run.connection->watchScreen();
 
   FrameGate gate(run.options.framesPerSecond, run.options.idleFramesPerSecond);
   auto pool = std::make_shared<SurfacePool>(run.width, run.height);
   Nv12Converter converter;
   std::shared_ptr<Nv12FrameSurface> lastSurface;
-  auto nextCapture = Clock::now();
   auto lastLiveness = Clock::now();
   auto lastMonitorCheck = Clock::now();
+  // The pointer moves without damage (a hardware cursor draws nothing): its
+  // position is looked at once per active interval.
+  auto nextPointerLook = Clock::now();
+  std::optional<std::pair<int, int>> lastPointer;
+  auto readNotBefore = Clock::time_point::min();  // after a failed read
+  bool busyCounted = false;  // the due frame that is waiting for the consumer was counted
+  bool monitorsNoticed = false;
   int temporaryFailures = 0;
 
-  // A frame that found the consumer busy was dropped; the next one is taken
-  // as soon as the consumer is free rather than a whole interval later.
-  bool retryWhenFree = false;
   for (;;) {
-    bool early = false;
+    // Wait for the next due moment, a notice from the server or a wake-up
+    // (stop, the consumer done with its frame).
     {
-      std::unique_lock lock(mutex);
-      wake.wait_until(lock, nextCapture,
-                      [&] { return stopRequested || (retryWhenFree && !handlingFrame); });
+      auto deadline = std::min(nextPointerLook, lastLiveness + livenessInterval);
+      bool busy = false;
+      {
+        std::lock_guard lock(mutex);
+        if (stopRequested) break;
+        busy = handlingFrame;
+      }
+      // A due read waits for a free consumer rather than being read and dropped.
+      if (!busy) deadline = std::min(deadline, std::max(gate.nextReadAt(), readNotBefore));
+      const auto wait = deadline - Clock::now();
+      if (wait > Clock::duration::zero()) {
+        pollfd fds[2] = {{waker.fd(), POLLIN, 0}, {run.connection->fd(), POLLIN, 0}};
+        const int timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(
+                                      std::min<Clock::duration>(wait, std::chrono::seconds(1)))
+                                      .count());
+        (void)::poll(fds, 2, timeoutMs);
+      }
+      waker.drain();
+      std::lock_guard lock(mutex);
       if (stopRequested) break;
-      early = retryWhenFree && !handlingFrame && Clock::now() < nextCapture;
     }
-    retryWhenFree = false;
     const auto now = Clock::now();
-    if (early) {
-      nextCapture = now + gate.activeInterval();  // pacing goes on from this frame
-    } else {
-      nextCapture += gate.activeInterval();
-      if (nextCapture < now) nextCapture = now + gate.activeInterval();  // fell behind: no burst
+    const auto notices = run.connection->takeNotices();
+    if (notices.screen) gate.noticeChange();
+    monitorsNoticed = monitorsNoticed || notices.monitors;
+    if (now >= nextPointerLook) {
+      nextPointerLook = now + gate.activeInterval();
+      if (!reported) {
+        gate.noticeChange();
+      } else if (auto pointer = run.connection->pointer(); pointer != lastPointer) {
+        lastPointer = pointer;
+        gate.noticeChange();
+      }
     }
-
-    const auto readStart = Clock::now();
-    capturer->CaptureFrame();
-    const auto readTime = Clock::now() - readStart;
-    auto frame = std::move(lastFrame);
 
     if (now - lastLiveness >= livenessInterval) {
       lastLiveness = now;
@@ -275,8 +325,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     }
     // Notices make a change seen at once; the periodic look catches servers
     // that send none.
-    if (run.connection->monitorsMayHaveChanged() ||
-        now - lastMonitorCheck >= monitorCheckInterval) {
+    if (monitorsNoticed || now - lastMonitorCheck >= monitorCheckInterval) {
+      monitorsNoticed = false;
       lastMonitorCheck = now;
       auto monitors = run.connection->monitors();
       // An empty list means the server is gone, which the liveness check reports.
@@ -297,6 +347,29 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         }
       }
     }
+
+    if (now < gate.nextReadAt() || now < readNotBefore) continue;
+    {
+      std::lock_guard lock(mutex);
+      if (handlingFrame) {
+        // At most one frame in the consumer's hands: this one is dropped
+        // (counted once) and read when the consumer is done.
+        if (!busyCounted) {
+          gate.dropped();
+          ++statistics.dropped;
+          busyCounted = true;
+        }
+        continue;
+      }
+    }
+    busyCounted = false;
+
+    run.connection->takeDamage();
+    const auto readStart = Clock::now();
+    capturer->CaptureFrame();
+    const auto readTime = Clock::now() - readStart;
+    auto frame = std::move(lastFrame);
+
     if (lastResult == webrtc::DesktopCapturer::Result::ERROR_PERMANENT) {
       return failBeforeOrAfterStart("the screen of " + run.connection->name() +
                                     " cannot be captured");
@@ -306,6 +379,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       if (++temporaryFailures >= 100) {
         return failBeforeOrAfterStart("capture keeps failing on " + run.connection->name());
       }
+      readNotBefore = now + gate.activeInterval();
       continue;
     }
     temporaryFailures = 0;
@@ -321,13 +395,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       std::lock_guard lock(mutex);
       ++statistics.captured;
       if (gate.offer(now, changed) == FrameGate::Decision::skip) continue;
-      if (handlingFrame) {
-        gate.dropped();
-        ++statistics.dropped;
-        retryWhenFree = true;
-        continue;
-      }
-      handlingFrame = true;
+      handlingFrame = true;  // only this thread sets it: the consumer is still free
       number = ++sequence;
       displayIndex = run.options.displayIndex;
     }
@@ -392,9 +460,11 @@ void ScreenCaptureSource::Impl::deliveryLoop() {
         // a consumer's failure is its own; the next frame still comes
       }
     }
-    std::lock_guard lock(mutex);
-    handlingFrame = false;
-    wake.notify_all();  // a capture waiting for a free consumer goes on
+    {
+      std::lock_guard lock(mutex);
+      handlingFrame = false;
+    }
+    waker.notify();  // a read waiting for a free consumer goes on
   }
 }
 
@@ -526,6 +596,7 @@ void ScreenCaptureSource::stop() noexcept {
     delivery = std::move(impl_->deliveryThread);
     impl_->wake.notify_all();
   }
+  impl_->waker.notify();
   // Stopped from inside a callback (frameReady on the delivery thread,
   // captureFailed on the capture thread): that thread cannot join itself; it
   // ends after the callback and the next start or the destructor joins it.

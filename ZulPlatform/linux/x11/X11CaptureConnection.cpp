@@ -2,6 +2,8 @@
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <X11/extensions/Xdamage.h>
+#include <X11/extensions/Xfixes.h>
 #include <X11/extensions/Xrandr.h>
 
 #include <mutex>
@@ -40,7 +42,10 @@ X11CaptureConnection::X11CaptureConnection(_XDisplay* display, std::string name)
   reportServerLoss(display_, &lost_);
 }
 
-X11CaptureConnection::~X11CaptureConnection() { XCloseDisplay(display_); }
+X11CaptureConnection::~X11CaptureConnection() {
+  if (damage_ && !lost_) XDamageDestroy(display_, damage_);
+  XCloseDisplay(display_);
+}
 
 void X11CaptureConnection::reportServerLoss(_XDisplay* display, std::atomic<bool>* lost) {
   installHandlers();
@@ -73,19 +78,65 @@ void X11CaptureConnection::watchMonitors() {
   XFlush(display_);
 }
 
-bool X11CaptureConnection::monitorsMayHaveChanged() {
-  bool changed = false;
+bool X11CaptureConnection::watchScreen() {
+  if (lost_) return false;
+  int errorBase = 0;
+  if (!XDamageQueryExtension(display_, &damageEventBase_, &errorBase)) {
+    damageEventBase_ = -1;
+    return false;
+  }
+  const Window root = DefaultRootWindow(display_);
+  // One notice when the damage goes from empty to non-empty: a flood of
+  // drawing costs one wake-up per picture, not one per request.
+  damage_ = XDamageCreate(display_, root, XDamageReportNonEmpty);
+  if (XFixesQueryExtension(display_, &fixesEventBase_, &errorBase)) {
+    XFixesSelectCursorInput(display_, root, XFixesDisplayCursorNotifyMask);
+  } else {
+    fixesEventBase_ = -1;
+  }
+  XSync(display_, False);
+  return damage_ != 0 && !lost_;
+}
+
+int X11CaptureConnection::fd() const { return ConnectionNumber(display_); }
+
+X11CaptureConnection::Notices X11CaptureConnection::takeNotices() {
+  Notices notices;
   while (!lost_ && XPending(display_) > 0) {
     XEvent event;
     XNextEvent(display_, &event);
     if (randrEventBase_ >= 0 && event.type == randrEventBase_ + RRScreenChangeNotify) {
       XRRUpdateConfiguration(&event);
-      changed = true;
+      notices.monitors = true;
     } else if (event.type == ConfigureNotify) {
-      changed = true;
+      notices.monitors = true;
+    } else if ((damageEventBase_ >= 0 && event.type == damageEventBase_ + XDamageNotify) ||
+               (fixesEventBase_ >= 0 && event.type == fixesEventBase_ + XFixesCursorNotify)) {
+      notices.screen = true;
     }
   }
-  return changed;
+  return notices;
+}
+
+void X11CaptureConnection::takeDamage() {
+  if (lost_ || !damage_) return;
+  XDamageSubtract(display_, damage_, 0, 0);
+  // The picture is read on another connection: the server must have emptied
+  // the damage before that read starts.
+  XSync(display_, False);
+}
+
+std::optional<std::pair<int, int>> X11CaptureConnection::pointer() {
+  if (lost_) return std::nullopt;
+  Window root = 0, child = 0;
+  int rootX = 0, rootY = 0, windowX = 0, windowY = 0;
+  unsigned int mask = 0;
+  if (!XQueryPointer(display_, DefaultRootWindow(display_), &root, &child, &rootX, &rootY, &windowX,
+                     &windowY, &mask) ||
+      lost_) {
+    return std::nullopt;
+  }
+  return std::pair{rootX, rootY};
 }
 
 std::vector<DisplayDescriptor> X11CaptureConnection::monitors(

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZulCore/Media/DisplayDescriptor.h"
@@ -41,9 +42,27 @@ class X11CaptureConnection {
   // connection: RandR screen changes, and the root window's configure
   // notices that `xrandr --setmonitor` and `--delmonitor` cause.
   void watchMonitors();
-  // Reads the notices that arrived since the last call; true when one of
-  // them may have changed the monitors. Never blocks.
-  bool monitorsMayHaveChanged();
+  // Asks the server to tell this connection when the screen's pixels or the
+  // cursor's shape change (XDamage on the root window, XFixes cursor
+  // notices), so that capture reads the screen as soon as it changes instead
+  // of sampling it. False when the server has no Damage extension.
+  bool watchScreen();
+  // The connection's socket, readable when notices arrive; for poll().
+  int fd() const;
+
+  struct Notices {
+    bool monitors = false;  // the monitors may have changed
+    bool screen = false;    // pixels or the cursor changed since the last takeDamage()
+  };
+  // Reads the notices that arrived since the last call. Never blocks; after
+  // it, Xlib holds no unread event, so poll() on fd() sees the next one.
+  Notices takeNotices();
+  // Empties the damage recorded so far and waits until the server has done
+  // so: a change after this call is reported again, and a picture read after
+  // it shows every change reported before.
+  void takeDamage();
+  // The pointer's position on the root window; nothing once the server is gone.
+  std::optional<std::pair<int, int>> pointer();
 
   // Makes a lost server on `display` set `lost` instead of ending the
   // process; for connections opened elsewhere (WebRTC's capturer).
@@ -56,6 +75,9 @@ class X11CaptureConnection {
   std::string name_;
   std::atomic<bool> lost_{false};
   int randrEventBase_ = -1;
+  int damageEventBase_ = -1;
+  int fixesEventBase_ = -1;
+  unsigned long damage_ = 0;  // the root window's Damage object, 0 when not watched
 };
 
 }  // namespace zul

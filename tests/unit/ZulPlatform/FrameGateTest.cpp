@@ -70,5 +70,30 @@ TEST(FrameGateTest, ChangeSeenWhileConsumerBusyStaysPending) {
   EXPECT_EQ(gate.droppedCount(), 1);
 }
 
+// A reported change makes the next read due at once, but never sooner than
+// one active interval after the previous read; with no change reported the
+// screen is read only when the idle frame is due.
+TEST(FrameGateTest, ReportedChangesAreReadAtOnceWithinTheActiveRate) {
+  FrameGate gate(10, 2);
+  const FrameGate::Clock::time_point t{std::chrono::seconds(100)};
+  EXPECT_EQ(gate.nextReadAt(), FrameGate::Clock::time_point::min());  // nothing read yet
+  ASSERT_EQ(gate.offer(t, true), Decision::deliver);
+  gate.delivered(t);
+  // Still: the idle frame, less a quarter interval of allowance.
+  EXPECT_EQ(gate.nextReadAt(), t + 500ms - 25ms);
+  gate.noticeChange();
+  EXPECT_EQ(gate.nextReadAt(), t + 100ms);  // capped at the active rate
+  ASSERT_EQ(gate.offer(t + 300ms, true), Decision::deliver);
+  gate.dropped();  // the consumer was busy: the change stays due
+  EXPECT_EQ(gate.nextReadAt(), t + 400ms);
+  ASSERT_EQ(gate.offer(t + 400ms, false), Decision::deliver);
+  gate.delivered(t + 400ms);
+  EXPECT_EQ(gate.nextReadAt(), t + 900ms - 25ms);
+  // A notice whose read shows nothing new is not delivered.
+  gate.noticeChange();
+  EXPECT_EQ(gate.offer(t + 500ms, false), Decision::skip);
+  EXPECT_EQ(gate.nextReadAt(), t + 900ms - 25ms);
+}
+
 }  // namespace
 }  // namespace zul

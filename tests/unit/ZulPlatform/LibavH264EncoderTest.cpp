@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/H264AnnexB.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
-#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 
 namespace zul {
 namespace {
@@ -175,6 +177,47 @@ TEST(LibavH264EncoderTest, KeyFramesComePeriodicallyOrOnlyOnRequest) {
       EXPECT_LE(21 - keys.back(), 10);
     }
   }
+}
+
+// Rate changes while running steer the size of the frames: a lower bit rate
+// makes them smaller, fewer frames a second at the same bit rate larger.
+TEST(LibavH264EncoderTest, BitRateAndFrameRateChangesReachTheRunningEncoder) {
+  auto encoder = softwareEncoder();
+  encoder.configure(settings());
+  std::mt19937 random(3);
+  std::int64_t sequence = 0;
+  // Average size of the last half of `frames` busy frames.
+  auto averageSize = [&](int frames) {
+    std::size_t total = 0;
+    for (int i = 0; i < frames; ++i) {
+      auto frame = nv12Frame(++sequence);
+      auto* surface = static_cast<Nv12FrameSurface*>(frame.nativeSurface.get());
+      for (int at = 0; at < 320 * 240; ++at) surface->luma()[at] ^= std::uint8_t(random() & 0x3f);
+      auto encoded = encoder.encode(frame, sequence == 1);
+      if (encoded && i >= frames / 2) total += encoded->annexB.size();
+    }
+    return double(total) / (frames - frames / 2);
+  };
+  struct Step {
+    std::int64_t kbps;
+    double fps;
+    double lowest, highest;  // expected size relative to the step before
+  } steps[] = {{2000, 30, 0, 0}, {500, 30, 0.1, 0.5}, {500, 10, 2.0, 5.0}};
+  double before = 0;
+  for (const auto& step : steps) {
+    encoder.setBitrate(step.kbps);
+    encoder.setFrameRate(step.fps);
+    EXPECT_EQ(encoder.frameRate(), step.fps);
+    const double size = averageSize(60);
+    if (before > 0) {
+      EXPECT_GT(size, before * step.lowest) << step.kbps << " kbps at " << step.fps;
+      EXPECT_LT(size, before * step.highest) << step.kbps << " kbps at " << step.fps;
+    }
+    before = size;
+  }
+  EXPECT_THROW(encoder.setFrameRate(0), MediaError);
+  encoder.setFrameRate(90);  // never above the rate the encoder was opened with
+  EXPECT_EQ(encoder.frameRate(), 30);
 }
 
 TEST(LibavH264EncoderTest, BitrateChangesOnTheRunningEncoderAndReconfigureReplaces) {

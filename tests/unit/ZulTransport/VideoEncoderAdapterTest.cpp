@@ -107,8 +107,9 @@ TEST(VideoEncoderAdapterTest, SizesAreCheckedAtInit) {
 }
 
 TEST(VideoEncoderAdapterTest, EncodesKeyFramesOnRequestAndFollowsTheRate) {
-  VideoEncoderAdapter adapter(
-      std::make_unique<LibavH264Encoder>(std::vector<std::string>{"libx264"}), nullptr);
+  auto owned = std::make_unique<LibavH264Encoder>(std::vector<std::string>{"libx264"});
+  LibavH264Encoder& encoder = *owned;
+  VideoEncoderAdapter adapter(std::move(owned), nullptr);
   Recorder recorder;
   adapter.RegisterEncodeCompleteCallback(&recorder);
   const auto settings = codec(320, 240);
@@ -151,10 +152,18 @@ TEST(VideoEncoderAdapterTest, EncodesKeyFramesOnRequestAndFollowsTheRate) {
   EXPECT_TRUE(recorder.outputs.back().key);
   EXPECT_EQ(adapter.settings().width, 160);
 
+  // Bit rate and frame rate reach the encoder; a wobble of the frame rate
+  // estimate does not, nor a rate above the configured one.
   webrtc::VideoBitrateAllocation bitrate;
   bitrate.SetBitrate(0, 0, 500'000);
-  adapter.SetRates(webrtc::VideoEncoder::RateControlParameters(bitrate, 15.0));
-  EXPECT_EQ(adapter.settings().bitrateKbps, 500);
+  struct Rates {
+    double fps, expected;
+  } rates[] = {{15.0, 15.0}, {15.4, 15.0}, {9.0, 9.0}, {120.0, 30.0}};
+  for (const auto& r : rates) {
+    adapter.SetRates(webrtc::VideoEncoder::RateControlParameters(bitrate, r.fps));
+    EXPECT_EQ(encoder.settings()->bitrateKbps, 500) << r.fps;
+    EXPECT_EQ(encoder.frameRate(), r.expected) << r.fps;
+  }
   // No bits for the stream: frames are dropped, not encoded.
   adapter.SetRates(
       webrtc::VideoEncoder::RateControlParameters(webrtc::VideoBitrateAllocation(), 15.0));
