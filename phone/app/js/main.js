@@ -111,8 +111,8 @@ async function renderHome() {
       if (!confirm(t('forgetConfirm', { name: computer.name }))) return;
       await forgetComputer(computer);
     };
-    more.append(rename, forget);
-    li.append(name, meta, connect, more);
+    more.append(connect, rename, forget);
+    li.append(name, meta, more);
     return li;
   }));
 }
@@ -311,19 +311,27 @@ function onMessage(message) {
 }
 
 function renderMonitors(message) {
-  const select = $('monitors');
+  const box = $('monitors');
   const list = Array.isArray(message.monitors) ? message.monitors : [];
   const previous = app.monitors?.selected;
   app.monitors = message;
-  select.replaceChildren(...list.map((m) => {
-    const option = document.createElement('option');
-    option.value = m.index;
-    const size = m.rect ? ` · ${m.rect.w}×${m.rect.h}` : '';
-    option.textContent = `${t('monitor', { n: m.index + 1 })}${size}`;
-    return option;
+  box.replaceChildren(...list.map((m) => {
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.dataset.index = m.index;
+    button.textContent = String(m.index + 1);
+    button.setAttribute('role', 'radio');
+    button.setAttribute('aria-checked', String(m.index === message.selected));
+    const size = m.rect ? ` (${m.rect.w}×${m.rect.h})` : '';
+    button.title = t('monitor', { n: m.index + 1 }) + size;
+    button.setAttribute('aria-label', button.title);
+    button.onclick = () => {
+      if (m.index === app.monitors.selected) return;
+      app.session?.send('control', { type: 'control.monitor.select', index: m.index });
+    };
+    return button;
   }));
-  select.value = String(message.selected);
-  select.hidden = list.length < 2;
+  box.hidden = list.length < 2;
   // After a switch the elements are those of the other screen.
   if (previous !== undefined && previous !== message.selected) {
     app.scene = null;
@@ -452,10 +460,6 @@ function wire() {
     requestScene();
   };
   $('element-search').oninput = renderElements;
-  $('monitors').onchange = () => {
-    app.session?.send('control', { type: 'control.monitor.select',
-      index: Number($('monitors').value) });
-  };
 
   // A network change: the connection is restarted on the new path.
   const networkChanged = () => {
