@@ -3,14 +3,14 @@
 // A rendezvous server gone bad, for the agent's end-to-end tests: it answers
 // the pairing POST, takes the agent's WebSocket without checking anything,
 // and sends one hostile message per connection, in the order given on the
-// command line. Usage: node hostile_rendezvous.js <websocket.js> <attack>...
+// command line. Usage: node hostile_rendezvous.js <path of the ws package> <attack>...
 // Attacks: mismatched-pairing-id, oversized, not-json. The first stdout line
 // names the port; then one line per connection and per message received.
 
 const crypto = require('node:crypto');
 const http = require('node:http');
 
-const { acceptWebSocket } = require(process.argv[2]);
+const { WebSocketServer } = require(process.argv[2]);
 const attacks = process.argv.slice(3);
 
 function b64url(bytes) {
@@ -45,13 +45,14 @@ const server = http.createServer((request, response) => {
       expiresAt: Math.floor(Date.now() / 1000) + 120 }));
   });
 });
-server.on('upgrade', (request, socket, head) => {
-  const connection = acceptWebSocket(request, socket, head);
+const sockets = new WebSocketServer({ noServer: true });
+server.on('upgrade', (request, socket, head) => sockets.handleUpgrade(request, socket, head, (ws) => {
   const attack = attacks[next];
   next += 1;
   console.log(`connection ${next}: ${attack || 'idle'}`);
-  connection.on('message', (data) => console.log(`received ${String(data).slice(0, 80)}`));
-  if (attack) for (const text of messages[attack]()) connection.sendText(text);
-});
+  ws.on('error', () => {});
+  ws.on('message', (data) => console.log(`received ${String(data).slice(0, 80)}`));
+  if (attack) for (const text of messages[attack]()) ws.send(text);
+}));
 server.listen(0, '127.0.0.1', () => console.log(`hostile: listening on ${server.address().port}`));
 process.on('SIGTERM', () => process.exit(0));

@@ -9,17 +9,11 @@ const crypto = require('node:crypto');
 const fs = require('node:fs');
 const http = require('node:http');
 const https = require('node:https');
-const path = require('node:path');
-const { acceptWebSocket, rejectUpgrade } = require('./websocket');
+const { WebSocketServer } = require('ws');
 
 const IDENTITY_TAG = 'ZUL-SIGNALING-IDENTITY-1\n';
 const FINGERPRINT_TAG = 'ZUL-DTLS-FINGERPRINT-1\n';
-// The development phone page (phone/), served from the same origin.
-const PHONE_FILES = {
-  '/phone': { file: 'index.html', type: 'text/html; charset=utf-8' },
-  '/phone/': { file: 'index.html', type: 'text/html; charset=utf-8' },
-  '/phone/phone.js': { file: 'phone.js', type: 'text/javascript; charset=utf-8' },
-};
+const STATIC_FILES = require('./static');
 const ED25519_SPKI_PREFIX = Buffer.from('302a300506032b6570032100', 'hex');
 
 function usage() {
@@ -217,6 +211,53 @@ function parseJsonObject(text) {
   }
 }
 
+// A refusal before the WebSocket handshake: a plain HTTP answer, then close.
+function rejectUpgrade(socket, status, reason) {
+  const body = `${reason}\n`;
+  socket.end(
+    `HTTP/1.1 ${status} ${reason}\r\nConnection: close\r\nContent-Type: text/plain\r\n` +
+      `Content-Length: ${Buffer.byteLength(body)}\r\n\r\n${body}`,
+  );
+}
+
+// One accepted WebSocket as the rendezvous logic sees it: text in and out,
+// sends after the close dropped. Protocol faults (a frame over the size
+// limit, bad UTF-8) close the socket with the matching code.
+class Connection {
+  constructor(ws) {
+    this.ws = ws;
+    ws.on('error', () => {});
+  }
+
+  get isOpen() {
+    return this.ws.readyState === this.ws.OPEN;
+  }
+
+  sendText(text) {
+    if (!this.isOpen) return false;
+    this.ws.send(text);
+    return true;
+  }
+
+  sendJson(message) {
+    return this.sendText(JSON.stringify(message));
+  }
+
+  close(code = 1000, reason = '') {
+    this.ws.close(code, reason);
+  }
+
+  // 'message' gives (text or null for binary, isText); 'close' takes no arguments.
+  on(event, listener) {
+    if (event === 'message') {
+      this.ws.on('message', (data, isBinary) =>
+        listener(isBinary ? null : data.toString('utf8'), !isBinary));
+    } else {
+      this.ws.on(event, () => listener());
+    }
+  }
+}
+
 class RendezvousServer {
   constructor(config) {
     this.config = config;
@@ -224,6 +265,11 @@ class RendezvousServer {
     this.offers = new Map(); // secret -> { agentId, expiresAt, used }
     this.agents = new Map(); // agentId -> agent state
     this.revoked = new Map(); // agentId -> Set of device ids (the latest report)
+    this.sockets = new WebSocketServer({
+      noServer: true,
+      maxPayload: config.maxMessageBytes,
+      perMessageDeflate: false,
+    });
   }
 
   handleRequest(request, response) {
@@ -232,18 +278,7 @@ class RendezvousServer {
       this.readBody(request, response, (body) => this.createPairing(body, response));
       return;
     }
-    const page = PHONE_FILES[url.pathname];
-    if (request.method === 'GET' && page) {
-      fs.readFile(path.join(__dirname, 'phone', page.file), (error, data) => {
-        if (error) {
-          this.reply(response, 404, { error: 'not-found' });
-          return;
-        }
-        response.writeHead(200, { 'Content-Type': page.type, 'Cache-Control': 'no-store' });
-        response.end(data);
-      });
-      return;
-    }
+    if (request.method === 'GET' && STATIC_FILES.serve(url.pathname, response)) return;
     if (request.method === 'GET' && url.pathname === '/healthz') {
       this.reply(response, 200, { ok: true });
       return;
@@ -347,8 +382,7 @@ class RendezvousServer {
         rejectUpgrade(socket, 401, 'Unauthorized');
         return;
       }
-      const connection = this.accept(request, socket, head);
-      if (connection) this.attachAgent(agentId, connection);
+      this.accept(request, socket, head, (connection) => this.attachAgent(agentId, connection));
     } else if (query.role === 'phone') {
       const error = checkProof({ ...query, subjectId: query.deviceId }, 'phone', 'device_',
         this.config, this.nonces);
@@ -362,17 +396,17 @@ class RendezvousServer {
         rejectUpgrade(socket, 503, 'Agent Offline');
         return;
       }
-      const connection = this.accept(request, socket, head);
-      if (connection) this.attachPhone(agent, query.deviceId, query.publicKey, connection);
+      this.accept(request, socket, head,
+        (connection) => this.attachPhone(agent, query.deviceId, query.publicKey, connection));
     } else {
       rejectUpgrade(socket, 400, 'Bad Request');
     }
   }
 
-  accept(request, socket, head) {
-    return acceptWebSocket(request, socket, head, {
-      maxMessageBytes: this.config.maxMessageBytes,
-    });
+  // Completes the WebSocket handshake and hands over the connection; a
+  // malformed handshake is answered by `ws` itself.
+  accept(request, socket, head, then) {
+    this.sockets.handleUpgrade(request, socket, head, (ws) => then(new Connection(ws)));
   }
 
   attachAgent(agentId, connection) {

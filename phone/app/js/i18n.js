@@ -1,0 +1,161 @@
+// Russian and English texts; the phone's language picks one.
+
+const TEXTS = {
+  en: {
+    title: 'Zul',
+    computers: 'Your computers',
+    noComputers: 'No computer yet. On the computer, start the Zul agent and scan the QR code it shows.',
+    add: 'Add a computer',
+    connect: 'Connect',
+    forget: 'Forget',
+    rename: 'Rename',
+    renamePrompt: 'Name of this computer',
+    forgetConfirm: 'Forget “{name}”? You will have to scan its QR code again.',
+    lastUsed: 'last used {when}',
+    never: 'not used yet',
+    scanTitle: 'Scan the QR code',
+    scanHint: 'Point the camera at the QR code in the Zul window on the computer.',
+    noCamera: 'The camera is not available here. Paste the pairing link instead.',
+    pasteLabel: 'Pairing link',
+    pastePlaceholder: 'zul://pair?payload=…',
+    pairButton: 'Pair',
+    cancel: 'Cancel',
+    back: 'Back',
+    retry: 'Try again',
+    pairAgain: 'Scan a new QR code',
+    takeOver: 'Take over',
+    close: 'Close',
+    badLink: 'This is not a Zul pairing link.',
+    pairing: 'Pairing…',
+    paired: 'Paired with {name}',
+    computerName: 'Computer {id}',
+    // connection states
+    'state-connecting': 'Connecting…',
+    'state-waiting': 'Waiting for the computer…',
+    'state-connected': 'Connected',
+    'state-reconnecting': 'Connection lost, reconnecting…',
+    'state-closed': 'Disconnected',
+    'state-offline': 'No network, waiting for it…',
+    // refusals: what happened and what to do
+    'fail-not-paired': 'This computer does not know this phone (any more). Scan a new QR code to pair again.',
+    'fail-device-revoked': 'This phone was removed from the computer’s trusted devices. Pair again from the computer if that was a mistake.',
+    'fail-another-session': 'Another phone is controlling this computer. You can take over: the other phone will be disconnected.',
+    'fail-taken-over': 'Another phone took over this computer.',
+    'fail-session-limit-reached': 'The server allows no more sessions to this computer now. Try again later.',
+    'fail-fingerprint': 'The computer presented a different security certificate than when you paired. Someone may be in the middle. If the agent was reinstalled, forget it and pair again.',
+    'fail-fingerprint-signature': 'The QR code’s signature is wrong: it did not come from a Zul agent. Nothing was paired.',
+    'fail-grant-signature': 'The computer’s answer is not signed by the key in the QR code. Nothing was paired.',
+    'fail-server-unreachable': 'The server cannot be reached. Check the network; retrying.',
+    'fail-agent-offline': 'The computer is offline: the Zul agent is not running or not connected. Retrying.',
+    'fail-session-replaced': 'This computer was opened on this phone elsewhere (another tab).',
+    'fail-pairing-used': 'This QR code was already used. Show a new one on the computer.',
+    'fail-pairing-expired': 'This QR code has expired. Show a new one on the computer.',
+    'fail-pairing-unknown': 'The server does not know this QR code (it may have restarted). Show a new one on the computer.',
+    'fail-refused': 'The computer refused the connection.',
+    'fail-no-webcrypto': 'This browser cannot make keys here. Open the page over https (or on localhost).',
+    'fail-permission': 'This phone may only watch: control was not granted.',
+    // session screen
+    direct: 'Direct',
+    trackpad: 'Trackpad',
+    keyboard: 'Keyboard',
+    elements: 'Elements',
+    monitor: 'Screen {n}',
+    typeHere: 'Type here…',
+    search: 'Search',
+    refresh: 'Refresh',
+    noElements: 'No elements in the focused window.',
+    loading: 'Loading…',
+    invoked: 'Done: {name}',
+    disconnect: 'Disconnect',
+    unnamed: '(no name)',
+    offline: 'You are offline. The app works again when the network is back.',
+  },
+  ru: {
+    title: 'Zul',
+    computers: 'Ваши компьютеры',
+    noComputers: 'Пока ни одного компьютера. Запустите на компьютере агент Zul и отсканируйте его QR-код.',
+    add: 'Добавить компьютер',
+    connect: 'Подключиться',
+    forget: 'Забыть',
+    rename: 'Переименовать',
+    renamePrompt: 'Название компьютера',
+    forgetConfirm: 'Забыть «{name}»? Придётся снова сканировать его QR-код.',
+    lastUsed: 'подключались {when}',
+    never: 'ещё не подключались',
+    scanTitle: 'Сканирование QR-кода',
+    scanHint: 'Наведите камеру на QR-код в окне Zul на компьютере.',
+    noCamera: 'Камера здесь недоступна. Вставьте ссылку для сопряжения.',
+    pasteLabel: 'Ссылка для сопряжения',
+    pastePlaceholder: 'zul://pair?payload=…',
+    pairButton: 'Сопрячь',
+    cancel: 'Отмена',
+    back: 'Назад',
+    retry: 'Повторить',
+    pairAgain: 'Сканировать новый QR-код',
+    takeOver: 'Перехватить',
+    close: 'Закрыть',
+    badLink: 'Это не ссылка для сопряжения Zul.',
+    pairing: 'Сопряжение…',
+    paired: 'Сопряжено: {name}',
+    computerName: 'Компьютер {id}',
+    'state-connecting': 'Подключение…',
+    'state-waiting': 'Ждём ответа компьютера…',
+    'state-connected': 'Подключено',
+    'state-reconnecting': 'Связь потеряна, переподключаемся…',
+    'state-closed': 'Отключено',
+    'state-offline': 'Нет сети, ждём её…',
+    'fail-not-paired': 'Компьютер не знает этот телефон (больше не знает). Отсканируйте новый QR-код, чтобы сопрячь заново.',
+    'fail-device-revoked': 'Этот телефон удалён из доверенных устройств компьютера. Если это ошибка, сопрягите его заново.',
+    'fail-another-session': 'Компьютером управляет другой телефон. Можно перехватить управление: другой телефон будет отключён.',
+    'fail-taken-over': 'Управление перехватил другой телефон.',
+    'fail-session-limit-reached': 'Сервер сейчас не допускает новых сеансов с этим компьютером. Попробуйте позже.',
+    'fail-fingerprint': 'Компьютер предъявил не тот сертификат, что при сопряжении. Возможно, соединение перехвачено. Если агент переустановлен, забудьте компьютер и сопрягите заново.',
+    'fail-fingerprint-signature': 'Подпись QR-кода неверна: он создан не агентом Zul. Сопряжение не выполнено.',
+    'fail-grant-signature': 'Ответ компьютера подписан не ключом из QR-кода. Сопряжение не выполнено.',
+    'fail-server-unreachable': 'Сервер недоступен. Проверьте сеть; повторяем попытки.',
+    'fail-agent-offline': 'Компьютер не в сети: агент Zul не запущен или не подключён. Повторяем попытки.',
+    'fail-session-replaced': 'Этот компьютер открыт на телефоне в другом месте (другой вкладке).',
+    'fail-pairing-used': 'Этот QR-код уже использован. Покажите на компьютере новый.',
+    'fail-pairing-expired': 'Срок действия QR-кода истёк. Покажите на компьютере новый.',
+    'fail-pairing-unknown': 'Сервер не знает этот QR-код (возможно, он перезапускался). Покажите на компьютере новый.',
+    'fail-refused': 'Компьютер отклонил подключение.',
+    'fail-no-webcrypto': 'Браузер не может создать ключи на этой странице. Откройте её по https (или на localhost).',
+    'fail-permission': 'Этому телефону разрешено только смотреть: управление не выдано.',
+    direct: 'Касание',
+    trackpad: 'Тачпад',
+    keyboard: 'Клавиатура',
+    elements: 'Элементы',
+    monitor: 'Экран {n}',
+    typeHere: 'Введите текст…',
+    search: 'Поиск',
+    refresh: 'Обновить',
+    noElements: 'В активном окне нет элементов.',
+    loading: 'Загрузка…',
+    invoked: 'Выполнено: {name}',
+    disconnect: 'Отключиться',
+    unnamed: '(без названия)',
+    offline: 'Нет сети. Приложение снова заработает, когда сеть появится.',
+  },
+};
+
+const wanted = (navigator.languages || [navigator.language || 'en'])
+  .map((l) => String(l).slice(0, 2).toLowerCase()).find((l) => TEXTS[l]);
+export const lang = wanted || 'en';
+
+export function t(key, values = {}) {
+  const text = TEXTS[lang][key] ?? TEXTS.en[key] ?? key;
+  return text.replace(/\{(\w+)\}/g, (_, name) => String(values[name] ?? ''));
+}
+
+// Fills [data-t] text and [data-t-placeholder] / [data-t-label] attributes.
+export function translate(root = document) {
+  document.documentElement.lang = lang;
+  for (const el of root.querySelectorAll('[data-t]')) el.textContent = t(el.dataset.t);
+  for (const el of root.querySelectorAll('[data-t-placeholder]')) {
+    el.placeholder = t(el.dataset.tPlaceholder);
+  }
+  for (const el of root.querySelectorAll('[data-t-label]')) {
+    el.setAttribute('aria-label', t(el.dataset.tLabel));
+    el.title = t(el.dataset.tLabel);
+  }
+}

@@ -1,0 +1,383 @@
+// The phone's side of the agent's protocol: the device key and identity
+// proofs, pairing with a QR link (fingerprint and grant signatures checked),
+// and a session: the rendezvous WebSocket, the WebRTC answer with the pinned
+// DTLS fingerprint checked, the signed control hello and the data channels.
+// No user interface here: a Session reports through events.
+
+const encoder = new TextEncoder();
+
+export function b64url(bytes) {
+  let text = '';
+  for (const b of new Uint8Array(bytes)) text += String.fromCharCode(b);
+  return btoa(text).replace(/\+/g, '-').replace(/\//g, '_').replace(/=+$/, '');
+}
+
+export function unb64url(text) {
+  const b64 = text.replace(/-/g, '+').replace(/_/g, '/');
+  return Uint8Array.from(atob(b64 + '==='.slice((b64.length + 3) % 4)), (c) => c.charCodeAt(0));
+}
+
+export function randomText(count) {
+  return b64url(crypto.getRandomValues(new Uint8Array(count)));
+}
+
+export async function deriveId(prefix, rawKey) {
+  const digest = new Uint8Array(await crypto.subtle.digest('SHA-256', rawKey));
+  return prefix + b64url(digest.slice(0, 18));
+}
+
+// A failure the user can act on: `code` names the case (the server's and the
+// agent's codes as they come, plus the phone's own ones below).
+export class ZulError extends Error {
+  constructor(code, detail = '') {
+    super(detail ? `${code}: ${detail}` : code);
+    this.code = code;
+  }
+}
+
+// A new device key for one computer. The private half never leaves
+// WebCrypto: not extractable, kept as a CryptoKey in IndexedDB.
+export async function newDevice() {
+  const pair = await crypto.subtle.generateKey({ name: 'Ed25519' }, false, ['sign', 'verify']);
+  const raw = await crypto.subtle.exportKey('raw', pair.publicKey);
+  return { id: await deriveId('device_', raw), publicKey: b64url(raw), privateKey: pair.privateKey };
+}
+
+async function sign(text, privateKey) {
+  return b64url(await crypto.subtle.sign({ name: 'Ed25519' }, privateKey, encoder.encode(text)));
+}
+
+async function verify(publicKeyText, bytes, signatureText) {
+  try {
+    const key = await crypto.subtle.importKey('raw', unb64url(publicKeyText), { name: 'Ed25519' },
+      false, ['verify']);
+    return await crypto.subtle.verify({ name: 'Ed25519' }, key, unb64url(signatureText), bytes);
+  } catch {
+    return false;
+  }
+}
+
+// The pairing payload from what a QR code or a link may hold: the
+// "zul://pair?payload=…" link, a page address with that link after "#", or
+// the JSON itself. Null when the text holds none.
+export function parseLink(text) {
+  let trimmed = String(text || '').trim();
+  const hash = trimmed.indexOf('#zul://');
+  if (hash >= 0) trimmed = trimmed.slice(hash + 1);
+  try {
+    if (trimmed.startsWith('{')) return checkPayload(JSON.parse(trimmed));
+    if (!trimmed.startsWith('zul://pair?')) return null;
+    const query = trimmed.slice(trimmed.indexOf('?') + 1);
+    return checkPayload(JSON.parse(new URLSearchParams(query).get('payload')));
+  } catch {
+    return null;
+  }
+}
+
+function checkPayload(payload) {
+  const fields = ['agentId', 'agentPublicKey', 'ephemeralX25519PublicKey', 'dtlsFingerprint',
+    'fingerprintSignature', 'pairingSecret', 'signalUrl'];
+  return payload && fields.every((f) => typeof payload[f] === 'string') ? payload : null;
+}
+
+export async function fingerprintVerifies(payload) {
+  const transcript = `ZUL-DTLS-FINGERPRINT-1\n${payload.agentId}\n${payload.dtlsFingerprint}\n` +
+    payload.ephemeralX25519PublicKey;
+  return verify(payload.agentPublicKey, encoder.encode(transcript), payload.fingerprintSignature);
+}
+
+const LOOPBACK = new Set(['127.0.0.1', 'localhost', '[::1]']);
+
+// An agent next to a development server on loopback announces a loopback
+// address; a phone elsewhere on the network reaches the same server through
+// the address it loaded this page from.
+export function reachableSignalUrl(signalUrl) {
+  const url = new URL(signalUrl);
+  if (!LOOPBACK.has(url.hostname) || LOOPBACK.has(location.hostname)) return url;
+  url.protocol = location.protocol === 'https:' ? 'wss:' : 'ws:';
+  url.host = location.host;
+  return url;
+}
+
+// Tells "the server is not there" from "the server refused the socket" (the
+// browser hides the HTTP status of a refused WebSocket): a refusal with the
+// server up means the agent is not connected to it.
+async function whyRefused(url) {
+  const health = new URL(url);
+  health.protocol = health.protocol === 'wss:' ? 'https:' : 'http:';
+  health.pathname = '/healthz';
+  health.search = '';
+  try {
+    const response = await fetch(health, { cache: 'no-store' });
+    return response.ok ? 'agent-offline' : 'server-unreachable';
+  } catch {
+    return 'server-unreachable';
+  }
+}
+
+// The rendezvous WebSocket with the phone's identity proof in its query.
+export async function openSignaling(signalUrl, agentId, device) {
+  const timestamp = Math.floor(Date.now() / 1000);
+  const nonce = randomText(24);
+  const transcript =
+    `ZUL-SIGNALING-IDENTITY-1\nphone\n${device.id}\n${agentId}\n${timestamp}\n${nonce}`;
+  const url = reachableSignalUrl(signalUrl);
+  url.pathname = `/v1/rendezvous/${agentId}`;
+  url.search = new URLSearchParams({
+    role: 'phone', deviceId: device.id, agentId, publicKey: device.publicKey,
+    timestamp: String(timestamp), nonce, signature: await sign(transcript, device.privateKey),
+  }).toString();
+  let ws;
+  try {
+    ws = new WebSocket(url);
+  } catch {
+    throw new ZulError('server-unreachable');
+  }
+  await new Promise((resolve, reject) => {
+    ws.onopen = resolve;
+    ws.onerror = async () => reject(new ZulError(await whyRefused(url)));
+  });
+  return ws;
+}
+
+// Pairs a new device key with the agent of `payload`; resolves to the
+// verified grant and the device.
+export async function pair(payload, { permissions = ['view', 'control'] } = {}) {
+  if (!await fingerprintVerifies(payload)) throw new ZulError('fingerprint-signature');
+  const device = await newDevice();
+  const ws = await openSignaling(payload.signalUrl, payload.agentId, device);
+  const message = await new Promise((resolve) => {
+    ws.onmessage = (event) => {
+      const m = JSON.parse(event.data);
+      if (m.type === 'pairing.grant' || m.type === 'signal.error') resolve(m);
+    };
+    ws.onclose = () => resolve({ type: 'signal.error', code: 'server-unreachable' });
+    ws.send(JSON.stringify({ type: 'pairing.request', secret: payload.pairingSecret,
+      permissions }));
+  });
+  ws.onclose = null;
+  ws.close();
+  if (message.type === 'signal.error') throw new ZulError(message.code);
+  const grantBytes = unb64url(message.grant);
+  if (!await verify(payload.agentPublicKey, grantBytes, message.grantSignature)) {
+    throw new ZulError('grant-signature');
+  }
+  const grant = JSON.parse(new TextDecoder().decode(grantBytes));
+  if (grant.deviceId && grant.deviceId !== device.id) throw new ZulError('grant-signature');
+  return { grant, device };
+}
+
+// The o= line's session id: the same for every offer of one connection.
+function sdpSessionId(sdp) {
+  const match = /^o=\S+ (\S+)/m.exec(sdp || '');
+  return match ? match[1] : undefined;
+}
+
+export function offeredFingerprint(sdp) {
+  const match = /a=fingerprint:sha-256 ([0-9A-Fa-f:]+)/.exec(sdp);
+  return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
+}
+
+// What a control.error's message names, as the phone's own codes.
+const HELLO_REFUSALS = {
+  deviceNotTrusted: 'not-paired',
+  identityMismatch: 'not-paired',
+  anotherSessionActive: 'another-session',
+  fingerprintMismatch: 'fingerprint',
+  invalidSignature: 'not-paired',
+};
+
+// One connection to a paired computer. Events (CustomEvent detail):
+//   state   { state: 'connecting' | 'waiting' | 'connected' | 'reconnecting' | 'closed' }
+//   failure { code } – a refusal, see ZulError codes and HELLO_REFUSALS
+//   video   { stream }
+//   message { channel, message } – every parsed data-channel message
+//   hello   { ok } – the agent's control.hello.ok
+export class Session extends EventTarget {
+  constructor(computer, { relay = false } = {}) {
+    super();
+    this.computer = computer; // { agentId, signalUrl, dtlsFingerprint, device }
+    this.relay = relay;
+    this.sessionId = crypto.randomUUID();
+    this.pc = null;
+    this.ws = null;
+    this.channels = {};
+    this.iceServers = [];
+    this.state = 'closed';
+    this.established = false;
+    this.closedByUser = false;
+  }
+
+  emit(type, detail) {
+    this.dispatchEvent(new CustomEvent(type, { detail }));
+  }
+
+  setState(state) {
+    this.state = state;
+    this.emit('state', { state });
+  }
+
+  fail(code) {
+    this.failure = code;
+    this.emit('failure', { code });
+  }
+
+  // Asks the server for a session and answers the agent's offer. While a
+  // connection lives this restarts ICE on it (a network change): the
+  // channels stay and the hello is repeated.
+  async connect({ replaceSession = false } = {}) {
+    this.closedByUser = false;
+    this.failure = null;
+    this.replaceSession = replaceSession;
+    this.setState(this.established ? 'reconnecting' : 'connecting');
+    if (this.ws) {
+      this.ws.onmessage = null;
+      this.ws.onclose = null;
+      this.ws.close();
+    }
+    const { device, agentId, signalUrl } = this.computer;
+    let ws;
+    try {
+      ws = await openSignaling(signalUrl, agentId, device);
+    } catch (error) {
+      this.fail(error.code || 'server-unreachable');
+      return;
+    }
+    this.ws = ws;
+    if (this.pc && ['closed', 'failed'].includes(this.pc.connectionState)) {
+      this.pc.close();
+      this.pc = null;
+      this.channels = {};
+    }
+    ws.onclose = () => {
+      if (this.ws === ws) this.ws = null;
+    };
+    ws.onmessage = (event) => this.onSignal(JSON.parse(event.data)).catch(() => {});
+    ws.send(JSON.stringify({ type: 'session.request' }));
+    this.setState('waiting');
+  }
+
+  async onSignal(m) {
+    if (m.type === 'turn.credentials') {
+      this.iceServers = [{ urls: m.urls, username: m.username, credential: m.credential }];
+    } else if (m.type === 'signal.offer') {
+      await this.answer(m.sdp);
+    } else if (m.type === 'signal.error') {
+      this.fail(m.code);
+    }
+  }
+
+  async answer(sdp) {
+    if (offeredFingerprint(sdp) !== this.computer.dtlsFingerprint) {
+      this.fail('fingerprint');
+      this.close();
+      return;
+    }
+    const same = this.pc && this.pc.remoteDescription &&
+      sdpSessionId(this.pc.remoteDescription.sdp) === sdpSessionId(sdp);
+    if (!same) {
+      if (this.pc) this.pc.close();
+      this.channels = {};
+      this.pc = this.makeConnection();
+    }
+    const pc = this.pc;
+    await pc.setRemoteDescription({ type: 'offer', sdp });
+    await pc.setLocalDescription(await pc.createAnswer());
+    if (pc.iceGatheringState !== 'complete') {
+      await new Promise((resolve) => {
+        pc.addEventListener('icegatheringstatechange', () => {
+          if (pc.iceGatheringState === 'complete') resolve();
+        });
+        setTimeout(resolve, 5000);
+      });
+    }
+    if (this.ws) this.ws.send(JSON.stringify({ type: 'signal.answer', sdp: pc.localDescription.sdp }));
+    if (same && this.channels.control && this.channels.control.readyState === 'open') {
+      await this.hello();
+    }
+  }
+
+  makeConnection() {
+    const pc = new RTCPeerConnection({
+      iceServers: this.iceServers,
+      iceTransportPolicy: this.relay ? 'relay' : 'all',
+    });
+    pc.ontrack = (event) => {
+      this.emit('video', { stream: event.streams[0] || new MediaStream([event.track]) });
+    };
+    pc.onconnectionstatechange = () => {
+      if (pc !== this.pc || this.closedByUser) return;
+      if (pc.connectionState === 'connected' && this.established) this.setState('connected');
+      if (['disconnected', 'failed'].includes(pc.connectionState)) {
+        this.setState('reconnecting');
+        this.emit('lost', {});
+      }
+    };
+    pc.ondatachannel = ({ channel }) => {
+      this.channels[channel.label] = channel;
+      channel.onmessage = (event) => {
+        let message;
+        try {
+          message = JSON.parse(String(event.data));
+        } catch {
+          return;
+        }
+        this.onMessage(channel.label, message);
+      };
+      if (channel.label === 'control') channel.onopen = () => this.hello().catch(() => {});
+    };
+    return pc;
+  }
+
+  onMessage(channel, message) {
+    if (message.type === 'control.hello.ok') {
+      this.established = true;
+      this.sessionId = message.sessionId;
+      this.setState('connected');
+      this.emit('hello', { ok: message });
+    } else if (message.type === 'control.error' && !this.established) {
+      const name = String(message.message || '').replace(/\(.*$/, '');
+      this.fail(HELLO_REFUSALS[name] || 'refused');
+    } else if (message.type === 'control.error' && /noActiveSession/.test(message.message)) {
+      // Another phone took over this computer.
+      this.established = false;
+      this.fail('taken-over');
+    }
+    this.emit('message', { channel, message });
+  }
+
+  // The signed hello; `replaceSession` takes the control over from another phone.
+  async hello(replaceSession = this.replaceSession) {
+    const { device } = this.computer;
+    const nonce = randomText(24);
+    const transcript = `ZUL-CONTROL-HELLO-1\n${this.sessionId}\n${device.id}\n${nonce}`;
+    this.send('control', {
+      type: 'control.hello', deviceId: device.id,
+      dtlsFingerprint: offeredFingerprint(this.pc.remoteDescription.sdp),
+      nonce, signature: await sign(transcript, device.privateKey),
+      replaceSession: Boolean(replaceSession),
+    });
+  }
+
+  // Adds the envelope; false when the channel is not open.
+  send(channel, message) {
+    const dc = this.channels[channel];
+    if (!dc || dc.readyState !== 'open') return false;
+    dc.send(JSON.stringify({ protoVersion: '1.0', sessionId: this.sessionId, ...message }));
+    return true;
+  }
+
+  close() {
+    this.closedByUser = true;
+    if (this.ws) {
+      this.ws.onclose = null;
+      this.ws.close();
+      this.ws = null;
+    }
+    if (this.pc) this.pc.close();
+    this.pc = null;
+    this.channels = {};
+    this.established = false;
+    this.setState('closed');
+  }
+}

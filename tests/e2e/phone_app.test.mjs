@@ -1,0 +1,331 @@
+// The phone web app (phone/app) as a person uses it, in Debian's Chromium at
+// a phone's size with touch, against the real agent on a private 1920x1080
+// X server with two monitors, a session bus with the accessibility registry,
+// the GTK test window and the development rendezvous server, all started once.
+// The checks run in order; each builds on the state the previous one left.
+//
+// Environment: ZUL_AGENT_PATH and ZUL_TRUSTED_DEVICES_PATH (set by CTest).
+
+import { spawn, spawnSync } from 'node:child_process';
+import { mkdtempSync, rmSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
+import { after, before, test } from 'node:test';
+import assert from 'node:assert/strict';
+import { fileURLToPath } from 'node:url';
+
+const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..', '..');
+const { chromium } = createRequire(path.join(root, 'phone', 'package.json'))('playwright-core');
+const SECONDS = 1000;
+
+// ---- processes ---------------------------------------------------------------
+
+const children = [];
+
+// A child whose stdout lines are kept; `waitFor` resolves with the first
+// line (from `from` on) that matches.
+function start(command, args, env = {}) {
+  const child = spawn(command, args, { env: { ...process.env, ...env },
+    stdio: ['ignore', 'pipe', 'pipe'] });
+  const lines = [];
+  const waiters = [];
+  let rest = '';
+  child.stdout.on('data', (chunk) => {
+    rest += chunk;
+    const parts = rest.split('\n');
+    rest = parts.pop();
+    for (const line of parts) {
+      lines.push(line);
+      for (const w of [...waiters]) w.check();
+    }
+  });
+  child.stderr.on('data', () => {});
+  children.push(child);
+  const proc = {
+    lines,
+    waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
+      const test = typeof match === 'function' ? match
+        : typeof match === 'string' ? (l) => l.includes(match) : (l) => match.test(l);
+      return new Promise((resolve, reject) => {
+        const w = {
+          check() {
+            const found = lines.slice(from).find(test);
+            if (found === undefined) return;
+            waiters.splice(waiters.indexOf(w), 1);
+            clearTimeout(w.timer);
+            resolve(found);
+          },
+        };
+        w.timer = setTimeout(() => {
+          waiters.splice(waiters.indexOf(w), 1);
+          reject(new Error(`${command}: no line matching ${match}; last lines:\n` +
+            lines.slice(-15).join('\n')));
+        }, timeout);
+        waiters.push(w);
+        w.check();
+      });
+    },
+  };
+  return proc;
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+const work = mkdtempSync(path.join(tmpdir(), 'zul-phone-app-'));
+const env = {
+  XDG_RUNTIME_DIR: work,
+  XDG_DATA_HOME: path.join(work, 'data'),
+  ZUL_SECRET_BACKEND: 'file',
+  GDK_BACKEND: 'x11',
+};
+delete process.env.NO_AT_BRIDGE; // the GTK window must be accessible
+delete process.env.GTK_MODULES;
+let agent;
+let server;
+let testApp;
+let browser;
+let page;
+let touch; // the DevTools session that sends multi-finger touches
+
+before(async () => {
+  assert.ok(process.env.ZUL_AGENT_PATH && process.env.ZUL_TRUSTED_DEVICES_PATH,
+    'ZUL_AGENT_PATH and ZUL_TRUSTED_DEVICES_PATH name the programs under test');
+  const xvfb = start('Xvfb', ['-displayfd', '1', '-screen', '0', '1920x1080x24', '-nolisten',
+    'tcp', '-noreset']);
+  env.DISPLAY = `:${(await xvfb.waitFor(/^\d+$/)).trim()}`;
+  const x = (command) => assert.equal(spawnSync('sh', ['-c', command],
+    { env: { ...process.env, ...env } }).status, 0, command);
+  // Two monitors side by side; the root painted a colour the picture must show.
+  x('xrandr --setmonitor zul-left 960/254x1080/286+0+0 screen >/dev/null');
+  x('xrandr --setmonitor zul-right 960/254x1080/286+960+0 none >/dev/null');
+  x('xsetroot -solid "#2080e0"');
+
+  const bus = start('dbus-daemon', ['--session', '--nofork', '--print-address=1']);
+  env.DBUS_SESSION_BUS_ADDRESS = (await bus.waitFor('unix:')).trim();
+  // The accessibility bus and its registry, up before the first client.
+  for (let i = 0; ; i += 1) {
+    const address = spawnSync('dbus-send', ['--session', '--dest=org.a11y.Bus',
+      '--print-reply=literal', '/org/a11y/bus', 'org.a11y.Bus.GetAddress'],
+    { env: { ...process.env, ...env }, encoding: 'utf8' }).stdout.trim();
+    if (address && spawnSync('dbus-send', [`--bus=${address}`, '--dest=org.a11y.atspi.Registry',
+      '--print-reply', '/org/a11y/atspi/accessible/root',
+      'org.a11y.atspi.Accessible.GetChildren']).status === 0) break;
+    assert.ok(i < 200, 'the accessibility bus did not start');
+    await sleep(100);
+  }
+  testApp = start('/usr/bin/python3', [path.join(root, 'tests/integration/apps/zul_test_app.py')],
+    env);
+  await testApp.waitFor(/^ready /);
+
+  server = start('node', [path.join(root, 'tools/rendezvous/server.js'), '--port', '0']);
+  const port = (await server.waitFor('listening on')).split(':').pop();
+  env.ZUL_SIGNALING_URL = `http://localhost:${port}`;
+  agent = start(process.env.ZUL_AGENT_PATH, ['--real-agent'], env);
+
+  browser = await chromium.launch({
+    executablePath: '/usr/bin/chromium',
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+  });
+  const context = await browser.newContext({ viewport: { width: 390, height: 844 },
+    hasTouch: true, isMobile: true, locale: 'ru-RU' });
+  page = await context.newPage();
+  touch = await context.newCDPSession(page);
+});
+
+after(async () => {
+  await browser?.close();
+  for (const child of children.reverse()) child.kill('SIGTERM');
+  rmSync(work, { recursive: true, force: true });
+});
+
+// ---- the phone -----------------------------------------------------------------
+
+const connected = () => page.waitForSelector('body[data-state=connected]', { timeout: 60 * SECONDS });
+
+// Where on the page a video pixel is shown.
+async function onPage(vx, vy) {
+  return page.evaluate(([x, y]) => {
+    const video = document.getElementById('screen');
+    const r = video.getBoundingClientRect();
+    return { x: r.left + x * r.width / video.videoWidth, y: r.top + y * r.height / video.videoHeight };
+  }, [vx, vy]);
+}
+
+// Fingers: each step is a list of [x, y] points (one per finger) or null (all up).
+async function fingers(steps, pauseMs = 16) {
+  let down = 0;
+  for (const step of steps) {
+    const points = (step || []).map(([x, y], id) => ({ x, y, id }));
+    const type = !step ? 'touchEnd' : down === 0 ? 'touchStart' : 'touchMove';
+    await touch.send('Input.dispatchTouchEvent', { type, touchPoints: points });
+    down = points.length;
+    await sleep(pauseMs);
+  }
+}
+
+// `count` evenly spaced steps from `a` to `b` for each finger.
+function glide(from, to, count) {
+  return Array.from({ length: count }, (_, i) => from.map(([x, y], f) =>
+    [x + ((to[f][0] - x) * (i + 1)) / count, y + ((to[f][1] - y) * (i + 1)) / count]));
+}
+
+// The GTK window's lines from a mark on.
+const appLines = (mark) => testApp.lines.slice(mark);
+function nearly(line, [x, y], slack) {
+  const [lx, ly] = line.split(' ').slice(-2).map(Number);
+  return Math.abs(lx - x) <= slack && Math.abs(ly - y) <= slack;
+}
+
+let pad; // the GTK window's pad in root (= video) pixels: x, y, w, h
+test('pairs from the QR link and shows the screen', async () => {
+  pad = testApp.lines.find((l) => l.startsWith('ready ')).split(' ').slice(5, 9).map(Number);
+  const link = (await agent.waitFor('zul://pair?payload=', { timeout: 60 * SECONDS })).trim();
+  await agent.waitFor('signaling: connected', { timeout: 60 * SECONDS });
+  await page.goto(`${env.ZUL_SIGNALING_URL}/#${link}`);
+  await connected();
+  await page.waitForFunction(() => zulApp.video().width > 0);
+  // The left monitor, at its own size; a picker offers both.
+  assert.deepEqual(await page.evaluate(() => zulApp.video()), { width: 960, height: 1080 });
+  assert.equal(await page.locator('#monitors button').count(), 2);
+});
+
+test('comes back after a reload with one tap, without pairing', async () => {
+  await page.reload();
+  await page.locator('#computers li .connect').tap();
+  await connected();
+  await page.waitForFunction(() => zulApp.video().width > 0);
+  assert.equal(await page.locator('#computers li').count(), 1);
+});
+
+// Waits until the video shows each [x, y, [r, g, b]] (within a codec's slack).
+function pictureShows(samples) {
+  return page.waitForFunction((cases) => {
+    const video = document.getElementById('screen');
+    const canvas = document.createElement('canvas');
+    [canvas.width, canvas.height] = [video.videoWidth, video.videoHeight];
+    const context = canvas.getContext('2d');
+    context.drawImage(video, 0, 0);
+    return cases.every(([x, y, rgb]) => {
+      const pixel = context.getImageData(x, y, 1, 1).data;
+      return rgb.every((c, i) => Math.abs(pixel[i] - c) <= 24);
+    });
+  }, samples, { timeout: 30 * SECONDS });
+}
+const ROOT = [0x20, 0x80, 0xe0];
+const WINDOW = [0xf6, 0xf5, 0xf4]; // GTK's window background
+
+test('the picture has the screen\'s colours', async () => {
+  await pictureShows([[800, 1000, ROOT], [300, 300, WINDOW]]);
+});
+
+test('fingers reach the X server where the picture shows them', async (t) => {
+  const centre = [pad[0] + pad[2] / 2, pad[1] + pad[3] / 2];
+  await t.test('direct: pinched larger, a tap clicks, a long press right-clicks', async () => {
+    const mid = await onPage(...centre);
+    await fingers([[[mid.x - 20, mid.y], [mid.x + 20, mid.y]],
+      ...glide([[mid.x - 20, mid.y], [mid.x + 20, mid.y]], [[mid.x - 60, mid.y], [mid.x + 60, mid.y]], 10),
+      null]);
+    assert.ok(await page.evaluate(() => zulApp.zoom()) > 2.5);
+    for (const [hold, button] of [[0, 1], [700, 3]]) {
+      const mark = testApp.lines.length;
+      const at = await onPage(...centre);
+      await fingers([[[at.x, at.y]]], hold);
+      await fingers([null]);
+      const press = await testApp.waitFor(`press ${button} `, { from: mark });
+      assert.ok(nearly(press, centre, 2), `${press} is not at ${centre}`);
+    }
+  });
+
+  await t.test('trackpad: the pointer moves relatively and a double-tap-and-hold drags', async () => {
+    await page.locator('[data-mode=trackpad]').tap();
+    // Glide slowly until the drawn pointer is over the pad's left part,
+    // learning how far the pointer goes per finger pixel.
+    const target = [pad[0] + 40, pad[1] + pad[3] / 2];
+    let gain = 1;
+    for (let i = 0; i < 8; i += 1) {
+      const p = await page.evaluate(() => zulApp.pointer());
+      const [dx, dy] = [(target[0] - p.x) / gain, (target[1] - p.y) / gain];
+      if (Math.hypot(target[0] - p.x, target[1] - p.y) < 8) break;
+      const scaled = Math.min(1, 150 / Math.hypot(dx, dy)); // stays on the phone
+      await fingers([[[195, 500]], ...glide([[195, 500]],
+        [[195 + dx * scaled, 500 + dy * scaled]], 20), null]);
+      const q = await page.evaluate(() => zulApp.pointer());
+      gain = Math.hypot(q.x - p.x, q.y - p.y) / Math.hypot(dx * scaled, dy * scaled) || 1;
+      await sleep(350); // not a double tap
+    }
+    const start = await page.evaluate(() => zulApp.pointer());
+    const mark = testApp.lines.length;
+    await fingers([[[195, 500]], null, [[195, 500]], ...glide([[195, 500]], [[235, 500]], 20)]);
+    await fingers([null]);
+    const end = await page.evaluate(() => zulApp.pointer());
+    assert.ok(end.x > start.x + 20, `the pointer did not travel: ${start.x} -> ${end.x}`);
+    const press = await testApp.waitFor('press 1 ', { from: mark });
+    const release = await testApp.waitFor('release 1 ', { from: mark });
+    assert.ok(nearly(press, [start.x, start.y], 2), `${press} is not at ${start.x},${start.y}`);
+    assert.ok(nearly(release, [end.x, end.y], 2), `${release} is not at ${end.x},${end.y}`);
+    assert.ok(appLines(mark).some((l) => l.startsWith('drag ')));
+  });
+
+  await t.test('trackpad: two fingers scroll, one wheel step per 36 px; a two-finger tap right-clicks', async () => {
+    const mark = testApp.lines.length;
+    await fingers([[[150, 600], [230, 600]],
+      ...glide([[150, 600], [230, 600]], [[150, 492], [230, 492]], 12), null]);
+    // The right click comes after every wheel step on the same queue.
+    await fingers([[[150, 600], [230, 600]], null]);
+    const pointer = await page.evaluate(() => zulApp.pointer());
+    const press = await testApp.waitFor('press 3 ', { from: mark });
+    assert.ok(nearly(press, [pointer.x, pointer.y], 2), `${press} is not at the pointer`);
+    const lines = appLines(mark);
+    assert.equal(lines.slice(0, lines.indexOf(press)).filter((l) => l === 'scroll down').length, 3);
+  });
+});
+
+test('typing sends Cyrillic text and the key bar\'s keys', async () => {
+  await page.locator('#open-keyboard').tap();
+  await page.locator('#typing').focus();
+  for (const [action, expected] of [
+    [() => page.keyboard.insertText('Привет, мир'), 'Привет, мир'],
+    [() => page.locator('[data-key=BACKSPACE]').tap(), 'Привет, ми'],
+    [() => page.keyboard.insertText('р!'), 'Привет, мир!'],
+  ]) {
+    const mark = testApp.lines.length;
+    await action();
+    await testApp.waitFor((line) => line === `text ${JSON.stringify(expected)}` ||
+      (line.startsWith('text ') && JSON.parse(line.slice(5)) === expected), { from: mark });
+  }
+  await page.locator('#open-keyboard').tap();
+});
+
+test('an element from the list is invoked in the window', async () => {
+  await page.locator('#open-elements').tap();
+  await page.locator('#element-search').fill('press');
+  const item = page.locator('#element-list button', { hasText: 'Press me' });
+  await item.waitFor({ timeout: 30 * SECONDS });
+  assert.equal(await item.locator('.role').textContent(), 'button');
+  const mark = testApp.lines.length;
+  await item.tap();
+  await testApp.waitFor('clicked Press me', { from: mark });
+  await page.locator('#close-elements').tap();
+});
+
+test('the monitor picker switches to the other screen and its picture', async () => {
+  const mark = agent.lines.length;
+  await page.locator('#monitors button[data-index="1"]').tap();
+  await agent.waitFor('selected display 1', { from: mark });
+  await page.waitForSelector('#monitors button[data-index="1"][aria-checked=true]');
+  await pictureShows([[300, 300, ROOT]]);
+});
+
+test('a revoked phone is told so and offered to pair again', async () => {
+  const line = server.lines.find((l) => /session \d+ for device_/.test(l));
+  const deviceId = line.split(' ').pop();
+  const revoke = spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, ['revoke', deviceId],
+    { env: { ...process.env, ...env } });
+  assert.equal(revoke.status, 0);
+  await page.waitForSelector('#notice:not([hidden])[data-code=device-revoked]',
+    { timeout: 60 * SECONDS });
+  assert.match(await page.locator('#notice-text').textContent(), /удалён из доверенных/);
+  assert.equal(await page.locator('#notice-actions button').count(), 3);
+});
