@@ -432,7 +432,11 @@ std::vector<AgentPeerSession::TrackInfo> AgentPeerSession::videoTracks() const {
   for (const auto& sender : connection->GetSenders()) {
     auto track = sender->track();
     if (!track || track->kind() != webrtc::MediaStreamTrackInterface::kVideoKind) continue;
-    out.push_back({track->id(), sender->stream_ids()});
+    auto* video = static_cast<webrtc::VideoTrackInterface*>(track.get());
+    out.push_back({track->id(), sender->stream_ids(),
+                   video->content_hint() == webrtc::VideoTrackInterface::ContentHint::kDetailed,
+                   sender->GetParameters().degradation_preference ==
+                       webrtc::DegradationPreference::MAINTAIN_RESOLUTION});
   }
   return out;
 }

@@ -94,6 +94,8 @@ class AgentPeerSession {
   struct TrackInfo {
     std::string trackId;
     std::vector<std::string> streamIds;
+    bool detailedContent = false;  // marked as text and edges
+    bool keepsResolution = false;  // a tight link costs frame rate and quality, not size
   };
   struct IceServerInfo {
     std::vector<std::string> urls;

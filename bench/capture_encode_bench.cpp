@@ -4,7 +4,8 @@
 //
 //   zul-capture-encode-bench [--seconds N] [--size WxH]...
 //
-// Figures per size: achieved frames per second, per-frame latency of capture
+// Figures per size: how soon a change on a still screen reaches the capture's
+// consumer (median and p99); achieved frames per second, per-frame latency of capture
 // (screen read + conversion to 4:2:0) and of encoding (median and p99), CPU
 // time per frame of the pipeline's process and of the X server; then the
 // ratios ours / ffmpeg. ffmpeg's command line reports its encode times
@@ -22,6 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -32,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 
@@ -236,6 +239,58 @@ Figures runOurs(const Xvfb& server, int width, int height, int seconds) {
   return figures;
 }
 
+// How soon a change drawn on a still screen reaches the capture's consumer:
+// a square flips between dark and bright, and the frame whose pixels show it
+// is timed against the moment the X server had drawn it.
+Percentiles changeToFrame(const Xvfb& server, int changes) {
+  Display* display = XOpenDisplay(server.display.c_str());
+  if (!display) throw std::runtime_error("cannot open " + server.display);
+  const Window root = DefaultRootWindow(display);
+  GC gc = XCreateGC(display, root, 0, nullptr);
+  std::mutex mutex;
+  std::condition_variable seen;
+  int want = -1;  // 0: dark, 1: bright, -1: nothing asked
+  Clock::time_point seenAt;
+  zul::ScreenCaptureSource source(server.display);
+  source.setFrameReady([&](const zul::CapturedFrame& frame) {
+    auto* surface = dynamic_cast<zul::Nv12FrameSurface*>(frame.nativeSurface.get());
+    if (!surface) return;
+    const int luma = surface->luma()[48 * surface->lumaStride() + 48];
+    std::lock_guard lock(mutex);
+    if (want >= 0 && (luma > 128) == (want == 1)) {
+      want = -1;
+      seenAt = Clock::now();
+      seen.notify_all();
+    }
+  });
+  source.start(zul::CaptureOptions{.displayIndex = 0,
+                                   .width = 0,
+                                   .height = 0,
+                                   .framesPerSecond = 30,
+                                   .idleFramesPerSecond = 2,
+                                   .convertHdrToSdr = true});
+  std::vector<double> latencies;
+  for (int i = 0; i < changes; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(120 + (i * 37) % 150));
+    {
+      std::lock_guard lock(mutex);
+      want = i % 2 == 0 ? 1 : 0;
+    }
+    XSetForeground(display, gc, i % 2 == 0 ? 0xf0f0f0ul : 0x202020ul);
+    XFillRectangle(display, root, gc, 32, 32, 64, 64);
+    XSync(display, False);
+    const auto drawnAt = Clock::now();
+    std::unique_lock lock(mutex);
+    if (seen.wait_for(lock, 5s, [&] { return want < 0; })) {
+      latencies.push_back(ms(seenAt - drawnAt));
+    }
+  }
+  source.stop();
+  XFreeGC(display, gc);
+  XCloseDisplay(display);
+  return percentiles(latencies);
+}
+
 // ffmpeg's own capture stage, in-process: x11grab reads, swscale converts to
 // yuv420p, paced at 30 per second by us (x11grab asked for a rate it never
 // waits for, so only the work is timed).
@@ -408,6 +463,11 @@ int main(int argc, char** argv) {
     const std::string size = std::to_string(width) + "x" + std::to_string(height);
     try {
       Xvfb server(width, height);
+      const Percentiles change = changeToFrame(server, 40);
+      std::printf(
+          "%-10s a change on a still screen reaches the consumer in %.1f ms (median), "
+          "%.1f ms (p99)\n",
+          size.c_str(), change.median, change.p99);
       pid_t painter = spawn({"/proc/self/exe", "--paint", server.display, std::to_string(width),
                              std::to_string(height)});
       std::this_thread::sleep_for(1s);

@@ -103,6 +103,22 @@ void keepMoving(zul::test::ScreenPattern& pattern, double seconds) {
   }
 }
 
+// Covers the screen with small squares of random colours, over and over: far
+// more than a 4 Mbit/s link carries at 30 frames per second.
+void keepBusy(zul::test::ScreenPattern& pattern, double seconds) {
+  std::mt19937 random(11);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < until) {
+    for (int i = 0; i < 200; ++i) {
+      const auto bits = random();
+      pattern.fillSquare(
+          int(random() % unsigned(pattern.width() - 32)),
+          int(random() % unsigned(pattern.height() - 32)), 32,
+          Rgb{std::uint8_t(bits), std::uint8_t(bits >> 8), std::uint8_t(bits >> 16)});
+    }
+  }
+}
+
 int waitForPort(ChildProcess& agent) {
   while (auto line = agent.readStdoutLine(60s)) {
     const auto at = line->find("http://");
@@ -121,6 +137,9 @@ struct Figures {
   int movingFrames = 0;
   double agentCoreShare = 0;
   double ffmpegCpuPerFrameMs = 0;
+  std::string busyDecoded;  // a screen busier than the link: what the phone gets
+  double busyFps = 0;
+  double busyKbps = 0;
   double at(double q) const {
     return latencies.empty() ? 0
                              : latencies[std::min(latencies.size() - 1,
@@ -215,6 +234,30 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
       figures.movingFrames > 0 ? agentCpu * 1000 / figures.movingFrames : 0.0;
   figures.agentCoreShare = agentCpu * 100 / movingElapsed;
 
+  // A screen busier than the link: the size must stay, the rate gives way.
+  {
+    const std::string received = R"js((async () => {
+      let n = 0, bytes = 0;
+      (await pc.getStats()).forEach((s) => {
+        if (s.type === "inbound-rtp") { n = s.framesDecoded || 0; bytes = s.bytesReceived || 0; }
+      });
+      const v = document.getElementById("video");
+      return { frames: n, bytes: bytes, size: v.videoWidth + "x" + v.videoHeight };
+    })())js";
+    constexpr double busySeconds = 8;
+    keepBusy(pattern, 3);  // the rate control settles first
+    const auto before = browser.evaluate(page, received);
+    const auto busyStarted = std::chrono::steady_clock::now();
+    keepBusy(pattern, busySeconds);
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - busyStarted).count();
+    const auto after = browser.evaluate(page, received);
+    figures.busyDecoded = after["size"].get<std::string>();
+    figures.busyFps = (after["frames"].get<double>() - before["frames"].get<double>()) / elapsed;
+    figures.busyKbps =
+        (after["bytes"].get<double>() - before["bytes"].get<double>()) * 8 / 1000 / elapsed;
+  }
+
   // The reference: ffmpeg grabbing and encoding the same moving screen.
   const int referenceFps = maxFps ? std::max(1, std::atoi(maxFps)) : 30;
   const std::string ffmpeg =
@@ -278,6 +321,9 @@ int main(int argc, char** argv) {
                   f.latencies.empty() ? 0 : f.latencies.back(), f.decodedDuringChanges,
                   decoded.c_str(), f.movingFps, f.agentCpuPerFrameMs, f.ffmpegCpuPerFrameMs,
                   f.ffmpegCpuPerFrameMs > 0 ? f.agentCpuPerFrameMs / f.ffmpegCpuPerFrameMs : 0.0);
+      std::printf(
+          "%-10s busy screen (random squares everywhere): decoded %s at %.1f fps, %.0f kbit/s\n",
+          "", f.busyDecoded.c_str(), f.busyFps, f.busyKbps);
       std::fflush(stdout);
     } catch (const std::exception& error) {
       std::printf("%dx%d: failed: %s\n", width, height, error.what());

@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <thread>
 
-#include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/demo/FramePixels.h"
+#include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulTransport/LocalOfferSession.h"
 
 namespace zul {
@@ -215,12 +215,12 @@ void runPhoneDemo(const PhoneDemoSettings& settings, const CaptureSourceFactory&
       session->push(frame, timestampNs);
     }
   });
-  // Native size at a steady rate: the demo is short-lived, and a steady
-  // rate keeps a change on a still screen from waiting for an idle tick.
+  // Native size; a change is read as soon as the X server reports it, so a
+  // still screen needs no more than the idle rate.
   CaptureOptions options;
   options.displayIndex = 0;
   options.framesPerSecond = settings.framesPerSecond;
-  options.idleFramesPerSecond = settings.framesPerSecond;
+  options.idleFramesPerSecond = std::min(settings.framesPerSecond, idleFramesPerSecond);
   capture->start(options);
 
   try {

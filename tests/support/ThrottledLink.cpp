@@ -51,7 +51,7 @@ std::optional<ThrottledLink> ThrottledLink::make(const std::string& rate, int de
   }
   for (const std::string& shaping :
        {"netem rate " + rate + " delay " + std::to_string(delayMsEachWay) + "ms",
-        "tbf rate " + rate + " burst 32kbit latency 100ms"}) {
+        "tbf rate " + rate + " burst 32kbit limit 1500000"}) {
     if (run("tc qdisc add dev " + outside + " root " + shaping) &&
         run("ip netns exec " + name + " tc qdisc add dev " + inside + " root " + shaping)) {
       return ThrottledLink(name, outside, shaping);

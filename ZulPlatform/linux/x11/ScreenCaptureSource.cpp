@@ -278,6 +278,14 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   int temporaryFailures = 0;
 
   for (;;) {
+    // Notices the last calls on the connection already read would not wake
+    // poll(): take them first.
+    auto takeNotices = [&] {
+      const auto notices = run.connection->takeNotices();
+      if (notices.screen) gate.noticeChange();
+      monitorsNoticed = monitorsNoticed || notices.monitors;
+    };
+    takeNotices();
     // Wait for the next due moment, a notice from the server or a wake-up
     // (stop, the consumer done with its frame).
     {
@@ -303,9 +311,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       if (stopRequested) break;
     }
     const auto now = Clock::now();
-    const auto notices = run.connection->takeNotices();
-    if (notices.screen) gate.noticeChange();
-    monitorsNoticed = monitorsNoticed || notices.monitors;
+    takeNotices();
     if (now >= nextPointerLook) {
       nextPointerLook = now + gate.activeInterval();
       if (!reported) {

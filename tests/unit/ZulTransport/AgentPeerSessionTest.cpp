@@ -39,6 +39,8 @@ TEST(AgentPeerSession, StartsWithOneVideoTrackAndCreatesTheCatalogueChannels) {
   ASSERT_EQ(tracks.size(), 1u);
   EXPECT_EQ(tracks[0].trackId, "zul-video0");
   EXPECT_EQ(tracks[0].streamIds, std::vector<std::string>{"zul-stream0"});
+  EXPECT_TRUE(tracks[0].detailedContent);
+  EXPECT_TRUE(tracks[0].keepsResolution);
   EXPECT_TRUE(session.channels().empty());
   EXPECT_TRUE(session.iceServers().empty());
   session.createDataChannels();
