@@ -448,6 +448,7 @@ class RealAgent {
       const auto previous = std::exchange(*sessionDevice_.lock(), name);
       event_("phone connected: " + name +
              (previous.empty() || previous == name ? "" : " (instead of " + previous + ")"));
+      status("peer-ready: " + name);
       // A new session never inherits a button or key the previous phone held.
       actions_->releaseAll();
       capture_->setWatched(true);
@@ -456,6 +457,7 @@ class RealAgent {
     hooks.onSessionEnded = [this] {
       if (auto name = std::exchange(*sessionDevice_.lock(), {}); !name.empty()) {
         event_("phone disconnected: " + name);
+        status("phone-left: " + name);
       }
       actions_->releaseAll();
       capture_->setWatched(false);
@@ -603,6 +605,7 @@ class RealAgent {
       print_("signaling: " + text);
       if (text == "connected") {
         // The server may have forgotten the last link's pairing: a fresh one.
+        troubleReason_.lock()->clear();
         if (serverLost_.exchange(false)) {
           event_("server back: " + redactedUrl(settings_.signalingBaseURL));
           linkSpent_ = true;
@@ -654,7 +657,9 @@ class RealAgent {
     } catch (const std::exception& error) {
       print_(std::string("refresh pairing failed: ") + error.what());
       // Retried every few seconds: said once per reason.
-      if (std::exchange(*pairingFailure_.lock(), error.what()) != error.what()) {
+      if (!serverSeen_ || serverLost_) {
+        serverTrouble(error.what());
+      } else if (std::exchange(*pairingFailure_.lock(), error.what()) != error.what()) {
         event_(std::string("no pairing link: ") + error.what());
       }
       std::lock_guard lock(pairingMutex_);
@@ -675,6 +680,15 @@ class RealAgent {
     });
   }
 
+  // A server that cannot be reached, as the signalling loop or the pairing
+  // request finds it: one line per reason, and the reason for a window.
+  void serverTrouble(const std::string& reason) {
+    status("reconnecting: " + reason);
+    if (std::exchange(*troubleReason_.lock(), reason) == reason) return;
+    event_((serverSeen_ ? "server lost: " : "cannot reach the server: ") + reason +
+           "; retrying every 2 s");
+  }
+
   void startSignalingLoop() {
     signalingThread_ = std::thread([this] {
       while (!stopping_) {
@@ -686,10 +700,8 @@ class RealAgent {
         }
         if (stopping_) break;
         print_("signaling disconnected: " + reason + "; retrying");
-        if (!serverLost_.exchange(true)) {
-          event_("server lost: " + reason + "; retrying every 2 s");
-        }
-        status("reconnecting");
+        serverLost_ = serverSeen_.load();
+        serverTrouble(reason);
         std::unique_lock lock(loopMutex_);
         loopWake_.wait_for(lock, std::chrono::seconds(2), [&] { return stopping_.load(); });
       }
@@ -719,6 +731,7 @@ class RealAgent {
       const auto now = SteadyClock::now();
       if (deadline && now >= *deadline) return;
       if (ui_.control && ui_.control->stopRequested()) return;
+      if (ui_.control && ui_.control->takeSessionEnd()) connections_->endSession();
       if (ui_.control && ui_.control->takePairingRefresh()) {
         startPairingRefresh();
         continue;
@@ -733,7 +746,9 @@ class RealAgent {
 
   bool pairingDue(SteadyClock::time_point now) {
     std::lock_guard lock(pairingMutex_);
-    return (!linkValidUntil_ || now >= *linkValidUntil_ || linkSpent_.exchange(false)) &&
+    // A window shows an expired link as such and asks for the next one.
+    const bool expired = linkValidUntil_ && now >= *linkValidUntil_ && !ui_.onPairingLink;
+    return (!linkValidUntil_ || expired || linkSpent_.exchange(false)) &&
            now >= nextPairingAttempt_;
   }
 
@@ -844,6 +859,7 @@ class RealAgent {
   std::atomic<bool> serverLost_{false};
   Guarded<std::string> sessionDevice_;   // the name of the phone in session
   Guarded<std::string> pairingFailure_;  // the last reason told
+  Guarded<std::string> troubleReason_;   // the last reason the server was out of reach
   Guarded<std::optional<std::set<std::string>>> knownDevices_;
   std::mutex loopMutex_;
   std::condition_variable loopWake_;
