@@ -658,7 +658,7 @@ class RealAgent {
       print_(std::string("refresh pairing failed: ") + error.what());
       // Retried every few seconds: said once per reason.
       if (!serverSeen_ || serverLost_) {
-        serverTrouble(error.what());
+        serverTrouble(error.what(), false);
       } else if (std::exchange(*pairingFailure_.lock(), error.what()) != error.what()) {
         event_(std::string("no pairing link: ") + error.what());
       }
@@ -681,12 +681,15 @@ class RealAgent {
   }
 
   // A server that cannot be reached, as the signalling loop or the pairing
-  // request finds it: one line per reason, and the reason for a window.
-  void serverTrouble(const std::string& reason) {
+  // request finds it: a line when an outage begins (before the first
+  // connection, one per reason), and the reason for a window.
+  void serverTrouble(const std::string& reason, bool outageBegins) {
     status("reconnecting: " + reason);
-    if (std::exchange(*troubleReason_.lock(), reason) == reason) return;
-    event_((serverSeen_ ? "server lost: " : "cannot reach the server: ") + reason +
-           "; retrying every 2 s");
+    const bool newReason = std::exchange(*troubleReason_.lock(), reason) != reason;
+    if (serverSeen_ ? outageBegins : newReason) {
+      event_((serverSeen_ ? "server lost: " : "cannot reach the server: ") + reason +
+             "; retrying every 2 s");
+    }
   }
 
   void startSignalingLoop() {
@@ -700,8 +703,7 @@ class RealAgent {
         }
         if (stopping_) break;
         print_("signaling disconnected: " + reason + "; retrying");
-        serverLost_ = serverSeen_.load();
-        serverTrouble(reason);
+        serverTrouble(reason, serverSeen_ && !serverLost_.exchange(true));
         std::unique_lock lock(loopMutex_);
         loopWake_.wait_for(lock, std::chrono::seconds(2), [&] { return stopping_.load(); });
       }

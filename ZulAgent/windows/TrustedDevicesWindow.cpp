@@ -43,6 +43,7 @@ TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStor
   if (!confirm_) {
     confirm_ = [this] {
       QMessageBox box(this);
+      box.setWindowTitle("Velto");
       box.setText("Отозвать доступ?");
       box.setInformativeText("Этот телефон больше не сможет открыть новые сессии с компьютером.");
       auto* revoke = box.addButton("Отозвать", QMessageBox::AcceptRole);
