@@ -17,6 +17,12 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// The agent names a phone that gave no name "Device " and the end of its id.
+std::string shownName(const std::string& name) {
+  constexpr std::string_view generated = "Device ";
+  return name.rfind(generated, 0) == 0 ? "Телефон " + name.substr(generated.size()) : name;
+}
+
 }  // namespace
 
 std::optional<std::string> acceptedServerURL(std::string_view text) {
@@ -48,7 +54,8 @@ StatusView statusView(std::string_view status) {
   const std::string s = lower(status);
   // "peer-ready: NAME" and "phone-left: NAME": the phone's name, as it paired.
   const auto colon = status.find(": ");
-  const std::string detail(colon == std::string_view::npos ? "" : status.substr(colon + 2));
+  const std::string detail =
+      shownName(std::string(colon == std::string_view::npos ? "" : status.substr(colon + 2)));
   if (s.rfind("phone-left", 0) == 0)
     return {"Ожидание телефона", PillColour::accent, AgentPhase::online};
   if (contains(s, "peer-ready")) {
@@ -133,15 +140,13 @@ std::string deviceDetail(const TrustedDevice& device, const std::string& pairedA
 }
 
 std::string deviceName(const TrustedDevice& device) {
-  constexpr std::string_view generated = "Device ";
-  if (device.name.rfind(generated, 0) == 0)
-    return "Телефон " + device.name.substr(generated.size());
-  return device.name.empty() ? device.deviceId : device.name;
+  return device.name.empty() ? device.deviceId : shownName(device.name);
 }
 
 std::optional<std::string> pairingStatus(std::string_view status) {
   const auto colon = status.find(": ");
-  const std::string name(colon == std::string_view::npos ? "" : status.substr(colon + 2));
+  const std::string name =
+      shownName(std::string(colon == std::string_view::npos ? "" : status.substr(colon + 2)));
   const std::string s = lower(status);
   if (s.rfind("peer-ready", 0) == 0) {
     return name.empty() ? "●  Телефон подключён" : "●  Подключён телефон: " + name;

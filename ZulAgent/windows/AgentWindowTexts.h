@@ -48,7 +48,8 @@ std::string countdownText(std::int64_t remainingSeconds);
 std::vector<TrustedDevice> devicesNewestFirst(std::vector<TrustedDevice> devices);
 std::string deviceDetail(const TrustedDevice& device, const std::string& pairedAtText);
 // A device's name in the windows' language: the agent names a phone that
-// gave none "Device " and the end of its id, shown as "Телефон …".
+// gave none "Device " and the end of its id, shown as "Телефон …" (so are
+// the names in statuses).
 std::string deviceName(const TrustedDevice& device);
 
 // The pairing window's status line for a status the agent reports; nothing

@@ -42,8 +42,8 @@ TEST(AgentWindowTexts, ShowsEachStatus) {
       // A phone named like a status word is still only a name.
       {"peer-ready: Pixel: failed", "Подключено: Pixel: failed", green, online, false, "",
        "●  Подключён телефон: Pixel: failed"},
-      {"phone-left: Pixel", "Ожидание телефона", accent, online, false, std::nullopt,
-       "●  Pixel отключился. Ожидание телефона"},
+      {"phone-left: Device x1Y2z3", "Ожидание телефона", accent, online, false, std::nullopt,
+       "●  Телефон x1Y2z3 отключился. Ожидание телефона"},
       {"Connected", "Ожидание телефона", accent, online, false, "", "●  Ожидание телефона"},
       {"waiting", "Ожидание телефона", accent, online, false, "", "●  Ожидание телефона"},
       {"ready", "Ожидание телефона", accent, online, false, "", std::nullopt},
