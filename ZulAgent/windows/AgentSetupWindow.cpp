@@ -25,6 +25,8 @@ constexpr const char* neutral = "#8a8f98";
 QLabel* label(const QString& text, const char* style = nullptr) {
   auto* l = new QLabel(text);
   l->setWordWrap(true);
+  // Server reasons and phone names are text, never markup.
+  l->setTextFormat(Qt::PlainText);
   if (style) l->setStyleSheet(style);
   return l;
 }

@@ -35,6 +35,7 @@ PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
   qr_->setAccessibleName("QR-код для подключения телефона");
   layout->addWidget(qr_);
   status_ = new QLabel("●  Ожидание телефона");
+  status_->setTextFormat(Qt::PlainText);  // a phone's name is text, never markup
   layout->addWidget(status_);
   auto* codeRow = new QHBoxLayout;
   codeRow->addWidget(new QLabel("Этот компьютер"));

@@ -85,6 +85,7 @@ void TrustedDevicesWindowController::refresh() {
     auto* layout = new QHBoxLayout(row);
     auto* texts = new QVBoxLayout;
     auto* name = new QLabel(QString::fromStdString(windows::deviceName(device)));
+    name->setTextFormat(Qt::PlainText);  // the phone chose it: text, never markup
     name->setObjectName("name");
     auto* detail = new QLabel(
         QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString())));
