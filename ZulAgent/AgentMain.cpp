@@ -1,5 +1,6 @@
 #include "ZulAgent/AgentMain.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -97,6 +98,9 @@ int agentMain(int argc, char** argv) {
       /*launchedAsApp=*/false);
 
   switch (plan.mode) {
+    case RunMode::help:
+      std::fputs(helpText().c_str(), stdout);
+      break;
     case RunMode::webrtcSmoke:
       runWebRtcSmokeMode();
       break;

@@ -1,6 +1,7 @@
 #include "ZulAgent/RunMode.h"
 
 #include <algorithm>
+#include <string>
 
 namespace zul {
 
@@ -9,11 +10,44 @@ LaunchPlan chooseRunMode(const std::vector<std::string>& arguments,
   auto has = [&](std::string_view flag) {
     return std::find(arguments.begin(), arguments.end(), flag) != arguments.end();
   };
+  if (has("--help") || has("-h")) return {RunMode::help, false};
   if (has("--webrtc-smoke")) return {RunMode::webrtcSmoke, false};
   if (has("--real-agent") || launchedAsApp) return {RunMode::realAgent, false};
   if (has("--phone-demo")) return {RunMode::phoneDemo, false};
   const bool useReal = captureBackend == "real" || has("--real");
   return {RunMode::pipeline, useReal};
+}
+
+std::string helpText() {
+  return R"(Usage: zul-agent [--real-agent | --phone-demo | --webrtc-smoke | --real]
+
+Lets a paired phone see this computer's screen and drive it.
+
+Modes (the first that matches wins):
+  --webrtc-smoke  create and close a WebRTC peer connection, then exit
+  --real-agent    the agent: the setup window on $DISPLAY, or no windows when
+                  ZUL_SIGNALING_URL is set (the pairing link is printed then)
+  --phone-demo    this screen in a phone's browser on the same network, over
+                  HTTP on port 8787, without pairing
+  --real          the three-second capture-and-encode test on the real screen
+  (nothing)       the same test with synthetic frames and encoder
+  --help, -h      this text
+
+Environment:
+  ZUL_SIGNALING_URL    the rendezvous server's address (real agent, no windows)
+  ZUL_DEMO_SECONDS     stop after this many seconds (phone demo: default 300)
+  ZUL_DEMO_PORT        the phone demo's port (default 8787; 0: any free one)
+  ZUL_MAX_FPS          video frames per second while the screen moves, 1 to 60
+  ZUL_CAPTURE_BACKEND  "real": the capture-and-encode test uses the real screen
+  ZUL_SECRET_BACKEND   where keys and paired phones live: auto, secret-service
+                       or file
+  ZUL_VERBOSE          1: detailed diagnostics (connection states, requests,
+                       library warnings); without it, one line per event
+  ZUL_WEBRTC_LOG       WebRTC's own log: verbose, info, warning or error
+  DISPLAY              the X display that is shown and controlled
+
+Every mode exits with status 0; its outcome is what it prints.
+)";
 }
 
 }  // namespace zul

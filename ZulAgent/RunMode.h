@@ -7,7 +7,7 @@
 
 namespace zul {
 
-enum class RunMode { webrtcSmoke, realAgent, phoneDemo, pipeline };
+enum class RunMode { help, webrtcSmoke, realAgent, phoneDemo, pipeline };
 
 struct LaunchPlan {
   RunMode mode = RunMode::pipeline;
@@ -16,7 +16,8 @@ struct LaunchPlan {
   friend bool operator==(const LaunchPlan&, const LaunchPlan&) = default;
 };
 
-// Picks the one mode this process runs. `arguments` excludes the program
+// Picks the one mode this process runs; "--help" or "-h" anywhere asks for
+// the help text instead. `arguments` excludes the program
 // name; flags match whole arguments only ("--real" is not "--real-agent").
 // `captureBackend` is ZUL_CAPTURE_BACKEND: only the exact value "real"
 // selects the real backends. `launchedAsApp` is the desktop application's own
@@ -24,5 +25,9 @@ struct LaunchPlan {
 // yet, so the agent passes false).
 LaunchPlan chooseRunMode(const std::vector<std::string>& arguments,
                          std::optional<std::string_view> captureBackend, bool launchedAsApp);
+
+// What `zul-agent --help` prints: the modes, the settings and the
+// environment variables, in lines of at most 80 columns.
+std::string helpText();
 
 }  // namespace zul

@@ -117,11 +117,25 @@ function setStatus(text, isError) {
   statusLine.className = isError ? "error" : "";
 }
 const pc = new RTCPeerConnection({ iceServers: [] });
+// Once frames show, the status says so until the connection ends.
+let playing = false;
+video.addEventListener("playing", () => {
+  playing = true;
+  setStatus("playing (" + video.videoWidth + "×" + video.videoHeight + ")");
+});
 pc.ontrack = (event) => {
   video.srcObject = event.streams[0];
-  setStatus("video track received");
+  if (!playing) setStatus("video track received");
 };
-pc.oniceconnectionstatechange = () => setStatus("ice: " + pc.iceConnectionState);
+pc.oniceconnectionstatechange = () => {
+  const state = pc.iceConnectionState;
+  if (state === "failed" || state === "disconnected" || state === "closed") {
+    playing = false;
+    setStatus("connection " + state + " (restart the demo to connect again)", state !== "closed");
+  } else if (!playing) {
+    setStatus("ice: " + state);
+  }
+};
 function gatheringComplete() {
   return new Promise((resolve) => {
     if (pc.iceGatheringState === "complete") return resolve();
@@ -140,7 +154,7 @@ async function connect() {
   setStatus("sending answer…");
   const reply = await fetch("/answer", { method: "POST", body: pc.localDescription.sdp });
   if (!reply.ok) throw new Error(await reply.text());
-  setStatus("waiting for video…");
+  if (!playing) setStatus("waiting for video…");
 }
 connect().catch((error) => setStatus("error: " + error, true));
 </script>
@@ -185,7 +199,7 @@ std::vector<std::string> phoneDemoBanner(const std::optional<std::string>& addre
   const std::string rule(58, '=');
   return {"",
           rule,
-          "Open this on your iPhone, same Wi-Fi as this computer:",
+          "Open this on your phone, same Wi-Fi as this computer:",
           "",
           "    http://" + address.value_or("<this-computer-lan-ip>") + ":" + std::to_string(port),
           "",

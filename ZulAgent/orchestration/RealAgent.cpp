@@ -8,8 +8,10 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -18,6 +20,7 @@
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/PhoneConnections.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
+#include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
@@ -63,6 +66,15 @@ namespace {
 std::string shown(const nlohmann::json& payload, const char* key) {
   auto it = payload.find(key);
   if (it == payload.end()) return "missing";
+  if (it->is_number_float()) {
+    // Video pixels: two decimals say enough.
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", it->get<double>());
+    std::string out = text;
+    while (out.back() == '0') out.pop_back();
+    if (out.back() == '.') out.pop_back();
+    return out;
+  }
   return it->is_string() ? it->get<std::string>() : it->dump();
 }
 
@@ -317,6 +329,27 @@ class LazySceneSource {
   std::shared_ptr<AccessibilitySceneSource> source_;
 };
 
+// A value with a lock of its own, held for one statement or scope.
+template <typename T>
+class Guarded {
+ public:
+  class Access {
+   public:
+    Access(std::mutex& mutex, T& value) : lock_(mutex), value_(value) {}
+    T& operator*() { return value_; }
+    T* operator->() { return &value_; }
+
+   private:
+    std::unique_lock<std::mutex> lock_;
+    T& value_;
+  };
+  Access lock() { return {mutex_, value_}; }
+
+ private:
+  std::mutex mutex_;
+  T value_{};
+};
+
 std::string hostName() {
   char name[256] = {};
   if (gethostname(name, sizeof name - 1) != 0 || !name[0]) return "computer";
@@ -350,7 +383,11 @@ class RealAgent {
   RealAgent(const RealAgentSettings& settings,
             const std::function<void(const std::string&)>& onStatusChanged, const PrintLine& print,
             const RealAgentUi& ui)
-      : settings_(settings), onStatusChanged_(onStatusChanged), print_(print), ui_(ui) {}
+      : settings_(settings),
+        onStatusChanged_(onStatusChanged),
+        event_(print),
+        print_(verboseOutput() ? print : PrintLine([](std::string_view) {})),
+        ui_(ui) {}
 
   void run() {
     loadTrust();
@@ -379,6 +416,7 @@ class RealAgent {
     identity_ = std::make_shared<const IdentityKeyStore>(SecretStore("identity", secrets_));
     print_("agent id: " + identity_->agentId());
     trustedDevices_.emplace(SecretStore("trusted-devices", secrets_));
+    noteNewlyPaired(trustedList());
     pairing_ = std::make_shared<const PairingService>(identity_);
   }
 
@@ -406,12 +444,21 @@ class RealAgent {
     };
     hooks.onSessionEstablished = [this](const std::string& sessionId, const std::string& deviceId) {
       print_("control session established: " + sessionId + " (" + deviceId + ")");
+      const std::string name = deviceName(deviceId);
+      const auto previous = std::exchange(*sessionDevice_.lock(), name);
+      event_("phone connected: " + name +
+             (previous.empty() || previous == name ? "" : " (instead of " + previous + ")"));
+      status("peer-ready: " + name);
       // A new session never inherits a button or key the previous phone held.
       actions_->releaseAll();
       capture_->setWatched(true);
       switcher_->sendMonitorList();
     };
     hooks.onSessionEnded = [this] {
+      if (auto name = std::exchange(*sessionDevice_.lock(), {}); !name.empty()) {
+        event_("phone disconnected: " + name);
+        status("phone-left: " + name);
+      }
       actions_->releaseAll();
       capture_->setWatched(false);
     };
@@ -567,6 +614,16 @@ class RealAgent {
                                                         pairing_, connections_, *trustedDevices_);
     signaling_->onStatusChanged = [this](const std::string& text) {
       print_("signaling: " + text);
+      if (text == "connected") {
+        // The server may have forgotten the last link's pairing: a fresh one.
+        troubleReason_.lock()->clear();
+        if (serverLost_.exchange(false)) {
+          event_("server back: " + redactedUrl(settings_.signalingBaseURL));
+          linkSpent_ = true;
+        } else if (!serverSeen_.exchange(true)) {
+          event_("connected to the server " + redactedUrl(settings_.signalingBaseURL));
+        }
+      }
       status(text);
     };
     signaling_->onDiagnostic = [this](const std::string& line) { print_("[signaling] " + line); };
@@ -574,7 +631,8 @@ class RealAgent {
       print_("peer ready: " + deviceId);
     };
     // A pairing spends the link's one-time secret: the next idle tick prints a new one.
-    signaling_->onTrustedDevicesChanged = [this](const std::vector<TrustedDevice>&) {
+    signaling_->onTrustedDevicesChanged = [this](const std::vector<TrustedDevice>& devices) {
+      noteNewlyPaired(devices);
       linkSpent_ = true;
     };
     signaling_->onPeerLeft = [this](const std::string& deviceId) {
@@ -598,7 +656,7 @@ class RealAgent {
       const std::int64_t seconds = std::max<std::int64_t>(
           0, payload.expiresAt - unixSeconds(std::chrono::system_clock::now()));
       for (const auto& line : pairingBanner(link, seconds, settings_.signalingBaseURL)) {
-        print_(line);
+        event_(line);
       }
       if (ui_.onPairingLink) ui_.onPairingLink(link, identity_->agentId(), seconds);
       {
@@ -606,8 +664,15 @@ class RealAgent {
         linkValidUntil_ = SteadyClock::now() + std::chrono::seconds(seconds);
       }
       status("waiting");
+      pairingFailure_.lock()->clear();
     } catch (const std::exception& error) {
       print_(std::string("refresh pairing failed: ") + error.what());
+      // Retried every few seconds: said once per reason.
+      if (!serverSeen_ || serverLost_) {
+        serverTrouble(error.what(), false);
+      } else if (std::exchange(*pairingFailure_.lock(), error.what()) != error.what()) {
+        event_(std::string("no pairing link: ") + error.what());
+      }
       std::lock_guard lock(pairingMutex_);
       linkValidUntil_.reset();
       nextPairingAttempt_ = SteadyClock::now() + std::chrono::seconds(5);
@@ -626,6 +691,18 @@ class RealAgent {
     });
   }
 
+  // A server that cannot be reached, as the signalling loop or the pairing
+  // request finds it: a line when an outage begins (before the first
+  // connection, one per reason), and the reason for a window.
+  void serverTrouble(const std::string& reason, bool outageBegins) {
+    status("reconnecting: " + reason);
+    const bool newReason = std::exchange(*troubleReason_.lock(), reason) != reason;
+    if (serverSeen_ ? outageBegins : newReason) {
+      event_((serverSeen_ ? "server lost: " : "cannot reach the server: ") + reason +
+             "; retrying every 2 s");
+    }
+  }
+
   void startSignalingLoop() {
     signalingThread_ = std::thread([this] {
       while (!stopping_) {
@@ -637,7 +714,7 @@ class RealAgent {
         }
         if (stopping_) break;
         print_("signaling disconnected: " + reason + "; retrying");
-        status("reconnecting");
+        serverTrouble(reason, serverSeen_ && !serverLost_.exchange(true));
         std::unique_lock lock(loopMutex_);
         loopWake_.wait_for(lock, std::chrono::seconds(2), [&] { return stopping_.load(); });
       }
@@ -660,12 +737,14 @@ class RealAgent {
       if (!stopSignals) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
       } else if (const int signal = stopSignals->wait(std::chrono::milliseconds(500))) {
-        print_(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+        event_(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
         return;
       }
+      stopIfOutputClosed();
       const auto now = SteadyClock::now();
       if (deadline && now >= *deadline) return;
       if (ui_.control && ui_.control->stopRequested()) return;
+      if (ui_.control && ui_.control->takeSessionEnd()) connections_->endSession();
       if (ui_.control && ui_.control->takePairingRefresh()) {
         startPairingRefresh();
         continue;
@@ -680,7 +759,9 @@ class RealAgent {
 
   bool pairingDue(SteadyClock::time_point now) {
     std::lock_guard lock(pairingMutex_);
-    return (!linkValidUntil_ || now >= *linkValidUntil_ || linkSpent_.exchange(false)) &&
+    // A window shows an expired link as such and asks for the next one.
+    const bool expired = linkValidUntil_ && now >= *linkValidUntil_ && !ui_.onPairingLink;
+    return (!linkValidUntil_ || expired || linkSpent_.exchange(false)) &&
            now >= nextPairingAttempt_;
   }
 
@@ -697,8 +778,44 @@ class RealAgent {
     });
     if (!trusted) {
       print_("device " + deviceId + " is no longer trusted: ending its session");
+      const std::string name = std::exchange(*sessionDevice_.lock(), {});
+      event_("phone revoked: " + (name.empty() ? deviceName(deviceId) : name) +
+             " (its session ended)");
       connections_->endSession();
     }
+  }
+
+  std::vector<TrustedDevice> trustedList() const {
+    try {
+      return trustedDevices_->load();
+    } catch (const std::exception&) {
+      return {};
+    }
+  }
+
+  // How a person knows a phone: the name it paired with.
+  std::string deviceName(const std::string& deviceId) const {
+    for (const auto& device : trustedList()) {
+      if (device.deviceId == deviceId && !device.name.empty()) return device.name;
+    }
+    return deviceId;
+  }
+
+  // A line for each device that was not trusted before (the first call
+  // only learns the list).
+  void noteNewlyPaired(const std::vector<TrustedDevice>& devices) {
+    std::vector<std::string> names;
+    {
+      auto known = knownDevices_.lock();
+      const bool first = !known->has_value();
+      if (first) known->emplace();
+      for (const auto& device : devices) {
+        const std::string key =
+            device.deviceId + "@" + std::to_string(device.pairedAt.time_since_epoch().count());
+        if ((*known)->insert(key).second && !first && !device.revoked) names.push_back(device.name);
+      }
+    }
+    for (const auto& name : names) event_("paired: " + name);
   }
 
   void tearDown() {
@@ -719,12 +836,15 @@ class RealAgent {
     capture_->shutdown();
     // Nothing the agent pressed stays down after it stops.
     actions_->releaseAll();
-    print_("stopped");
+    event_("stopped");
   }
 
   const RealAgentSettings& settings_;
   const std::function<void(const std::string&)>& onStatusChanged_;
-  const PrintLine& print_;
+  // Lines a person reads, one per event; `print_` carries the detailed
+  // diagnostics, printed only when asked for (ZUL_VERBOSE).
+  const PrintLine& event_;
+  const PrintLine print_;
   const RealAgentUi& ui_;
 
   std::shared_ptr<SecretBackend> secrets_;
@@ -748,6 +868,12 @@ class RealAgent {
   std::atomic<bool> pairingBusy_{false};
   std::thread pairingThread_;
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> serverSeen_{false};
+  std::atomic<bool> serverLost_{false};
+  Guarded<std::string> sessionDevice_;   // the name of the phone in session
+  Guarded<std::string> pairingFailure_;  // the last reason told
+  Guarded<std::string> troubleReason_;   // the last reason the server was out of reach
+  Guarded<std::optional<std::set<std::string>>> knownDevices_;
   std::mutex loopMutex_;
   std::condition_variable loopWake_;
   std::thread signalingThread_;

@@ -125,12 +125,16 @@ class RealAgentControl {
  public:
   void requestStop() { stop_ = true; }
   void requestPairingRefresh() { refresh_ = true; }
+  // Ends the session of the phone in session, if any.
+  void requestSessionEnd() { endSession_ = true; }
   bool stopRequested() const { return stop_; }
   bool takePairingRefresh() { return refresh_.exchange(false); }
+  bool takeSessionEnd() { return endSession_.exchange(false); }
 
  private:
   std::atomic<bool> stop_{false};
   std::atomic<bool> refresh_{false};
+  std::atomic<bool> endSession_{false};
 };
 
 // What a user interface adds to the real agent. Callbacks run on the agent's
@@ -146,7 +150,10 @@ struct RealAgentUi {
 // signalling client with reconnects, the control dispatcher and the desktop
 // actions, wired together. Returns after tear-down (the settings' duration,
 // SIGINT or SIGTERM); throws when start-up fails. `onStatusChanged` hears the
-// signalling statuses, "waiting" after each pairing link and "reconnecting".
+// signalling statuses, "waiting" after each pairing link, "reconnecting: "
+// and the reason while the server is out of reach, and "peer-ready: " or
+// "phone-left: " and the phone's name as its session begins and ends. With
+// a pairing-link callback, an expired link is not replaced until asked for.
 void runRealAgent(const RealAgentSettings& settings,
                   const std::function<void(const std::string&)>& onStatusChanged,
                   const PrintLine& print, const RealAgentUi& ui = {});

@@ -1,5 +1,6 @@
 #include "ZulAgent/windows/AgentSetupWindow.h"
 
+#include <QEvent>
 #include <QFrame>
 #include <QGridLayout>
 #include <QLabel>
@@ -24,6 +25,8 @@ constexpr const char* neutral = "#8a8f98";
 QLabel* label(const QString& text, const char* style = nullptr) {
   auto* l = new QLabel(text);
   l->setWordWrap(true);
+  // Server reasons and phone names are text, never markup.
+  l->setTextFormat(Qt::PlainText);
   if (style) l->setStyleSheet(style);
   return l;
 }
@@ -33,7 +36,10 @@ QLabel* label(const QString& text, const char* style = nullptr) {
 AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
     : permissions_(std::move(permissions)) {
   setWindowTitle("Velto");
+  setMinimumWidth(520);
   auto* layout = new QVBoxLayout(this);
+  // Never smaller than its content: a longer error or status grows the window.
+  layout->setSizeConstraint(QLayout::SetMinimumSize);
   layout->addWidget(label("ДОСТУП НА ЭТОМ КОМПЬЮТЕРЕ", "color: #8a8f98; font-size: 11px;"));
   layout->addWidget(
       label("Ваш компьютер — на расстоянии одного касания", "font-size: 20px; font-weight: 600;"));
@@ -43,6 +49,9 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   layout->addWidget(serverField_);
   pill_ = label("");
   layout->addWidget(pill_);
+  note_ = label("", "color: #8a8f98;");
+  note_->hide();
+  layout->addWidget(note_);
 
   auto* permissionsCard = new QFrame;
   permissionsCard->setFrameShape(QFrame::StyledPanel);
@@ -81,14 +90,17 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   layout->addWidget(progress_);
   layout->addWidget(label("Прямое зашифрованное соединение • данные экрана не хранятся в облаке",
                           "color: #8a8f98; font-size: 11px;"));
-  connect(startButton_, &QPushButton::clicked, this, [this] { start(); });
+  connect(startButton_, &QPushButton::clicked, this, [this] { buttonPressed(); });
 }
 
-void AgentSetupWindowController::show(std::function<void(const std::string&)> onStart) {
+void AgentSetupWindowController::show(std::function<void(const std::string&)> onStart,
+                                      std::function<void()> onStop) {
   onStart_ = std::move(onStart);
+  onStop_ = std::move(onStop);
   const QSettings settings;
   serverField_->setText(settings.value(settingsKey, defaultServerURL).toString());
   refreshPermissions();
+  setPill("Не в сети", neutral);
   QWidget::show();
   raise();
   activateWindow();
@@ -105,6 +117,23 @@ void AgentSetupWindowController::refreshPermissions() {
   shown(inputStatus_, inputSettings_, permissions_.inputInjectable);
 }
 
+// Back from the settings or another window: the permissions may have changed.
+void AgentSetupWindowController::changeEvent(QEvent* event) {
+  QWidget::changeEvent(event);
+  if (event->type() == QEvent::ActivationChange && isActiveWindow()) refreshPermissions();
+}
+
+void AgentSetupWindowController::buttonPressed() {
+  if (phase_ != windows::AgentPhase::connecting && phase_ != windows::AgentPhase::online) {
+    start();
+    return;
+  }
+  setPhase(windows::AgentPhase::stopped);
+  setPill("Не в сети", neutral);
+  hideError();  // nothing is retried any more
+  if (onStop_) onStop_();
+}
+
 void AgentSetupWindowController::start() {
   refreshPermissions();
   if (screenStatus_->text() != "Предоставлено" || inputStatus_->text() != "Предоставлено") {
@@ -118,20 +147,37 @@ void AgentSetupWindowController::start() {
   }
   QSettings settings;
   settings.setValue(settingsKey, QString::fromStdString(*url));
-  errorCallout_->hide();
-  serverField_->setEnabled(false);
-  startButton_->setEnabled(false);
-  startButton_->setText("Подключение…");
-  progress_->show();
+  hideError();
+  setPhase(windows::AgentPhase::connecting);
   setPill("Подключение", accent);
   if (onStart_) onStart_(*url);
 }
 
+// The button and the field say what a press does now; the progress bar runs
+// only while a connection is being made.
+void AgentSetupWindowController::setPhase(windows::AgentPhase phase) {
+  using windows::AgentPhase;
+  phase_ = phase;
+  const bool running = phase == AgentPhase::connecting || phase == AgentPhase::online;
+  serverField_->setEnabled(!running);
+  startButton_->setEnabled(true);
+  startButton_->setText(phase == AgentPhase::connecting ? "Отменить"
+                        : phase == AgentPhase::online   ? "Отключить"
+                                                        : "Повторить");
+  progress_->setVisible(phase == AgentPhase::connecting);
+}
+
 void AgentSetupWindowController::updateTransportStatus(const std::string& status) {
+  // A stopped agent's last words do not reopen what the user closed.
+  if (phase_ != windows::AgentPhase::connecting && phase_ != windows::AgentPhase::online) return;
   const auto view = windows::statusView(status);
   if (view.showFailure) {
     showFailure(status);
     return;
+  }
+  if (view.phase != windows::AgentPhase::unchanged) setPhase(view.phase);
+  if (view.problem) {
+    view.problem->empty() ? hideError() : showError(QString::fromStdString(*view.problem));
   }
   if (view.pillText) {
     const char* colour = view.colour == windows::PillColour::green    ? green
@@ -139,19 +185,17 @@ void AgentSetupWindowController::updateTransportStatus(const std::string& status
                                                                       : neutral;
     setPill(QString::fromStdString(*view.pillText), colour);
   }
-  if (view.enableRetry) enableRetry();
 }
 
 void AgentSetupWindowController::showFailure(const std::string& message) {
-  enableRetry();
+  setPhase(windows::AgentPhase::stopped);
   showError(QString::fromStdString(windows::friendlyFailure(message)));
 }
 
-void AgentSetupWindowController::enableRetry() {
-  serverField_->setEnabled(true);
-  startButton_->setEnabled(true);
-  startButton_->setText("Повторить");
-  progress_->hide();
+void AgentSetupWindowController::showNote(const std::string& text) {
+  note_->setText(QString::fromStdString(text));
+  note_->setVisible(!text.empty());
+  adjustSize();
 }
 
 void AgentSetupWindowController::setPill(const QString& text, const char* colour) {
@@ -162,6 +206,12 @@ void AgentSetupWindowController::setPill(const QString& text, const char* colour
 void AgentSetupWindowController::showError(const QString& text) {
   errorCallout_->setText(QString("⚠ ") + text);
   errorCallout_->show();
+  adjustSize();
+}
+
+void AgentSetupWindowController::hideError() {
+  errorCallout_->hide();
+  adjustSize();
 }
 
 QString AgentSetupWindowController::pillText() const { return pill_->text().mid(2); }

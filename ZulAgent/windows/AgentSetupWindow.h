@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "ZulAgent/windows/AgentWindowTexts.h"
+
 class QLabel;
 class QLineEdit;
 class QPushButton;
@@ -23,9 +25,14 @@ class AgentSetupWindowController : public QWidget {
 
   explicit AgentSetupWindowController(Permissions permissions);
 
-  void show(std::function<void(const std::string& url)> onStart);
+  // `onStop` cancels a connection in progress or disconnects; the window
+  // is idle again at once (the agent winds down on its own).
+  void show(std::function<void(const std::string& url)> onStart, std::function<void()> onStop = {});
   void updateTransportStatus(const std::string& status);
   void showFailure(const std::string& message);
+  // A line under the status for what the agent wants known (for example
+  // that a phone controls a Wayland session); empty hides it.
+  void showNote(const std::string& text);
 
   // For tests.
   QLineEdit* serverField() const { return serverField_; }
@@ -35,16 +42,24 @@ class AgentSetupWindowController : public QWidget {
   bool errorVisible() const;
   void refreshPermissions();
 
+ protected:
+  void changeEvent(QEvent* event) override;
+
  private:
+  void buttonPressed();
   void start();
+  void setPhase(windows::AgentPhase phase);
   void setPill(const QString& text, const char* colour);
   void showError(const QString& text);
-  void enableRetry();
+  void hideError();
 
   Permissions permissions_;
   std::function<void(const std::string&)> onStart_;
+  std::function<void()> onStop_;
+  windows::AgentPhase phase_ = windows::AgentPhase::unchanged;  // unchanged: never started
   QLineEdit* serverField_;
   QLabel* pill_;
+  QLabel* note_;
   QLabel* screenStatus_;
   QLabel* inputStatus_;
   QPushButton* screenSettings_;

@@ -17,6 +17,12 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// The agent names a phone that gave no name "Device " and the end of its id.
+std::string shownName(const std::string& name) {
+  constexpr std::string_view generated = "Device ";
+  return name.rfind(generated, 0) == 0 ? "Телефон " + name.substr(generated.size()) : name;
+}
+
 }  // namespace
 
 std::optional<std::string> acceptedServerURL(std::string_view text) {
@@ -46,16 +52,48 @@ std::optional<std::string> acceptedServerURL(std::string_view text) {
 
 StatusView statusView(std::string_view status) {
   const std::string s = lower(status);
-  if (contains(s, "peer-ready")) return {"Подключено", PillColour::green};
-  if (s == "waiting" || s == "connected" || contains(s, "ready")) {
-    return {"Ожидание телефона", PillColour::accent};
+  // "peer-ready: NAME" and "phone-left: NAME": the phone's name, as it paired.
+  const auto colon = status.find(": ");
+  const std::string detail =
+      shownName(std::string(colon == std::string_view::npos ? "" : status.substr(colon + 2)));
+  if (s.rfind("phone-left", 0) == 0)
+    return {"Ожидание телефона", PillColour::accent, AgentPhase::online};
+  if (contains(s, "peer-ready")) {
+    return {detail.empty() ? "Подключено" : "Подключено: " + detail, PillColour::green,
+            AgentPhase::online, false, ""};
   }
-  if (contains(s, "reconnecting")) return {"Подключение", PillColour::accent};
-  if (contains(s, "disconnected")) return {"Не в сети", PillColour::neutral, true};
+  if (s == "waiting" || s == "connected" || contains(s, "ready")) {
+    return {"Ожидание телефона", PillColour::accent, AgentPhase::online, false, ""};
+  }
+  if (contains(s, "reconnecting")) {
+    StatusView view{"Подключение", PillColour::accent, AgentPhase::connecting};
+    if (!detail.empty()) view.problem = connectionProblem(detail);
+    return view;
+  }
+  if (contains(s, "disconnected"))
+    return {"Не в сети", PillColour::neutral, AgentPhase::connecting};
   if (contains(s, "error") || contains(s, "failed")) {
-    return {std::nullopt, PillColour::neutral, true, true};
+    return {std::nullopt, PillColour::neutral, AgentPhase::stopped, true};
   }
   return {};
+}
+
+std::string connectionProblem(std::string_view reason) {
+  const std::string s = lower(reason);
+  std::string what;
+  if (contains(s, "certificate") || contains(s, "tls") || contains(s, "ssl")) {
+    what = "сервер предъявил недоверенный TLS-сертификат";
+  } else if (contains(s, "refused")) {
+    what = "сервер отказал в соединении (порт закрыт)";
+  } else if (contains(s, "resolve") || contains(s, "not known") || contains(s, "unreachable") ||
+             contains(s, "no route")) {
+    what = "сервер недоступен (адрес не найден или нет сети)";
+  } else if (contains(s, "timed out") || contains(s, "timeout")) {
+    what = "сервер не ответил вовремя";
+  } else {
+    what = std::string(reason);
+  }
+  return "Не удалось подключиться: " + what + ". Повторная попытка каждые 2 с.";
 }
 
 std::string friendlyFailure(std::string_view message) {
@@ -99,6 +137,26 @@ std::string deviceDetail(const TrustedDevice& device, const std::string& pairedA
   std::string detail;
   for (const auto& name : names) detail += name + " · ";
   return detail + "добавлено " + pairedAtText;
+}
+
+std::string deviceName(const TrustedDevice& device) {
+  return device.name.empty() ? device.deviceId : shownName(device.name);
+}
+
+std::optional<std::string> pairingStatus(std::string_view status) {
+  const auto colon = status.find(": ");
+  const std::string name =
+      shownName(std::string(colon == std::string_view::npos ? "" : status.substr(colon + 2)));
+  const std::string s = lower(status);
+  if (s.rfind("peer-ready", 0) == 0) {
+    return name.empty() ? "●  Телефон подключён" : "●  Подключён телефон: " + name;
+  }
+  if (s.rfind("phone-left", 0) == 0) return "●  " + name + " отключился. Ожидание телефона";
+  if (s == "waiting" || s == "connected") return "●  Ожидание телефона";
+  if (contains(s, "reconnecting") || contains(s, "disconnected")) {
+    return "●  Нет связи с сервером, повторная попытка…";
+  }
+  return std::nullopt;
 }
 
 }  // namespace zul::windows

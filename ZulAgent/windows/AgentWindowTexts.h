@@ -18,14 +18,23 @@ namespace zul::windows {
 std::optional<std::string> acceptedServerURL(std::string_view text);
 
 enum class PillColour { accent, green, neutral };
+// What the start button offers: start ("Включить Velto", "Повторить"), cancel
+// a connection in progress ("Отменить") or disconnect ("Отключить").
+enum class AgentPhase { unchanged, connecting, online, stopped };
 struct StatusView {
   std::optional<std::string> pillText;  // nothing: the pill stays as it is
   PillColour colour = PillColour::accent;
-  bool enableRetry = false;  // field and button enabled again, "Повторить"
+  AgentPhase phase = AgentPhase::unchanged;
   bool showFailure = false;  // the status goes to the failure box
+  // Why the server cannot be reached while the agent retries; an empty
+  // string clears an earlier one.
+  std::optional<std::string> problem;
 };
 // How the setup window shows a status the agent reports.
 StatusView statusView(std::string_view status);
+// A connection failure's reason ("certificate verify failed", "Connection
+// refused", ...) in words the window shows.
+std::string connectionProblem(std::string_view reason);
 // The failure box's text for a failure message.
 std::string friendlyFailure(std::string_view message);
 
@@ -38,5 +47,13 @@ std::string countdownText(std::int64_t remainingSeconds);
 // detail line: permissions sorted by name, " · ", then "добавлено " and the date.
 std::vector<TrustedDevice> devicesNewestFirst(std::vector<TrustedDevice> devices);
 std::string deviceDetail(const TrustedDevice& device, const std::string& pairedAtText);
+// A device's name in the windows' language: the agent names a phone that
+// gave none "Device " and the end of its id, shown as "Телефон …" (so are
+// the names in statuses).
+std::string deviceName(const TrustedDevice& device);
+
+// The pairing window's status line for a status the agent reports; nothing
+// leaves the line as it is.
+std::optional<std::string> pairingStatus(std::string_view status);
 
 }  // namespace zul::windows

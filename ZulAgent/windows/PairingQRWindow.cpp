@@ -11,6 +11,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QVBoxLayout>
+#include <utility>
 
 #include "ZulAgent/windows/AgentWindowTexts.h"
 #include "ZulAgent/windows/TrustedDevicesWindow.h"
@@ -33,7 +34,9 @@ PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
   qr_->setAlignment(Qt::AlignCenter);
   qr_->setAccessibleName("QR-код для подключения телефона");
   layout->addWidget(qr_);
-  layout->addWidget(new QLabel("●  Ожидание телефона"));
+  status_ = new QLabel("●  Ожидание телефона");
+  status_->setTextFormat(Qt::PlainText);  // a phone's name is text, never markup
+  layout->addWidget(status_);
   auto* codeRow = new QHBoxLayout;
   codeRow->addWidget(new QLabel("Этот компьютер"));
   code_ = new QLabel;
@@ -60,6 +63,10 @@ PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
   add("Обновить QR", [this] { refresh(); })->setAccessibleName("Обновить QR-код подключения");
   add("Устройства…", [this] { showDevices(); });
   layout->addLayout(buttons);
+  endSession_ = new QPushButton("Завершить сеанс телефона");
+  endSession_->setEnabled(false);
+  connect(endSession_, &QPushButton::clicked, this, [this] { endSession(); });
+  layout->addWidget(endSession_);
 
   timer_.setInterval(1000);
   connect(&timer_, &QTimer::timeout, this, [this] { updateCountdown(); });
@@ -78,12 +85,37 @@ void PairingQRWindowController::show(const std::string& link, const std::string&
   // Long links make dense codes: more pixels than a short one needs.
   qr_->setPixmap(QPixmap::fromImage(qrCodeImage(link, 360)));
   progress_->setRange(0, int(std::max<std::int64_t>(expiresInSeconds, 1)));
+  qr_->setEnabled(true);
   timer_.start();
   updateCountdown();
+  // A refreshed link stays where the user left the window.
+  if (std::exchange(shown_, true)) return;
   QWidget::show();
   raise();
   activateWindow();
 }
+
+void PairingQRWindowController::updateStatus(const std::string& status) {
+  const auto text = windows::pairingStatus(status);
+  if (!text) return;
+  status_->setText(QString::fromStdString(*text));
+  endSession_->setEnabled(status.rfind("peer-ready", 0) == 0);
+}
+
+void PairingQRWindowController::reset() {
+  shown_ = false;
+  timer_.stop();
+  endSession_->setEnabled(false);
+  status_->setText("●  Ожидание телефона");
+  hide();
+}
+
+void PairingQRWindowController::endSession() {
+  if (onEndSession) onEndSession();
+}
+
+QString PairingQRWindowController::statusText() const { return status_->text(); }
+bool PairingQRWindowController::canEndSession() const { return endSession_->isEnabled(); }
 
 void PairingQRWindowController::updateCountdown() {
   // Whole seconds, rounded up: a fresh two-minute link reads 02:00, and 00:00
@@ -94,7 +126,10 @@ void PairingQRWindowController::updateCountdown() {
   const std::int64_t remaining = left > 0 ? (left + 999) / 1000 : 0;
   countdown_->setText(QString::fromStdString(windows::countdownText(remaining)));
   progress_->setValue(int(remaining));
-  if (remaining < 1) timer_.stop();
+  if (remaining < 1) {
+    timer_.stop();
+    qr_->setEnabled(false);  // greyed: this code no longer pairs
+  }
 }
 
 void PairingQRWindowController::refresh() {
@@ -102,7 +137,12 @@ void PairingQRWindowController::refresh() {
 }
 
 void PairingQRWindowController::showDevices() {
-  if (!devices_) devices_ = std::make_unique<TrustedDevicesWindowController>(store_);
+  if (!devices_) {
+    devices_ = std::make_unique<TrustedDevicesWindowController>(store_);
+    devices_->onRevoked = [this](const TrustedDevice& device) {
+      if (onDeviceRevoked) onDeviceRevoked(device);
+    };
+  }
   devices_->show();
 }
 

@@ -12,6 +12,7 @@
 
 class QLabel;
 class QProgressBar;
+class QPushButton;
 
 namespace zul {
 
@@ -25,9 +26,21 @@ class PairingQRWindowController : public QWidget {
   explicit PairingQRWindowController(TrustedDeviceStore devices);
   ~PairingQRWindowController() override;
 
+  // Shows the window in front for the first link after construction or
+  // reset(); later links only refill it where it is.
   void show(const std::string& link, const std::string& agentId, std::int64_t expiresInSeconds,
             std::function<void()> onRefresh);
   void updateCountdown();
+  // The agent's status ("waiting", "peer-ready: NAME", "phone-left: NAME",
+  // "reconnecting…"): the status line, and whether a session can be ended.
+  void updateStatus(const std::string& status);
+  // Hides the window until the next agent's first link.
+  void reset();
+
+  // "Завершить сеанс": ends the session of the phone in session.
+  std::function<void()> onEndSession;
+  // Told when a phone is revoked in the devices window.
+  std::function<void(const TrustedDevice&)> onDeviceRevoked;
 
   // The QR code of `text` (error correction M), `pixelSize` square; a null
   // image when the text cannot be encoded.
@@ -35,6 +48,9 @@ class PairingQRWindowController : public QWidget {
 
   // For tests.
   QString countdownText() const;
+  QString statusText() const;
+  bool canEndSession() const;
+  void endSession();
   bool counting() const { return timer_.isActive(); }
   const std::string& deviceCode() const { return deviceCode_; }
   void refresh();
@@ -51,6 +67,9 @@ class PairingQRWindowController : public QWidget {
   QLabel* qr_;
   QLabel* code_;
   QLabel* countdown_;
+  QLabel* status_;
+  QPushButton* endSession_;
+  bool shown_ = false;
   QProgressBar* progress_;
   std::unique_ptr<TrustedDevicesWindowController> devices_;
 };

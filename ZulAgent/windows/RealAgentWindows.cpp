@@ -5,12 +5,14 @@
 #include <QApplication>
 #include <QMetaObject>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <thread>
 
 #include "ZulAgent/windows/AgentSetupWindow.h"
 #include "ZulAgent/windows/PairingQRWindow.h"
+#include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
@@ -30,6 +32,14 @@ bool inputInjectable() {
   } catch (const std::exception&) {
     return false;
   }
+}
+
+// Qt's own warnings (platform plugin, paths) only with the detailed diagnostics.
+void quietQtMessages(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+  if (type == QtDebugMsg || type == QtInfoMsg || type == QtWarningMsg) return;
+  std::fprintf(
+      stderr, "%s\n",
+      escapeControlCharacters(qFormatLogMessage(type, context, message).toStdString()).c_str());
 }
 
 // Runs `action` on the GUI thread.
@@ -58,6 +68,7 @@ void runRealAgentWithWindows(const PrintLine& print) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, &previousMask);
   std::atomic<bool> finished{false};
 
+  if (!verboseOutput()) qInstallMessageHandler(quietQtMessages);
   int argc = 1;
   char name[] = "zul-agent";
   char* argv[] = {name, nullptr};
@@ -71,40 +82,63 @@ void runRealAgentWithWindows(const PrintLine& print) {
   PairingQRWindowController pairing(
       TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, deferredSecretBackend())));
   auto control = std::make_shared<RealAgentControl>();
+  // The latest agent; each one first waits for the one it replaced to wind
+  // down, so the window never waits for an agent that is stopping.
   std::thread agent;
 
-  auto stopAgent = [&] {
-    control->requestStop();
-    if (agent.joinable()) agent.join();
+  pairing.onEndSession = [&control] { control->requestSessionEnd(); };
+  pairing.onDeviceRevoked = [print](const TrustedDevice& device) {
+    print("revoked: " + device.name);
   };
-  setup.show([&](const std::string& url) {
-    stopAgent();  // a retry replaces the agent that is still trying
-    control = std::make_shared<RealAgentControl>();
-    agent = std::thread([&setup, &pairing, print, url, control] {
-      RealAgentSettings settings;
-      settings.signalingBaseURL = url;
-      RealAgentUi ui;
-      ui.control = control;
-      ui.onPairingLink = [&pairing, control](const std::string& link, const std::string& agentId,
-                                             std::int64_t seconds) {
-        onGui(&pairing, [&pairing, control, link, agentId, seconds] {
-          pairing.show(link, agentId, seconds, [control] { control->requestPairingRefresh(); });
+  auto cancelAgent = [&] {
+    control->requestStop();
+    pairing.reset();
+  };
+  setup.show(
+      [&](const std::string& url) {
+        cancelAgent();  // a retry replaces the agent that is still trying
+        control = std::make_shared<RealAgentControl>();
+        agent = std::thread([&setup, &pairing, print, url, control,
+                             previous = std::move(agent)]() mutable {
+          if (previous.joinable()) previous.join();
+          if (control->stopRequested()) return;
+          RealAgentSettings settings;
+          settings.signalingBaseURL = url;
+          RealAgentUi ui;
+          ui.control = control;
+          ui.onPairingLink = [&pairing, control](const std::string& link,
+                                                 const std::string& agentId, std::int64_t seconds) {
+            onGui(&pairing, [&pairing, control, link, agentId, seconds] {
+              if (control->stopRequested()) return;
+              pairing.show(link, agentId, seconds, [control] { control->requestPairingRefresh(); });
+            });
+          };
+          try {
+            runRealAgent(
+                settings,
+                [&setup, &pairing, control](const std::string& status) {
+                  onGui(&setup, [&setup, &pairing, control, status] {
+                    // A stopped agent's last statuses are not news.
+                    if (control->stopRequested()) return;
+                    if (status.rfind("note: ", 0) == 0) {
+                      setup.showNote(status.substr(6));
+                      return;
+                    }
+                    setup.updateTransportStatus(status);
+                    pairing.updateStatus(status);
+                  });
+                },
+                print, ui);
+          } catch (const std::exception& error) {
+            print(std::string("real-agent failed: ") + error.what());
+            const std::string message = error.what();
+            onGui(&setup, [&setup, control, message] {
+              if (!control->stopRequested()) setup.showFailure(message);
+            });
+          }
         });
-      };
-      try {
-        runRealAgent(
-            settings,
-            [&setup](const std::string& status) {
-              onGui(&setup, [&setup, status] { setup.updateTransportStatus(status); });
-            },
-            print, ui);
-      } catch (const std::exception& error) {
-        print(std::string("real-agent failed: ") + error.what());
-        const std::string message = error.what();
-        onGui(&setup, [&setup, message] { setup.showFailure(message); });
-      }
-    });
-  });
+      },
+      cancelAgent);
   std::thread signalWaiter([&] {
     const timespec tick{0, 250'000'000};
     while (!finished) {
@@ -115,7 +149,8 @@ void runRealAgentWithWindows(const PrintLine& print) {
     }
   });
   app.exec();
-  stopAgent();
+  control->requestStop();
+  if (agent.joinable()) agent.join();
   finished = true;
   signalWaiter.join();
   pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);

@@ -16,9 +16,10 @@ namespace {
 QString pairedAtText(const TrustedDevice& device) {
   const auto seconds = device.pairedAt.time_since_epoch().count();
   const QDateTime local = QDateTime::fromSecsSinceEpoch(seconds);
-  static const QLocale locale;
-  return locale.toString(local.date(), "d MMM yyyy") + " " +
-         locale.toString(local.time(), QLocale::ShortFormat);
+  // The window speaks Russian, whatever the system's locale.
+  static const QLocale locale(QLocale::Russian, QLocale::Russia);
+  return locale.toString(local.date(), "d MMMM yyyy") + " " +
+         locale.toString(local.time(), "HH:mm");
 }
 
 }  // namespace
@@ -26,9 +27,11 @@ QString pairedAtText(const TrustedDevice& device) {
 TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStore store,
                                                                Confirm confirm)
     : store_(std::move(store)), confirm_(std::move(confirm)) {
-  setWindowTitle("Velto — устройства");
+  setWindowTitle("Velto — сопряжённые телефоны");
+  setMinimumWidth(480);
   auto* layout = new QVBoxLayout(this);
-  auto* heading = new QLabel("Подключённые устройства");
+  layout->setSizeConstraint(QLayout::SetMinimumSize);
+  auto* heading = new QLabel("Сопряжённые телефоны");
   heading->setStyleSheet("font-size: 18px; font-weight: 600;");
   layout->addWidget(heading);
   auto* subtitle = new QLabel("Телефоны, которым разрешено подключаться к этому компьютеру");
@@ -40,6 +43,7 @@ TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStor
   if (!confirm_) {
     confirm_ = [this] {
       QMessageBox box(this);
+      box.setWindowTitle("Velto");
       box.setText("Отозвать доступ?");
       box.setInformativeText("Этот телефон больше не сможет открыть новые сессии с компьютером.");
       auto* revoke = box.addButton("Отозвать", QMessageBox::AcceptRole);
@@ -72,7 +76,7 @@ void TrustedDevicesWindowController::refresh() {
     // Unreadable counts as empty.
   }
   if (devices.empty()) {
-    list_->addWidget(new QLabel("Пока нет подключённых телефонов"));
+    list_->addWidget(new QLabel("Пока нет сопряжённых телефонов"));
     return;
   }
   for (const auto& device : windows::devicesNewestFirst(devices)) {
@@ -80,7 +84,8 @@ void TrustedDevicesWindowController::refresh() {
     row->setObjectName(QString::fromStdString(device.deviceId));
     auto* layout = new QHBoxLayout(row);
     auto* texts = new QVBoxLayout;
-    auto* name = new QLabel(QString::fromStdString(device.name));
+    auto* name = new QLabel(QString::fromStdString(windows::deviceName(device)));
+    name->setTextFormat(Qt::PlainText);  // the phone chose it: text, never markup
     name->setObjectName("name");
     auto* detail = new QLabel(
         QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString())));
@@ -101,6 +106,11 @@ void TrustedDevicesWindowController::revoke(const std::string& deviceId) {
   if (!confirm_()) return;
   try {
     store_.revoke(deviceId);
+    if (onRevoked) {
+      for (const auto& device : store_.load()) {
+        if (device.deviceId == deviceId) onRevoked(device);
+      }
+    }
   } catch (const std::exception&) {
     // The list shows what the store holds.
   }

@@ -25,6 +25,9 @@ class TrustedDevicesWindowController : public QWidget {
   void refresh();
   void revoke(const std::string& deviceId);
 
+  // Told after a device was revoked here.
+  std::function<void(const TrustedDevice&)> onRevoked;
+
   // For tests: each row as "name | detail | button text (enabled or not)".
   std::vector<std::string> rows() const;
 

@@ -1,10 +1,44 @@
 #include "ZulCore/Support/Console.h"
 
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace zul {
 
-void makeStdoutUnbuffered() { std::setvbuf(stdout, nullptr, _IONBF, 0); }
+void makeStdoutUnbuffered() {
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+namespace {
+
+void outputClosed() {
+  static std::atomic<bool> closed{false};
+  if (!closed.exchange(true)) kill(getpid(), SIGTERM);
+}
+
+}  // namespace
+
+void stopIfOutputClosed() {
+  // The writing end of a pipe reports POLLERR once no reader is left.
+  pollfd output{STDOUT_FILENO, 0, 0};
+  if (poll(&output, 1, 0) == 1 && (output.revents & POLLERR)) outputClosed();
+}
+
+bool verboseOutput() {
+  static const bool verbose = [] {
+    const char* value = std::getenv("ZUL_VERBOSE");
+    return value && *value && std::strcmp(value, "0") != 0;
+  }();
+  return verbose;
+}
 
 std::string escapeControlCharacters(std::string_view text) {
   static constexpr char hex[] = "0123456789abcdef";
@@ -44,7 +78,9 @@ std::string escapeControlCharacters(std::string_view text) {
 void printLine(std::string_view line) {
   std::string buffer = escapeControlCharacters(line);
   buffer.push_back('\n');
-  std::fwrite(buffer.data(), 1, buffer.size(), stdout);
+  if (std::fwrite(buffer.data(), 1, buffer.size(), stdout) == buffer.size()) return;
+  // Nobody reads any more: stop, as SIGTERM would; later lines are lost.
+  if (errno == EPIPE) outputClosed();
 }
 
 }  // namespace zul

@@ -6,8 +6,19 @@
 namespace zul {
 
 // Makes standard output unbuffered; the agent's diagnostics are single lines
-// that must appear at once, also when stdout is a pipe.
+// that must appear at once, also when stdout is a pipe. A reader that goes
+// away (`zul-agent | head`) stops the process quietly: SIGPIPE is ignored,
+// and the first write that fails with EPIPE sends the process SIGTERM, which
+// the agent takes as its ordinary stop (keys released, connections closed).
 void makeStdoutUnbuffered();
+// The same stop when standard output is a pipe whose reader has gone, for a
+// process that may print nothing for a while; cheap enough to call each tick.
+void stopIfOutputClosed();
+
+// Whether the detailed diagnostics are printed: ZUL_VERBOSE set to anything
+// but "" or "0". Otherwise the terminal gets one line per event a person
+// cares about, and libraries keep their warnings to themselves.
+bool verboseOutput();
 
 // `text` safe for one terminal line: control characters (C0, DEL, C1, the
 // Unicode line and paragraph separators) become visible escapes such as

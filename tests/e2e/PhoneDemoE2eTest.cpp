@@ -118,6 +118,9 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
     ASSERT_TRUE(waitFor(
         browser, page, std::string("(async () => (await ") + videoStats + ").framesDecoded > 5)()"))
         << "status: " << browser.evaluate(page, "document.getElementById('status').textContent");
+    // The page says that it plays, not that it still waits.
+    EXPECT_TRUE(waitFor(browser, page,
+                        "document.getElementById('status').textContent.startsWith('playing')"));
     const auto first = browser.evaluate(page, videoStats);
     EXPECT_EQ(first["codec"], "video/H264");
     EXPECT_EQ(first["width"], row.width);

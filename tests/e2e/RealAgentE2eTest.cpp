@@ -259,6 +259,7 @@ class RealAgentE2eTest : public testing::Test {
     options.env = {
         {"DISPLAY", xvfb_->display()},
         {"ZUL_SECRET_BACKEND", "file"},
+        {"ZUL_VERBOSE", "1"},  // the test reads the detailed lines
         {"XDG_DATA_HOME", dataHome_.string()},
         {"ZUL_SIGNALING_URL",
          signalingURL.empty() ? "http://localhost:" + std::to_string(serverPort_) : signalingURL}};

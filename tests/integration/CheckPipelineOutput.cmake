@@ -40,3 +40,32 @@ if(NOT totals STREQUAL "stopped: ${frames} frame(s) encoded, ${bytes} total byte
   message(FATAL_ERROR "totals: '${totals}'")
 endif()
 message(STATUS "pipeline printed ${frames} frames as expected")
+
+# --help: exit 0, every mode and setting named, nothing wider than a terminal.
+execute_process(COMMAND ${AGENT} --real-agent --help OUTPUT_VARIABLE help RESULT_VARIABLE rc
+                ERROR_VARIABLE err TIMEOUT 30)
+if(NOT rc EQUAL 0 OR NOT err STREQUAL "")
+  message(FATAL_ERROR "--help exited with ${rc}: ${err}")
+endif()
+foreach(word --real-agent --phone-demo --webrtc-smoke --real ZUL_SIGNALING_URL ZUL_VERBOSE
+        ZUL_DEMO_SECONDS ZUL_SECRET_BACKEND ZUL_MAX_FPS)
+  string(FIND "${help}" "${word}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "--help does not mention ${word}:\n${help}")
+  endif()
+endforeach()
+string(REPLACE "\n" ";" helpLines "${help}")
+foreach(line IN LISTS helpLines)
+  string(LENGTH "${line}" width)
+  if(width GREATER 80)
+    message(FATAL_ERROR "--help line wider than 80 columns: '${line}'")
+  endif()
+endforeach()
+
+# The WebRTC library keeps its warnings to itself unless asked: one line, no stderr.
+execute_process(COMMAND ${AGENT} --webrtc-smoke OUTPUT_VARIABLE out ERROR_VARIABLE err
+                RESULT_VARIABLE rc TIMEOUT 30)
+if(NOT rc EQUAL 0 OR NOT err STREQUAL "" OR
+   NOT out STREQUAL "webrtc smoke test: OK (factory + peer connection created and closed)\n")
+  message(FATAL_ERROR "--webrtc-smoke printed more than its result (${rc}):\n${out}${err}")
+endif()

@@ -270,6 +270,7 @@ class RendezvousServer {
       maxPayload: config.maxMessageBytes,
       perMessageDeflate: false,
     });
+    this.shortLinks = new Map(); // code -> address (handleShortLink)
   }
 
   handleRequest(request, response) {
@@ -279,6 +280,7 @@ class RendezvousServer {
       return;
     }
     if (request.method === 'GET' && STATIC_FILES.serve(url.pathname, response)) return;
+    if (handleShortLink(request, response, url.pathname, this.shortLinks)) return;
     if (request.method === 'GET' && url.pathname === '/healthz') {
       this.reply(response, 200, { ok: true });
       return;
@@ -611,6 +613,42 @@ class RendezvousServer {
     log(`session ${agent.sessionsServed} for ${phone.deviceId}`);
     agent.connection.sendJson({ type: 'peer.ready', peerId: phone.deviceId, pairing: false });
   }
+}
+
+// Short pairing addresses, so that a terminal QR code fits 80 columns: a
+// process on this machine (./dev run) puts a full address under a code with
+// PUT /p/CODE; whoever opens /p/CODE is sent on to it, so one printed code
+// keeps working while the address behind it changes. True when handled.
+function handleShortLink(request, response, pathname, links) {
+  const match = /^\/p\/([A-Za-z0-9]{6,32})$/.exec(pathname);
+  if (!match) return false;
+  const send = (status, headers = {}) => {
+    response.writeHead(status, { 'Cache-Control': 'no-store', ...headers });
+    response.end();
+  };
+  if (request.method === 'GET') {
+    const target = links.get(match[1]);
+    send(target ? 302 : 404, target ? { Location: target } : {});
+    return true;
+  }
+  const local = ['127.0.0.1', '::1', '::ffff:127.0.0.1'].includes(request.socket.remoteAddress);
+  if (request.method !== 'PUT' || !local) {
+    send(request.method === 'PUT' ? 403 : 405);
+    return true;
+  }
+  let body = '';
+  request.setEncoding('utf8');
+  request.on('data', (chunk) => { body += chunk; });
+  request.on('end', () => {
+    if (body.length > 8192 || !/^https?:\/\/[\x21-\x7e]+$/.test(body) ||
+        (!links.has(match[1]) && links.size >= 64)) {
+      send(400);
+      return;
+    }
+    links.set(match[1], body);
+    send(204);
+  });
+  return true;
 }
 
 function main() {

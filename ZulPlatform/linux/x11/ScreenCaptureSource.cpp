@@ -17,6 +17,7 @@
 #include <system_error>
 #include <thread>
 
+#include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
@@ -534,8 +535,10 @@ void ScreenCaptureSource::start(const CaptureOptions& options) {
                         ? std::string(std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "")
                         : impl_->displayName);
   const bool readable = connection && connection->canReadScreen();
-  std::fprintf(stderr, "XGetImage(root of \"%s\") -> %s\n", shownName.c_str(),
-               readable ? "true" : "false");
+  if (verboseOutput()) {
+    std::fprintf(stderr, "XGetImage(root of \"%s\") -> %s\n",
+                 escapeControlCharacters(shownName).c_str(), readable ? "true" : "false");
+  }
   if (!connection) {
     throw CaptureError::platformUnsupported("cannot open X display \"" + shownName + "\"");
   }

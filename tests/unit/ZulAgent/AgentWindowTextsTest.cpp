@@ -28,25 +28,52 @@ TEST(AgentWindowTexts, ShowsEachStatus) {
     const char* status;
     std::optional<std::string> pill;
     PillColour colour;
-    bool retry;
+    AgentPhase phase;
     bool failure;
+    std::optional<std::string> problem;
+    std::optional<std::string> pairing;  // the pairing window's line
   };
+  using enum AgentPhase;
+  const auto green = PillColour::green, accent = PillColour::accent, grey = PillColour::neutral;
+  const std::string retry = " Повторная попытка каждые 2 с.";
+  const std::string offline = "●  Нет связи с сервером, повторная попытка…";
   const Case cases[] = {
-      {"peer-ready", "Подключено", PillColour::green, false, false},
-      {"Connected", "Ожидание телефона", PillColour::accent, false, false},
-      {"waiting", "Ожидание телефона", PillColour::accent, false, false},
-      {"ready", "Ожидание телефона", PillColour::accent, false, false},
-      {"reconnecting", "Подключение", PillColour::accent, false, false},
-      {"disconnected", "Не в сети", PillColour::neutral, true, false},
-      {"error:device-revoked", std::nullopt, PillColour::neutral, true, true},
-      {"session-limit-reached", std::nullopt, PillColour::accent, false, false},
+      {"peer-ready", "Подключено", green, online, false, "", "●  Телефон подключён"},
+      // A phone named like a status word is still only a name.
+      {"peer-ready: Pixel: failed", "Подключено: Pixel: failed", green, online, false, "",
+       "●  Подключён телефон: Pixel: failed"},
+      {"phone-left: Device x1Y2z3", "Ожидание телефона", accent, online, false, std::nullopt,
+       "●  Телефон x1Y2z3 отключился. Ожидание телефона"},
+      {"Connected", "Ожидание телефона", accent, online, false, "", "●  Ожидание телефона"},
+      {"waiting", "Ожидание телефона", accent, online, false, "", "●  Ожидание телефона"},
+      {"ready", "Ожидание телефона", accent, online, false, "", std::nullopt},
+      {"reconnecting", "Подключение", accent, connecting, false, std::nullopt, offline},
+      {"reconnecting: transportFailed(operation: \"tls\", reason: \"certificate verify failed\")",
+       "Подключение", accent, connecting, false,
+       "Не удалось подключиться: сервер предъявил недоверенный TLS-сертификат." + retry, offline},
+      {"reconnecting: transportFailed(operation: \"connect\", reason: \"Connection refused\")",
+       "Подключение", accent, connecting, false,
+       "Не удалось подключиться: сервер отказал в соединении (порт закрыт)." + retry, offline},
+      {"reconnecting: transportFailed(operation: \"resolve\", reason: \"x: Name or service not "
+       "known\")",
+       "Подключение", accent, connecting, false,
+       "Не удалось подключиться: сервер недоступен (адрес не найден или нет сети)." + retry,
+       offline},
+      {"reconnecting: transportFailed(operation: \"read\", reason: \"Operation timed out\")",
+       "Подключение", accent, connecting, false,
+       "Не удалось подключиться: сервер не ответил вовремя." + retry, offline},
+      {"disconnected", "Не в сети", grey, connecting, false, std::nullopt, offline},
+      {"error:device-revoked", std::nullopt, grey, stopped, true},
+      {"session-limit-reached", std::nullopt, accent, unchanged, false},
   };
   for (const auto& c : cases) {
     const auto view = statusView(c.status);
     EXPECT_EQ(view.pillText, c.pill) << c.status;
     if (c.pill) EXPECT_EQ(view.colour, c.colour) << c.status;
-    EXPECT_EQ(view.enableRetry, c.retry) << c.status;
+    EXPECT_EQ(view.phase, c.phase) << c.status;
     EXPECT_EQ(view.showFailure, c.failure) << c.status;
+    EXPECT_EQ(view.problem, c.problem) << c.status;
+    EXPECT_EQ(pairingStatus(c.status), c.pairing) << c.status;
   }
 }
 
@@ -77,6 +104,12 @@ TEST(AgentWindowTexts, ListsDevicesNewestFirstWithSortedPermissions) {
   EXPECT_EQ(sorted[2].deviceId, "c");
   EXPECT_EQ(deviceDetail(sorted[0], "22 Nov 2026 05:00"),
             "control · view · добавлено 22 Nov 2026 05:00");
+  TrustedDevice named = sorted[0];
+  for (const auto& [name, shown] :
+       {std::pair{"Device x1Y2z3", "Телефон x1Y2z3"}, {"Pixel 8", "Pixel 8"}, {"", "b"}}) {
+    named.name = name;
+    EXPECT_EQ(deviceName(named), shown);
+  }
 }
 
 }  // namespace

@@ -23,10 +23,17 @@ struct SetupWindow {
   bool screen = true;
   bool input = true;
   std::vector<std::string> started;
+  int stops = 0;
   AgentSetupWindowController window{{[this] { return screen; }, [this] { return input; }}};
 
   SetupWindow() {
-    window.show([this](const std::string& url) { started.push_back(url); });
+    window.show([this](const std::string& url) { started.push_back(url); }, [this] { ++stops; });
+  }
+  // The button never contradicts the status: what a press does now.
+  void expectButton(const char* text, bool fieldEnabled) {
+    EXPECT_TRUE(window.startButton()->isEnabled());
+    EXPECT_EQ(window.startButton()->text(), text);
+    EXPECT_EQ(window.serverField()->isEnabled(), fieldEnabled);
   }
   void press(const QString& address) {
     window.serverField()->setText(address);
@@ -52,8 +59,7 @@ TEST(AgentSetupWindow, StartsOnlyWithBothPermissionsAndAnHttpsAddress) {
   EXPECT_EQ(s.started, std::vector<std::string>{"https://rv.example.com"});
   EXPECT_EQ(QSettings().value("ZulSignalingURL").toString(), "https://rv.example.com");
   EXPECT_FALSE(s.window.errorVisible());
-  EXPECT_FALSE(s.window.startButton()->isEnabled());
-  EXPECT_EQ(s.window.startButton()->text(), "Подключение…");
+  s.expectButton("Отменить", false);
   EXPECT_EQ(s.window.pillText(), "Подключение");
 
   // The stored address fills the field next time.
@@ -61,17 +67,36 @@ TEST(AgentSetupWindow, StartsOnlyWithBothPermissionsAndAnHttpsAddress) {
   EXPECT_EQ(again.window.serverField()->text(), "https://rv.example.com");
 }
 
-TEST(AgentSetupWindow, FollowsTheAgentsStatus) {
+TEST(AgentSetupWindow, FollowsTheAgentsStatusAndCancels) {
   SetupWindow s;
   s.press("https://rv.example.com");
+  s.window.updateTransportStatus(
+      "reconnecting: transportFailed(operation: \"tls\", reason: \"certificate verify failed\")");
+  EXPECT_TRUE(s.window.errorVisible());
+  EXPECT_NE(s.window.errorText().indexOf("недоверенный TLS-сертификат"), -1);
+  s.expectButton("Отменить", false);
+  // The window grew to show the reason in full.
+  EXPECT_GE(s.window.height(), s.window.minimumSizeHint().height());
+
   s.window.updateTransportStatus("connected");
   EXPECT_EQ(s.window.pillText(), "Ожидание телефона");
-  s.window.updateTransportStatus("peer-ready");
-  EXPECT_EQ(s.window.pillText(), "Подключено");
+  EXPECT_FALSE(s.window.errorVisible());
+  s.expectButton("Отключить", false);
+  s.window.updateTransportStatus("peer-ready: Pixel 8");
+  EXPECT_EQ(s.window.pillText(), "Подключено: Pixel 8");
   s.window.updateTransportStatus("disconnected");
   EXPECT_EQ(s.window.pillText(), "Не в сети");
-  EXPECT_TRUE(s.window.startButton()->isEnabled());
-  EXPECT_EQ(s.window.startButton()->text(), "Повторить");
+  s.expectButton("Отменить", false);
+
+  s.window.startButton()->click();
+  EXPECT_EQ(s.stops, 1);
+  s.expectButton("Повторить", true);
+  // A stopping agent's last statuses change nothing.
+  s.window.updateTransportStatus("connected");
+  EXPECT_EQ(s.window.pillText(), "Не в сети");
+  s.window.startButton()->click();
+  EXPECT_EQ(s.started.size(), 2u);
+  s.expectButton("Отменить", false);
 
   s.window.showFailure("captureFailed(reason: \"gone\")");
   EXPECT_EQ(s.window.errorText(),
@@ -100,9 +125,23 @@ TEST(PairingQRWindow, CountsDownAndRefreshes) {
   window.refresh();
   EXPECT_EQ(refreshes, 1);
 
+  EXPECT_TRUE(window.isVisible());
+  window.hide();  // closed by the user: a fresh link does not bring it back
   window.show("zul://pair?payload=%7B%7D", "agent_abcdEFGHijklMNOP", 0, [] {});
   EXPECT_EQ(window.countdownText(), "Код истёк — обновите QR");
   EXPECT_FALSE(window.counting());
+  EXPECT_FALSE(window.isVisible());
+
+  int ends = 0;
+  window.onEndSession = [&] { ++ends; };
+  EXPECT_FALSE(window.canEndSession());
+  window.updateStatus("peer-ready: Pixel 8");
+  EXPECT_EQ(window.statusText(), "●  Подключён телефон: Pixel 8");
+  ASSERT_TRUE(window.canEndSession());
+  window.endSession();
+  EXPECT_EQ(ends, 1);
+  window.updateStatus("phone-left: Pixel 8");
+  EXPECT_FALSE(window.canEndSession());
 
   const QImage qr = PairingQRWindowController::qrCodeImage(std::string(900, 'x'), 360);
   ASSERT_FALSE(qr.isNull());
@@ -116,7 +155,7 @@ TEST(PairingQRWindow, CountsDownAndRefreshes) {
   window.showDevices();
   ASSERT_NE(window.devicesWindow(), nullptr);
   EXPECT_EQ(window.devicesWindow()->rows(),
-            std::vector<std::string>{"Пока нет подключённых телефонов"});
+            std::vector<std::string>{"Пока нет сопряжённых телефонов"});
 }
 
 TEST(TrustedDevicesWindow, ListsNewestFirstAndRevokesAfterConfirmation) {
@@ -141,7 +180,7 @@ TEST(TrustedDevicesWindow, ListsNewestFirstAndRevokesAfterConfirmation) {
 
   backend->save(SecretStore::service, "trusted-devices", toBytes("{broken"));
   window.refresh();
-  EXPECT_EQ(window.rows(), std::vector<std::string>{"Пока нет подключённых телефонов"});
+  EXPECT_EQ(window.rows(), std::vector<std::string>{"Пока нет сопряжённых телефонов"});
 }
 
 }  // namespace

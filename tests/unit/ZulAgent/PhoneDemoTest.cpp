@@ -108,7 +108,7 @@ TEST(PhoneDemo, Banner) {
   const std::string rule(58, '=');
   EXPECT_EQ(phoneDemoBanner(std::string("192.168.1.20"), 8787, 300.9),
             (std::vector<std::string>{
-                "", rule, "Open this on your iPhone, same Wi-Fi as this computer:", "",
+                "", rule, "Open this on your phone, same Wi-Fi as this computer:", "",
                 "    http://192.168.1.20:8787", "",
                 "Running for 300s (override with ZUL_DEMO_SECONDS=<n>).", rule}));
   EXPECT_EQ(phoneDemoBanner(std::nullopt, 8787, 5)[4], "    http://<this-computer-lan-ip>:8787");

@@ -31,6 +31,9 @@ TEST(RunMode, PicksOneModeInOrder) {
        false,
        pipeline(false)},
       {{"--REAL"}, std::nullopt, false, pipeline(false)},
+      {{"--webrtc-smoke", "-h"}, "real", true, {RunMode::help}},
+      {{"--real-agent", "--help"}, std::nullopt, false, {RunMode::help}},
+      {{"--helpme", "-help"}, std::nullopt, false, pipeline(false)},
   };
   for (const auto& c : cases) {
     std::string joined;
