@@ -77,6 +77,7 @@ const env = {
   XDG_RUNTIME_DIR: work,
   XDG_DATA_HOME: path.join(work, 'data'),
   ZUL_SECRET_BACKEND: 'file',
+  ZUL_VERBOSE: '1', // the checks read the agent's detailed lines
   GDK_BACKEND: 'x11',
 };
 delete process.env.NO_AT_BRIDGE; // the GTK window must be accessible
