@@ -109,16 +109,9 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   auto session = std::make_unique<GnomeSession>(std::vector<std::string>{"1920x1080", "1280x720"});
   session->startAccessibility();
 
-  // The session picks the GNOME backend by itself; a forced one wins.
-  const DesktopSessionFacts facts = currentDesktopSessionFacts();
-  EXPECT_TRUE(facts.mutterRemoteDesktop);
-  const DesktopChoice choice = chooseDesktop(facts);
+  // The session picks the GNOME backend by itself.
+  const DesktopChoice choice = chooseDesktop(currentDesktopSessionFacts());
   ASSERT_EQ(choice.backend, "gnome") << choice.reason;
-  DesktopSessionFacts forced = facts;
-  forced.forced = "x11";
-  EXPECT_EQ(chooseDesktop(forced).backend, "x11");
-  forced.forced = "portal";
-  EXPECT_THROW(chooseDesktop(forced), DesktopBackendError);
   auto backend = makeDesktopBackend(choice);
 
   // Two monitors side by side from mutter's display configuration.
