@@ -407,7 +407,9 @@ class RealAgent {
       print_("control session established: " + sessionId + " (" + deviceId + ")");
       // Where the desktop shows no prompt of its own (Wayland), the user
       // learns of the phone from us.
-      desktop_->announceRemoteControl(deviceId);
+      if (!desktop_->announceRemoteControl(deviceId)) {
+        print_("desktop notification failed: no notification service on the session bus");
+      }
       // A new session never inherits a button or key the previous phone held.
       actions_->releaseAll();
       capture_->setWatched(true);

@@ -86,9 +86,9 @@ class GnomeBackend final : public DesktopBackend {
   }
   // Mutter's remote-desktop interface asks nobody: the user learns of the
   // phone from us.
-  void announceRemoteControl(const std::string& deviceName) override {
-    desktop_->notify("Remote control started",
-                     "A phone (" + deviceName + ") now sees and controls this screen.");
+  bool announceRemoteControl(const std::string& deviceName) override {
+    return desktop_->notify("Удалённое управление",
+                            "Телефон " + deviceName + " видит экран компьютера и управляет им.");
   }
 
  private:

@@ -67,7 +67,8 @@ class DesktopBackend {
   virtual std::optional<std::uint32_t> primaryDisplayID() = 0;
   // Tells the user, where the desktop shows no prompt of its own, that a
   // phone now controls it (a desktop notification); nothing elsewhere.
-  virtual void announceRemoteControl(const std::string& /*deviceName*/) {}
+  // False when the desktop could not show it.
+  virtual bool announceRemoteControl(const std::string& /*deviceName*/) { return true; }
 };
 
 // What the session looks like, read from the environment and the session bus.

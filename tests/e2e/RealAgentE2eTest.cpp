@@ -695,12 +695,18 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
     return false;
   };
   ASSERT_TRUE(appSays("ready "));
+  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH}, appOptions);
+  ASSERT_EQ(notifications.readStdoutLine(30s), "ready");
 
   startServer();
   startAgent({}, gnome.environment());
   const std::string sessionId = pairAndConnect();
   ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_TRUE(agent_->waitForLine("desktop: gnome (")) << agent_->tail();
+  // Mutter asks nobody: the user learns of the phone from a notification.
+  const auto notice = notifications.readStdoutLine(30s);
+  EXPECT_EQ(notice.value_or("").rfind("notify Удалённое управление | Телефон device_", 0), 0u)
+      << notice.value_or("none");
   ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump() << agent_->tail();
   EXPECT_EQ(phone_->stats()["width"], 1920);
   EXPECT_EQ(phone_->stats()["height"], 1080);
