@@ -383,8 +383,11 @@ void MutterCaptureSource::start(const CaptureOptions& options) {
       } catch (...) {
         impl->fail("unexpected failure");
       }
-      // PipeWire's thread ends before the run's state goes.
+      // PipeWire's thread ends before the run's state goes; the session
+      // closes with the run (input opens one of its own if it needs one).
       run->stream.reset();
+      impl->desktop->releaseInputSession(run->session);
+      run->session.reset();
     });
   }
   const std::string failure = started.get();

@@ -372,6 +372,14 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     // `previous` stops its session here, outside the lock.
   }
 
+  void releaseInputSession(const std::shared_ptr<MutterSession>& session) override {
+    std::shared_ptr<MutterSession> previous;
+    {
+      std::lock_guard lock(mutex_);
+      if (input_ == session) previous = std::move(input_);
+    }
+  }
+
   std::shared_ptr<MutterSession> inputSession() override {
     std::unique_lock lock(inputOpening_);
     {

@@ -87,6 +87,9 @@ class MutterDesktop {
   // The session input goes to: the one capture opened last while it is open,
   // else one of its own on the primary monitor, opened on first use.
   virtual void setInputSession(std::shared_ptr<MutterSession> session) = 0;
+  // Lets go of `session` if input uses it, so that mutter closes it (and
+  // GNOME Shell's remote-access indicator goes) once capture ends.
+  virtual void releaseInputSession(const std::shared_ptr<MutterSession>& session) = 0;
   virtual std::shared_ptr<MutterSession> inputSession() = 0;
 
   // Called on the bus thread after mutter changed the monitors. Returns a
