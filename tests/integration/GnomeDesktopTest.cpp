@@ -46,7 +46,11 @@ class WaylandApp {
         std::vector<std::string>{"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen",
                                  "--background", background},
         options);
-    if (!waitFor("ready ", 30s)) throw std::runtime_error("the test app did not start");
+    auto ready = waitFor("ready ", 30s);
+    if (!ready) throw std::runtime_error("the test app did not start");
+    std::istringstream in(ready->substr(6));
+    int x, y, width, height;
+    in >> x >> y >> width >> height >> pad.x >> pad.y >> pad.width >> pad.height;
   }
   // The first line starting with `prefix`; lines before it are skipped.
   std::optional<std::string> waitFor(const std::string& prefix, std::chrono::seconds limit = 10s) {
@@ -61,6 +65,7 @@ class WaylandApp {
     return std::nullopt;
   }
   std::string last;
+  DesktopRect pad;  // the pad that reports pointer buttons and wheel steps
 
  private:
   std::unique_ptr<ChildProcess> process_;
@@ -213,6 +218,9 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
       << app.last;
   keyboard.sendHotkey("Ctrl+A", gate);
   EXPECT_TRUE(app.waitFor("key a 4")) << app.last;
+  injector->movePointer({app.pad.x + app.pad.width / 2, app.pad.y + app.pad.height / 2});
+  injector->scroll(0, 1);
+  EXPECT_TRUE(app.waitFor("scroll down")) << app.last;
   injector->setKey(keysym::shiftL, true);
   injector->releaseAll();
 

@@ -26,6 +26,22 @@ int evdevButton(PointerButton button) {
   return btnLeft;
 }
 
+// The keysym of a character typed as its own key: ASCII by its own value,
+// the control characters by their keys' names.
+std::uint32_t keysymOf(char32_t c) {
+  switch (c) {
+    case U'\n':
+    case U'\r':
+      return keysym::returnKey;
+    case U'\t':
+      return keysym::tab;
+    case U'\b':
+      return keysym::backSpace;
+    default:
+      return std::uint32_t(c);
+  }
+}
+
 }  // namespace
 
 struct MutterInputInjector::Impl {
@@ -44,22 +60,6 @@ MutterInputInjector::MutterInputInjector(std::shared_ptr<MutterDesktop> desktop)
 }
 
 MutterInputInjector::~MutterInputInjector() = default;
-
-std::uint32_t MutterInputInjector::keysymFor(char32_t c) {
-  switch (c) {
-    case U'\n':
-    case U'\r':
-      return 0xff0d;  // Return
-    case U'\t':
-      return 0xff09;  // Tab
-    case U'\b':
-      return 0xff08;  // BackSpace
-    default:
-      break;
-  }
-  if ((c >= 0x20 && c <= 0x7e) || (c >= 0xa0 && c <= 0xff)) return std::uint32_t(c);
-  return 0x01000000u + std::uint32_t(c);
-}
 
 void MutterInputInjector::movePointer(DesktopPoint point) {
   std::lock_guard lock(impl_->mutex);
@@ -121,7 +121,7 @@ void MutterInputInjector::typeText(std::u32string_view text) {
   };
   for (char32_t c : text) {
     if (typedDirectly(c)) {
-      tap(keysymFor(c));
+      tap(keysymOf(c));
       continue;
     }
     // Mutter drops keysyms its keyboard map lacks, and a Wayland client

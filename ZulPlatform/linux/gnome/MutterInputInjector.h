@@ -26,9 +26,6 @@ class MutterInputInjector final : public InputInjector {
   void typeText(std::u32string_view text) override;
   void releaseAll() override;
 
-  // The keysym that types `codePoint`: Latin-1 and the control keys by
-  // their own names, anything else as a Unicode keysym.
-  static std::uint32_t keysymFor(char32_t codePoint);
   // Whether `codePoint` is sent as its own key (ASCII and the control keys)
   // rather than through the Unicode entry.
   static bool typedDirectly(char32_t codePoint);
