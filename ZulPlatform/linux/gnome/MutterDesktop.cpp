@@ -100,9 +100,10 @@ std::vector<MutterMonitor> parseState(GVariant* state) {
   Variant monitors(g_variant_get_child_value(state, 1));
   for (gsize i = 0; i < g_variant_n_children(monitors.get()); ++i) {
     Variant monitor(g_variant_get_child_value(monitors.get(), i));
-    Variant spec(g_variant_get_child_value(monitor.get(), 0));
+    Variant identity(
+        g_variant_get_child_value(monitor.get(), 0));  // (connector, vendor, product, serial)
     const gchar* connector = nullptr;
-    g_variant_get_child(spec.get(), 0, "&s", &connector);
+    g_variant_get_child(identity.get(), 0, "&s", &connector);
     Variant modes(g_variant_get_child_value(monitor.get(), 1));
     for (gsize m = 0; m < g_variant_n_children(modes.get()); ++m) {
       Variant mode(g_variant_get_child_value(modes.get(), m));
