@@ -13,8 +13,8 @@
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
 #include "ZulCore/Support/Console.h"
+#include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
-#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "ZulTransport/PeerVideoEncoding.h"
 #include "ZulTransport/SignalingUrl.h"
 #include "ZulTransport/WebRTCSmokeTest.h"
@@ -25,8 +25,15 @@ namespace {
 
 void runPipelineMode(bool useReal) {
   if (useReal) {
-    printLine("Zul Linux agent \u2014 skeleton build (backend: x11+libav)");
-    auto source = std::make_unique<ScreenCaptureSource>();
+    std::unique_ptr<CaptureSource> source;
+    try {
+      // The banner names the backend; no separate line.
+      source = desktopBackend()->makeCaptureSource();
+    } catch (const std::exception& error) {
+      printLine(std::string("pipeline failed: ") + error.what());
+      return;
+    }
+    printLine("Zul Linux agent \u2014 skeleton build (backend: " + source->name() + "+libav)");
     auto encoder = std::make_unique<LibavH264Encoder>();
     // The test measures the steady pipeline: a still test display must not
     // fall back to the idle rate, and a machine without a GPU encodes with
@@ -76,7 +83,7 @@ void runPhoneDemoMode() {
   try {
     runPhoneDemo(
         PhoneDemoSettings::fromEnvironment(),
-        [] { return std::make_unique<ScreenCaptureSource>(); }, printLine);
+        [] { return desktopBackend(printLine)->makeCaptureSource(); }, printLine);
   } catch (const std::exception& error) {
     printLine(std::string("phone-demo failed: ") + error.what());
   }

@@ -21,10 +21,9 @@
 #include "ZulAgent/orchestration/PhoneConnections.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
 #include "ZulCore/Support/Console.h"
+#include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
-#include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
-#include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "ZulTransport/AgentSignalingClient.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
 #include "ZulTransport/LocalOfferSession.h"
@@ -449,6 +448,11 @@ class RealAgent {
       event_("phone connected: " + name +
              (previous.empty() || previous == name ? "" : " (instead of " + previous + ")"));
       status("peer-ready: " + name);
+      // Where the desktop shows no prompt of its own (Wayland), the user
+      // learns of the phone from us.
+      if (!desktop_->announceRemoteControl(deviceId)) {
+        print_("desktop notification failed: no notification service on the session bus");
+      }
       // A new session never inherits a button or key the previous phone held.
       actions_->releaseAll();
       capture_->setWatched(true);
@@ -467,7 +471,9 @@ class RealAgent {
   }
 
   void wireDispatch() {
-    injector_ = std::make_shared<XTestInputInjector>();
+    // X11 or GNOME Wayland, chosen once for the run.
+    desktop_ = desktopBackend(print_);
+    injector_ = desktop_->makeInputInjector();
     // AT-SPI is reached on the first scene or element action, not at start:
     // the agent runs without an accessibility bus.
     auto sceneSource = [slot = std::make_shared<LazySceneSource>()] { return slot->get(); };
@@ -477,7 +483,9 @@ class RealAgent {
         [connections](const RoutedMessage& message, const std::exception& error) {
           if (auto c = connections.lock()) c->refuse(message.sessionId, error);
         });
-    print_("input: XTest; element actions: AT-SPI (reached on first use)");
+    print_(std::string("input: ") +
+           (desktop_->name() == "x11" ? "XTest" : "mutter remote desktop") +
+           "; element actions: AT-SPI (reached on first use)");
 
     publisher_ = std::make_shared<AccessibilityScenePublisher>(AccessibilityScenePublisher::Hooks{
         .source = sceneSource,
@@ -507,7 +515,7 @@ class RealAgent {
   // Starts capture once, to resolve the display the pointer targets (a
   // failure stops the agent), then leaves it idle until a phone watches.
   void startCapture() {
-    screen_ = std::make_shared<ScreenCaptureSource>();
+    screen_ = desktop_->makeCaptureSource();
     std::weak_ptr<PhoneConnections> connections = connections_;
     screen_->setFrameReady([connections](const CapturedFrame& frame) {
       if (auto c = connections.lock()) c->push(frame, monotonicNanoseconds());
@@ -516,12 +524,13 @@ class RealAgent {
       print(std::string("capture failed: ") + error.what());
     });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
-        .start = [screen = screen_, fps = settings_.framesPerSecond](
-                     std::int64_t index) { return startScreenCapture(*screen, index, fps); },
+        .start =
+            [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond](
+                std::int64_t index) { return startScreenCapture(*desktop, *screen, index, fps); },
         .stop = [screen = screen_] { screen->stop(); },
         .print = print_,
-        .indexOf = [](std::uint32_t displayID) -> std::optional<std::int64_t> {
-          for (const auto& d : ScreenCaptureSource::availableDisplays()) {
+        .indexOf = [desktop = desktop_](std::uint32_t displayID) -> std::optional<std::int64_t> {
+          for (const auto& d : desktop->availableDisplays()) {
             if (d.displayID == displayID) return d.index;
           }
           return std::nullopt;
@@ -537,8 +546,8 @@ class RealAgent {
     targetPointer(capture_->startOn(0));
 
     switcher_ = std::make_shared<DisplaySwitcher>(DisplaySwitcher::Hooks{
-        .availableDisplays = [] { return ScreenCaptureSource::availableDisplays(); },
-        .primaryDisplayID = [] { return ScreenCaptureSource::primaryDisplayID(); },
+        .availableDisplays = [desktop = desktop_] { return desktop->availableDisplays(); },
+        .primaryDisplayID = [desktop = desktop_] { return desktop->primaryDisplayID(); },
         .activeSessionId = [connections] { return activeSessionOf(connections); },
         .sendControl =
             [connections](const std::string& text) {
@@ -575,9 +584,10 @@ class RealAgent {
 
   // Capture of one display at the agent's options; returns the display that
   // capture resolved. The pointer then targets it at the same reference size.
-  static DisplayDescriptor startScreenCapture(ScreenCaptureSource& capture, std::int64_t index,
+  static DisplayDescriptor startScreenCapture(DesktopBackend& desktop,
+                                              DesktopCaptureSource& capture, std::int64_t index,
                                               std::int64_t framesPerSecond) {
-    const std::vector<DisplayDescriptor> displays = ScreenCaptureSource::availableDisplays();
+    const std::vector<DisplayDescriptor> displays = desktop.availableDisplays();
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
     }
@@ -852,10 +862,11 @@ class RealAgent {
   std::optional<TrustedDeviceStore> trustedDevices_;
   std::shared_ptr<const PairingService> pairing_;
   std::shared_ptr<PhoneConnections> connections_;
-  std::shared_ptr<XTestInputInjector> injector_;
+  std::shared_ptr<DesktopBackend> desktop_;
+  std::shared_ptr<InputInjector> injector_;
   std::shared_ptr<AgentMessageActions> actions_;
   std::shared_ptr<AccessibilityScenePublisher> publisher_;
-  std::shared_ptr<ScreenCaptureSource> screen_;
+  std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;
   std::shared_ptr<DisplaySwitcher> switcher_;
   std::unique_ptr<AgentSignalingClient> signaling_;

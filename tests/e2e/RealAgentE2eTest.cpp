@@ -22,6 +22,7 @@
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "support/ChildProcess.h"
+#include "support/GnomeSession.h"
 #include "support/XvfbServer.h"
 
 namespace zul::test {
@@ -254,7 +255,9 @@ class RealAgentE2eTest : public testing::Test {
     serverPort_ = std::stoi(line->substr(line->rfind(':') + 1));
   }
 
-  void startAgent(const std::string& signalingURL = {}) {
+  // On the Xvfb screen, or in `desktop`'s environment when given.
+  void startAgent(const std::string& signalingURL = {},
+                  const std::map<std::string, std::string>& desktop = {}) {
     ChildProcess::Options options;
     options.env = {
         {"DISPLAY", xvfb_->display()},
@@ -263,7 +266,12 @@ class RealAgentE2eTest : public testing::Test {
         {"XDG_DATA_HOME", dataHome_.string()},
         {"ZUL_SIGNALING_URL",
          signalingURL.empty() ? "http://localhost:" + std::to_string(serverPort_) : signalingURL}};
-    options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS"};
+    options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS", "ZUL_DESKTOP"};
+    if (!desktop.empty()) {
+      options.env.erase("DISPLAY");
+      options.unsetEnv.push_back("DISPLAY");
+      options.env.insert(desktop.begin(), desktop.end());
+    }
     agent_ = std::make_unique<WatchedProcess>(
         std::vector<std::string>{ZUL_AGENT_PATH, "--real-agent"}, options);
   }
@@ -656,6 +664,76 @@ TEST_F(RealAgentE2eTest, KeepsThePhoneAcrossSignalingAndAgentRestarts) {
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(3)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_EQ(phone_->eval("zulPhone.state.fingerprintMismatch"), false);
+}
+
+// The same agent on a GNOME Wayland desktop (headless mutter, two monitors)
+// with a GTK window: the phone sees the window, its text (Cyrillic too)
+// reaches the window's entry, and it can watch the other monitor.
+TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
+  if (const std::string missing = GnomeSession::whyMissing(); !missing.empty()) {
+    GTEST_SKIP() << missing;
+  }
+  // Chromium starts before the session takes over this process's
+  // environment: it must not see the Wayland display.
+  browser_ = std::make_unique<HeadlessChromium>();
+  GnomeSession gnome({"1920x1080", "1280x720"});
+  ChildProcess::Options appOptions;
+  appOptions.captureStdout = true;
+  appOptions.env = gnome.environment();
+  appOptions.env["GDK_BACKEND"] = "wayland";
+  appOptions.unsetEnv = {"DISPLAY"};
+  ChildProcess app(
+      {"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen", "--background", "#c02040"},
+      appOptions);
+  std::string appLast;
+  auto appSays = [&](const std::string& prefix) {
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto line = app.readStdoutLine(1000ms);
+      if (line) appLast = *line;
+      if (line && line->rfind(prefix, 0) == 0) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(appSays("ready "));
+  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH}, appOptions);
+  ASSERT_EQ(notifications.readStdoutLine(30s), "ready");
+
+  startServer();
+  startAgent({}, gnome.environment());
+  const std::string sessionId = pairAndConnect();
+  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
+  EXPECT_TRUE(agent_->waitForLine("desktop: gnome (")) << agent_->tail();
+  // Mutter asks nobody: the user learns of the phone from a notification.
+  const auto notice = notifications.readStdoutLine(30s);
+  EXPECT_EQ(notice.value_or("").rfind("notify Удалённое управление | Телефон device_", 0), 0u)
+      << notice.value_or("none");
+  ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump() << agent_->tail();
+  EXPECT_EQ(phone_->stats()["width"], 1920);
+  EXPECT_EQ(phone_->stats()["height"], 1080);
+  const std::string pixel =
+      "(() => { const v = document.getElementById('video');"
+      " const c = document.createElement('canvas'); c.width = v.videoWidth;"
+      " c.height = v.videoHeight; const g = c.getContext('2d'); g.drawImage(v, 0, 0);"
+      " return Array.from(g.getImageData(1800, 1000, 1, 1).data.slice(0, 3)); })()";
+  EXPECT_TRUE(
+      phone_->waitFor("((p) => Math.abs(p[0] - 192) < 24 && Math.abs(p[1] - 32) < 24 &&"
+                      " Math.abs(p[2] - 64) < 24)(" +
+                      pixel + ")"))
+      << phone_->eval(pixel).dump();
+
+  phone_->eval("zulPhone.send('input', {type: 'input.text', protoVersion: '1.0', sessionId: " +
+               nlohmann::json(sessionId).dump() + ", value: '\u0414\u0430, ok'})");
+  EXPECT_TRUE(agent_->waitForLine("[input.text] ok")) << agent_->tail();
+  EXPECT_TRUE(appSays("text \"\\u0414\\u0430, ok\"")) << appLast;
+
+  phone_->eval(
+      "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
+      "sessionId: " +
+      nlohmann::json(sessionId).dump() + ", index: 1})");
+  EXPECT_TRUE(agent_->waitForLine("selected display 1: ")) << agent_->tail();
+  EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 1280)"))
+      << phone_->stats().dump();
 }
 
 }  // namespace

@@ -11,7 +11,9 @@ It prints one line per event it sees on standard output:
   key KEYVAL_NAME STATE    a key press reached the window (state = X modifier mask)
   press B X Y / release B X Y / drag X Y   pointer buttons and motion on the pad
   scroll DIRECTION         a wheel step on the pad
-Options: --widgets N adds N extra buttons; --at X Y places the window there.
+Options: --widgets N adds N extra buttons; --at X Y places the window there;
+--fullscreen fills its monitor (on Wayland, where a window cannot place
+itself); --background COLOUR paints the window's background.
 """
 import json
 import sys
@@ -37,6 +39,12 @@ def main():
         at = (int(sys.argv[i + 1]), int(sys.argv[i + 2]))
 
     window = Gtk.Window(title="Zul Test App")
+    if "--background" in sys.argv:
+        css = Gtk.CssProvider()
+        colour = sys.argv[sys.argv.index("--background") + 1]
+        css.load_from_data(("window { background: %s; }" % colour).encode())
+        Gtk.StyleContext.add_provider_for_screen(
+            Gdk.Screen.get_default(), css, Gtk.STYLE_PROVIDER_PRIORITY_APPLICATION)
     window.set_default_size(640, 480)
     window.move(*at)
     window.connect("destroy", Gtk.main_quit)
@@ -112,7 +120,10 @@ def main():
     window.connect("key-press-event", on_key)
 
     def announce():
-        if not window.is_active():
+        # A headless Wayland compositor has no keyboard until a virtual one
+        # appears, so the window never becomes active: its focused state counts.
+        focused = window.get_window().get_state() & Gdk.WindowState.FOCUSED
+        if not window.is_active() and not focused:
             window.get_window().focus(Gdk.CURRENT_TIME)
             return True
         x, y = window.get_window().get_origin()[1:]
@@ -124,6 +135,8 @@ def main():
         return False
 
     window.show_all()
+    if "--fullscreen" in sys.argv:
+        window.fullscreen()
     window.present()
     GLib.timeout_add(50, announce)
     Gtk.main()
