@@ -128,10 +128,8 @@ before(async () => {
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
-  const context = await browser.newContext({ viewport: { width: 390, height: 844 },
-    hasTouch: true, isMobile: true, locale: 'ru-RU' });
-  page = await context.newPage();
-  touch = await context.newCDPSession(page);
+  page = await newPhone();
+  touch = await page.context().newCDPSession(page);
 });
 
 after(async () => {
@@ -142,7 +140,17 @@ after(async () => {
 
 // ---- the phone -----------------------------------------------------------------
 
-const connected = () => page.waitForSelector('body[data-state=connected]', { timeout: 60 * SECONDS });
+// A phone of its own (storage, keys) in the browser.
+async function newPhone() {
+  const context = await browser.newContext({ viewport: { width: 390, height: 844 },
+    hasTouch: true, isMobile: true, locale: 'ru-RU' });
+  return context.newPage();
+}
+
+const connected = (phone = page) => phone.waitForSelector('body[data-state=connected]',
+  { timeout: 60 * SECONDS });
+const noticeSays = (phone, code) => phone.waitForSelector(
+  `#notice:not([hidden])[data-code=${code}]`, { timeout: 60 * SECONDS });
 
 // Where on the page a video pixel is shown.
 async function onPage(vx, vy) {
@@ -318,14 +326,25 @@ test('the monitor picker switches to the other screen and its picture', async ()
   await pictureShows([[300, 300, ROOT]]);
 });
 
+test('a second phone is refused until it takes over; the first is told', async () => {
+  const links = agent.lines.filter((l) => l.startsWith('zul://pair?payload='));
+  assert.ok(links.length >= 2, 'the agent printed no fresh link after the first pairing');
+  const second = await newPhone();
+  await second.goto(`${env.ZUL_SIGNALING_URL}/#${links.at(-1).trim()}`);
+  await noticeSays(second, 'another-session');
+  await second.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
+  await connected(second);
+  // The agent closes the first phone's connection; it comes back, is refused, and says why.
+  await noticeSays(page, 'taken-over');
+  page = second;
+});
+
 test('a revoked phone is told so and offered to pair again', async () => {
-  const line = server.lines.find((l) => /session \d+ for device_/.test(l));
-  const deviceId = line.split(' ').pop();
+  const deviceId = await page.evaluate(() => zulApp.deviceId());
   const revoke = spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, ['revoke', deviceId],
     { env: { ...process.env, ...env } });
   assert.equal(revoke.status, 0);
-  await page.waitForSelector('#notice:not([hidden])[data-code=device-revoked]',
-    { timeout: 60 * SECONDS });
+  await noticeSays(page, 'device-revoked');
   assert.match(await page.locator('#notice-text').textContent(), /удалён из доверенных/);
   assert.equal(await page.locator('#notice-actions button').count(), 3);
 });

@@ -38,7 +38,7 @@ const TEXTS = {
     'state-offline': 'No network, waiting for it…',
     // refusals: what happened and what to do
     'fail-not-paired': 'This computer does not know this phone (any more). Scan a new QR code to pair again.',
-    'fail-device-revoked': 'This phone was removed from the computer’s trusted devices. Pair again from the computer if that was a mistake.',
+    'fail-device-revoked': 'The computer no longer trusts this phone: it was removed from its trusted devices. If that was a mistake, scan a new QR code from the computer.',
     'fail-another-session': 'Another phone is controlling this computer. You can take over: the other phone will be disconnected.',
     'fail-taken-over': 'Another phone took over this computer.',
     'fail-session-limit-reached': 'The server allows no more sessions to this computer now. Try again later.',
@@ -105,7 +105,7 @@ const TEXTS = {
     'state-closed': 'Отключено',
     'state-offline': 'Нет сети, ждём её…',
     'fail-not-paired': 'Компьютер не знает этот телефон (больше не знает). Отсканируйте новый QR-код, чтобы сопрячь заново.',
-    'fail-device-revoked': 'Этот телефон удалён из доверенных устройств компьютера. Если это ошибка, сопрягите его заново.',
+    'fail-device-revoked': 'Компьютер больше не доверяет этому телефону: он удалён из доверенных устройств. Если это ошибка, отсканируйте новый QR-код на компьютере.',
     'fail-another-session': 'Компьютером управляет другой телефон. Можно перехватить управление: другой телефон будет отключён.',
     'fail-taken-over': 'Управление перехватил другой телефон.',
     'fail-session-limit-reached': 'Сервер сейчас не допускает новых сеансов с этим компьютером. Попробуйте позже.',

@@ -516,6 +516,7 @@ window.zulApp = {
   pointer: () => gestures?.pointer && { ...gestures.pointer },
   video: () => ({ width: viewport.videoWidth, height: viewport.videoHeight }),
   zoom: () => viewport.zoom,
+  deviceId: () => app.computer?.device.id,
 };
 
 start();

@@ -178,9 +178,11 @@ export function offeredFingerprint(sdp) {
   return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
 }
 
-// What a control.error's message names, as the phone's own codes.
+// What a control.error's message names, as the phone's own codes. A
+// computer this phone paired with that does not trust it has revoked it (the
+// server's own refusal may come a few seconds later).
 const HELLO_REFUSALS = {
-  deviceNotTrusted: 'not-paired',
+  deviceNotTrusted: 'device-revoked',
   identityMismatch: 'not-paired',
   anotherSessionActive: 'another-session',
   fingerprintMismatch: 'fingerprint',
@@ -324,7 +326,16 @@ export class Session extends EventTarget {
         }
         this.onMessage(channel.label, message);
       };
-      if (channel.label === 'control') channel.onopen = () => this.hello().catch(() => {});
+      if (channel.label !== 'control') return;
+      channel.onopen = () => this.hello().catch(() => {});
+      // The agent closes the connection of a phone that was taken over or
+      // revoked; the browser would notice the dead transport only much later.
+      channel.onclose = () => {
+        if (pc !== this.pc || this.closedByUser) return;
+        this.established = false;
+        this.setState('reconnecting');
+        this.emit('lost', {});
+      };
     };
     return pc;
   }
@@ -332,12 +343,15 @@ export class Session extends EventTarget {
   onMessage(channel, message) {
     if (message.type === 'control.hello.ok') {
       this.established = true;
+      this.wasEstablished = true;
       this.sessionId = message.sessionId;
       this.setState('connected');
       this.emit('hello', { ok: message });
     } else if (message.type === 'control.error' && !this.established) {
       const name = String(message.message || '').replace(/\(.*$/, '');
-      this.fail(HELLO_REFUSALS[name] || 'refused');
+      const code = HELLO_REFUSALS[name] || 'refused';
+      // Refused after having been in control: another phone took it over.
+      this.fail(code === 'another-session' && this.wasEstablished ? 'taken-over' : code);
     } else if (message.type === 'control.error' && /noActiveSession/.test(message.message)) {
       // Another phone took over this computer.
       this.established = false;
