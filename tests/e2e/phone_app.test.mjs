@@ -84,7 +84,6 @@ delete process.env.GTK_MODULES;
 let agent;
 let server;
 let testApp;
-let browser;
 let page;
 let touch; // the DevTools session that sends multi-finger touches
 
@@ -123,27 +122,34 @@ before(async () => {
   env.ZUL_SIGNALING_URL = `http://localhost:${port}`;
   agent = start(process.env.ZUL_AGENT_PATH, ['--real-agent'], env);
 
-  browser = await chromium.launch({
-    executablePath: '/usr/bin/chromium',
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-  });
-  page = await newPhone();
+  page = await newPhone(await launch());
   touch = await page.context().newCDPSession(page);
 });
 
 after(async () => {
-  await browser?.close();
+  for (const b of browsers) await b.close();
   for (const child of children.reverse()) child.kill('SIGTERM');
   rmSync(work, { recursive: true, force: true });
 });
 
 // ---- the phone -----------------------------------------------------------------
 
-// A phone of its own (storage, keys) in the browser.
-async function newPhone() {
-  const context = await browser.newContext({ viewport: { width: 390, height: 844 },
-    hasTouch: true, isMobile: true, locale: 'ru-RU' });
+const browsers = [];
+async function launch(extraArgs = []) {
+  const launched = await chromium.launch({
+    executablePath: '/usr/bin/chromium',
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync',
+      ...extraArgs],
+  });
+  browsers.push(launched);
+  return launched;
+}
+
+// A phone of its own (storage, keys) in a browser.
+async function newPhone(where) {
+  const context = await where.newContext({ viewport: { width: 390, height: 844 },
+    hasTouch: true, isMobile: true, locale: 'ru-RU', permissions: ['camera'] });
   return context.newPage();
 }
 
@@ -326,11 +332,20 @@ test('the monitor picker switches to the other screen and its picture', async ()
   await pictureShows([[300, 300, ROOT]]);
 });
 
-test('a second phone is refused until it takes over; the first is told', async () => {
+test('a second phone pairs with its camera, is refused until it takes over; the first is told', async () => {
   const links = agent.lines.filter((l) => l.startsWith('zul://pair?payload='));
   assert.ok(links.length >= 2, 'the agent printed no fresh link after the first pairing');
-  const second = await newPhone();
-  await second.goto(`${env.ZUL_SIGNALING_URL}/#${links.at(-1).trim()}`);
+  // The QR code as the camera sees it: what ./dev prints, in a video file.
+  const qr = (name) => path.join(work, name);
+  const run = (command, args) => assert.equal(spawnSync(command, args).status, 0, command);
+  run('qrencode', ['-s', '5', '-m', '4', '-o', qr('qr.png'),
+    `${env.ZUL_SIGNALING_URL}/#${links.at(-1).trim()}`]);
+  run('ffmpeg', ['-loglevel', 'error', '-y', '-loop', '1', '-i', qr('qr.png'), '-t', '1', '-vf',
+    'pad=ceil(iw/2)*2:ceil(ih/2)*2:color=white,format=yuv420p', qr('qr.y4m')]);
+  const second = await newPhone(await launch(['--use-fake-ui-for-media-stream',
+    '--use-fake-device-for-media-stream', `--use-file-for-fake-video-capture=${qr('qr.y4m')}`]));
+  await second.goto(env.ZUL_SIGNALING_URL);
+  await second.locator('#add').tap();
   await noticeSays(second, 'another-session');
   await second.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
   await connected(second);
