@@ -484,6 +484,7 @@ function wire() {
 
 async function start() {
   wire();
+  $('offline').hidden = navigator.onLine !== false;
   if (!window.isSecureContext || !crypto.subtle) {
     notice(t('fail-no-webcrypto'));
     return;
