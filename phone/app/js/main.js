@@ -414,6 +414,9 @@ function drawPointer() {
   const show = gestures && gestures.mode === 'trackpad' && gestures.pointer && viewport.videoWidth;
   cursor.hidden = !show;
   if (!show) return;
+  // Another monitor may be smaller than the last.
+  gestures.pointer.x = Math.min(gestures.pointer.x, viewport.videoWidth - 1);
+  gestures.pointer.y = Math.min(gestures.pointer.y, viewport.videoHeight - 1);
   const p = viewport.toStage(gestures.pointer.x, gestures.pointer.y);
   cursor.style.transform = `translate(${p.x}px, ${p.y}px)`;
 }
@@ -460,6 +463,16 @@ function wire() {
     requestScene();
   };
   $('element-search').oninput = renderElements;
+
+  // Where the phone's keyboard covers the page without resizing it (iOS),
+  // the key bar moves up above it.
+  const viewportChanged = () => {
+    const v = window.visualViewport;
+    const covered = Math.max(0, window.innerHeight - v.height - v.offsetTop);
+    document.documentElement.style.setProperty('--keyboard-inset', `${covered}px`);
+  };
+  window.visualViewport?.addEventListener('resize', viewportChanged);
+  window.visualViewport?.addEventListener('scroll', viewportChanged);
 
   // A network change: the connection is restarted on the new path.
   const networkChanged = () => {
