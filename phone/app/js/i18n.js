@@ -4,7 +4,10 @@ const TEXTS = {
   en: {
     title: 'Zul',
     computers: 'Your computers',
-    noComputers: 'No computer yet. On the computer, start the Zul agent and scan the QR code it shows.',
+    noComputers: 'No computer yet. Pairing takes a minute:',
+    step1: 'On the computer, start the Zul agent (./dev run while developing).',
+    step2: 'Tap “Add a computer” and point the camera at the QR code it shows.',
+    step3: 'Next time the computer is here, one tap away.',
     add: 'Add a computer',
     connect: 'Connect',
     forget: 'Forget',
@@ -73,7 +76,10 @@ const TEXTS = {
   ru: {
     title: 'Zul',
     computers: 'Ваши компьютеры',
-    noComputers: 'Пока ни одного компьютера. Запустите на компьютере агент Zul и отсканируйте его QR-код.',
+    noComputers: 'Пока ни одного компьютера. Сопряжение займёт минуту:',
+    step1: 'Запустите на компьютере агент Zul (при разработке — ./dev run).',
+    step2: 'Нажмите «Добавить компьютер» и наведите камеру на его QR-код.',
+    step3: 'В следующий раз компьютер будет здесь, в одно касание.',
     add: 'Добавить компьютер',
     connect: 'Подключиться',
     forget: 'Забыть',

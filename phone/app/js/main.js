@@ -185,6 +185,7 @@ let keyboard;
 function setState(state) {
   document.body.dataset.state = state;
   $('session-state').textContent = t(`state-${state}`);
+  $('waiting-text').textContent = t(`state-${state}`);
 }
 
 async function openSession(computer, { replaceSession = false } = {}) {
@@ -212,6 +213,8 @@ async function openSession(computer, { replaceSession = false } = {}) {
   session.addEventListener('video', ({ detail }) => {
     $('screen').srcObject = detail.stream;
   });
+  document.body.dataset.video = 'no';
+  $('screen').onplaying = () => { document.body.dataset.video = 'yes'; };
   session.addEventListener('hello', ({ detail }) => {
     const granted = detail.ok.permissions || [];
     if (!granted.includes('control')) toast(t('fail-permission'));
