@@ -426,7 +426,13 @@ function drawPointer() {
 
 function wire() {
   translate();
-  viewport = new Viewport($('stage'), $('screen'), () => drawPointer());
+  viewport = new Viewport($('stage'), $('screen'), () => {
+    $('fit').hidden = viewport.zoom === 1;
+    drawPointer();
+  });
+  $('fit').onclick = () => viewport.reset();
+  // The button is on the stage: its touches are not gestures.
+  $('fit').addEventListener('pointerdown', (event) => event.stopPropagation());
   const sendInput = (message) => app.session?.send('input', message);
   gestures = new Gestures($('stage'), viewport, sendInput, drawPointer);
   keyboard = new Keyboard($('typing'), $('keyboard'), sendInput);
