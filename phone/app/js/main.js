@@ -304,6 +304,12 @@ function onMessage(message) {
   if (message.type === 'control.monitor.list') {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
+    clearTimeout(app.sceneTimer);
+    if (message.source === 'none' && app.sceneRetry) {
+      app.sceneRetry = false;
+      app.sceneTimer = setTimeout(() => requestScene(false), 700);
+      return;
+    }
     app.scene = message;
     renderElements();
   } else if (message.type === 'control.error' && app.session?.established) {
@@ -345,8 +351,15 @@ function renderMonitors(message) {
 
 // ---- elements ---------------------------------------------------------------
 
-function requestScene() {
-  app.session?.send('scene', { type: 'scene.request_snapshot' });
+// Asks for the focused window's elements. A scan that found no window (focus
+// moving at that moment) or an answer that does not come is tried once more.
+function requestScene(again = true) {
+  clearTimeout(app.sceneTimer);
+  app.sceneRetry = again;
+  if (!app.session?.send('scene', { type: 'scene.request_snapshot' })) return;
+  app.sceneTimer = setTimeout(() => {
+    if (!app.scene && app.sceneRetry) requestScene(false);
+  }, 3000);
 }
 
 function renderElements() {
