@@ -43,6 +43,7 @@ function start(command, args, env = {}) {
   child.stderr.on('data', () => {});
   children.push(child);
   const proc = {
+    child,
     lines,
     waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
       const test = typeof match === 'function' ? match
@@ -85,6 +86,7 @@ let agent;
 let server;
 let testApp;
 let page;
+let first; // the first phone, once a second one took over
 let touch; // the DevTools session that sends multi-finger touches
 
 before(async () => {
@@ -351,6 +353,7 @@ test('a second phone pairs with its camera, is refused until it takes over; the 
   await connected(second);
   // The agent closes the first phone's connection; it comes back, is refused, and says why.
   await noticeSays(page, 'taken-over');
+  first = page;
   page = second;
 });
 
@@ -362,4 +365,14 @@ test('a revoked phone is told so and offered to pair again', async () => {
   await noticeSays(page, 'device-revoked');
   assert.match(await page.locator('#notice-text').textContent(), /удалён из доверенных/);
   assert.equal(await page.locator('#notice-actions button').count(), 3);
+});
+
+test('with the server gone: the live connection still takes over, a new one is refused in words', async () => {
+  server.child.kill('SIGTERM');
+  await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
+  await connected(first);
+  await first.locator('[data-action=disconnect]').tap();
+  await first.locator('#computers li .connect').tap();
+  await noticeSays(first, 'server-unreachable');
+  assert.match(await first.locator('#notice-text').textContent(), /Сервер недоступен/);
 });

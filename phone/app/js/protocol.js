@@ -232,18 +232,26 @@ export class Session extends EventTarget {
     this.failure = null;
     this.replaceSession = replaceSession;
     this.setState(this.established ? 'reconnecting' : 'connecting');
-    if (this.ws) {
-      this.ws.onmessage = null;
-      this.ws.onclose = null;
-      this.ws.close();
-    }
+    const attempt = (this.attempt = (this.attempt || 0) + 1);
     const { device, agentId, signalUrl } = this.computer;
     let ws;
     try {
       ws = await openSignaling(signalUrl, agentId, device);
     } catch (error) {
-      this.fail(error.code || 'server-unreachable');
+      if (attempt === this.attempt && !this.closedByUser) {
+        this.fail(error.code || 'server-unreachable');
+      }
       return;
+    }
+    // A later attempt (or close) wins over this one.
+    if (attempt !== this.attempt || this.closedByUser) {
+      ws.close();
+      return;
+    }
+    if (this.ws) {
+      this.ws.onmessage = null;
+      this.ws.onclose = null;
+      this.ws.close();
     }
     this.ws = ws;
     if (this.pc && ['closed', 'failed'].includes(this.pc.connectionState)) {
@@ -383,6 +391,7 @@ export class Session extends EventTarget {
 
   close() {
     this.closedByUser = true;
+    this.attempt = (this.attempt || 0) + 1;
     if (this.ws) {
       this.ws.onclose = null;
       this.ws.close();
