@@ -367,7 +367,7 @@ test('a revoked phone is told so and offered to pair again', async () => {
   assert.equal(await page.locator('#notice-actions button').count(), 3);
 });
 
-test('with the server gone: the live connection still takes over, a new one is refused in words', async () => {
+test('with the server gone: the live connection takes over, a new one is refused in words, the app still opens', async () => {
   server.child.kill('SIGTERM');
   await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
   await connected(first);
@@ -375,4 +375,8 @@ test('with the server gone: the live connection still takes over, a new one is r
   await first.locator('#computers li .connect').tap();
   await noticeSays(first, 'server-unreachable');
   assert.match(await first.locator('#notice-text').textContent(), /Сервер недоступен/);
+  // The service worker's shell opens the app without its server.
+  await first.reload();
+  await first.waitForSelector('body[data-ready="1"]');
+  assert.equal(await first.locator('#computers li').count(), 1);
 });
