@@ -318,7 +318,11 @@ test('an element from the list is invoked in the window', async () => {
   await page.locator('#open-elements').tap();
   await page.locator('#element-search').fill('press');
   const item = page.locator('#element-list button', { hasText: 'Press me' });
-  await item.waitFor({ timeout: 30 * SECONDS });
+  await item.waitFor({ timeout: 30 * SECONDS }).catch(async (error) => {
+    const list = await page.locator('#element-list').textContent();
+    const scans = agent.lines.filter((l) => /scene|semantic|snapshot/.test(l)).slice(-6);
+    throw new Error(`${error.message}\nthe list: ${list}\nthe agent:\n${scans.join('\n')}`);
+  });
   assert.equal(await item.locator('.role').textContent(), 'button');
   const mark = testApp.lines.length;
   await item.tap();

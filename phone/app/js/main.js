@@ -313,8 +313,17 @@ function onMessage(message) {
     app.scene = message;
     renderElements();
   } else if (message.type === 'control.error' && app.session?.established) {
-    if (message.code === 'PERMISSION_DENIED' && !/noActiveSession/.test(message.message)) {
+    const text = String(message.message || '');
+    if (/^denied\(/.test(text)) {
       toast(t('fail-permission'));
+    } else if (/staleElement/.test(text)) {
+      // The window changed since the list was made: a fresh one.
+      toast(t('staleElement'));
+      app.scene = null;
+      renderElements();
+      requestScene();
+    } else if (!/noActiveSession/.test(text)) {
+      toast(t('notDone'));
     }
   }
 }
