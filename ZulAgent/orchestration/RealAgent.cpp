@@ -450,7 +450,7 @@ class RealAgent {
       status("peer-ready: " + name);
       // Where the desktop shows no prompt of its own (Wayland), the user
       // learns of the phone from us.
-      if (!desktop_->announceRemoteControl(deviceId)) {
+      if (!desktop_->announceRemoteControl(name)) {
         print_("desktop notification failed: no notification service on the session bus");
       }
       // A new session never inherits a button or key the previous phone held.

@@ -13,6 +13,7 @@
 #include "ZulAgent/windows/AgentSetupWindow.h"
 #include "ZulAgent/windows/PairingQRWindow.h"
 #include "ZulCore/Support/Console.h"
+#include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
@@ -20,13 +21,24 @@
 namespace zul {
 namespace {
 
+// What the chosen desktop backend can do. On X11 a pixel is read and an XTest
+// connection opened; GNOME's remote desktop is usable once its service lists
+// the monitors (a trial session would show the user a sharing indicator).
 bool screenReadable() {
+  try {
+    const auto desktop = desktopBackend();
+    if (desktop->name() != "x11") return !desktop->availableDisplays().empty();
+  } catch (const std::exception&) {
+    return false;
+  }
   auto connection = X11CaptureConnection::open({});
   return connection && connection->canReadScreen();
 }
 
 bool inputInjectable() {
   try {
+    const auto desktop = desktopBackend();
+    if (desktop->name() != "x11") return !desktop->availableDisplays().empty();
     XTestInputInjector probe;
     return true;
   } catch (const std::exception&) {

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <utility>
 
 #include "ZulPlatform/linux/gnome/MutterCaptureSource.h"
 #include "ZulPlatform/linux/gnome/MutterDesktop.h"
@@ -171,11 +172,14 @@ std::shared_ptr<DesktopBackend> desktopBackend(
     const std::function<void(const std::string&)>& print) {
   static std::mutex mutex;
   static std::shared_ptr<DesktopBackend> chosen;
+  static std::string line;  // said once, to the first caller that prints
   std::lock_guard lock(mutex);
-  if (chosen) return chosen;
-  const DesktopChoice choice = chooseDesktop(currentDesktopSessionFacts());
-  chosen = makeDesktopBackend(choice);
-  if (print) print("desktop: " + choice.backend + " (" + choice.reason + ")");
+  if (!chosen) {
+    const DesktopChoice choice = chooseDesktop(currentDesktopSessionFacts());
+    chosen = makeDesktopBackend(choice);
+    line = "desktop: " + choice.backend + " (" + choice.reason + ")";
+  }
+  if (print && !line.empty()) print(std::exchange(line, {}));
   return chosen;
 }
 

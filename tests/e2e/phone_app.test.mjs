@@ -43,6 +43,7 @@ function start(command, args, env = {}) {
   child.stderr.on('data', () => {});
   children.push(child);
   const proc = {
+    child,
     lines,
     waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
       const test = typeof match === 'function' ? match
@@ -85,8 +86,8 @@ delete process.env.GTK_MODULES;
 let agent;
 let server;
 let testApp;
-let browser;
 let page;
+let first; // the first phone, once a second one took over
 let touch; // the DevTools session that sends multi-finger touches
 
 before(async () => {
@@ -124,26 +125,41 @@ before(async () => {
   env.ZUL_SIGNALING_URL = `http://localhost:${port}`;
   agent = start(process.env.ZUL_AGENT_PATH, ['--real-agent'], env);
 
-  browser = await chromium.launch({
-    executablePath: '/usr/bin/chromium',
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-  });
-  const context = await browser.newContext({ viewport: { width: 390, height: 844 },
-    hasTouch: true, isMobile: true, locale: 'ru-RU' });
-  page = await context.newPage();
-  touch = await context.newCDPSession(page);
+  page = await newPhone(await launch());
+  touch = await page.context().newCDPSession(page);
 });
 
 after(async () => {
-  await browser?.close();
+  for (const b of browsers) await b.close();
   for (const child of children.reverse()) child.kill('SIGTERM');
   rmSync(work, { recursive: true, force: true });
 });
 
 // ---- the phone -----------------------------------------------------------------
 
-const connected = () => page.waitForSelector('body[data-state=connected]', { timeout: 60 * SECONDS });
+const browsers = [];
+async function launch(extraArgs = []) {
+  const launched = await chromium.launch({
+    executablePath: '/usr/bin/chromium',
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync',
+      ...extraArgs],
+  });
+  browsers.push(launched);
+  return launched;
+}
+
+// A phone of its own (storage, keys) in a browser.
+async function newPhone(where) {
+  const context = await where.newContext({ viewport: { width: 390, height: 844 },
+    hasTouch: true, isMobile: true, locale: 'ru-RU', permissions: ['camera'] });
+  return context.newPage();
+}
+
+const connected = (phone = page) => phone.waitForSelector('body[data-state=connected]',
+  { timeout: 60 * SECONDS });
+const noticeSays = (phone, code) => phone.waitForSelector(
+  `#notice:not([hidden])[data-code=${code}]`, { timeout: 60 * SECONDS });
 
 // Where on the page a video pixel is shown.
 async function onPage(vx, vy) {
@@ -303,7 +319,11 @@ test('an element from the list is invoked in the window', async () => {
   await page.locator('#open-elements').tap();
   await page.locator('#element-search').fill('press');
   const item = page.locator('#element-list button', { hasText: 'Press me' });
-  await item.waitFor({ timeout: 30 * SECONDS });
+  await item.waitFor({ timeout: 30 * SECONDS }).catch(async (error) => {
+    const list = await page.locator('#element-list').textContent();
+    const scans = agent.lines.filter((l) => /scene|semantic|snapshot/.test(l)).slice(-6);
+    throw new Error(`${error.message}\nthe list: ${list}\nthe agent:\n${scans.join('\n')}`);
+  });
   assert.equal(await item.locator('.role').textContent(), 'button');
   const mark = testApp.lines.length;
   await item.tap();
@@ -319,14 +339,49 @@ test('the monitor picker switches to the other screen and its picture', async ()
   await pictureShows([[300, 300, ROOT]]);
 });
 
+test('a second phone pairs with its camera, is refused until it takes over; the first is told', async () => {
+  const links = agent.lines.filter((l) => l.startsWith('zul://pair?payload='));
+  assert.ok(links.length >= 2, 'the agent printed no fresh link after the first pairing');
+  // The QR code as the camera sees it: what ./dev prints, in a video file.
+  const qr = (name) => path.join(work, name);
+  const run = (command, args) => assert.equal(spawnSync(command, args).status, 0, command);
+  run('qrencode', ['-s', '5', '-m', '4', '-o', qr('qr.png'),
+    `${env.ZUL_SIGNALING_URL}/#${links.at(-1).trim()}`]);
+  run('ffmpeg', ['-loglevel', 'error', '-y', '-loop', '1', '-i', qr('qr.png'), '-t', '1', '-vf',
+    'pad=ceil(iw/2)*2:ceil(ih/2)*2:color=white,format=yuv420p', qr('qr.y4m')]);
+  const second = await newPhone(await launch(['--use-fake-ui-for-media-stream',
+    '--use-fake-device-for-media-stream', `--use-file-for-fake-video-capture=${qr('qr.y4m')}`]));
+  await second.goto(env.ZUL_SIGNALING_URL);
+  await second.locator('#add').tap();
+  await noticeSays(second, 'another-session');
+  await second.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
+  await connected(second);
+  // The agent closes the first phone's connection; it comes back, is refused, and says why.
+  await noticeSays(page, 'taken-over');
+  first = page;
+  page = second;
+});
+
 test('a revoked phone is told so and offered to pair again', async () => {
-  const line = server.lines.find((l) => /session \d+ for device_/.test(l));
-  const deviceId = line.split(' ').pop();
+  const deviceId = await page.evaluate(() => zulApp.deviceId());
   const revoke = spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, ['revoke', deviceId],
     { env: { ...process.env, ...env } });
   assert.equal(revoke.status, 0);
-  await page.waitForSelector('#notice:not([hidden])[data-code=device-revoked]',
-    { timeout: 60 * SECONDS });
+  await noticeSays(page, 'device-revoked');
   assert.match(await page.locator('#notice-text').textContent(), /удалён из доверенных/);
   assert.equal(await page.locator('#notice-actions button').count(), 3);
+});
+
+test('with the server gone: the live connection takes over, a new one is refused in words, the app still opens', async () => {
+  server.child.kill('SIGTERM');
+  await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
+  await connected(first);
+  await first.locator('[data-action=disconnect]').tap();
+  await first.locator('#computers li .connect').tap();
+  await noticeSays(first, 'server-unreachable');
+  assert.match(await first.locator('#notice-text').textContent(), /Сервер недоступен/);
+  // The service worker's shell opens the app without its server.
+  await first.reload();
+  await first.waitForSelector('body[data-ready="1"]');
+  assert.equal(await first.locator('#computers li').count(), 1);
 });

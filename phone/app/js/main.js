@@ -185,6 +185,7 @@ let keyboard;
 function setState(state) {
   document.body.dataset.state = state;
   $('session-state').textContent = t(`state-${state}`);
+  $('waiting-text').textContent = t(`state-${state}`);
 }
 
 async function openSession(computer, { replaceSession = false } = {}) {
@@ -212,6 +213,8 @@ async function openSession(computer, { replaceSession = false } = {}) {
   session.addEventListener('video', ({ detail }) => {
     $('screen').srcObject = detail.stream;
   });
+  document.body.dataset.video = 'no';
+  $('screen').onplaying = () => { document.body.dataset.video = 'yes'; };
   session.addEventListener('hello', ({ detail }) => {
     const granted = detail.ok.permissions || [];
     if (!granted.includes('control')) toast(t('fail-permission'));
@@ -301,11 +304,26 @@ function onMessage(message) {
   if (message.type === 'control.monitor.list') {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
+    clearTimeout(app.sceneTimer);
+    if (message.source === 'none' && app.sceneRetry) {
+      app.sceneRetry = false;
+      app.sceneTimer = setTimeout(() => requestScene(false), 700);
+      return;
+    }
     app.scene = message;
     renderElements();
   } else if (message.type === 'control.error' && app.session?.established) {
-    if (message.code === 'PERMISSION_DENIED' && !/noActiveSession/.test(message.message)) {
+    const text = String(message.message || '');
+    if (/^denied\(/.test(text)) {
       toast(t('fail-permission'));
+    } else if (/staleElement/.test(text)) {
+      // The window changed since the list was made: a fresh one.
+      toast(t('staleElement'));
+      app.scene = null;
+      renderElements();
+      requestScene();
+    } else if (!/noActiveSession/.test(text)) {
+      toast(t('notDone'));
     }
   }
 }
@@ -342,8 +360,15 @@ function renderMonitors(message) {
 
 // ---- elements ---------------------------------------------------------------
 
-function requestScene() {
-  app.session?.send('scene', { type: 'scene.request_snapshot' });
+// Asks for the focused window's elements. A scan that found no window (focus
+// moving at that moment) or an answer that does not come is tried once more.
+function requestScene(again = true) {
+  clearTimeout(app.sceneTimer);
+  app.sceneRetry = again;
+  if (!app.session?.send('scene', { type: 'scene.request_snapshot' })) return;
+  app.sceneTimer = setTimeout(() => {
+    if (!app.scene && app.sceneRetry) requestScene(false);
+  }, 3000);
 }
 
 function renderElements() {
@@ -414,13 +439,22 @@ function drawPointer() {
   const show = gestures && gestures.mode === 'trackpad' && gestures.pointer && viewport.videoWidth;
   cursor.hidden = !show;
   if (!show) return;
+  // Another monitor may be smaller than the last.
+  gestures.pointer.x = Math.min(gestures.pointer.x, viewport.videoWidth - 1);
+  gestures.pointer.y = Math.min(gestures.pointer.y, viewport.videoHeight - 1);
   const p = viewport.toStage(gestures.pointer.x, gestures.pointer.y);
   cursor.style.transform = `translate(${p.x}px, ${p.y}px)`;
 }
 
 function wire() {
   translate();
-  viewport = new Viewport($('stage'), $('screen'), () => drawPointer());
+  viewport = new Viewport($('stage'), $('screen'), () => {
+    $('fit').hidden = viewport.zoom === 1;
+    drawPointer();
+  });
+  $('fit').onclick = () => viewport.reset();
+  // The button is on the stage: its touches are not gestures.
+  $('fit').addEventListener('pointerdown', (event) => event.stopPropagation());
   const sendInput = (message) => app.session?.send('input', message);
   gestures = new Gestures($('stage'), viewport, sendInput, drawPointer);
   keyboard = new Keyboard($('typing'), $('keyboard'), sendInput);
@@ -461,6 +495,16 @@ function wire() {
   };
   $('element-search').oninput = renderElements;
 
+  // Where the phone's keyboard covers the page without resizing it (iOS),
+  // the key bar moves up above it.
+  const viewportChanged = () => {
+    const v = window.visualViewport;
+    const covered = Math.max(0, window.innerHeight - v.height - v.offsetTop);
+    document.documentElement.style.setProperty('--keyboard-inset', `${covered}px`);
+  };
+  window.visualViewport?.addEventListener('resize', viewportChanged);
+  window.visualViewport?.addEventListener('scroll', viewportChanged);
+
   // A network change: the connection is restarted on the new path.
   const networkChanged = () => {
     $('offline').hidden = navigator.onLine !== false;
@@ -484,6 +528,7 @@ function wire() {
 
 async function start() {
   wire();
+  $('offline').hidden = navigator.onLine !== false;
   if (!window.isSecureContext || !crypto.subtle) {
     notice(t('fail-no-webcrypto'));
     return;
@@ -516,6 +561,7 @@ window.zulApp = {
   pointer: () => gestures?.pointer && { ...gestures.pointer },
   video: () => ({ width: viewport.videoWidth, height: viewport.videoHeight }),
   zoom: () => viewport.zoom,
+  deviceId: () => app.computer?.device.id,
 };
 
 start();

@@ -178,9 +178,11 @@ export function offeredFingerprint(sdp) {
   return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
 }
 
-// What a control.error's message names, as the phone's own codes.
+// What a control.error's message names, as the phone's own codes. A
+// computer this phone paired with that does not trust it has revoked it (the
+// server's own refusal may come a few seconds later).
 const HELLO_REFUSALS = {
-  deviceNotTrusted: 'not-paired',
+  deviceNotTrusted: 'device-revoked',
   identityMismatch: 'not-paired',
   anotherSessionActive: 'another-session',
   fingerprintMismatch: 'fingerprint',
@@ -230,18 +232,26 @@ export class Session extends EventTarget {
     this.failure = null;
     this.replaceSession = replaceSession;
     this.setState(this.established ? 'reconnecting' : 'connecting');
-    if (this.ws) {
-      this.ws.onmessage = null;
-      this.ws.onclose = null;
-      this.ws.close();
-    }
+    const attempt = (this.attempt = (this.attempt || 0) + 1);
     const { device, agentId, signalUrl } = this.computer;
     let ws;
     try {
       ws = await openSignaling(signalUrl, agentId, device);
     } catch (error) {
-      this.fail(error.code || 'server-unreachable');
+      if (attempt === this.attempt && !this.closedByUser) {
+        this.fail(error.code || 'server-unreachable');
+      }
       return;
+    }
+    // A later attempt (or close) wins over this one.
+    if (attempt !== this.attempt || this.closedByUser) {
+      ws.close();
+      return;
+    }
+    if (this.ws) {
+      this.ws.onmessage = null;
+      this.ws.onclose = null;
+      this.ws.close();
     }
     this.ws = ws;
     if (this.pc && ['closed', 'failed'].includes(this.pc.connectionState)) {
@@ -324,7 +334,16 @@ export class Session extends EventTarget {
         }
         this.onMessage(channel.label, message);
       };
-      if (channel.label === 'control') channel.onopen = () => this.hello().catch(() => {});
+      if (channel.label !== 'control') return;
+      channel.onopen = () => this.hello().catch(() => {});
+      // The agent closes the connection of a phone that was taken over or
+      // revoked; the browser would notice the dead transport only much later.
+      channel.onclose = () => {
+        if (pc !== this.pc || this.closedByUser) return;
+        this.established = false;
+        this.setState('reconnecting');
+        this.emit('lost', {});
+      };
     };
     return pc;
   }
@@ -332,12 +351,15 @@ export class Session extends EventTarget {
   onMessage(channel, message) {
     if (message.type === 'control.hello.ok') {
       this.established = true;
+      this.wasEstablished = true;
       this.sessionId = message.sessionId;
       this.setState('connected');
       this.emit('hello', { ok: message });
     } else if (message.type === 'control.error' && !this.established) {
       const name = String(message.message || '').replace(/\(.*$/, '');
-      this.fail(HELLO_REFUSALS[name] || 'refused');
+      const code = HELLO_REFUSALS[name] || 'refused';
+      // Refused after having been in control: another phone took it over.
+      this.fail(code === 'another-session' && this.wasEstablished ? 'taken-over' : code);
     } else if (message.type === 'control.error' && /noActiveSession/.test(message.message)) {
       // Another phone took over this computer.
       this.established = false;
@@ -369,6 +391,7 @@ export class Session extends EventTarget {
 
   close() {
     this.closedByUser = true;
+    this.attempt = (this.attempt || 0) + 1;
     if (this.ws) {
       this.ws.onclose = null;
       this.ws.close();

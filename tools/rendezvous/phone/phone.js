@@ -1,4 +1,3 @@
-'use strict';
 // A minimal browser phone for development: an Ed25519 device key kept in
 // localStorage, pairing through the rendezvous server with the QR code's
 // link, then a WebRTC session with the agent: the pinned DTLS fingerprint
@@ -7,7 +6,12 @@
 //
 // Everything the buttons do is also on `window.zulPhone`, so that tests (and
 // curious developers in the console) can drive the phone, including hellos
-// that the agent must refuse.
+// that the agent must refuse. The encodings and the signalling address come
+// from the phone app's protocol module.
+
+import {
+  b64url, deriveId, offeredFingerprint, randomText, reachableSignalUrl, unb64url,
+} from '/js/protocol.js';
 
 const $ = (id) => document.getElementById(id);
 const encoder = new TextEncoder();
@@ -20,24 +24,6 @@ function log(line) {
 function status(text) {
   $('status').textContent = text;
   document.body.dataset.status = text;
-}
-
-function b64url(bytes) {
-  let text = '';
-  for (const b of new Uint8Array(bytes)) text += String.fromCharCode(b);
-  return btoa(text).replace(/\+/g, '-').replace(/\//g, '_').replace(/=+$/, '');
-}
-function unb64url(text) {
-  const b64 = text.replace(/-/g, '+').replace(/_/g, '/');
-  return Uint8Array.from(atob(b64 + '==='.slice((b64.length + 3) % 4)), (c) => c.charCodeAt(0));
-}
-function randomText(count) {
-  return b64url(crypto.getRandomValues(new Uint8Array(count)));
-}
-
-async function deriveId(prefix, rawKey) {
-  const digest = new Uint8Array(await crypto.subtle.digest('SHA-256', rawKey));
-  return prefix + b64url(digest.slice(0, 18));
 }
 
 // What the phone holds and has seen; read by tests.
@@ -81,19 +67,6 @@ function parseLink(text) {
   if (trimmed.startsWith('{')) return JSON.parse(trimmed);
   const query = trimmed.slice(trimmed.indexOf('?') + 1);
   return JSON.parse(new URLSearchParams(query).get('payload'));
-}
-
-const LOOPBACK = new Set(['127.0.0.1', 'localhost', '[::1]']);
-
-// An agent next to a development server on loopback announces a loopback
-// address; a phone elsewhere on the network reaches the same server through
-// the address it loaded this page from.
-function reachableSignalUrl(signalUrl) {
-  const url = new URL(signalUrl);
-  if (!LOOPBACK.has(url.hostname) || LOOPBACK.has(location.hostname)) return url;
-  url.protocol = location.protocol === 'https:' ? 'wss:' : 'ws:';
-  url.host = location.host;
-  return url;
 }
 
 // The phone's identity proof in the WebSocket query.
@@ -180,11 +153,6 @@ async function flood(count) {
     state.floodSockets.push(ws);
   }
   return count;
-}
-
-function offeredFingerprint(sdp) {
-  const match = /a=fingerprint:sha-256 ([0-9A-Fa-f:]+)/.exec(sdp);
-  return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
 }
 
 function send(channel, message) {
