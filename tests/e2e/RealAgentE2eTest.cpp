@@ -706,7 +706,7 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   EXPECT_TRUE(agent_->waitForLine("desktop: gnome (")) << agent_->tail();
   // Mutter asks nobody: the user learns of the phone from a notification.
   const auto notice = notifications.readStdoutLine(30s);
-  EXPECT_EQ(notice.value_or("").rfind("notify Удалённое управление | Телефон device_", 0), 0u)
+  EXPECT_EQ(notice.value_or("").rfind("notify Удалённое управление | Телефон Device ", 0), 0u)
       << notice.value_or("none");
   ASSERT_TRUE(phone_->framesDecodedAbove(10)) << phone_->stats().dump() << agent_->tail();
   EXPECT_EQ(phone_->stats()["width"], 1920);
