@@ -1,15 +1,16 @@
 #include "ZulAgent/AgentMain.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "ZulAgent/RunMode.h"
 #include "ZulAgent/demo/PhoneDemo.h"
 #include "ZulAgent/demo/PipelineTest.h"
 #include "ZulAgent/orchestration/RealAgent.h"
-#include "ZulAgent/RunMode.h"
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
 #include "ZulCore/Support/Console.h"
@@ -97,7 +98,18 @@ int agentMain(int argc, char** argv) {
   // Every peer session streams with our H.264 encoder (hardware when the
   // machine has one, else libx264 on all cores); OpenH264 is the fallback.
   setPeerVideoEncoding({.makeEncoder = [] { return std::make_unique<LibavH264Encoder>(); },
-                        .print = [](const std::string& line) { printLine(line); }});
+                        .print =
+                            [](const std::string& line) {
+                              // Which encoder runs is said once; each session's own
+                              // start only with the detailed diagnostics. Failures
+                              // and the fallback always.
+                              static std::atomic<bool> saidWhich{false};
+                              const bool routine =
+                                  line.find(" fps, starting at ") != std::string::npos;
+                              if (!routine || verboseOutput() || !saidWhich.exchange(true)) {
+                                printLine(line);
+                              }
+                            }});
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   const char* captureBackend = std::getenv("ZUL_CAPTURE_BACKEND");
   const LaunchPlan plan = chooseRunMode(
