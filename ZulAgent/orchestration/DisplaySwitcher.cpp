@@ -25,14 +25,15 @@ nlohmann::json DisplaySwitcher::monitorList(const std::vector<DisplayDescriptor>
   for (const auto& display : displays) {
     monitors.push_back({
         {"index", display.index},
-        {"name", "Монитор " + std::to_string(display.index + 1)},
+        {"name",
+         display.name.empty() ? "Монитор " + std::to_string(display.index + 1) : display.name},
         {"rect",
          {{"x", display.originX},
           {"y", display.originY},
           {"w", display.width},
           {"h", display.height}}},
         {"primary", primaryDisplayID == display.displayID},
-        {"scale", 1.0},
+        {"scale", display.scale},
         {"hdr", false},
     });
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace zul {
 
@@ -14,6 +15,8 @@ struct DisplayDescriptor {
   std::int64_t height = 0;
   std::int64_t originX = 0;
   std::int64_t originY = 0;
+  double scale = 1.0;  // desktop pixels per logical pixel (GNOME's fractional scaling)
+  std::string name;    // the platform's name for it ("DP-1"), empty when it has none
 
   friend bool operator==(const DisplayDescriptor&, const DisplayDescriptor&) = default;
 };

@@ -154,7 +154,9 @@ std::vector<MutterMonitor> parseState(GVariant* state) {
                        .width = mode.width,
                        .height = mode.height,
                        .originX = x,
-                       .originY = y};
+                       .originY = y,
+                       .scale = scale > 0 ? scale : 1.0,
+                       .name = connector};
     out.push_back(std::move(monitor));
   }
   return out;
