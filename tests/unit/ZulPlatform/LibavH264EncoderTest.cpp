@@ -148,7 +148,8 @@ TEST(LibavH264EncoderTest, BitRateAndFrameRateChangesReachTheRunningEncoder) {
   double before = 0;
   for (const auto& step : steps) {
     encoder.setBitrate(step.kbps);
-    encoder.setFrameRate(step.fps);
+    // Each change on its own: either must reach the running encoder.
+    if (step.fps != encoder.frameRate()) encoder.setFrameRate(step.fps);
     EXPECT_EQ(encoder.frameRate(), step.fps);
     const double size = averageSize(60);
     if (before > 0) {
