@@ -29,8 +29,9 @@ CapturedFrame nv12Frame(std::int64_t sequence, int width = 320, int height = 240
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) surface->luma()[y * width + x] = std::uint8_t(x + y + sequence);
   }
-  std::fill(surface->chroma(),
-            surface->chroma() + surface->chromaStride() * surface->chromaHeight(), 128);
+  // Chroma unlike luma and unlike itself, so that a misplaced plane shows.
+  for (int i = 0; i < surface->chromaStride() * surface->chromaHeight(); ++i)
+    surface->chroma()[i] = std::uint8_t(96 + (i * 7) % 64);
   return CapturedFrame{.sequence = sequence,
                        .capturedAt = std::chrono::system_clock::now(),
                        .width = width,
@@ -169,16 +170,22 @@ TEST(LibavH264EncoderTest, ReconfigureTakesNv12DataOrLeavesTheEncoderUnconfigure
   ASSERT_TRUE(encoder.encode(nv12Frame(1), true));
   EXPECT_THROW(encoder.setBitrate(0), MediaError);
 
-  // NV12 in the frame's data is taken too; a new session starts with a key frame.
+  // NV12 in the frame's data encodes exactly as the same picture on a
+  // surface; a new session starts with a key frame.
   encoder.configure(settings(64, 48));
-  auto frame = nv12Frame(3, 64, 48);
-  auto* surface = static_cast<Nv12FrameSurface*>(frame.nativeSurface.get());
-  frame.data = std::make_shared<const Bytes>(surface->luma(),
-                                             surface->luma() + Nv12FrameSurface::bytesFor(64, 48));
-  frame.nativeSurface.reset();
-  auto encoded = encoder.encode(frame, false);
-  ASSERT_TRUE(encoded);
+  const auto onSurface = nv12Frame(3, 64, 48);
+  auto inData = onSurface;
+  auto* surface = static_cast<Nv12FrameSurface*>(onSurface.nativeSurface.get());
+  inData.data = std::make_shared<const Bytes>(surface->luma(),
+                                              surface->luma() + Nv12FrameSurface::bytesFor(64, 48));
+  inData.nativeSurface.reset();
+  auto other = softwareEncoder();
+  other.configure(settings(64, 48));
+  auto encoded = encoder.encode(inData, false);
+  auto reference = other.encode(onSurface, false);
+  ASSERT_TRUE(encoded && reference);
   EXPECT_TRUE(encoded->isKeyFrame);
+  EXPECT_EQ(encoded->annexB, reference->annexB);
 
   EXPECT_THROW(encoder.configure(settings(63, 48)), MediaError);
   EXPECT_THROW(encoder.encode(nv12Frame(4), false), MediaError);
