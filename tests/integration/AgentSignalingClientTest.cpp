@@ -389,18 +389,18 @@ TEST_F(AgentSignalingClientTest, ASilentConnectionIsGivenUp) {
   EXPECT_THROW(std::rethrow_exception(runFailure_), SignalingTransportError);
 }
 
-// A private CA-less certificate for "localhost" only, made by the openssl tool.
+// A private CA-less certificate for one name only, made by the openssl tool.
 class TlsFiles {
  public:
-  TlsFiles() {
+  explicit TlsFiles(const std::string& name = "localhost") {
     char pattern[] = "/tmp/zul-signaling-tls-XXXXXX";
     if (!mkdtemp(pattern)) return;
     dir_ = pattern;
     cert = dir_ + "/cert.pem";
     key = dir_ + "/key.pem";
     test::ChildProcess openssl({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                                "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=localhost",
-                                "-addext", "subjectAltName=DNS:localhost", "-days", "2", "-keyout",
+                                "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=" + name,
+                                "-addext", "subjectAltName=DNS:" + name, "-days", "2", "-keyout",
                                 key, "-out", cert});
     for (int i = 0; i < 200 && openssl.running(); ++i) std::this_thread::sleep_for(50ms);
     ok = std::filesystem::exists(cert) && std::filesystem::exists(key);
@@ -449,6 +449,12 @@ TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
             "wss://localhost:" + port_ + "/v1/rendezvous/" + identity_->agentId());
   startRun(*client);  // over wss: the TURN credentials arrive
   finishRun(*client);
+
+  // A trusted certificate for another name than the one dialled.
+  TlsFiles elsewhere("elsewhere.example");
+  ASSERT_TRUE(elsewhere.ok);
+  startServer({"--tls-cert", elsewhere.cert, "--tls-key", elsewhere.key});
+  expectTlsRefusal("https://localhost:" + port_, elsewhere.cert);
 }
 
 }  // namespace
