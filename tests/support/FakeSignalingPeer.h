@@ -50,7 +50,7 @@ class FakeSignalingPeer : public SignalingPeer {
   }
   // The first phone gets data channels, later ones an ICE restart; the
   // offer goes out at once.
-  void offerTo(const std::string& peerId, OfferSink sendOffer) override {
+  void offerTo(const std::string&, OfferSink sendOffer) override {
     std::string sdp;
     change([&] {
       if (dataChannels_) {
@@ -59,7 +59,6 @@ class FakeSignalingPeer : public SignalingPeer {
         dataChannels_ = true;
         ++createDataChannelsCalls_;
       }
-      offeredPeers_.push_back(peerId);
       sdp = "v=0 fake-offer " + std::to_string(++offers_);
     });
     sendOffer(sdp);
@@ -88,9 +87,6 @@ class FakeSignalingPeer : public SignalingPeer {
   int offers() const {
     return read([&] { return offers_; });
   }
-  std::vector<std::string> offeredPeers() const {
-    return read([&] { return offeredPeers_; });
-  }
   // The phone each answer was routed to.
   std::vector<std::string> answerPeers() const {
     return read([&] { return answerPeers_; });
@@ -108,18 +104,14 @@ class FakeSignalingPeer : public SignalingPeer {
   // Waits until `ready` (which may use the accessors above) holds, or the time-out.
   bool waitUntil(const std::function<bool()>& ready,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+    // `ready` takes the lock itself, and may watch state changed elsewhere: poll.
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      if (ready()) return true;
+    while (!ready()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
       std::unique_lock lock(mutex_);
-      if (changed_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() +
-                                                           std::chrono::milliseconds(50))) ==
-              std::cv_status::timeout &&
-          std::chrono::steady_clock::now() >= deadline) {
-        lock.unlock();
-        return ready();
-      }
+      changed_.wait_for(lock, std::chrono::milliseconds(50));
     }
+    return true;
   }
 
  private:
@@ -130,7 +122,6 @@ class FakeSignalingPeer : public SignalingPeer {
   int iceRestarts_ = 0;
   int offers_ = 0;
   std::vector<std::string> answers_;
-  std::vector<std::string> offeredPeers_;
   std::vector<std::string> answerPeers_;
   std::vector<Candidate> candidates_;
   std::vector<IceServers> iceServers_;

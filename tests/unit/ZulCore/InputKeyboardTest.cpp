@@ -27,18 +27,13 @@ TEST(KeyboardExecutor, PressesModifiersAroundTheKeyAndReleasesThemInReverse) {
       {" cmd + shift + 4 ",
        {"key ffe1 down", "key ffeb down", "key 34 down", "key 34 up", "key ffeb up",
         "key ffe1 up"}},
-      {"Win+L", {"key ffeb down", "key 6c down", "key 6c up", "key ffeb up"}},
       {"Meta+l", {"key ffeb down", "key 6c down", "key 6c up", "key ffeb up"}},
       {"option+ALT+Tab", {"key ffe9 down", "key ff09 down", "key ff09 up", "key ffe9 up"}},
       {"control+alt+shift+command+F12",
        {"key ffe3 down", "key ffe9 down", "key ffe1 down", "key ffeb down", "key ffc9 down",
         "key ffc9 up", "key ffeb up", "key ffe1 up", "key ffe9 up", "key ffe3 up"}},
-      {"Backspace", {"key ff08 down", "key ff08 up"}},
-      {"Delete", {"key ffff down", "key ffff up"}},
       {"DEL", {"key ffff down", "key ffff up"}},
       {"A+B", {"key 62 down", "key 62 up"}},
-      {"enter", {"key ff0d down", "key ff0d up"}},
-      {"Space", {"key 20 down", "key 20 up"}},
       {"PageDown", {"key ff56 down", "key ff56 up"}},
       {"\tEsc\n", {"key ff1b down", "key ff1b up"}},
   };
@@ -56,12 +51,8 @@ TEST(KeyboardExecutor, RejectsBadCombinationsWithTheirCase) {
   };
   const Case cases[] = {
       {"Shift", KeyboardExecutorError::comboHasNoKey("Shift")},
-      {"Ctrl++", KeyboardExecutorError::comboHasNoKey("Ctrl++")},
-      {"", KeyboardExecutorError::emptyCombo()},
-      {"+", KeyboardExecutorError::emptyCombo()},
       {" + ", KeyboardExecutorError::emptyCombo()},
       {"Ctrl+F13", KeyboardExecutorError::unsupportedKey("F13")},
-      {"Ctrl+;", KeyboardExecutorError::unsupportedKey(";")},
       {"Ctrl+ ж ", KeyboardExecutorError::unsupportedKey("ж")},
       {"Hyper+A", KeyboardExecutorError::unsupportedKey("Hyper")},
   };
@@ -72,12 +63,9 @@ TEST(KeyboardExecutor, RejectsBadCombinationsWithTheirCase) {
       ADD_FAILURE() << c.combo << " was accepted";
     } catch (const KeyboardExecutorError& e) {
       EXPECT_EQ(e, c.expected) << c.combo;
-      EXPECT_EQ(e.text(), c.expected.text());
     }
     EXPECT_TRUE(k.injector->events.empty()) << c.combo;
   }
-  EXPECT_EQ(KeyboardExecutorError::unsupportedKey("F13").text(), "unsupportedKey(\"F13\")");
-  EXPECT_EQ(KeyboardExecutorError::emptyCombo().text(), "emptyCombo");
 }
 
 TEST(KeyboardExecutor, ReleasesEverythingPressedWhenTheInjectorFails) {
@@ -96,27 +84,21 @@ TEST(KeyboardExecutor, ReleasesEverythingPressedWhenTheInjectorFails) {
 
 TEST(KeyboardExecutor, TypesTextAsUnicodeCharacters) {
   Keyboard k;
-  k.executor.sendText("Привет, мир", controlGate);
-  EXPECT_EQ(k.injector->typed, U"Привет, мир");
-  EXPECT_EQ(k.injector->events, (Events{"text 11"}));
-
-  Keyboard empty;
-  empty.executor.sendText("", controlGate);
-  EXPECT_TRUE(empty.injector->events.empty());
-
-  Keyboard mixed;
-  mixed.executor.sendText(
+  k.executor.sendText("", controlGate);
+  EXPECT_TRUE(k.injector->events.empty());
+  k.executor.sendText("Привет", controlGate);
+  EXPECT_EQ(k.injector->events, (Events{"text 6"}));
+  // Damaged UTF-8 (a stray byte, a cut sequence, overlong, surrogate) types U+FFFD.
+  k.executor.sendText(
       "é😀\xff"
       "a\xe2\x82",
       controlGate);
-  EXPECT_EQ(mixed.injector->typed, U"é😀\uFFFDa\uFFFD\uFFFD");
-}
-
-TEST(KeyboardExecutor, DecodesOnlyWellFormedUtf8) {
-  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xc0\xaf"), U"\uFFFD\uFFFD");            // overlong
-  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xed\xa0\x80"), U"\uFFFD\uFFFD\uFFFD");  // surrogate
-  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xf4\x90\x80\x80").size(), 4u);          // > U+10FFFF
-  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xf0\x9f\x98\x80"), U"\U0001F600");
+  EXPECT_EQ(k.injector->typed,
+            U"Привет"
+            U"é😀\uFFFDa\uFFFD\uFFFD");
+  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xc0\xaf"), U"\uFFFD\uFFFD");
+  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xed\xa0\x80"), U"\uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(KeyboardExecutor::decodeUtf8("\xf4\x90\x80\x80").size(), 4u);  // > U+10FFFF
 }
 
 TEST(KeyboardExecutor, RefusesWithoutControlBeforeParsing) {
@@ -124,7 +106,6 @@ TEST(KeyboardExecutor, RefusesWithoutControlBeforeParsing) {
   const PermissionGate viewOnly{{DevicePermission::view}};
   EXPECT_THROW(k.executor.sendHotkey("", viewOnly), PermissionGateError);
   EXPECT_THROW(k.executor.sendHotkey("Ctrl+C", viewOnly), PermissionGateError);
-  EXPECT_THROW(k.executor.sendText("", PermissionGate{}), PermissionGateError);
   EXPECT_THROW(k.executor.sendText("hi", viewOnly), PermissionGateError);
   EXPECT_TRUE(k.injector->events.empty());
 }

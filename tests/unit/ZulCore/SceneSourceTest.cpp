@@ -136,18 +136,13 @@ TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeR
   EXPECT_EQ(scene->elements.back().text.size(), 512u);
   EXPECT_EQ(scene->elements.back().role, "text");
 
-  auto json = ok->toJson();
-  EXPECT_EQ(json["rect"], (nlohmann::json{{"x", 100}, {"y", 100}, {"w", 100}, {"h", 100}}));
-  EXPECT_EQ(json["state"]["enabled"], true);
-  EXPECT_EQ(json["confidence"], 1.0);
-  EXPECT_EQ(scene->activeWindow.id.rfind("axwin:", 0), 0u);
+  EXPECT_EQ(ok->toJson()["rect"], (nlohmann::json{{"x", 100}, {"y", 100}, {"w", 100}, {"h", 100}}));
   EXPECT_EQ(scene->activeWindow.rect, (DesktopRect{0, 0, 1000, 1000}));
 
   // Captured at half the display's size: rectangles are in the video's pixels.
   auto half = source.scan(8, VideoMapping{display, 640, 360}, 0.3);
   ASSERT_TRUE(half);
   EXPECT_EQ(find(*half, "OK")->rect, (DesktopRect{50, 50, 50, 50}));
-  EXPECT_EQ(find(*half, "OK")->id, scene::elementIdentifier("button", "OK", {50, 50, 50, 50}));
   EXPECT_DOUBLE_EQ(find(*half, "OK")->importance, 0.9);  // the element's own size counts
   EXPECT_EQ(half->activeWindow.rect, (DesktopRect{0, 0, 500, 500}));
 }
@@ -181,14 +176,11 @@ TEST_F(SceneFixture, StopsAtTwoHundredElementsOrWhenTheBudgetIsSpent) {
   auto hurried = source.scan(2, VideoMapping::unscaled(display), 0.05);
   ASSERT_TRUE(hurried);
   EXPECT_EQ(hurried->elements.size(), 4u);
-}
 
-TEST_F(SceneFixture, NoWindowOrNoBusMeansNoScene) {
-  backend->available = false;
-  EXPECT_FALSE(source.scan(1, VideoMapping::unscaled(display), 0.3));
-  backend->available = true;
   backend->window.reset();
-  EXPECT_FALSE(source.scan(1, VideoMapping::unscaled(display), 0.3));
+  EXPECT_FALSE(source.scan(3, VideoMapping::unscaled(display), 0.3));
+  backend->available = false;
+  EXPECT_FALSE(source.scan(4, VideoMapping::unscaled(display), 0.3));
 }
 
 TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
@@ -208,16 +200,8 @@ TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
   source.invoke(find(*scene, "Rows")->id, 10);
   EXPECT_EQ(rows->performed, (std::vector<std::string>{"click"}));
 
-  EXPECT_THROW(source.invoke(find(*scene, std::string(512, 'x'))->id, 10), AccessibilitySceneError);
-
   button->actionResult = 5;
-  try {
-    source.invoke(find(*scene, "OK")->id, 10);
-    ADD_FAILURE();
-  } catch (const AccessibilitySceneError& e) {
-    EXPECT_EQ(e, AccessibilitySceneError::axFailure(5));
-    EXPECT_EQ(e.text(), "axFailure(5)");
-  }
+  EXPECT_THROW(source.invoke(find(*scene, "OK")->id, 10), AccessibilitySceneError);
 }
 
 TEST_F(SceneFixture, InvokeRefusesStaleUnknownAndUnreachable) {
@@ -234,7 +218,6 @@ TEST_F(SceneFixture, InvokeRefusesStaleUnknownAndUnreachable) {
   EXPECT_EQ(errorOf(ok, 12), "ok");
   EXPECT_EQ(errorOf(ok, 8), "ok");
   EXPECT_EQ(errorOf(ok, 13), "staleElement");
-  EXPECT_EQ(errorOf(ok, 7), "staleElement");
   EXPECT_EQ(errorOf(ok, INT64_MIN), "staleElement");
   EXPECT_EQ(errorOf("el:nothing", 10), "staleElement");
   EXPECT_EQ(errorOf(find(*scene, std::string(512, 'x'))->id, 10), "notInvokable");
@@ -258,30 +241,12 @@ TEST_F(SceneFixture, WindowControlsCarryTheirKindAndFixedLabel) {
   EXPECT_TRUE(find(*scene, "Window control"));
 }
 
-TEST(SceneRules, RoleTableAndImportance) {
+TEST(SceneRules, RolesImportanceAndTruncation) {
+  // The rest of the table meets real widgets in the desktop scene test.
   const std::pair<const char*, const char*> roles[] = {
-      {"push button", "button"},
-      {"entry", "textfield"},
-      {"text", "textfield"},
-      {"check box", "checkbox"},
-      {"radio button", "radio"},
-      {"combo box", "combobox"},
-      {"link", "link"},
-      {"page tab list", "tab"},
-      {"menu item", "menuitem"},
-      {"slider", "slider"},
-      {"frame", "dialog"},
-      {"dialog", "dialog"},
-      {"scroll pane", "scrollarea"},
-      {"table", "scrollarea"},
-      {"label", "text"},
-      {"filler", "unknown"},
-      {"Push Button", "unknown"},
-  };
+      {"page tab list", "tab"}, {"table", "scrollarea"}, {"Push Button", "unknown"}};
   for (auto [platform, wire] : roles) EXPECT_EQ(scene::mapRole(platform), wire) << platform;
-  EXPECT_DOUBLE_EQ(scene::importance("button", 100, 100), 0.9);
   EXPECT_DOUBLE_EQ(scene::importance("dialog", 1000, 1000), 1.0);
-  EXPECT_DOUBLE_EQ(scene::importance("unknown", 0, 0), 0.45);
   EXPECT_DOUBLE_EQ(scene::importance("text", 1e9, 1e9), 0.35);
   EXPECT_EQ(scene::truncateCharacters("жжж", 2), "жж");
   EXPECT_EQ(scene::truncateCharacters("😀a", 5), "😀a");

