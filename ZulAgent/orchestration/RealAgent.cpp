@@ -415,7 +415,7 @@ class RealAgent {
     identity_ = std::make_shared<const IdentityKeyStore>(SecretStore("identity", secrets_));
     print_("agent id: " + identity_->agentId());
     trustedDevices_.emplace(SecretStore("trusted-devices", secrets_));
-    noteNewlyPaired(trustedList());
+    noteTrustChanges(trustedList());
     pairing_ = std::make_shared<const PairingService>(identity_);
   }
 
@@ -642,7 +642,7 @@ class RealAgent {
     };
     // A pairing spends the link's one-time secret: the next idle tick prints a new one.
     signaling_->onTrustedDevicesChanged = [this](const std::vector<TrustedDevice>& devices) {
-      noteNewlyPaired(devices);
+      noteTrustChanges(devices);
       linkSpent_ = true;
     };
     signaling_->onPeerLeft = [this](const std::string& deviceId) {
@@ -743,6 +743,7 @@ class RealAgent {
                                           std::chrono::duration_cast<SteadyClock::duration>(
                                               std::chrono::duration<double>(*settings_.seconds)))
                           : std::nullopt;
+    unsigned idleTicks = 0;
     while (true) {
       if (!stopSignals) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -761,9 +762,12 @@ class RealAgent {
       }
       if (const auto activeDevice = connections_->activeDeviceId()) {
         endSessionIfRevoked(*activeDevice);
-      } else if (pairingDue(now)) {
-        startPairingRefresh();
+        continue;
       }
+      // A phone revoked by the trusted-devices tool or window while none is
+      // in session is told of here, every few seconds.
+      if (++idleTicks % 4 == 0) noteTrustChanges(trustedList());
+      if (pairingDue(now)) startPairingRefresh();
     }
   }
 
@@ -786,6 +790,7 @@ class RealAgent {
     const bool trusted = std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
       return d.deviceId == deviceId && !d.revoked;
     });
+    noteTrustChanges(devices, /*sayRevoked=*/false);
     if (!trusted) {
       print_("device " + deviceId + " is no longer trusted: ending its session");
       const std::string name = std::exchange(*sessionDevice_.lock(), {});
@@ -811,10 +816,10 @@ class RealAgent {
     return deviceId;
   }
 
-  // A line for each device that was not trusted before (the first call
-  // only learns the list).
-  void noteNewlyPaired(const std::vector<TrustedDevice>& devices) {
-    std::vector<std::string> names;
+  // A line for each device paired or revoked since the last look (the first
+  // call only learns the list). `sayRevoked` false: the caller tells of it.
+  void noteTrustChanges(const std::vector<TrustedDevice>& devices, bool sayRevoked = true) {
+    std::vector<std::string> lines;
     {
       auto known = knownDevices_.lock();
       const bool first = !known->has_value();
@@ -822,10 +827,15 @@ class RealAgent {
       for (const auto& device : devices) {
         const std::string key =
             device.deviceId + "@" + std::to_string(device.pairedAt.time_since_epoch().count());
-        if ((*known)->insert(key).second && !first && !device.revoked) names.push_back(device.name);
+        if ((*known)->insert(key).second && !first && !device.revoked) {
+          lines.push_back("paired: " + device.name);
+        }
+        if (device.revoked && (*known)->insert(key + "/revoked").second && !first && sayRevoked) {
+          lines.push_back("revoked: " + device.name);
+        }
       }
     }
-    for (const auto& name : names) event_("paired: " + name);
+    for (const auto& line : lines) event_(line);
   }
 
   void tearDown() {

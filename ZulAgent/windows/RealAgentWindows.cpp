@@ -99,9 +99,8 @@ void runRealAgentWithWindows(const PrintLine& print) {
   std::thread agent;
 
   pairing.onEndSession = [&control] { control->requestSessionEnd(); };
-  pairing.onDeviceRevoked = [print](const TrustedDevice& device) {
-    print("revoked: " + device.name);
-  };
+  // The agent tells of the revoke ("revoked: NAME", or "phone revoked: …" for
+  // the phone in session) when it next reads the list.
   auto cancelAgent = [&] {
     control->requestStop();
     pairing.reset();

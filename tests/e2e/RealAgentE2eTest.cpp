@@ -589,6 +589,8 @@ TEST_F(RealAgentE2eTest, RefusesARevokedPhone) {
   EXPECT_NE(reply.value("message", "").find("deviceNotTrusted"), std::string::npos);
 
   ASSERT_TRUE(server_->waitForLine("reports 1 revoked device(s)", 30s));
+  // Revoked outside a session: the terminal still hears of it.
+  EXPECT_TRUE(agent_->waitForLine("revoked: Device ", 30s)) << agent_->tail();
   EXPECT_THROW(phone_->connect(), std::exception);
   EXPECT_EQ(phone_->eval("zulPhone.state.signalErrors.at(-1)"), "device-revoked");
 
