@@ -52,6 +52,17 @@ struct MutterInputInjector::Impl {
   std::mutex mutex;
   std::set<int> buttons;
   std::set<std::uint32_t> keys;
+
+  // Sends a key and remembers it while it is down.
+  template <typename Session>
+  void key(Session& session, std::uint32_t keysym, bool pressed) {
+    session->keyboardKeysym(keysym, pressed);
+    if (pressed) {
+      keys.insert(keysym);
+    } else {
+      keys.erase(keysym);
+    }
+  }
 };
 
 MutterInputInjector::MutterInputInjector(std::shared_ptr<MutterDesktop> desktop)
@@ -93,31 +104,18 @@ void MutterInputInjector::scroll(int dx, int dy) {
 
 void MutterInputInjector::setKey(std::uint32_t keysym, bool pressed) {
   std::lock_guard lock(impl_->mutex);
-  impl_->desktop->inputSession()->keyboardKeysym(keysym, pressed);
-  if (pressed) {
-    impl_->keys.insert(keysym);
-  } else {
-    impl_->keys.erase(keysym);
-  }
+  auto session = impl_->desktop->inputSession();
+  impl_->key(session, keysym, pressed);
 }
 
 void MutterInputInjector::typeText(std::u32string_view text) {
   std::lock_guard lock(impl_->mutex);
   if (text.empty()) return;
   auto session = impl_->desktop->inputSession();
+  auto hold = [&](std::uint32_t keysym, bool pressed) { impl_->key(session, keysym, pressed); };
   auto tap = [&](std::uint32_t keysym) {
-    impl_->keys.insert(keysym);
-    session->keyboardKeysym(keysym, true);
-    session->keyboardKeysym(keysym, false);
-    impl_->keys.erase(keysym);
-  };
-  auto hold = [&](std::uint32_t keysym, bool pressed) {
-    session->keyboardKeysym(keysym, pressed);
-    if (pressed) {
-      impl_->keys.insert(keysym);
-    } else {
-      impl_->keys.erase(keysym);
-    }
+    hold(keysym, true);
+    hold(keysym, false);
   };
   for (char32_t c : text) {
     if (typedDirectly(c)) {
