@@ -59,7 +59,7 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
   }
   if (options.captureStdout) {
     close(out[1]);
-    stdoutFd_ = out[0];
+    reader_ = std::thread([this, fd = out[0]] { collect(fd); });
   }
   if (options.stdinText) {
     close(in[0]);
@@ -76,36 +76,88 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
 
 ChildProcess::~ChildProcess() {
   terminate();
-  if (stdoutFd_ >= 0) close(stdoutFd_);
+  stopping_ = true;
+  if (reader_.joinable()) reader_.join();
+}
+
+// On its own thread, so that a child never blocks on a full pipe and a test
+// can look back at everything it printed.
+void ChildProcess::collect(int fd) {
+  std::string pending;
+  char buffer[4096];
+  while (!stopping_) {
+    pollfd p{fd, POLLIN, 0};
+    const int r = poll(&p, 1, 200);
+    if (r < 0 && errno == EINTR) continue;
+    if (r == 0) continue;
+    const ssize_t n = r > 0 ? read(fd, buffer, sizeof buffer) : -1;
+    std::lock_guard lock(mutex_);
+    if (n <= 0) {
+      if (!pending.empty()) lines_.push_back(pending);
+      ended_ = true;
+      changed_.notify_all();
+      break;
+    }
+    pending.append(buffer, static_cast<std::size_t>(n));
+    for (auto nl = pending.find('\n'); nl != std::string::npos; nl = pending.find('\n')) {
+      lines_.push_back(pending.substr(0, nl));
+      pending.erase(0, nl + 1);
+    }
+    changed_.notify_all();
+  }
+  close(fd);
 }
 
 std::optional<std::string> ChildProcess::readStdoutLine(std::chrono::milliseconds timeout) {
-  if (stdoutFd_ < 0) return std::nullopt;
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    auto nl = pending_.find('\n');
-    if (nl != std::string::npos) {
-      std::string line = pending_.substr(0, nl);
-      pending_.erase(0, nl + 1);
-      return line;
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, timeout, [&] { return read_ < lines_.size() || ended_; });
+  if (read_ >= lines_.size()) return std::nullopt;
+  return lines_[read_++];
+}
+
+std::optional<std::string> ChildProcess::waitForLine(const std::string& text,
+                                                     std::chrono::milliseconds timeout,
+                                                     std::size_t from, std::size_t* at) {
+  std::unique_lock lock(mutex_);
+  std::optional<std::string> found;
+  changed_.wait_for(lock, timeout, [&] {
+    for (std::size_t i = from; i < lines_.size(); ++i) {
+      if (lines_[i].find(text) == std::string::npos) continue;
+      found = lines_[i];
+      if (at) *at = i;
+      return true;
     }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
-    pollfd p{stdoutFd_, POLLIN, 0};
-    int r = poll(&p, 1, static_cast<int>(left.count()));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return std::nullopt;
-    char buf[4096];
-    ssize_t n = read(stdoutFd_, buf, sizeof buf);
-    if (n <= 0) {
-      if (pending_.empty()) return std::nullopt;
-      std::string line;
-      line.swap(pending_);
-      return line;
-    }
-    pending_.append(buf, static_cast<std::size_t>(n));
+    return ended_;
+  });
+  return found;
+}
+
+std::vector<std::string> ChildProcess::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::size_t ChildProcess::lineCount() const {
+  std::lock_guard lock(mutex_);
+  return lines_.size();
+}
+
+std::size_t ChildProcess::countContaining(const std::string& text, std::size_t from) const {
+  std::lock_guard lock(mutex_);
+  std::size_t count = 0;
+  for (std::size_t i = from; i < lines_.size(); ++i) {
+    count += lines_[i].find(text) != std::string::npos;
   }
+  return count;
+}
+
+std::string ChildProcess::tail(std::size_t count) const {
+  std::lock_guard lock(mutex_);
+  std::string out;
+  for (std::size_t i = lines_.size() > count ? lines_.size() - count : 0; i < lines_.size(); ++i) {
+    out += lines_[i] + "\n";
+  }
+  return out;
 }
 
 bool ChildProcess::running() {
