@@ -93,9 +93,7 @@ TEST(E2eAgentPeerSession, BrowserAnswersAndEveryChannelCarriesMessages) {
       << "open: " << testing::PrintToString(received.open);
 
   // The browser sees the channels as the catalogue made them, and the video.
-  for (int i = 0; i < 300 && browser.evaluate(page, "Object.keys(channels).length") != 5; ++i) {
-    std::this_thread::sleep_for(100ms);
-  }
+  EXPECT_TRUE(browser.waitFor(page, "Object.keys(channels).length === 5"));
   const auto channels = browser.evaluate(page, "channels");
   ASSERT_TRUE(channels.is_object()) << channels.dump();
   for (const auto& spec : DataChannelCatalog::all) {

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 namespace zul::test {
 
@@ -144,6 +145,16 @@ nlohmann::json HeadlessChromium::evaluate(const std::string& sessionId,
     throw std::runtime_error("page threw: " + text);
   }
   return result["result"].value("value", nlohmann::json());
+}
+
+bool HeadlessChromium::waitFor(const std::string& sessionId, const std::string& expression,
+                               std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (evaluate(sessionId, expression) == true) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  return false;
 }
 
 }  // namespace zul::test

@@ -33,6 +33,9 @@ class HeadlessChromium {
   // (JSON-serialisable) or throws with the page's exception text.
   nlohmann::json evaluate(const std::string& sessionId, const std::string& expression,
                           std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  // Polls `expression` until it is true; false after `limit`.
+  bool waitFor(const std::string& sessionId, const std::string& expression,
+               std::chrono::milliseconds limit = std::chrono::seconds(60));
 
  private:
   pid_t pid_ = -1;

@@ -20,27 +20,6 @@ using namespace std::chrono_literals;
 
 constexpr Rgb red{255, 0, 0}, green{0, 255, 0}, blue{0, 0, 255}, white{255, 255, 255};
 
-// The demo's announced port, from its banner line "    http://ADDRESS:PORT".
-int waitForPort(ChildProcess& agent, std::vector<std::string>& output) {
-  while (auto line = agent.readStdoutLine(60s)) {
-    output.push_back(*line);
-    const auto at = line->find("http://");
-    if (at != std::string::npos) return std::stoi(line->substr(line->rfind(':') + 1));
-  }
-  return -1;
-}
-
-// Polls `expression` until it returns true.
-bool waitFor(HeadlessChromium& browser, const std::string& page, const std::string& expression,
-             std::chrono::seconds limit = 60s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (browser.evaluate(page, expression) == true) return true;
-    std::this_thread::sleep_for(200ms);
-  }
-  return false;
-}
-
 constexpr const char* videoStats = R"js((async () => {
   const stats = await pc.getStats();
   let inbound = null;
@@ -102,25 +81,26 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
     ChildProcess::Options options;
     options.env = {
         {"DISPLAY", xvfb.display()}, {"ZUL_DEMO_SECONDS", "120"}, {"ZUL_DEMO_PORT", "0"}};
-    options.captureStdout = true;
     const std::vector<std::string> command = {ZUL_AGENT_PATH, "--phone-demo"};
+    options.captureStdout = true;
     ChildProcess agent(link ? link->wrap(command) : command, options);
-    std::vector<std::string> output;
-    const int port = waitForPort(agent, output);
-    ASSERT_GT(port, 0) << "no banner; output so far: " << testing::PrintToString(output);
-    EXPECT_NE(std::find(output.begin(), output.end(), "starting capture\u2026"), output.end());
+    // The announced address, from the banner line "    http://ADDRESS:PORT".
+    const auto banner = agent.waitForLine("http://");
+    ASSERT_TRUE(banner) << "no banner; output so far:\n" << agent.tail();
+    const int port = std::stoi(banner->substr(banner->rfind(':') + 1));
+    EXPECT_EQ(agent.countContaining("starting capture\u2026"), 1u) << agent.tail();
 
     HeadlessChromium browser;
     const std::string host = link ? ThrottledLink::insideAddress : "127.0.0.1";
     const std::string page = browser.openPage("http://" + host + ":" + std::to_string(port) + "/");
 
-    ASSERT_TRUE(waitFor(browser, page, "typeof pc !== 'undefined'"));
-    ASSERT_TRUE(waitFor(
-        browser, page, std::string("(async () => (await ") + videoStats + ").framesDecoded > 5)()"))
+    ASSERT_TRUE(browser.waitFor(page, "typeof pc !== 'undefined'"));
+    ASSERT_TRUE(browser.waitFor(
+        page, std::string("(async () => (await ") + videoStats + ").framesDecoded > 5)()"))
         << "status: " << browser.evaluate(page, "document.getElementById('status').textContent");
     // The page says that it plays, not that it still waits.
-    EXPECT_TRUE(waitFor(browser, page,
-                        "document.getElementById('status').textContent.startsWith('playing')"));
+    EXPECT_TRUE(browser.waitFor(
+        page, "document.getElementById('status').textContent.startsWith('playing')"));
     const auto first = browser.evaluate(page, videoStats);
     EXPECT_EQ(first["codec"], "video/H264");
     EXPECT_EQ(first["width"], row.width);
@@ -128,22 +108,20 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
 
     // Still decoding: the count keeps rising.
     const int decoded = first["framesDecoded"].get<int>();
-    EXPECT_TRUE(waitFor(browser, page,
-                        std::string("(async () => (await ") + videoStats + ").framesDecoded > " +
-                            std::to_string(decoded + 5) + ")()"));
+    EXPECT_TRUE(browser.waitFor(page, std::string("(async () => (await ") + videoStats +
+                                          ").framesDecoded > " + std::to_string(decoded + 5) +
+                                          ")()"));
 
     const nlohmann::json expected = {"red", "green", "blue", "white"};
-    EXPECT_TRUE(waitFor(
-        browser, page,
-        "JSON.stringify(" + std::string(quadrantColours) + ") === '" + expected.dump() + "'"))
+    EXPECT_TRUE(browser.waitFor(
+        page, "JSON.stringify(" + std::string(quadrantColours) + ") === '" + expected.dump() + "'"))
         << browser.evaluate(page, quadrantColours).dump();
 
     // A change on the screen reaches the browser, still at full size.
     pattern.show({white, blue, green, red});
     const nlohmann::json changed = {"white", "blue", "green", "red"};
-    EXPECT_TRUE(waitFor(
-        browser, page,
-        "JSON.stringify(" + std::string(quadrantColours) + ") === '" + changed.dump() + "'"))
+    EXPECT_TRUE(browser.waitFor(
+        page, "JSON.stringify(" + std::string(quadrantColours) + ") === '" + changed.dump() + "'"))
         << browser.evaluate(page, quadrantColours).dump();
     const auto later = browser.evaluate(page, videoStats);
     EXPECT_EQ(later["width"], row.width);

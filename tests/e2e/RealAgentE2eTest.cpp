@@ -97,14 +97,8 @@ class Phone {
   nlohmann::json eval(const std::string& expression, std::chrono::seconds limit = 60s) {
     return browser_.evaluate(page_, expression, limit);
   }
-  // Polls `expression` until it is true.
   bool waitFor(const std::string& expression, std::chrono::seconds limit = 60s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (eval(expression) == true) return true;
-      std::this_thread::sleep_for(200ms);
-    }
-    return false;
+    return browser_.waitFor(page_, expression, limit);
   }
   nlohmann::json pair(const std::string& link) {
     return eval("zulPhone.pair(" + nlohmann::json(link).dump() + ")");
