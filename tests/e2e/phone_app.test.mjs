@@ -10,6 +10,7 @@ import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
+import { createInterface } from 'node:readline';
 import path from 'node:path';
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
@@ -27,48 +28,24 @@ const children = [];
 // line (from `from` on) that matches.
 function start(command, args, env = {}) {
   const child = spawn(command, args, { env: { ...process.env, ...env },
-    stdio: ['ignore', 'pipe', 'pipe'] });
-  const lines = [];
-  const waiters = [];
-  let rest = '';
-  child.stdout.on('data', (chunk) => {
-    rest += chunk;
-    const parts = rest.split('\n');
-    rest = parts.pop();
-    for (const line of parts) {
-      lines.push(line);
-      for (const w of [...waiters]) w.check();
-    }
-  });
-  child.stderr.on('data', () => {});
+    stdio: ['ignore', 'pipe', 'ignore'] });
   children.push(child);
-  const proc = {
+  const lines = [];
+  createInterface({ input: child.stdout }).on('line', (line) => lines.push(line));
+  return {
     child,
     lines,
-    waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
+    async waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
       const test = typeof match === 'function' ? match
         : typeof match === 'string' ? (l) => l.includes(match) : (l) => match.test(l);
-      return new Promise((resolve, reject) => {
-        const w = {
-          check() {
-            const found = lines.slice(from).find(test);
-            if (found === undefined) return;
-            waiters.splice(waiters.indexOf(w), 1);
-            clearTimeout(w.timer);
-            resolve(found);
-          },
-        };
-        w.timer = setTimeout(() => {
-          waiters.splice(waiters.indexOf(w), 1);
-          reject(new Error(`${command}: no line matching ${match}; last lines:\n` +
-            lines.slice(-15).join('\n')));
-        }, timeout);
-        waiters.push(w);
-        w.check();
-      });
+      for (const end = Date.now() + timeout; Date.now() < end; await sleep(50)) {
+        const found = lines.slice(from).find(test);
+        if (found !== undefined) return found;
+      }
+      throw new Error(`${command}: no line matching ${match}; last lines:\n` +
+        lines.slice(-15).join('\n'));
     },
   };
-  return proc;
 }
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
