@@ -24,40 +24,18 @@ HeadlessChromium::HeadlessChromium(std::map<std::string, std::string> env) {
   if (pipe2(commands, O_CLOEXEC) != 0 || pipe2(replies, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe failed");
   }
-  std::vector<std::string> args = {program,
-                                   "--headless",
-                                   "--no-sandbox",
-                                   "--disable-gpu",
-                                   "--no-first-run",
-                                   "--no-default-browser-check",
-                                   "--disable-background-networking",
-                                   "--disable-component-update",
-                                   "--disable-sync",
-                                   "--disable-extensions",
-                                   "--mute-audio",
-                                   "--autoplay-policy=no-user-gesture-required",
-                                   "--remote-debugging-pipe",
-                                   "--user-data-dir=" + profileDir_,
-                                   "about:blank"};
-  pid_ = fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    // The browser reads commands on fd 3 and writes replies on fd 4.
-    dup2(commands[0], 3);
-    dup2(replies[1], 4);
-    int devNull = open("/dev/null", O_RDWR);
-    if (!std::getenv("ZUL_TEST_CHROMIUM_LOG")) {
-      dup2(devNull, 1);
-      dup2(devNull, 2);
-    }
-    dup2(devNull, 0);
-    for (const auto& [key, value] : env) setenv(key.c_str(), value.c_str(), 1);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(program, argv.data());
-    _exit(127);
-  }
+  ChildProcess::Options options;
+  options.env = std::move(env);
+  options.quiet = !std::getenv("ZUL_TEST_CHROMIUM_LOG");
+  options.fds = {{3, commands[0]}, {4, replies[1]}};  // the browser's DevTools pipe
+  process_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{
+          program, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
+          "--no-default-browser-check", "--disable-background-networking",
+          "--disable-component-update", "--disable-sync", "--disable-extensions", "--mute-audio",
+          "--autoplay-policy=no-user-gesture-required", "--remote-debugging-pipe",
+          "--user-data-dir=" + profileDir_, "about:blank"},
+      options);
   close(commands[0]);
   close(replies[1]);
   toBrowser_ = commands[1];
@@ -65,22 +43,9 @@ HeadlessChromium::HeadlessChromium(std::map<std::string, std::string> env) {
 }
 
 HeadlessChromium::~HeadlessChromium() {
-  if (toBrowser_ >= 0) close(toBrowser_);
-  if (fromBrowser_ >= 0) close(fromBrowser_);
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    for (int i = 0; i < 50; ++i) {
-      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-        break;
-      }
-      usleep(100'000);
-    }
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
+  close(toBrowser_);
+  close(fromBrowser_);
+  process_.reset();
   std::error_code ignored;
   std::filesystem::remove_all(profileDir_, ignored);
 }

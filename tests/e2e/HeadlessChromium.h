@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/ChildProcess.h"
+
 namespace zul::test {
 
 // Debian's Chromium, headless, with a fresh profile, driven over the DevTools
@@ -38,7 +40,7 @@ class HeadlessChromium {
                std::chrono::milliseconds limit = std::chrono::seconds(60));
 
  private:
-  pid_t pid_ = -1;
+  std::unique_ptr<ChildProcess> process_;
   int toBrowser_ = -1;
   int fromBrowser_ = -1;
   std::string profileDir_;

@@ -54,6 +54,10 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
       dup2(devnull, 1);
     }
     if (options.quiet) dup2(devnull, 2);
+    for (const auto& [childFd, fd] : options.fds) {
+      if (childFd == fd) fcntl(fd, F_SETFD, 0);  // dup2 would leave close-on-exec set
+      dup2(fd, childFd);
+    }
     execvpe(args[0], args.data(), envp.data());
     _exit(127);
   }

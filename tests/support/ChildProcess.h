@@ -24,6 +24,7 @@ class ChildProcess {
     bool captureStdout = false;  // lines kept as they come: readStdoutLine(), waitForLine()
     bool quiet = true;           // send stderr (and stdout unless captured) to /dev/null
     std::optional<std::string> stdinText;  // written to stdin, which is then closed
+    std::map<int, int> fds;                // the child's fd (key) is the test's fd (value)
   };
 
   ChildProcess(std::vector<std::string> argv, Options options);
