@@ -114,12 +114,7 @@ nlohmann::json HeadlessChromium::evaluate(const std::string& sessionId,
 
 bool HeadlessChromium::waitFor(const std::string& sessionId, const std::string& expression,
                                std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (evaluate(sessionId, expression) == true) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  }
-  return false;
+  return waitUntil([&] { return evaluate(sessionId, expression) == true; }, limit);
 }
 
 }  // namespace zul::test

@@ -73,7 +73,7 @@ class TurnServer {
         std::string("--static-auth-secret=") + secret, "--realm=zul.test", "--no-tls", "--no-dtls",
         "--no-cli", "--allow-loopback-peers", "--min-port=49200", "--max-port=49400",
         "--no-stdout-log", "--log-file=/dev/null", "--pidfile=" + pidFile()});
-    for (int i = 0; i < 100 && !acceptsConnections(port_); ++i) std::this_thread::sleep_for(50ms);
+    waitUntil([&] { return acceptsConnections(port_); }, 5s);
   }
   std::string url() const { return "turn:127.0.0.1:" + std::to_string(port_) + "?transport=udp"; }
 
@@ -377,10 +377,8 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   // others are turned away.
   mark = agent_->lineCount();
   phoneB.eval("zulPhone.flood(5)");
-  for (int i = 0; i < 300 && agent_->countContaining("phones are already connecting", mark) < 4;
-       ++i) {
-    std::this_thread::sleep_for(100ms);
-  }
+  waitUntil([&] { return agent_->countContaining("phones are already connecting", mark) >= 4; },
+            30s);
   EXPECT_EQ(agent_->countContaining("phones are already connecting", mark), 4u) << agent_->tail();
   EXPECT_EQ(agent_->countContaining("offering a connection to", mark), 1u);
   aStillServed(104);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -190,6 +191,27 @@ int ChildProcess::terminate(std::chrono::milliseconds grace) {
   waitpid(pid_, &status, 0);
   status_ = status;
   return status;
+}
+
+bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return true;
+}
+
+std::string commandOutput(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = popen(command.c_str(), "r")) {
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
+    pclose(pipe);
+  }
+  const auto first = out.find_first_not_of(" \n");
+  return first == std::string::npos ? ""
+                                    : out.substr(first, out.find_last_not_of(" \n") - first + 1);
 }
 
 bool haveProgram(const std::string& name) {

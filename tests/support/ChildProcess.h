@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -67,5 +68,9 @@ class ChildProcess {
 
 // Looks a program up on PATH.
 bool haveProgram(const std::string& name);
+// Polls `ready` every 100 ms until it is true; false after `limit`.
+bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit);
+// What a shell command prints, without surrounding white space.
+std::string commandOutput(const std::string& command);
 
 }  // namespace zul::test

@@ -9,31 +9,6 @@
 #include <thread>
 
 namespace zul::test {
-namespace {
-
-std::string commandOutput(const std::string& command) {
-  std::string out;
-  if (FILE* pipe = popen(command.c_str(), "r")) {
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    pclose(pipe);
-  }
-  while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
-  while (!out.empty() && out.front() == ' ') out.erase(out.begin());
-  return out;
-}
-
-template <typename Ready>
-bool waitUntil(Ready ready, std::chrono::seconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (ready()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return false;
-}
-
-}  // namespace
 
 std::string GnomeSession::whyMissing() {
   for (const char* program : {"mutter", "pipewire", "wireplumber", "dbus-daemon", "dbus-send"}) {
@@ -107,23 +82,6 @@ std::map<std::string, std::string> GnomeSession::environment() const {
           {"XDG_SESSION_TYPE", "wayland"}};
 }
 
-void GnomeSession::startAccessibility() const {
-  const std::string prefix = "DBUS_SESSION_BUS_ADDRESS='" + bus_->address() + "' ";
-  const bool ready = waitUntil(
-      [&] {
-        const std::string address =
-            commandOutput(prefix +
-                          "dbus-send --session --dest=org.a11y.Bus --print-reply=literal "
-                          "/org/a11y/bus org.a11y.Bus.GetAddress 2>/dev/null");
-        return !address.empty() &&
-               std::system(("dbus-send --bus='" + address +
-                            "' --dest=org.a11y.atspi.Registry --print-reply "
-                            "/org/a11y/atspi/accessible/root "
-                            "org.a11y.atspi.Accessible.GetChildren >/dev/null 2>&1")
-                               .c_str()) == 0;
-      },
-      std::chrono::seconds(20));
-  if (!ready) throw std::runtime_error("the accessibility bus did not start");
-}
+void GnomeSession::startAccessibility() const { bus_->startAccessibility(); }
 
 }  // namespace zul::test

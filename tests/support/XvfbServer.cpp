@@ -37,4 +37,23 @@ SessionBus::SessionBus() {
   address_ = *line;
 }
 
+void SessionBus::startAccessibility() const {
+  const std::string onBus = "DBUS_SESSION_BUS_ADDRESS='" + address_ + "' ";
+  const bool ready = waitUntil(
+      [&] {
+        const std::string address =
+            commandOutput(onBus +
+                          "dbus-send --session --dest=org.a11y.Bus --print-reply=literal "
+                          "/org/a11y/bus org.a11y.Bus.GetAddress 2>/dev/null");
+        return !address.empty() &&
+               std::system(("dbus-send --bus='" + address +
+                            "' --dest=org.a11y.atspi.Registry --print-reply "
+                            "/org/a11y/atspi/accessible/root "
+                            "org.a11y.atspi.Accessible.GetChildren >/dev/null 2>&1")
+                               .c_str()) == 0;
+      },
+      std::chrono::seconds(20));
+  if (!ready) throw std::runtime_error("the accessibility bus did not start");
+}
+
 }  // namespace zul::test

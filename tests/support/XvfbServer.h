@@ -28,6 +28,9 @@ class SessionBus {
  public:
   SessionBus();
   const std::string& address() const { return address_; }
+  // Waits until the accessibility bus (started on demand by this bus) and
+  // its registry answer: before the first AT-SPI client of a process.
+  void startAccessibility() const;
 
  private:
   std::unique_ptr<ChildProcess> process_;
