@@ -548,17 +548,7 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   ChildProcess app(
       {"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen", "--background", "#c02040"},
       appOptions);
-  std::string appLast;
-  auto appSays = [&](const std::string& prefix) {
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto line = app.readStdoutLine(1000ms);
-      if (line) appLast = *line;
-      if (line && line->rfind(prefix, 0) == 0) return true;
-    }
-    return false;
-  };
-  ASSERT_TRUE(appSays("ready "));
+  ASSERT_TRUE(app.waitForLine("ready ", 30s));
   ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH}, appOptions);
   ASSERT_EQ(notifications.readStdoutLine(30s), "ready");
 
@@ -588,7 +578,7 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   phone_->eval("zulPhone.send('input', {type: 'input.text', protoVersion: '1.0', sessionId: " +
                nlohmann::json(sessionId).dump() + ", value: '\u0414\u0430, ok'})");
   EXPECT_TRUE(agent_->waitForLine("[input.text] ok")) << agent_->tail();
-  EXPECT_TRUE(appSays("text \"\\u0414\\u0430, ok\"")) << appLast;
+  EXPECT_TRUE(app.waitForLine("text \"\\u0414\\u0430, ok\"", 30s)) << app.tail();
 
   phone_->eval(
       "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
