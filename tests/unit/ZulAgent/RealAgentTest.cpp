@@ -13,214 +13,134 @@
 namespace zul {
 namespace {
 
-struct Actions {
-  std::shared_ptr<test::RecordingInputInjector> injector =
-      std::make_shared<test::RecordingInputInjector>();
-  std::vector<std::string> printed;
-  std::vector<std::string> refused;  // what the phone was told
-  std::vector<std::string> handled;
-  AgentMessageActions actions{injector, nullptr,
-                              [this](std::string_view line) { printed.emplace_back(line); },
-                              [this](const RoutedMessage& m, const std::exception& error) {
-                                refused.push_back(m.type + ": " + error.what());
-                              }};
+std::string joined(const std::vector<std::string>& lines) {
+  std::string out;
+  for (const auto& line : lines) out += (out.empty() ? "" : "|") + line;
+  return out;
+}
 
-  Actions() {
-    actions.addHandler(
-        "control.monitor.select",
-        [this](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); }, true);
-    actions.addHandler(
-        "control.monitor.list",
-        [this](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); });
-  }
-
-  void withPointer() {
-    actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
-        VideoMapping{{100, 0, 1280, 720}, 1280, 720}, injector));
-  }
-  void send(const std::string& channel, const nlohmann::json& message,
-            std::vector<DevicePermission> granted = {DevicePermission::view,
-                                                     DevicePermission::control}) {
-    RoutedMessage routed{channel, message.value("type", ""), "1.0", "s", message};
-    actions.dispatch(routed, PermissionGate{{granted.begin(), granted.end()}});
-    actions.waitUntilIdle();
-  }
-};
-
-TEST(AgentMessageActions, CarriesOutOrReportsEachRequest) {
+// Each request on its own, from a phone with or without control, then the
+// session ends (a button still held is let go).
+TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
   struct Case {
     const char* name;
-    bool pointerReady;
-    std::string channel;
-    nlohmann::json message;
-    std::vector<DevicePermission> granted;
-    std::vector<std::string> printed;
-    std::vector<std::string> events;
-    std::vector<std::string> refused = {};
-    std::vector<std::string> handled = {};
+    bool pointerReady, viewOnly;
+    std::string message, printed, events, refused = "", handled = "";
   };
-  const std::vector<DevicePermission> viewOnly{DevicePermission::view};
-  const std::vector<DevicePermission> full{DevicePermission::view, DevicePermission::control};
-  const Case cases[] = {
-      {"pointer before capture",
-       false,
-       "input",
-       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 1}, {"y", 2}},
-       full,
-       {"[input] dropped: capture hasn't resolved a display yet"},
-       {}},
-      {"pointer on the captured display",
-       true,
-       "input",
-       {{"type", "input.cursor"}, {"phase", "move"}, {"x", 10.5}, {"y", 2}},
-       full,
-       {"[input.cursor] ok: move x=10.5 y=2"},
-       {"move 110.5,2"}},
-      {"pointer without a coordinate",
-       true,
-       "input",
-       {{"type", "input.cursor"}, {"phase", "move"}},
-       full,
-       {"[input.cursor] ok: move x=missing y=missing"},
-       {"move 100,0"}},
-      {"unknown key name",
-       true,
-       "input",
-       {{"type", "input.key"}, {"combo", "Ctrl+Nope"}},
-       full,
-       {"[input] unsupportedKey(\"Nope\")"},
-       {},
-       {"input.key: unsupportedKey(\"Nope\")"}},
-      {"display switch",
-       true,
-       "control",
-       {{"type", "control.monitor.select"}, {"index", 1}},
-       full,
-       {},
-       {},
-       {},
-       {"control.monitor.select"}},
-      {"display list asked for by a view-only phone",
-       true,
-       "control",
-       {{"type", "control.monitor.list"}},
-       viewOnly,
-       {},
-       {},
-       {},
-       {"control.monitor.list"}},
-      {"hotkey",
-       true,
-       "input",
-       {{"type", "input.key"}, {"combo", "Ctrl+K"}},
-       full,
-       {"[input.key] ok: Ctrl+K"},
-       {"key ffe3 down", "key 6b down", "key 6b up", "key ffe3 up"}},
-      {"hotkey without a combo", true, "input", {{"type", "input.key"}}, full, {}, {}},
-      {"text",
-       true,
-       "input",
-       {{"type", "input.text"}, {"value", "hi"}},
-       full,
-       {"[input.text] ok"},
-       {"text 2"}},
-      {"invoke without a scene sequence",
-       true,
-       "input",
-       {{"type", "input.invoke"}, {"elementId", "e1"}},
-       full,
-       {"[input.invoke] invalidSemanticInvocation"},
-       {},
-       {"input.invoke: invalidSemanticInvocation"}},
-      {"invoke without accessibility",
-       true,
-       "input",
-       {{"type", "input.invoke"}, {"elementId", "e1"}, {"sceneSeq", 1}},
-       full,
-       {"[input.invoke] permissionRequired"},
-       {},
-       {"input.invoke: permissionRequired"}},
-      {"unknown control message",
-       true,
-       "control",
-       {{"type", "control.unknown"}},
-       full,
-       {"[control] control.unknown (not handled yet)"},
-       {}},
+  const std::string all = R"("phase":"down","value":"hi","combo":"Ctrl+K","elementId":"e1",)"
+                          R"("sceneSeq":1,"index":1})";
+  std::vector<Case> cases = {
+      {"pointer before capture", false, false, R"({"type":"input.cursor","phase":"move","x":1})",
+       "[input] dropped: capture hasn't resolved a display yet", ""},
+      {"pointer on the captured display", true, false,
+       R"({"type":"input.cursor","phase":"move","x":10.5,"y":2})",
+       "[input.cursor] ok: move x=10.5 y=2", "move 110.5,2"},
+      {"pointer without a coordinate", true, false, R"({"type":"input.cursor","phase":"move"})",
+       "[input.cursor] ok: move x=missing y=missing", "move 100,0"},
+      {"button left held", true, false, R"({"type":"input.cursor","phase":"down","x":0,"y":0})",
+       "[input.cursor] ok: down x=0 y=0", "move 100,0|button 1 down|move 100,0|button 1 up"},
+      {"unknown key name", true, false, R"({"type":"input.key","combo":"Ctrl+Nope"})",
+       R"([input] unsupportedKey("Nope"))", "", R"(input.key: unsupportedKey("Nope"))"},
+      {"hotkey", true, false, R"({"type":"input.key","combo":"Ctrl+K"})", "[input.key] ok: Ctrl+K",
+       "key ffe3 down|key 6b down|key 6b up|key ffe3 up"},
+      {"hotkey without a combo", true, false, R"({"type":"input.key"})", "", ""},
+      {"text", true, false, R"({"type":"input.text","value":"hi"})", "[input.text] ok", "text 2"},
+      {"invoke without a scene sequence", true, false,
+       R"({"type":"input.invoke","elementId":"e1"})", "[input.invoke] invalidSemanticInvocation",
+       "", "input.invoke: invalidSemanticInvocation"},
+      {"invoke without accessibility", true, false,
+       R"({"type":"input.invoke","elementId":"e1","sceneSeq":1})",
+       "[input.invoke] permissionRequired", "", "input.invoke: permissionRequired"},
+      {"display switch", true, false, R"({"type":"control.monitor.select","index":1})", "", "", "",
+       "control.monitor.select"},
+      {"display list for a view-only phone", true, true, R"({"type":"control.monitor.list"})", "",
+       "", "", "control.monitor.list"},
+      {"unknown control message", true, false, R"({"type":"control.unknown"})",
+       "[control] control.unknown (not handled yet)", ""},
   };
+  for (std::string type :
+       {"input.cursor", "input.text", "input.key", "input.invoke", "control.monitor.select"}) {
+    const std::string printed = type == "control.monitor.select" ? "monitor switch rejected:"
+                                : type == "input.invoke"         ? "[input.invoke]"
+                                                                 : "[input]";
+    cases.push_back({"view-only phone", true, true, R"({"type":")" + type + R"(",)" + all,
+                     printed + " denied(control)", "", type + ": denied(control)"});
+  }
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    Actions a;
-    if (c.pointerReady) a.withPointer();
-    a.send(c.channel, c.message, c.granted);
-    EXPECT_EQ(a.printed, c.printed);
-    EXPECT_EQ(a.injector->events, c.events);
-    EXPECT_EQ(a.refused, c.refused);
-    EXPECT_EQ(a.handled, c.handled);
+    SCOPED_TRACE(c.name + (": " + c.message));
+    auto injector = std::make_shared<test::RecordingInputInjector>();
+    std::vector<std::string> printed, refused, handled;
+    AgentMessageActions actions{injector, nullptr,
+                                [&](std::string_view line) { printed.emplace_back(line); },
+                                [&](const RoutedMessage& m, const std::exception& error) {
+                                  refused.push_back(m.type + ": " + error.what());
+                                }};
+    auto handle = [&](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); };
+    actions.addHandler("control.monitor.select", handle, true);
+    actions.addHandler("control.monitor.list", handle);
+    if (c.pointerReady) {
+      actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
+          VideoMapping{{100, 0, 1280, 720}, 1280, 720}, injector));
+    }
+    const auto json = nlohmann::json::parse(c.message);
+    const std::string type = json["type"];
+    std::set<DevicePermission> granted{DevicePermission::view};
+    if (!c.viewOnly) granted.insert(DevicePermission::control);
+    actions.dispatch({type.starts_with("control") ? "control" : "input", type, "1.0", "s", json},
+                     PermissionGate{granted});
+    actions.waitUntilIdle();
+    actions.releaseHeldButton();
+    EXPECT_EQ(joined(printed), c.printed);
+    EXPECT_EQ(joined(injector->events), c.events);
+    EXPECT_EQ(joined(refused), c.refused);
+    EXPECT_EQ(joined(handled), c.handled);
   }
 }
 
-// Typing that blocks until released, and pointer moves in order of arrival.
+// Typing that blocks until released, and pointer moves counted while it does.
 class BlockingTyping : public test::RecordingInputInjector {
  public:
-  void typeText(std::u32string_view text) override {
+  void typeText(std::u32string_view) override {
     std::unique_lock lock(mutex);
-    typedCodePoints += text.size();
+    typing = true;
     changed.notify_all();
     changed.wait(lock, [&] { return released; });
   }
-  void movePointer(DesktopPoint p) override {
+  void movePointer(DesktopPoint) override {
     std::lock_guard lock(mutex);
-    movesBeforeTypingDone += typedCodePoints < total;
+    movesWhileTyping += typing;
     changed.notify_all();
   }
-  void release() {
-    std::lock_guard lock(mutex);
-    released = true;
-    changed.notify_all();
-  }
-
   std::mutex mutex;
   std::condition_variable changed;
-  bool released = false;
-  std::size_t typedCodePoints = 0;
-  std::size_t movesBeforeTypingDone = 0;
-  static constexpr std::size_t total = 1 << 20;
+  bool typing = false, released = false;
+  int movesWhileTyping = 0;
 };
 
 TEST(AgentMessageActions, PointerMovesPassALongText) {
   auto injector = std::make_shared<BlockingTyping>();
-  std::vector<std::string> printed;
-  std::mutex printedMutex;
-  AgentMessageActions actions(injector, nullptr, [&](std::string_view line) {
-    std::lock_guard lock(printedMutex);
-    printed.emplace_back(line);
-  });
+  AgentMessageActions actions(injector, nullptr, [](std::string_view) {});
   actions.setPointerExecutor(
       std::make_shared<PointerInputExecutor>(VideoMapping::unscaled({0, 0, 1920, 1080}), injector));
   const PermissionGate full{{DevicePermission::view, DevicePermission::control}};
-  auto message = [](nlohmann::json json) {
-    return RoutedMessage{"input", json["type"], "1.0", "s", json};
+  auto send = [&](nlohmann::json json) {
+    actions.dispatch(RoutedMessage{"input", json["type"], "1.0", "s", json}, full);
   };
-
-  actions.dispatch(
-      message({{"type", "input.text"}, {"value", std::string(BlockingTyping::total, 'a')}}), full);
-  {
+  auto waitFor = [&](auto done) {
     std::unique_lock lock(injector->mutex);
-    injector->changed.wait(lock, [&] { return injector->typedCodePoints > 0; });
-  }
-  actions.dispatch(message({{"type", "input.cursor"}, {"phase", "move"}, {"x", 5}, {"y", 5}}),
-                   full);
+    injector->changed.wait(lock, done);
+  };
+  send({{"type", "input.text"}, {"value", "a long text"}});
+  waitFor([&] { return injector->typing; });
+  send({{"type", "input.cursor"}, {"phase", "move"}, {"x", 5}, {"y", 5}});
+  // Hangs here if the move waits behind the text.
+  waitFor([&] { return injector->movesWhileTyping == 1; });
   {
-    // The move is carried out while the text is still being typed.
-    std::unique_lock lock(injector->mutex);
-    injector->changed.wait(lock, [&] { return injector->movesBeforeTypingDone == 1; });
+    std::lock_guard lock(injector->mutex);
+    injector->released = true;
+    injector->changed.notify_all();
   }
-  injector->release();
   actions.waitUntilIdle();
-  EXPECT_EQ(injector->typedCodePoints, BlockingTyping::total);
-  EXPECT_EQ(printed,
-            (std::vector<std::string>{"[input.cursor] ok: move x=5 y=5", "[input.text] ok"}));
 }
 
 TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
@@ -237,9 +157,8 @@ TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
             if (index == 7) throw std::runtime_error("no display 7");
             record("start " + std::to_string(index));
             DisplayDescriptor display{.index = index, .displayID = std::uint32_t(100 + index)};
-            for (const auto& [id, at] : monitors) {
-              if (at == index) display.displayID = id;
-            }
+            for (const auto& [id, at] : monitors)
+              display.displayID = at == index ? id : display.displayID;
             return display;
           },
       .stop = [&] { record("stop"); },
@@ -249,85 +168,52 @@ TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
         return std::nullopt;
       },
       .resumedElsewhere =
-          [&](const DisplayDescriptor& display) {
-            record("elsewhere " + std::to_string(display.index));
-          },
+          [&](const DisplayDescriptor& d) { record("elsewhere " + std::to_string(d.index)); },
   });
+  // 's': startOn(arg); 'w': setWatched(arg); 'm': the watched display (101)
+  // moves to index arg, or is gone (-1), then a phone watches.
   struct Step {
-    std::function<void()> action;
-    std::vector<std::string> calls;  // since the previous step
+    char op;
+    int arg;
+    std::string calls;  // since the previous step
     bool running;
   };
   const Step steps[] = {
-      {[&] { capture.startOn(0); }, {"start 0", "stop"}, false},  // start-up check
-      {[&] { capture.setWatched(true); }, {"start 0"}, true},
-      {[&] { capture.startOn(1); }, {"start 1"}, true},  // a display switch
-      {[&] { EXPECT_THROW(capture.startOn(7), std::runtime_error); }, {}, true},
-      {[&] { capture.setWatched(false); }, {"stop"}, false},
-      {[&] { capture.setWatched(false); }, {}, false},
-      {[&] { capture.setWatched(true); }, {"start 1"}, true},  // the next phone
-      // Monitors that change while nobody watches: the watched one moved to
-      // another index, then is gone (the first display instead).
-      {[&] { capture.setWatched(false); }, {"stop"}, false},
-      {[&] {
-         monitors = {{100, 0}, {101, 2}};
-         capture.setWatched(true);
-       },
-       {"start 2", "elsewhere 2"},
-       true},
-      {[&] { capture.setWatched(false); }, {"stop"}, false},
-      {[&] {
-         monitors = {{100, 0}};
-         capture.setWatched(true);
-       },
-       {"start 0", "elsewhere 0"},
-       true},
+      {'s', 0, "start 0|stop", false},  // start-up check
+      {'w', 1, "start 0", true},
+      {'s', 1, "start 1", true},  // a display switch
+      {'s', 7, "", true},
+      {'w', 0, "stop", false},
+      {'w', 0, "", false},
+      {'w', 1, "start 1", true},  // the next phone
+      {'w', 0, "stop", false},
+      {'m', 2, "start 2|elsewhere 2", true},
+      {'w', 0, "stop", false},
+      {'m', -1, "start 0|elsewhere 0", true},
   };
-  for (std::size_t i = 0; i < std::size(steps); ++i) {
-    SCOPED_TRACE(i);
-    steps[i].action();
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(1, step.op) + std::to_string(step.arg));
+    if (step.op == 's' && step.arg == 7) {
+      EXPECT_THROW(capture.startOn(step.arg), std::runtime_error);
+    } else if (step.op == 's') {
+      capture.startOn(step.arg);
+    } else {
+      if (step.op == 'm')
+        monitors = step.arg < 0 ? decltype(monitors){{100, 0}}
+                                : decltype(monitors){{100, 0}, {101, step.arg}};
+      capture.setWatched(step.arg != 0);
+    }
     capture.waitUntilIdle();
     std::lock_guard lock(mutex);
-    EXPECT_EQ(calls, steps[i].calls);
-    EXPECT_EQ(capture.running(), steps[i].running);
+    EXPECT_EQ(joined(calls), step.calls);
+    EXPECT_EQ(capture.running(), step.running);
     calls.clear();
   }
 }
 
-TEST(AgentMessageActions, RefusesEveryActionToAViewOnlyPhone) {
-  for (std::string type :
-       {"input.cursor", "input.text", "input.key", "input.invoke", "control.monitor.select"}) {
-    Actions a;
-    a.withPointer();
-    a.send(type == "control.monitor.select" ? "control" : "input",
-           {{"type", type},
-            {"phase", "down"},
-            {"value", "hi"},
-            {"combo", "Ctrl+K"},
-            {"elementId", "e1"},
-            {"sceneSeq", 1},
-            {"index", 1}},
-           {DevicePermission::view});
-    EXPECT_EQ(a.refused, std::vector<std::string>{type + ": denied(control)"});
-    EXPECT_TRUE(a.injector->events.empty()) << type;
-    EXPECT_TRUE(a.handled.empty()) << type;
-  }
-}
-
-TEST(AgentMessageActions, ReleasesAButtonLeftHeldWhenTheSessionEnds) {
-  Actions a;
-  a.withPointer();
-  a.send("input", {{"type", "input.cursor"}, {"phase", "down"}, {"x", 0}, {"y", 0}});
-  a.actions.releaseHeldButton();
-  ASSERT_FALSE(a.injector->events.empty());
-  EXPECT_EQ(a.injector->events.back(), "button 1 up");
-}
-
 TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
   struct Case {
-    const char* url;
-    const char* seconds;
-    const char* fps;
+    const char *url, *seconds, *fps;
     std::string expectedUrl;
     std::optional<double> expectedSeconds;
     std::int64_t expectedFps;
@@ -339,8 +225,7 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
       {"", "ten", "fast", fallback, std::nullopt, 30},
       {nullptr, "-1", "0", fallback, std::nullopt, 30},
       {nullptr, "3s", "24fps", fallback, std::nullopt, 30},
-      // Capped, never overflows.
-      {nullptr, "1e308", "99999999999999999999", fallback, 1e9, 60},
+      {nullptr, "1e308", "99999999999999999999", fallback, 1e9, 60},  // capped, no overflow
       {nullptr, nullptr, "15", fallback, std::nullopt, 15},
   };
   for (const auto& c : cases) {
@@ -348,13 +233,12 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
     c.seconds ? setenv("ZUL_DEMO_SECONDS", c.seconds, 1) : unsetenv("ZUL_DEMO_SECONDS");
     c.fps ? setenv("ZUL_MAX_FPS", c.fps, 1) : unsetenv("ZUL_MAX_FPS");
     const auto settings = RealAgentSettings::fromEnvironment();
+    SCOPED_TRACE(std::string(c.seconds ? c.seconds : "unset") + " " + (c.fps ? c.fps : "unset"));
     EXPECT_EQ(settings.signalingBaseURL, c.expectedUrl);
-    EXPECT_EQ(settings.seconds, c.expectedSeconds) << (c.seconds ? c.seconds : "unset");
-    EXPECT_EQ(settings.framesPerSecond, c.expectedFps) << (c.fps ? c.fps : "unset");
+    EXPECT_EQ(settings.seconds, c.expectedSeconds);
+    EXPECT_EQ(settings.framesPerSecond, c.expectedFps);
   }
-  unsetenv("ZUL_SIGNALING_URL");
-  unsetenv("ZUL_DEMO_SECONDS");
-  unsetenv("ZUL_MAX_FPS");
+  for (const char* name : {"ZUL_SIGNALING_URL", "ZUL_DEMO_SECONDS", "ZUL_MAX_FPS"}) unsetenv(name);
 }
 
 // Displays up to 1920x1080 go at their own size; larger ones shrink to fit,
@@ -389,6 +273,7 @@ TEST(TaskQueue, KeepsItsBound) {
     std::condition_variable changed;
     bool started = false, release = false;
     std::vector<int> ran;
+    std::vector<bool> accepted;
     queue.post([&] {
       std::unique_lock lock(mutex);
       ran.push_back(0);
@@ -396,22 +281,19 @@ TEST(TaskQueue, KeepsItsBound) {
       changed.notify_all();
       changed.wait(lock, [&] { return release; });
     });
-    {
-      std::unique_lock lock(mutex);
-      changed.wait(lock, [&] { return started; });
-    }
-    std::vector<bool> accepted;
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return started; });
+    lock.unlock();
     for (int i = 1; i <= 4; ++i) {
       accepted.push_back(queue.post([&, i] {
         std::lock_guard lock(mutex);
         ran.push_back(i);
       }));
     }
-    {
-      std::lock_guard lock(mutex);
-      release = true;
-      changed.notify_all();
-    }
+    lock.lock();
+    release = true;
+    changed.notify_all();
+    lock.unlock();
     queue.waitUntilIdle();
     EXPECT_EQ(ran, c.ran);
     EXPECT_EQ(accepted, c.accepted);
