@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 
@@ -97,24 +97,14 @@ TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
   }
 }
 
-// Typing that blocks until released, and pointer moves counted while it does.
-class BlockingTyping : public test::RecordingInputInjector {
- public:
+// Typing that blocks until released; moves are counted.
+struct BlockingTyping : test::RecordingInputInjector {
+  std::promise<void> typing, moved, release;
   void typeText(std::u32string_view) override {
-    std::unique_lock lock(mutex);
-    typing = true;
-    changed.notify_all();
-    changed.wait(lock, [&] { return released; });
+    typing.set_value();
+    release.get_future().wait();
   }
-  void movePointer(DesktopPoint) override {
-    std::lock_guard lock(mutex);
-    movesWhileTyping += typing;
-    changed.notify_all();
-  }
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool typing = false, released = false;
-  int movesWhileTyping = 0;
+  void movePointer(DesktopPoint) override { moved.set_value(); }
 };
 
 TEST(AgentMessageActions, PointerMovesPassALongText) {
@@ -122,91 +112,67 @@ TEST(AgentMessageActions, PointerMovesPassALongText) {
   AgentMessageActions actions(injector, nullptr, [](std::string_view) {});
   actions.setPointerExecutor(
       std::make_shared<PointerInputExecutor>(VideoMapping::unscaled({0, 0, 1920, 1080}), injector));
-  const PermissionGate full{{DevicePermission::view, DevicePermission::control}};
   auto send = [&](nlohmann::json json) {
-    actions.dispatch(RoutedMessage{"input", json["type"], "1.0", "s", json}, full);
-  };
-  auto waitFor = [&](auto done) {
-    std::unique_lock lock(injector->mutex);
-    injector->changed.wait(lock, done);
+    actions.dispatch(RoutedMessage{"input", json["type"], "1.0", "s", json},
+                     PermissionGate{{DevicePermission::view, DevicePermission::control}});
   };
   send({{"type", "input.text"}, {"value", "a long text"}});
-  waitFor([&] { return injector->typing; });
+  injector->typing.get_future().wait();
   send({{"type", "input.cursor"}, {"phase", "move"}, {"x", 5}, {"y", 5}});
-  // Hangs here if the move waits behind the text.
-  waitFor([&] { return injector->movesWhileTyping == 1; });
-  {
-    std::lock_guard lock(injector->mutex);
-    injector->released = true;
-    injector->changed.notify_all();
-  }
+  injector->moved.get_future().wait();  // hangs if the move waits behind the text
+  injector->release.set_value();
   actions.waitUntilIdle();
 }
 
+// Steps: 's' startOn(arg), 'w' setWatched(arg), 'm' the watched display (101)
+// moves to index arg or is gone (-1) while nobody watches, then a phone does.
 TEST(WatchedCapture, CapturesOnlyWhileAPhoneWatches) {
-  std::vector<std::string> calls;
-  std::mutex mutex;
-  auto record = [&](std::string call) {
-    std::lock_guard lock(mutex);
-    calls.push_back(std::move(call));
-  };
+  std::vector<std::string> calls;  // written on the capture's thread
   std::map<std::uint32_t, std::int64_t> monitors = {{100, 0}, {101, 1}};  // id -> index
   WatchedCapture capture({
       .start =
           [&](std::int64_t index) {
             if (index == 7) throw std::runtime_error("no display 7");
-            record("start " + std::to_string(index));
-            DisplayDescriptor display{.index = index, .displayID = std::uint32_t(100 + index)};
-            for (const auto& [id, at] : monitors)
-              display.displayID = at == index ? id : display.displayID;
-            return display;
+            calls.push_back("start " + std::to_string(index));
+            std::uint32_t id = 100 + index;
+            for (const auto& [monitor, at] : monitors) id = at == index ? monitor : id;
+            return DisplayDescriptor{.index = index, .displayID = id};
           },
-      .stop = [&] { record("stop"); },
+      .stop = [&] { calls.push_back("stop"); },
       .print = [](std::string_view) {},
       .indexOf = [&](std::uint32_t id) -> std::optional<std::int64_t> {
-        if (auto it = monitors.find(id); it != monitors.end()) return it->second;
+        if (monitors.contains(id)) return monitors[id];
         return std::nullopt;
       },
-      .resumedElsewhere =
-          [&](const DisplayDescriptor& d) { record("elsewhere " + std::to_string(d.index)); },
+      .resumedElsewhere = [&](auto& d) { calls.push_back("elsewhere " + std::to_string(d.index)); },
   });
-  // 's': startOn(arg); 'w': setWatched(arg); 'm': the watched display (101)
-  // moves to index arg, or is gone (-1), then a phone watches.
-  struct Step {
-    char op;
-    int arg;
-    std::string calls;  // since the previous step
-    bool running;
+  const std::tuple<char, int, std::string> steps[] = {
+      {'s', 0, "start 0|stop"},  // start-up check
+      {'w', 1, "start 0|running"},
+      {'s', 1, "start 1|running"},  // a display switch
+      {'s', 7, "running"},
+      {'w', 0, "stop"},
+      {'w', 0, ""},
+      {'w', 1, "start 1|running"},  // the next phone
+      {'w', 0, "stop"},
+      {'m', 2, "start 2|elsewhere 2|running"},
+      {'w', 0, "stop"},
+      {'m', -1, "start 0|elsewhere 0|running"},
   };
-  const Step steps[] = {
-      {'s', 0, "start 0|stop", false},  // start-up check
-      {'w', 1, "start 0", true},
-      {'s', 1, "start 1", true},  // a display switch
-      {'s', 7, "", true},
-      {'w', 0, "stop", false},
-      {'w', 0, "", false},
-      {'w', 1, "start 1", true},  // the next phone
-      {'w', 0, "stop", false},
-      {'m', 2, "start 2|elsewhere 2", true},
-      {'w', 0, "stop", false},
-      {'m', -1, "start 0|elsewhere 0", true},
-  };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(std::string(1, step.op) + std::to_string(step.arg));
-    if (step.op == 's' && step.arg == 7) {
-      EXPECT_THROW(capture.startOn(step.arg), std::runtime_error);
-    } else if (step.op == 's') {
-      capture.startOn(step.arg);
+  for (const auto& [op, arg, expected] : steps) {
+    SCOPED_TRACE(std::string(1, op) + std::to_string(arg));
+    if (op == 's' && arg == 7) {
+      EXPECT_THROW(capture.startOn(arg), std::runtime_error);
+    } else if (op == 's') {
+      capture.startOn(arg);
     } else {
-      if (step.op == 'm')
-        monitors = step.arg < 0 ? decltype(monitors){{100, 0}}
-                                : decltype(monitors){{100, 0}, {101, step.arg}};
-      capture.setWatched(step.arg != 0);
+      if (op == 'm') monitors = {{100, 0}};
+      if (op == 'm' && arg >= 0) monitors[101] = arg;
+      capture.setWatched(arg != 0);
     }
     capture.waitUntilIdle();
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(joined(calls), step.calls);
-    EXPECT_EQ(capture.running(), step.running);
+    if (capture.running()) calls.push_back("running");
+    EXPECT_EQ(joined(calls), expected);
     calls.clear();
   }
 }
@@ -257,46 +223,24 @@ TEST(RealAgent, CapturesDisplaysAtTheirOwnSizeUpTo1080p) {
   }
 }
 
+// Tasks 1..4 posted while task 0 runs, on a queue of two.
 TEST(TaskQueue, KeepsItsBound) {
-  struct Case {
-    TaskQueue::Overflow overflow;
-    std::vector<int> ran;  // of tasks 1..4 posted while task 0 runs
-    std::vector<bool> accepted;
-  };
-  const Case cases[] = {
-      {TaskQueue::Overflow::dropNewest, {0, 1, 2}, {true, true, false, false}},
-      {TaskQueue::Overflow::latestWins, {0, 4}, {true, true, true, true}},
-  };
-  for (const auto& c : cases) {
-    TaskQueue queue(2, c.overflow);
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool started = false, release = false;
-    std::vector<int> ran;
-    std::vector<bool> accepted;
+  for (auto [overflow, expected] : {std::pair{TaskQueue::Overflow::dropNewest, "0 1 2 | 1100"},
+                                    std::pair{TaskQueue::Overflow::latestWins, "0 4 | 1111"}}) {
+    TaskQueue queue(2, overflow);
+    std::promise<void> started, release;
+    std::string ran = "0 ", accepted = " | ";  // ran: written on the queue's thread only
     queue.post([&] {
-      std::unique_lock lock(mutex);
-      ran.push_back(0);
-      started = true;
-      changed.notify_all();
-      changed.wait(lock, [&] { return release; });
+      started.set_value();
+      release.get_future().wait();
     });
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [&] { return started; });
-    lock.unlock();
+    started.get_future().wait();
     for (int i = 1; i <= 4; ++i) {
-      accepted.push_back(queue.post([&, i] {
-        std::lock_guard lock(mutex);
-        ran.push_back(i);
-      }));
+      accepted += queue.post([&ran, i] { ran += std::to_string(i) + " "; }) ? "1" : "0";
     }
-    lock.lock();
-    release = true;
-    changed.notify_all();
-    lock.unlock();
+    release.set_value();
     queue.waitUntilIdle();
-    EXPECT_EQ(ran, c.ran);
-    EXPECT_EQ(accepted, c.accepted);
+    EXPECT_EQ(ran.substr(0, ran.size() - 1) + accepted, expected);
   }
 }
 
