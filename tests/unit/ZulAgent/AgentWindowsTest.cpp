@@ -19,83 +19,63 @@
 namespace zul {
 namespace {
 
-struct SetupWindow {
-  bool screen = true;
-  bool input = true;
+// Each step, then what the window shows: pill | button (never contradicting
+// the status) | whether the address can be edited | the error's start, and
+// starts/stops asked of the agent. A stopping agent's statuses change nothing.
+TEST(AgentSetupWindow, StartsOnlyWhenReadyFollowsTheAgentAndCancels) {
+  QSettings().clear();
+  bool input = false;
   std::vector<std::string> started;
   int stops = 0;
-  AgentSetupWindowController window{{[this] { return screen; }, [this] { return input; }}};
-
-  SetupWindow() {
-    window.show([this](const std::string& url) { started.push_back(url); }, [this] { ++stops; });
-  }
-  // The button never contradicts the status: what a press does now.
-  void expect(const char* pill, const char* button, bool fieldEnabled) {
-    EXPECT_EQ(window.pillText(), pill);
+  AgentSetupWindowController window{{[] { return true; }, [&] { return input; }}};
+  window.show([&](const std::string& url) { started.push_back(url); }, [&] { ++stops; });
+  const std::pair<std::string, std::string> steps[] = {
+      {"press https://rv.example.com",
+       "Не в сети | Включить Velto | editable | Сначала предоставьте | 0/0"},
+      {"allow", ""},
+      {"press http://rv.example.com",
+       "Не в сети | Включить Velto | editable | Введите корректный H | 0/0"},
+      {"press   https://rv.example.com\n", "Подключение | Отменить | fixed |  | 1/0"},
+      {R"(reconnecting: transportFailed(operation: "tls", reason: "certificate verify failed"))",
+       "Подключение | Отменить | fixed | Не удалось подключит | 1/0"},
+      {"connected", "Ожидание телефона | Отключить | fixed |  | 1/0"},
+      {"disconnected", "Не в сети | Отменить | fixed |  | 1/0"},
+      {"click", "Не в сети | Повторить | editable |  | 1/1"},
+      {"connected", "Не в сети | Повторить | editable |  | 1/1"},
+      {"click", "Подключение | Отменить | fixed |  | 2/1"},
+      {"failure captureFailed(reason: \"gone\")",
+       "Подключение | Повторить | editable | Не удалось начать за | 2/1"},
+  };
+  for (const auto& [step, expected] : steps) {
+    if (step == "allow") {
+      EXPECT_FALSE(QSettings().contains("ZulSignalingURL"));
+      input = true;
+      continue;
+    }
+    if (step.starts_with("press ")) {
+      window.serverField()->setText(QString::fromStdString(step.substr(6)));
+      window.startButton()->click();
+    } else if (step == "click") {
+      window.startButton()->click();
+    } else if (step.starts_with("failure ")) {
+      window.showFailure(step.substr(8));
+    } else {
+      window.updateTransportStatus(step);
+    }
     EXPECT_TRUE(window.startButton()->isEnabled());
-    EXPECT_EQ(window.startButton()->text(), button);
-    EXPECT_EQ(window.serverField()->isEnabled(), fieldEnabled);
+    const QString shown = window.pillText() + " | " + window.startButton()->text() + " | " +
+                          (window.serverField()->isEnabled() ? "editable" : "fixed") + " | " +
+                          (window.errorVisible() ? window.errorText().left(20) : "") + " | " +
+                          QString::number(started.size()) + "/" + QString::number(stops);
+    EXPECT_EQ(shown.toStdString(), expected) << step;
   }
-  void press(const QString& address) {
-    window.serverField()->setText(address);
-    window.startButton()->click();
-  }
-};
-
-TEST(AgentSetupWindow, StartsOnlyWithBothPermissionsAndAnHttpsAddress) {
-  QSettings().clear();
-  SetupWindow s;
-  s.input = false;
-  s.press("https://rv.example.com");
-  EXPECT_TRUE(s.started.empty());
-  EXPECT_EQ(s.window.errorText(), "Сначала предоставьте оба разрешения в настройках системы.");
-  EXPECT_FALSE(QSettings().contains("ZulSignalingURL"));
-
-  s.input = true;
-  s.press("http://rv.example.com");
-  EXPECT_TRUE(s.started.empty());
-  EXPECT_EQ(s.window.errorText(), "Введите корректный HTTPS-адрес сервера подключения.");
-
-  s.press("  https://rv.example.com\n");
-  EXPECT_EQ(s.started, std::vector<std::string>{"https://rv.example.com"});
+  EXPECT_GE(window.height(), window.minimumSizeHint().height());  // grown to show the reason
+  // Trimmed, kept only once started; fills the field next time.
+  EXPECT_EQ(started, std::vector<std::string>(2, "https://rv.example.com"));
   EXPECT_EQ(QSettings().value("ZulSignalingURL").toString(), "https://rv.example.com");
-  EXPECT_FALSE(s.window.errorVisible());
-  s.expect("Подключение", "Отменить", false);
-
-  // The stored address fills the field next time.
-  SetupWindow again;
-  EXPECT_EQ(again.window.serverField()->text(), "https://rv.example.com");
-}
-
-TEST(AgentSetupWindow, FollowsTheAgentsStatusAndCancels) {
-  SetupWindow s;
-  s.press("https://rv.example.com");
-  s.window.updateTransportStatus(
-      "reconnecting: transportFailed(operation: \"tls\", reason: \"certificate verify failed\")");
-  EXPECT_TRUE(s.window.errorVisible());
-  EXPECT_NE(s.window.errorText().indexOf("недоверенный TLS-сертификат"), -1);
-  s.expect("Подключение", "Отменить", false);
-  // The window grew to show the reason in full.
-  EXPECT_GE(s.window.height(), s.window.minimumSizeHint().height());
-
-  s.window.updateTransportStatus("connected");
-  EXPECT_FALSE(s.window.errorVisible());
-  s.expect("Ожидание телефона", "Отключить", false);
-  s.window.updateTransportStatus("disconnected");
-  s.expect("Не в сети", "Отменить", false);
-
-  s.window.startButton()->click();
-  EXPECT_EQ(s.stops, 1);
-  // A stopping agent's last statuses change nothing.
-  s.window.updateTransportStatus("connected");
-  s.expect("Не в сети", "Повторить", true);
-  s.window.startButton()->click();
-  EXPECT_EQ(s.started.size(), 2u);
-  s.expect("Подключение", "Отменить", false);
-
-  s.window.showFailure("captureFailed(reason: \"gone\")");
-  EXPECT_EQ(s.window.errorText(),
-            "Не удалось начать запись экрана. Проверьте разрешение и перезапустите Velto.");
+  AgentSetupWindowController again{{[] { return true; }, [] { return true; }}};
+  again.show([](const std::string&) {});
+  EXPECT_EQ(again.serverField()->text(), "https://rv.example.com");
 }
 
 TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
