@@ -75,18 +75,17 @@ TEST(AccessibilityScenePublisher, AnswersEveryRequestInTheVideosPixels) {
   publisher.setDisplay(VideoMapping::unscaled({-1280, 0, 0.4, 720}), 1);
   publish(2);
   ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[0]["type"], "scene.snapshot");
-  EXPECT_EQ(sent[0]["sessionId"], "s-1");
-  EXPECT_EQ(sent[0]["source"], "none");
-  EXPECT_EQ(sent[0]["screen"], nlohmann::json::parse(R"({"w": 1, "h": 720, "scale": 1.0,
-      "monitor": 1, "originX": -1280, "originY": 0, "hdr": false})"));
-  EXPECT_TRUE(sent[0]["elements"].empty());
-  EXPECT_EQ(sent[0]["windows"].size(), 1u);
-  EXPECT_EQ(sent[0]["activeWindow"]["id"], "axwin:unavailable");
-  EXPECT_EQ(sent[0]["activeWindow"]["title"], "workstation");
-  EXPECT_EQ(sent[0]["activeWindow"]["appId"], "linux.unknown");
-  EXPECT_EQ(sent[0]["seq"], 1);
-  EXPECT_EQ(sent[1]["seq"], 2);
+  const auto window = nlohmann::json::parse(R"({"appId": "linux.unknown", "className": "desktop",
+      "icon": "", "id": "axwin:unavailable", "pid": 0, "process": "unknown",
+      "rect": {"h": 720, "w": 0, "x": 0, "y": 0}, "title": "workstation"})");
+  auto expected = nlohmann::json::parse(R"({"elements": [], "profileRef": null, "protoVersion":
+      "1.0", "screen": {"h": 720, "hdr": false, "monitor": 1, "originX": -1280, "originY": 0,
+      "scale": 1.0, "w": 1}, "seq": 1, "sessionId": "s-1", "source": "none", "stalenessMs": 0,
+      "ts": 42, "type": "scene.snapshot"})");
+  expected["activeWindow"] = window;
+  expected["windows"] = {window};
+  EXPECT_EQ(sent[0], expected);
+  EXPECT_EQ(sent[1]["seq"], 2);  // requests in a row: consecutive numbers
   EXPECT_EQ(printed[0], "[scene] semantic scan found no focused accessible window");
 
   // A 1920x1080 display captured at 1280x720: the screen and every rectangle
