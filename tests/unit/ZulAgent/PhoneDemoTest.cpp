@@ -34,6 +34,7 @@ TEST(PhoneDemo, SettingsAddressAndBanner) {
       {{{"eth0", "203.0.113.9", true, false}, {"wlan0", "172.20.1.2", true, false}}, "172.20.1.2"},
       {{{"eth0", "203.0.113.9", true, false}, {"eth1", "169.254.3.3", true, false}}, "203.0.113.9"},
       {{{"eth0", "172.32.0.1", true, false}}, "172.32.0.1"},
+      {{{"eth0", "203.0.113.9", true, false}, {"wlan0", "10.0.0.7", true, false}}, "10.0.0.7"},
   };
   for (const auto& c : cases) EXPECT_EQ(chooseLANAddress(c.addresses), c.expected);
 

@@ -66,6 +66,11 @@ TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
     cases.push_back({"view-only phone", true, true, R"({"type":")" + type + R"(",)" + all,
                      printed + " denied(control)", "", type + ": denied(control)"});
   }
+  // Long text goes in pieces, never inside a UTF-8 sequence.
+  const std::string text = std::string(255, 'a') + "\u00e9" + std::string(44, 'b');
+  cases.push_back({"long text", true, false,
+                   nlohmann::json{{"type", "input.text"}, {"value", text}}.dump(),
+                   "[input.text] ok", "text 256|text 44"});
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name + (": " + c.message));
     auto injector = std::make_shared<test::RecordingInputInjector>();
