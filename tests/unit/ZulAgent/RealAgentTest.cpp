@@ -198,6 +198,7 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
       {nullptr, "3s", "24fps", fallback, std::nullopt, 30},
       {nullptr, "1e308", "99999999999999999999", fallback, 1e9, 60},  // capped, no overflow
       {nullptr, nullptr, "15", fallback, std::nullopt, 15},
+      {nullptr, nullptr, "120", fallback, std::nullopt, 60},
   };
   for (const auto& c : cases) {
     c.url ? setenv("ZUL_SIGNALING_URL", c.url, 1) : unsetenv("ZUL_SIGNALING_URL");
