@@ -29,6 +29,16 @@ TEST(AgentPeerSession, OneVideoTrackCatalogueChannelsAndTheSendingGate) {
   ASSERT_EQ(tracks.size(), 1u);
   EXPECT_TRUE(tracks[0].detailedContent);
   EXPECT_TRUE(tracks[0].keepsResolution);
+  // The gate's own cases are in the router's table; here: the session asks it,
+  // before any channel is made.
+  using E = AgentPeerSessionError;
+  EXPECT_EQ(test::outcome<E>([&] { session.sendBinary("control", Bytes(2)); }),
+            E::wrongChannelPayloadKind("control").text());
+  EXPECT_EQ(test::outcome<E>([&] { session.sendText("input-fast", std::string(65537, 'x')); }),
+            E::messageTooLarge("input-fast").text());
+  EXPECT_EQ(test::outcome<E>([&] { session.sendBinary("files", Bytes(10)); }),
+            E::channelNotOpen("files").text());
+
   session.createDataChannels();
   auto channels = session.channels();
   ASSERT_EQ(channels.size(), 5u);
@@ -41,15 +51,6 @@ TEST(AgentPeerSession, OneVideoTrackCatalogueChannelsAndTheSendingGate) {
     EXPECT_EQ(c.protocol, "zul/1");
     EXPECT_FALSE(c.negotiated);
   }
-  // The gate's own cases are in the router's table; here: the session asks it.
-  using E = AgentPeerSessionError;
-  EXPECT_EQ(test::outcome<E>([&] { session.sendBinary("control", Bytes(2)); }),
-            E::wrongChannelPayloadKind("control").text());
-  EXPECT_EQ(test::outcome<E>([&] { session.sendText("input-fast", std::string(65537, 'x')); }),
-            E::messageTooLarge("input-fast").text());
-  EXPECT_EQ(test::outcome<E>([&] { session.sendBinary("files", Bytes(10)); }),
-            E::channelNotOpen("files").text());
-
   // New ICE servers mean a new connection without channels until they are made again.
   session.configureIceServers(
       {"turn:127.0.0.1:3478?transport=udp", "turn:127.0.0.1:3478?transport=tcp"}, "user", "secret");
