@@ -230,8 +230,8 @@ TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
   a.store.save({a.phone.record()});
   first.setExpectedPeerDeviceId(a.phone.deviceId);
   second.setExpectedPeerDeviceId(a.phone.deviceId);
-  auto withReplace = [](nlohmann::json hello) {
-    hello["replaceSession"] = true;
+  auto withReplace = [](nlohmann::json hello, bool replace = true) {
+    hello["replaceSession"] = replace;
     return hello;
   };
   struct Step {
@@ -244,7 +244,7 @@ TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
       {first, *a.channel, a.phone.hello("s1", "n-1"), "granted"},
       {first, *a.channel, a.phone.hello("s1", "n-1"), "invalidSignature"},  // replayed
       {second, *b.channel, withReplace(a.phone.hello("s1", "n-1")), "invalidSignature"},
-      {second, *b.channel, a.phone.hello("s2", "n-2"), "anotherSessionActive"},
+      {second, *b.channel, withReplace(a.phone.hello("s2", "n-2"), false), "anotherSessionActive"},
       {second, *b.channel, withReplace(a.phone.hello("s2", "n-3")), "replaced"},
   };
   for (const auto& step : steps) {
