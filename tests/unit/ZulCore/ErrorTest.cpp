@@ -3,7 +3,6 @@
 #include "ZulCore/Media/CaptureSource.h"
 #include "ZulCore/Media/VideoEncoder.h"
 #include "ZulCore/Support/Console.h"
-#include "ZulCore/Trust/DevicePermission.h"
 
 namespace zul {
 namespace {
@@ -25,18 +24,6 @@ TEST(RtpDuration, NinetyKilohertzTicksPerFrame) {
   const std::pair<std::int64_t, std::uint32_t> cases[] = {
       {30, 3000}, {7, 12857}, {1, 90000}, {0, 90000}, {-5, 90000}};
   for (auto [fps, ticks] : cases) EXPECT_EQ(rtpDuration(fps), ticks) << fps;
-}
-
-TEST(PermissionGate, AllowsAndDemandsGrantedRightsOnly) {
-  const PermissionGate viewOnly{{DevicePermission::view}};
-  EXPECT_TRUE(viewOnly.allows(DevicePermission::view));
-  EXPECT_FALSE(viewOnly.allows(DevicePermission::control));
-  EXPECT_NO_THROW(viewOnly.demand(DevicePermission::view));
-  EXPECT_THROW(viewOnly.demand(DevicePermission::control), PermissionGateError);
-  EXPECT_EQ(PermissionGateError::denied(DevicePermission::control).text(), "denied(control)");
-  for (auto permission : allDevicePermissions)
-    EXPECT_EQ(devicePermissionFromRaw(rawValue(permission)), permission);
-  EXPECT_FALSE(devicePermissionFromRaw("View"));
 }
 
 // A phone's name printed on the console must not drive the terminal.

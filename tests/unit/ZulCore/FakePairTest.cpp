@@ -56,48 +56,40 @@ TEST(FakeCaptureSource, StopWaitsForTheFrameInFlightAndDeliversNothingAfter) {
   EXPECT_EQ(afterStop, 0);
 }
 
-VideoEncoderSettings settings(VideoCodec codec = VideoCodec::h264, std::int64_t bFrames = 0) {
-  return {.codec = codec,
-          .width = 960,
-          .height = 540,
-          .framesPerSecond = 10,
-          .bitrateKbps = 3000,
-          .bFrames = bFrames};
-}
-
-TEST(FakeH264Encoder, ConfigureRefusesWhatItCannotEncodeAndKeepsTheOldSettings) {
+// Refuses what it cannot encode and keeps the old settings; the access unit
+// carries the sequence.
+TEST(FakeH264Encoder, ConfigureRefusesWhatItCannotEncodeAndFramesCarryTheSequence) {
+  VideoEncoderSettings settings{.codec = VideoCodec::h264,
+                                .width = 960,
+                                .height = 540,
+                                .framesPerSecond = 10,
+                                .bitrateKbps = 3000};
   FakeH264Encoder encoder;
   EXPECT_THROW(encoder.encode(FakeCaptureSource::makeFrame(1, 16, 16, 0), false), MediaError);
   EXPECT_THROW(encoder.setBitrate(100), MediaError);
-  EXPECT_THROW(encoder.configure(settings(VideoCodec::h264, 2)), MediaError);
+  auto bad = settings;
+  bad.bFrames = 2;
+  EXPECT_THROW(encoder.configure(bad), MediaError);
   EXPECT_FALSE(encoder.settings());
-  encoder.configure(settings());
-  EXPECT_THROW(encoder.configure(settings(VideoCodec::av1)), MediaError);
-  EXPECT_EQ(encoder.settings(), settings());
-}
+  encoder.configure(settings);
+  bad = settings;
+  bad.codec = VideoCodec::av1;
+  EXPECT_THROW(encoder.configure(bad), MediaError);
+  EXPECT_EQ(encoder.settings(), settings);
 
-TEST(FakeH264Encoder, AccessUnitCarriesTheSequence) {
-  struct Case {
-    std::int64_t sequence;
-    bool force;
-    Bytes annexB;
-    bool key;
-  };
-  const Case cases[] = {
+  const std::tuple<std::int64_t, bool, Bytes, bool> cases[] = {
       {1, false, {0, 0, 0, 1, 0x65, 0, 0, 0, 0, 0, 0, 0, 1}, true},
       {2, false, {0, 0, 0, 1, 0x41, 0, 0, 0, 0, 0, 0, 0, 2}, false},
       {0x0102030405060708, true, {0, 0, 0, 1, 0x65, 1, 2, 3, 4, 5, 6, 7, 8}, true},
   };
-  FakeH264Encoder encoder;
-  encoder.configure(settings());
-  for (const auto& c : cases) {
-    auto frame = FakeCaptureSource::makeFrame(c.sequence % 1000, 16, 16, 0);
-    frame.sequence = c.sequence;
-    auto encoded = encoder.encode(frame, c.force);
+  for (const auto& [sequence, force, annexB, key] : cases) {
+    auto frame = FakeCaptureSource::makeFrame(sequence % 1000, 16, 16, 0);
+    frame.sequence = sequence;
+    auto encoded = encoder.encode(frame, force);
     ASSERT_TRUE(encoded);
-    EXPECT_EQ(encoded->annexB, c.annexB);
-    EXPECT_EQ(encoded->isKeyFrame, c.key);
-    EXPECT_EQ(encoded->sequence, c.sequence);
+    EXPECT_EQ(encoded->annexB, annexB);
+    EXPECT_EQ(encoded->isKeyFrame, key);
+    EXPECT_EQ(encoded->sequence, sequence);
     EXPECT_EQ(encoded->rtpDuration, 9000u);
   }
 }

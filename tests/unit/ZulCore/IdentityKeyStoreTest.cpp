@@ -75,18 +75,8 @@ TEST_F(IdentityKeyStoreTest, CreatesStoresAndReloadsAFreshIdentity) {
   EXPECT_NE(IdentityKeyStore(store).agentId(), first.agentId());
 }
 
-TEST_F(IdentityKeyStoreTest, DamagedSecretFailsAndIsLeftUntouched) {
-  for (std::size_t length : {0u, 31u, 64u}) {
-    Bytes damaged(length, 0xA5);
-    store.save(damaged);
-    EXPECT_THROW(IdentityKeyStore{store}, IdentityError) << length;
-    EXPECT_EQ(store.load(), damaged);
-  }
-}
-
 // A backend whose reads or writes fail, as a locked keyring does.
-class FailingBackend final : public SecretBackend {
- public:
+struct FailingBackend final : SecretBackend {
   bool failLoad = false;
   std::string name() const override { return "failing"; }
   std::optional<Bytes> load(const std::string&, const std::string& account) override {
@@ -99,7 +89,14 @@ class FailingBackend final : public SecretBackend {
   void remove(const std::string&, const std::string&) noexcept override {}
 };
 
-TEST_F(IdentityKeyStoreTest, StoreFailuresPassToTheCaller) {
+// A damaged secret or a failing store is an error, and nothing is replaced.
+TEST_F(IdentityKeyStoreTest, DamagedSecretAndStoreFailuresPassToTheCaller) {
+  for (std::size_t length : {0u, 31u, 64u}) {
+    Bytes damaged(length, 0xA5);
+    store.save(damaged);
+    EXPECT_THROW(IdentityKeyStore{store}, IdentityError) << length;
+    EXPECT_EQ(store.load(), damaged);
+  }
   auto failing = std::make_shared<FailingBackend>();
   SecretStore failingStore("identity", failing);
   EXPECT_THROW(IdentityKeyStore{failingStore}, SecretStoreError);  // save fails
@@ -138,17 +135,15 @@ TEST_F(IdentityKeyStoreTest, VerifyRejectsWithoutThrowing) {
 
 TEST_F(IdentityKeyStoreTest, SignsFromManyThreads) {
   const IdentityKeyStore identity(store);
-  const Bytes payload = toBytes("fingerprint");
-  const Bytes expected = identity.sign(payload);  // Ed25519 is deterministic
-  std::vector<std::thread> threads;
+  const Bytes expected = identity.sign(toBytes("fingerprint"));  // Ed25519 is deterministic
   std::atomic<int> mismatches{0};
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 200; ++i)
-        if (identity.sign(payload) != expected) ++mismatches;
+  std::vector<std::jthread> threads(4);
+  for (auto& thread : threads) {
+    thread = std::jthread([&] {
+      for (int i = 0; i < 200; ++i) mismatches += identity.sign(toBytes("fingerprint")) != expected;
     });
   }
-  for (auto& thread : threads) thread.join();
+  threads.clear();
   EXPECT_EQ(mismatches, 0);
 }
 

@@ -23,14 +23,9 @@ struct PairingFixture : ::testing::Test {
 
   static std::string urlDecode(std::string_view text) {
     std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      if (text[i] == '%') {
-        out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
-        i += 2;
-      } else {
-        out += text[i];
-      }
-    }
+    for (std::size_t i = 0; i < text.size(); ++i)
+      out += text[i] != '%' ? text[i]
+                            : char(std::stoi(std::string(text.substr((i += 2) - 1, 2)), 0, 16));
     return out;
   }
 };

@@ -32,18 +32,17 @@ TrustedDevice device(std::string id, std::set<DevicePermission> permissions = {
           false};
 }
 
-TEST(TrustedDeviceJson, EncodesCompactlyInFieldOrder) {
+TEST(TrustedDeviceJson, EncodesCompactlyInFieldOrderAndReadsExtraKeys) {
   EXPECT_EQ(encodeTrustedDevices({}), "[]");
   EXPECT_EQ(
       encodeTrustedDevices({device("d1", {DevicePermission::control, DevicePermission::view})}),
       R"([{"deviceId":"d1","name":"Phone d1","ed25519PublicKey":"key-d1",)"
       R"("permissions":["view","control"],"pairedAt":"2026-11-15T18:09:39Z","revoked":false}])");
-  const std::vector<TrustedDevice> list = {device("a"), device("b", {}), device("c")};
+  const std::vector<TrustedDevice> list = {
+      device("a"), device("b", {}),
+      device("c", {allDevicePermissions.begin(), allDevicePermissions.end()})};
   EXPECT_EQ(decodeTrustedDevices(encodeTrustedDevices(list)), list);
-}
-
-// A later version may add keys; any permission order is read.
-TEST(TrustedDeviceJson, AcceptsAnyPermissionOrderAndExtraKeys) {
+  // A later version may add keys; any permission order is read.
   auto decoded = decodeTrustedDevices(
       R"([{"deviceId":"d","name":"n","ed25519PublicKey":"k","permissions":["unattended","view","view"],)"
       R"("pairedAt":"2026-01-02T03:04:05Z","revoked":true,"future":1}])");
@@ -65,6 +64,7 @@ TEST(TrustedDeviceJson, OneBadRecordFailsTheWholeList) {
       with(R"("deviceId":"d",)", ""),
       with(R"(,"revoked":false)", ""),
       with(R"(["view"])", R"(["view","admin"])"),
+      with(R"(["view"])", R"(["View"])"),
       with(R"(["view"])", R"("view")"),
       with("03:04:05Z", "03:04:05"),
       with(R"("revoked":false)", R"("revoked":"false")"),
@@ -122,22 +122,17 @@ TEST_F(StoreFixture, CorruptStoreIsNeverRewritten) {
 }
 
 TEST_F(StoreFixture, ConcurrentRevokesAndPairingsLoseNothing) {
-  constexpr int perThread = 50;
   std::vector<TrustedDevice> initial;
-  for (int i = 0; i < perThread; ++i) initial.push_back(device("old" + std::to_string(i)));
+  for (int i = 0; i < 50; ++i) initial.push_back(device("old" + std::to_string(i)));
   store.save(initial);
-
-  std::thread pairer([&] {
-    for (int i = 0; i < perThread; ++i) store.addOrReplace(device("new" + std::to_string(i)));
-  });
-  std::thread revoker([&] {
-    for (int i = 0; i < perThread; ++i) store.revoke("old" + std::to_string(i));
-  });
-  pairer.join();
-  revoker.join();
-
+  {
+    std::jthread pairer([&] {
+      for (int i = 0; i < 50; ++i) store.addOrReplace(device("new" + std::to_string(i)));
+    });
+    for (int i = 0; i < 50; ++i) store.revoke("old" + std::to_string(i));
+  }
   auto list = store.load();
-  ASSERT_EQ(list.size(), 2u * perThread);
+  ASSERT_EQ(list.size(), 100u);
   for (const auto& d : list) EXPECT_EQ(d.revoked, d.deviceId.starts_with("old")) << d.deviceId;
 }
 

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "ZulCore/Trust/Base64Url.h"
+#include "ZulCore/Trust/ControlSessionLease.h"
 #include "ZulCore/Trust/IdentityKeyStore.h"
 #include "ZulCore/Trust/MemorySecretBackend.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
@@ -227,8 +230,8 @@ TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
   a.store.save({a.phone.record()});
   first.setExpectedPeerDeviceId(a.phone.deviceId);
   second.setExpectedPeerDeviceId(a.phone.deviceId);
-  auto withReplace = [](nlohmann::json hello) {
-    hello["replaceSession"] = true;
+  auto withReplace = [](nlohmann::json hello, bool replace = true) {
+    hello["replaceSession"] = replace;
     return hello;
   };
   struct Step {
@@ -241,7 +244,7 @@ TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
       {first, *a.channel, a.phone.hello("s1", "n-1"), "granted"},
       {first, *a.channel, a.phone.hello("s1", "n-1"), "invalidSignature"},  // replayed
       {second, *b.channel, withReplace(a.phone.hello("s1", "n-1")), "invalidSignature"},
-      {second, *b.channel, a.phone.hello("s2", "n-2"), "anotherSessionActive"},
+      {second, *b.channel, withReplace(a.phone.hello("s2", "n-2"), false), "anotherSessionActive"},
       {second, *b.channel, withReplace(a.phone.hello("s2", "n-3")), "replaced"},
   };
   for (const auto& step : steps) {
@@ -259,6 +262,45 @@ TEST(ControlSessionDispatchers, ShareTheLeaseAndRefuseReplayedHellos) {
   EXPECT_EQ(b.channel->sent.back()["message"], "denied(control)");
   second.refuse("s2", std::runtime_error("staleElement"));
   EXPECT_EQ(b.channel->sent.back()["code"], "INVALID_MESSAGE");
+}
+
+// The lease on its own. Steps: "s1 d1" acquires for session s1 of device d1,
+// "s1 d1 replace" displaces the holder, "release s1"; an acquire answers
+// "granted" or "refused", the session it displaced and the holder after it.
+TEST(ControlSessionLease, Scenarios) {
+  const std::pair<std::vector<std::string>, std::vector<std::string>> scenarios[] = {
+      {{"s1 d1", "s1 d1"}, {"granted s1", "granted s1"}},  // the same again: no change
+      {{"s1 d1", "s2 d2"}, {"granted s1", "refused s1"}},
+      {{"s1 d1", "s2 d2 replace"}, {"granted s1", "granted replacing s1: s2"}},
+      // The same session from another device names itself replaced.
+      {{"s1 d1", "s1 d2 replace"}, {"granted s1", "granted replacing s1: s1"}},
+      {{"s1 d1", "s1 d2"}, {"granted s1", "refused s1"}},
+      // A displaced session releasing late keeps its successor.
+      {{"s1 d1", "s2 d1 replace", "release s1"}, {"granted s1", "granted replacing s1: s2", "s2"}},
+      {{"s1 d1", "release s1", "s2 d2"}, {"granted s1", "-", "granted s2"}},
+      {{"release s1"}, {"-"}},
+  };
+  for (const auto& [steps, expected] : scenarios) {
+    ControlSessionLease lease;
+    std::vector<std::string> seen;
+    for (const auto& step : steps) {
+      std::istringstream words(step);
+      std::string session, device, replace;
+      words >> session >> device >> replace;
+      if (session == "release") {
+        lease.release(device);
+        seen.push_back(lease.activeSessionId().value_or("-"));
+        continue;
+      }
+      const auto result = lease.acquire(session, device, replace == "replace");
+      EXPECT_EQ(result.activeSessionId, lease.activeSessionId());
+      seen.push_back(
+          std::string(result.granted ? "granted " : "refused ") +
+          (result.replacedSessionId ? "replacing " + *result.replacedSessionId + ": " : "") +
+          result.activeSessionId.value_or("-"));
+    }
+    EXPECT_EQ(seen, expected) << steps.back();
+  }
 }
 
 }  // namespace

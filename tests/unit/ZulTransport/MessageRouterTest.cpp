@@ -2,6 +2,7 @@
 
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/MessageRouter.h"
+#include "unit/ZulCore/Outcome.h"
 
 namespace zul {
 namespace {
@@ -10,14 +11,18 @@ std::string envelope(const std::string& type, const std::string& extra = "") {
   return R"({"type":")" + type + R"(","protoVersion":"1.0","sessionId":"s1")" + extra + "}";
 }
 
-// An outcome: accepted, a router error, or the decoder's own error.
-struct Outcome {
-  std::optional<MessageRouterError> error;
-  bool decodeError = false;
-};
-Outcome accepted() { return {}; }
-Outcome fails(MessageRouterError e) { return {std::move(e), false}; }
-Outcome notJson() { return {std::nullopt, true}; }
+// "ok", the router's error text, or "notJson" for the decoder's own error.
+std::string parsed(const std::string& channel, const std::string& data) {
+  try {
+    auto message = MessageRouter::parse(channel, data);
+    EXPECT_EQ(message.json["type"], message.type);
+    return "ok";
+  } catch (const MessageRouterError& error) {
+    return error.text();
+  } catch (const nlohmann::json::parse_error&) {
+    return "notJson";
+  }
+}
 
 TEST(MessageRouter, ParseOrderAndErrors) {
   using E = MessageRouterError;
@@ -25,57 +30,44 @@ TEST(MessageRouter, ParseOrderAndErrors) {
     const char* name;
     std::string channel;
     std::string data;
-    Outcome outcome;
+    std::string outcome;
   };
   const std::string bigGarbage(65537, 'x');
   std::string exactlyMax = envelope("input.cursor", R"(,"pad":")");
   exactlyMax += std::string(65536 - exactlyMax.size() - 2, 'p') + "\"}";
   const Case cases[] = {
-      {"unknown label before size", "nope", bigGarbage, fails(E::unknownChannel("nope"))},
+      {"unknown label before size", "nope", bigGarbage, E::unknownChannel("nope").text()},
       {"one byte over is refused before decoding", "input-fast", bigGarbage,
-       fails(E::messageTooLarge("input-fast"))},
-      {"exactly the limit passes", "input-fast", exactlyMax, accepted()},
-      {"not JSON", "control", "{nope", notJson()},
-      {"bare string is not a document", "control", R"("control.hello")", notJson()},
-      {"array body", "control", "[1,2]", fails(E::missingField("<body>"))},
+       E::messageTooLarge("input-fast").text()},
+      {"exactly the limit passes", "input-fast", exactlyMax, "ok"},
+      {"not JSON", "control", "{nope", "notJson"},
+      {"bare string is not a document", "control", R"("control.hello")", "notJson"},
+      {"array body", "control", "[1,2]", E::missingField("<body>").text()},
       {"missing type", "control", R"({"protoVersion":"1.0","sessionId":"s"})",
-       fails(E::missingField("type"))},
+       E::missingField("type").text()},
       {"empty session", "control", R"({"type":"control.x","protoVersion":"1.0","sessionId":""})",
-       fails(E::missingField("sessionId"))},
+       E::missingField("sessionId").text()},
       {"fields read before the version check", "control",
-       R"({"type":"control.x","protoVersion":"2.0"})", fails(E::missingField("sessionId"))},
+       R"({"type":"control.x","protoVersion":"2.0"})", E::missingField("sessionId").text()},
       {"major 2", "control", R"({"type":"control.x","protoVersion":"2.0","sessionId":"s"})",
-       fails(E::unsupportedProtocolMajor("2.0"))},
+       E::unsupportedProtocolMajor("2.0").text()},
       {"major 10", "control", R"({"type":"control.x","protoVersion":"10.0","sessionId":"s"})",
-       fails(E::unsupportedProtocolMajor("10.0"))},
+       E::unsupportedProtocolMajor("10.0").text()},
       {"minor not parsed", "control",
-       R"({"type":"control.x","protoVersion":"1.25","sessionId":"s"})", accepted()},
+       R"({"type":"control.x","protoVersion":"1.25","sessionId":"s"})", "ok"},
       {"version before type check", "input-fast",
        R"({"type":"input.key","protoVersion":"3.0","sessionId":"s"})",
-       fails(E::unsupportedProtocolMajor("3.0"))},
+       E::unsupportedProtocolMajor("3.0").text()},
       {"key on fast channel", "input-fast", envelope("input.key"),
-       fails(E::typeNotAllowedOnChannel("input.key", "input-fast"))},
+       E::typeNotAllowedOnChannel("input.key", "input-fast").text()},
       {"one level deeper than the limit is a decode error", "control",
-       envelope("control.x", R"(,"a":)" + std::string(64, '[') + std::string(64, ']')), notJson()},
+       envelope("control.x", R"(,"a":)" + std::string(64, '[') + std::string(64, ']')), "notJson"},
       {"brackets inside strings do not count", "control",
-       envelope("control.x", R"(,"a":")" + std::string(1000, '[') + "\""), accepted()},
+       envelope("control.x", R"(,"a":")" + std::string(1000, '[') + "\""), "ok"},
       {"nesting at the limit is fine", "control",
-       envelope("control.x", R"(,"a":)" + std::string(63, '[') + std::string(63, ']')), accepted()},
+       envelope("control.x", R"(,"a":)" + std::string(63, '[') + std::string(63, ']')), "ok"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    try {
-      auto message = MessageRouter::parse(c.channel, c.data);
-      EXPECT_FALSE(c.outcome.error) << "expected " << c.outcome.error->text();
-      EXPECT_FALSE(c.outcome.decodeError) << "expected a decode error";
-      EXPECT_EQ(message.json["type"], message.type);
-    } catch (const MessageRouterError& error) {
-      ASSERT_TRUE(c.outcome.error) << "unexpected " << error.text();
-      EXPECT_EQ(error, *c.outcome.error) << error.text();
-    } catch (const nlohmann::json::parse_error&) {
-      EXPECT_TRUE(c.outcome.decodeError) << "unexpected decode error";
-    }
-  }
+  for (const auto& c : cases) EXPECT_EQ(parsed(c.channel, c.data), c.outcome) << c.name;
 }
 
 TEST(MessageRouter, TypesPerChannel) {
@@ -122,13 +114,9 @@ TEST(SendingGate, ChecksLabelKindAndSizeInOrder) {
       {"scene", false, 2 * 1024 * 1024 + 1, E::messageTooLarge("scene")},
   };
   for (const auto& c : cases) {
-    try {
-      EXPECT_EQ(requireSendable(c.label, c.binary, c.bytes).label, c.label);
-      EXPECT_FALSE(c.error) << c.label;
-    } catch (const E& error) {
-      ASSERT_TRUE(c.error) << error.text();
-      EXPECT_EQ(error, *c.error) << error.text();
-    }
+    EXPECT_EQ(test::outcome<E>([&] { requireSendable(c.label, c.binary, c.bytes); }),
+              c.error ? c.error->text() : "ok")
+        << c.label;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "ZulCore/Trust/MemorySecretBackend.h"
+#include "ZulTransport/AgentPeerSession.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
 
 namespace zul {
@@ -75,6 +76,7 @@ TEST(PersistedDtlsCertificate, DamagedRecordFailsClearlyWithoutTheKeyAndIsLeftAs
       EXPECT_EQ(error.text().find(keyLine.substr(0, 8)), std::string::npos) << error.text();
       EXPECT_EQ(error.text().find("PRIVATE"), std::string::npos) << error.text();
     }
+    EXPECT_THROW(AgentPeerSession{makeStore(backend)}, DtlsCertificateError);  // not an abort
     EXPECT_EQ(backend->load(SecretStore::service, "dtls-certificate"), toBytes(c.stored));
   }
 }
