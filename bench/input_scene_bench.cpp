@@ -17,12 +17,12 @@
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
-#include "integration/DesktopSession.h"
+#include "integration/TestDesktop.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using zul::test::DesktopSession;
+using zul::test::Desktop;
 
 double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
@@ -87,12 +87,12 @@ class Watcher {
 
 int main(int argc, char** argv) {
   const bool scanOnly = argc > 1 && std::string(argv[1]) == "--scan-only";
-  auto missing = DesktopSession::whyMissing();
+  auto missing = Desktop::whyMissing();
   if (!missing.empty()) {
     std::printf("input/scene bench skipped: %s\n", missing.c_str());
     return 0;
   }
-  DesktopSession* desktop = DesktopSession::get();
+  Desktop* desktop = Desktop::get();
   const zul::PermissionGate gate{{zul::DevicePermission::control}};
   const zul::DesktopRect screen{0, 0, 1280, 720};
   std::printf("desktop control bench on Xvfb %s (1280x720)\n", desktop->display().c_str());
@@ -176,6 +176,5 @@ int main(int argc, char** argv) {
     budgeted.print("scan, 1000 widgets, 0.3 s budget");
     std::printf("%-44s %zu elements\n", "  collected", budgetedCount);
   }
-  DesktopSession::shutdown();
   return 0;
 }

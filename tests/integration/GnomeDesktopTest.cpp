@@ -8,7 +8,6 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "ZulAgent/orchestration/CaptureGeometry.h"
@@ -19,6 +18,7 @@
 #include "ZulCore/Trust/DevicePermission.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
+#include "integration/TestApp.h"
 #include "support/GnomeSession.h"
 
 namespace zul {
@@ -31,45 +31,6 @@ using test::GnomeSession;
 // The test window's background, and what full-range BT.601 makes of it.
 constexpr const char* background = "#2060c0";
 constexpr int expectedY = 88, expectedU = 187, expectedV = 88;
-
-// The GTK test app, full screen on the primary monitor (a Wayland window
-// cannot place itself), printing what it receives.
-class WaylandApp {
- public:
-  explicit WaylandApp(const GnomeSession& session) {
-    ChildProcess::Options options;
-    options.captureStdout = true;
-    options.env = session.environment();
-    options.env["GDK_BACKEND"] = "wayland";
-    options.unsetEnv = {"DISPLAY", "NO_AT_BRIDGE", "GTK_MODULES"};
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen",
-                                 "--background", background},
-        options);
-    auto ready = waitFor("ready ", 30s);
-    if (!ready) throw std::runtime_error("the test app did not start");
-    std::istringstream in(ready->substr(6));
-    int x, y, width, height;
-    in >> x >> y >> width >> height >> pad.x >> pad.y >> pad.width >> pad.height;
-  }
-  // The first line starting with `prefix`; lines before it are skipped.
-  std::optional<std::string> waitFor(const std::string& prefix, std::chrono::seconds limit = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto line = process_->readStdoutLine(std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now()));
-      if (!line) return std::nullopt;
-      last = *line;
-      if (line->rfind(prefix, 0) == 0) return line;
-    }
-    return std::nullopt;
-  }
-  std::string last;
-  DesktopRect pad;  // the pad that reports pointer buttons and wheel steps
-
- private:
-  std::unique_ptr<ChildProcess> process_;
-};
 
 // Frames of one capture run, kept as the test needs them.
 struct FrameLog {
@@ -122,20 +83,18 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   // Two monitors side by side from mutter's display configuration.
   const auto displays = backend->availableDisplays();
   ASSERT_EQ(displays.size(), 2u);
-  const struct {
-    std::int64_t width, height, originX, originY;
-  } layout[] = {{1920, 1080, 0, 0}, {1280, 720, 1920, 0}};
-  for (std::size_t i = 0; i < 2; ++i) {
-    EXPECT_EQ(displays[i].index, std::int64_t(i));
-    EXPECT_EQ(displays[i].width, layout[i].width);
-    EXPECT_EQ(displays[i].height, layout[i].height);
-    EXPECT_EQ(displays[i].originX, layout[i].originX);
-    EXPECT_EQ(displays[i].originY, layout[i].originY);
-  }
+  auto geometry = [](const DisplayDescriptor& d) {
+    return std::vector<std::int64_t>{d.index, d.width, d.height, d.originX, d.originY};
+  };
+  EXPECT_EQ(geometry(displays[0]), (std::vector<std::int64_t>{0, 1920, 1080, 0, 0}));
+  EXPECT_EQ(geometry(displays[1]), (std::vector<std::int64_t>{1, 1280, 720, 1920, 0}));
   EXPECT_EQ(backend->primaryDisplayID(), displays[0].displayID);
   EXPECT_NE(displays[0].displayID, displays[1].displayID);
 
-  WaylandApp app(*session);
+  // Full screen on the primary monitor: a Wayland window cannot place itself.
+  ChildProcess::Options options{.env = session->environment(), .unsetEnv = {"DISPLAY"}};
+  options.env["GDK_BACKEND"] = "wayland";
+  test::TestApp app({"--fullscreen", "--background", background}, options);
 
   // Frames of the primary monitor at its own size, with the window's colour.
   auto capture = backend->makeCaptureSource();
@@ -218,7 +177,7 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
       << app.last;
   keyboard.sendHotkey("Ctrl+A", gate);
   EXPECT_TRUE(app.waitFor("key a 4")) << app.last;
-  injector->movePointer({app.pad.x + app.pad.width / 2, app.pad.y + app.pad.height / 2});
+  injector->movePointer({app.pad.x + app.pad.width / 2.0, app.pad.y + app.pad.height / 2.0});
   injector->scroll(0, 1);
   EXPECT_TRUE(app.waitFor("scroll down")) << app.last;
   injector->setKey(keysym::shiftL, true);
