@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
+#include "unit/ZulCore/Outcome.h"
 
 namespace zul {
 namespace {
@@ -214,13 +215,8 @@ TEST_F(SceneFixture, InvokePressesFocusesOrPicks) {
 
   // Stale, unknown and unreachable elements are refused.
   std::string ok = find(*scene, "OK")->id;
-  auto errorOf = [&](const std::string& id, std::int64_t seq) -> std::string {
-    try {
-      source.invoke(id, seq);
-      return "ok";
-    } catch (const AccessibilitySceneError& e) {
-      return e.text();
-    }
+  auto errorOf = [&](const std::string& id, std::int64_t seq) {
+    return test::outcome<AccessibilitySceneError>([&] { source.invoke(id, seq); });
   };
   EXPECT_EQ(errorOf(ok, 12), "ok");
   EXPECT_EQ(errorOf(ok, 8), "ok");

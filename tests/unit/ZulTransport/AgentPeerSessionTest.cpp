@@ -44,10 +44,10 @@ TEST(AgentPeerSession, OneVideoTrackCatalogueChannelsAndTheSendingGate) {
   ASSERT_EQ(channels.size(), 5u);
   std::map<std::string, AgentPeerSession::ChannelInfo> byLabel;
   for (auto& c : channels) byLabel[c.label] = c;
-  for (const auto& spec : DataChannelCatalog::all) {
-    const auto& c = byLabel.at(std::string(spec.label));
-    EXPECT_EQ(c.ordered, spec.ordered) << spec.label;
-    EXPECT_EQ(c.maxRetransmits, spec.maxRetransmits.value_or(-1)) << spec.label;
+  for (const auto& wanted : DataChannelCatalog::all) {
+    const auto& c = byLabel.at(std::string(wanted.label));
+    EXPECT_EQ(c.ordered, wanted.ordered) << wanted.label;
+    EXPECT_EQ(c.maxRetransmits, wanted.maxRetransmits.value_or(-1)) << wanted.label;
     EXPECT_EQ(c.protocol, "zul/1");
     EXPECT_FALSE(c.negotiated);
   }
