@@ -25,7 +25,7 @@ TEST(AgentWindowTexts, AcceptsOnlyHttpsAddressesWithAHost) {
 
 TEST(AgentWindowTexts, ShowsEachStatus) {
   struct Case {
-    const char* status;
+    std::string status;
     std::optional<std::string> pill;
     PillColour colour;
     AgentPhase phase;
@@ -37,6 +37,11 @@ TEST(AgentWindowTexts, ShowsEachStatus) {
   const auto green = PillColour::green, accent = PillColour::accent, grey = PillColour::neutral;
   const std::string retry = " Повторная попытка каждые 2 с.";
   const std::string offline = "●  Нет связи с сервером, повторная попытка…";
+  const std::string cannot = "Не удалось подключиться: ";
+  auto failed = [](std::string operation, std::string reason) {
+    return "reconnecting: transportFailed(operation: \"" + operation + "\", reason: \"" + reason +
+           "\")";
+  };
   const Case cases[] = {
       {"peer-ready", "Подключено", green, online, false, "", "●  Телефон подключён"},
       // A phone named like a status word is still only a name.
@@ -48,20 +53,14 @@ TEST(AgentWindowTexts, ShowsEachStatus) {
       {"waiting", "Ожидание телефона", accent, online, false, "", "●  Ожидание телефона"},
       {"ready", "Ожидание телефона", accent, online, false, "", std::nullopt},
       {"reconnecting", "Подключение", accent, connecting, false, std::nullopt, offline},
-      {"reconnecting: transportFailed(operation: \"tls\", reason: \"certificate verify failed\")",
-       "Подключение", accent, connecting, false,
-       "Не удалось подключиться: сервер предъявил недоверенный TLS-сертификат." + retry, offline},
-      {"reconnecting: transportFailed(operation: \"connect\", reason: \"Connection refused\")",
-       "Подключение", accent, connecting, false,
-       "Не удалось подключиться: сервер отказал в соединении (порт закрыт)." + retry, offline},
-      {"reconnecting: transportFailed(operation: \"resolve\", reason: \"x: Name or service not "
-       "known\")",
-       "Подключение", accent, connecting, false,
-       "Не удалось подключиться: сервер недоступен (адрес не найден или нет сети)." + retry,
-       offline},
-      {"reconnecting: transportFailed(operation: \"read\", reason: \"Operation timed out\")",
-       "Подключение", accent, connecting, false,
-       "Не удалось подключиться: сервер не ответил вовремя." + retry, offline},
+      {failed("tls", "certificate verify failed"), "Подключение", accent, connecting, false,
+       cannot + "сервер предъявил недоверенный TLS-сертификат." + retry, offline},
+      {failed("connect", "Connection refused"), "Подключение", accent, connecting, false,
+       cannot + "сервер отказал в соединении (порт закрыт)." + retry, offline},
+      {failed("resolve", "x: Name or service not known"), "Подключение", accent, connecting, false,
+       cannot + "сервер недоступен (адрес не найден или нет сети)." + retry, offline},
+      {failed("read", "Operation timed out"), "Подключение", accent, connecting, false,
+       cannot + "сервер не ответил вовремя." + retry, offline},
       {"disconnected", "Не в сети", grey, connecting, false, std::nullopt, offline},
       {"error:device-revoked", std::nullopt, grey, stopped, true},
       {"session-limit-reached", std::nullopt, accent, unchanged, false},
@@ -69,7 +68,9 @@ TEST(AgentWindowTexts, ShowsEachStatus) {
   for (const auto& c : cases) {
     const auto view = statusView(c.status);
     EXPECT_EQ(view.pillText, c.pill) << c.status;
-    if (c.pill) EXPECT_EQ(view.colour, c.colour) << c.status;
+    if (c.pill) {
+      EXPECT_EQ(view.colour, c.colour) << c.status;
+    }
     EXPECT_EQ(view.phase, c.phase) << c.status;
     EXPECT_EQ(view.showFailure, c.failure) << c.status;
     EXPECT_EQ(view.problem, c.problem) << c.status;
