@@ -140,8 +140,11 @@ class AgentSignalingClientTest : public testing::Test {
     return peer_->waitUntil([&] { return !peer_->iceServers().empty(); });
   }
   // How run() ended; a null pointer when it returned.
-  std::exception_ptr runEnd() {
-    EXPECT_EQ(ended_.wait_for(20s), std::future_status::ready) << "run() did not end";
+  std::exception_ptr runEnd(AgentSignalingClient& client) {
+    if (ended_.wait_for(20s) != std::future_status::ready) {
+      client.close();
+      ADD_FAILURE() << "run() did not end";
+    }
     return ended_.get();
   }
 
@@ -186,7 +189,7 @@ TEST_F(AgentSignalingClientTest, ServerChecksProofsAndRelaysUpToTheLargestMessag
   auto stale = makeClient(skewed);
   EXPECT_THROW(stale->createPairing(), SignalingError);
   startRun(*stale);
-  EXPECT_NE(errorText<SignalingTransportError>(runEnd()).find("HTTP status 401"),
+  EXPECT_NE(errorText<SignalingTransportError>(runEnd(*stale)).find("HTTP status 401"),
             std::string::npos);
 
   auto client = makeClient();
@@ -223,7 +226,7 @@ TEST_F(AgentSignalingClientTest, ServerChecksProofsAndRelaysUpToTheLargestMessag
   ASSERT_TRUE(peer_->waitUntil([&] { return peer_->answers().size() == 2; }));
   EXPECT_EQ(peer_->answers()[1].size(), 262'144 - 33u - named);
   phone.send(answerOfSize(262'145 - named));
-  EXPECT_EQ(errorText<SignalingError>(runEnd()), SignalingError::messageTooLarge().text());
+  EXPECT_EQ(errorText<SignalingError>(runEnd(*client)), SignalingError::messageTooLarge().text());
   EXPECT_EQ(peer_->answers().size(), 2u);
   EXPECT_EQ(statuses().back(), "disconnected");
 }
@@ -321,7 +324,7 @@ TEST_F(AgentSignalingClientTest, CloseEndsWhateverASilentServerHolds) {
       std::this_thread::sleep_for(300ms);
       client->close();
     }
-    const auto failure = runEnd();
+    const auto failure = runEnd(*client);
     EXPECT_EQ(failure != nullptr, !c.close) << errorText<SignalingTransportError>(failure);
     if (failure) {
       EXPECT_THROW(std::rethrow_exception(failure), SignalingTransportError);
@@ -381,7 +384,7 @@ TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
   startRun(*client);
   ASSERT_TRUE(connected()) << "no turn.credentials over wss";
   client->close();
-  EXPECT_FALSE(runEnd());
+  EXPECT_FALSE(runEnd(*client));
 
   // A trusted certificate for another name than the one dialled.
   startServer({"--tls-cert", elsewhere.cert, "--tls-key", elsewhere.key});

@@ -27,8 +27,6 @@ class ScopedEnv {
     value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
   }
   ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
   const char* name_;
@@ -73,9 +71,7 @@ class PrivateKeyring {
   }
   ~PrivateKeyring() {
     daemon_.reset();
-    bus_.reset();
-    std::error_code ignored;
-    fs::remove_all(temp_, ignored);
+    fs::remove_all(temp_);
   }
 
   const std::string& address() const { return bus_->address(); }
