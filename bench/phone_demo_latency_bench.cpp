@@ -29,7 +29,7 @@
 #include <thread>
 
 #include "e2e/HeadlessChromium.h"
-#include "e2e/ScreenPattern.h"
+#include "ScreenPattern.h"
 #include "support/ChildProcess.h"
 #include "support/ThrottledLink.h"
 #include "support/XvfbServer.h"

@@ -3,13 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <optional>
 #include <thread>
 
 #include "HeadlessChromium.h"
-#include "ScreenPattern.h"
 #include "support/ChildProcess.h"
+#include "support/ScreenPainter.h"
 #include "support/ThrottledLink.h"
 #include "support/XvfbServer.h"
 
@@ -18,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr Rgb red{255, 0, 0}, green{0, 255, 0}, blue{0, 0, 255}, white{255, 255, 255};
+constexpr unsigned red = 0xff0000, green = 0x00ff00, blue = 0x0000ff, white = 0xffffff;
 
 constexpr const char* videoStats = R"js((async () => {
   const stats = await pc.getStats();
@@ -75,8 +76,14 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
       SCOPED_TRACE("tc " + link->shaping());
     }
     XvfbServer xvfb(row.width, row.height);
-    ScreenPattern pattern(xvfb.display());
-    pattern.show({red, green, blue, white});
+    ScreenPainter painter(xvfb.display());
+    auto show = [&](std::array<unsigned, 4> quadrants) {
+      for (int q = 0; q < 4; ++q) {
+        painter.fill(q % 2 * row.width / 2, q / 2 * row.height / 2, row.width / 2, row.height / 2,
+                     quadrants[q]);
+      }
+    };
+    show({red, green, blue, white});
 
     ChildProcess::Options options;
     options.env = {
@@ -118,7 +125,7 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
         << browser.evaluate(page, quadrantColours).dump();
 
     // A change on the screen reaches the browser, still at full size.
-    pattern.show({white, blue, green, red});
+    show({white, blue, green, red});
     const nlohmann::json changed = {"white", "blue", "green", "red"};
     EXPECT_TRUE(browser.waitFor(
         page, "JSON.stringify(" + std::string(quadrantColours) + ") === '" + changed.dump() + "'"))

@@ -18,11 +18,11 @@
 #include <thread>
 
 #include "HeadlessChromium.h"
-#include "ScreenPattern.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "support/ChildProcess.h"
 #include "support/GnomeSession.h"
+#include "support/ScreenPainter.h"
 #include "support/XvfbServer.h"
 
 namespace zul::test {
@@ -156,6 +156,7 @@ class RealAgentE2eTest : public testing::Test {
     fs::create_directories(dataHome_);
     // A 1920x1080 monitor and, to its right, a 1280x1024 one 56 pixels down.
     xvfb_ = std::make_unique<XvfbServer>(3200, 1080);
+    painter_ = std::make_unique<ScreenPainter>(xvfb_->display());
     ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-main 1920/508x1080/286+0+0 screen >/dev/null"),
               0);
     ASSERT_EQ(xvfb_->run("xrandr --setmonitor zul-side 1280/338x1024/270+1920+56 none >/dev/null"),
@@ -231,6 +232,7 @@ class RealAgentE2eTest : public testing::Test {
 
   fs::path dataHome_;
   std::unique_ptr<XvfbServer> xvfb_;
+  std::unique_ptr<ScreenPainter> painter_;  // also where the pointer is
   std::unique_ptr<ChildProcess> server_;
   int serverPort_ = 0;
   std::unique_ptr<ChildProcess> agent_;
@@ -264,10 +266,10 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   // session's id is refused.
   phone_->sendCursor(sessionId, 320, 120);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=320 y=120")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(320, 120));
+  EXPECT_EQ(painter_->pointer(), std::make_pair(320, 120));
   phone_->sendCursor("00000000-0000-4000-8000-000000000000", 700, 500);
   EXPECT_EQ(phone_->waitForControl(2)["type"], "control.error");
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(320, 120));
+  EXPECT_EQ(painter_->pointer(), std::make_pair(320, 120));
 
   const std::string lists =
       "zulPhone.controlMessages().filter(m => m.type === 'control.monitor.list')";
@@ -294,7 +296,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_EQ(agent_->countContaining("falling back"), 0u) << agent_->tail();
   phone_->sendCursor(sessionId, 100, 50);
   ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=100 y=50")) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), std::make_pair(2020, 106));
+  EXPECT_EQ(painter_->pointer(), std::make_pair(2020, 106));
 
   // A scene of the new display follows the switch; another one is sent on
   // request. Without an accessibility bus it stands for the whole computer.
@@ -411,7 +413,7 @@ TEST_F(RealAgentE2eTest, RefusesForgedRevokedAndStrangePhonesAndExecutesNothing)
   std::string sessionId = phone_->connect("{autoHello: false}");
   const std::string deviceId = phone_->eval("zulPhone.state.device.id");
   const std::size_t mark = agent_->lineCount();
-  const auto pointerBefore = pointerPosition(xvfb_->display());
+  const auto pointerBefore = painter_->pointer();
 
   std::size_t replies = 0;
   auto refused = [&](const std::string& hello, const std::string& why) {
@@ -452,7 +454,7 @@ TEST_F(RealAgentE2eTest, RefusesForgedRevokedAndStrangePhonesAndExecutesNothing)
   refused("zulPhone.hello()", "deviceNotTrusted");
 
   EXPECT_EQ(executedRequests(mark), 0u) << agent_->tail();
-  EXPECT_EQ(pointerPosition(xvfb_->display()), pointerBefore);
+  EXPECT_EQ(painter_->pointer(), pointerBefore);
   const auto devices = trustedDevices().load();
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_EQ(devices[0].deviceId, deviceId);

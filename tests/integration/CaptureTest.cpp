@@ -22,6 +22,7 @@
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
+#include "support/ScreenPainter.h"
 #include "support/XvfbServer.h"
 // Xlib last: its macros must not reach the headers above.
 #include <X11/Xlib.h>
@@ -31,36 +32,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::XvfbServer;
+using test::ScreenPainter;
 
 constexpr unsigned kRed = 0xff0000, kGreen = 0x00ff00, kBlue = 0x0000ff, kWhite = 0xffffff;
-
-// Draws straight onto the root window and holds a connection, which also
-// keeps the server from resetting (and forgetting its RandR monitors).
-class ScreenPainter {
- public:
-  explicit ScreenPainter(const std::string& display) : x_(XOpenDisplay(display.c_str())) {
-    if (!x_) throw std::runtime_error("cannot open " + display);
-    gc_ = XCreateGC(x_, DefaultRootWindow(x_), 0, nullptr);
-    // The cursor is drawn in: keep it out of what the tests look at.
-    XWarpPointer(x_, None, DefaultRootWindow(x_), 0, 0, 0, 0, 10000, 10000);
-  }
-  ~ScreenPainter() {
-    XFreeGC(x_, gc_);
-    XCloseDisplay(x_);
-  }
-  void fill(int x, int y, int width, int height, unsigned rgb) {
-    XSetForeground(x_, gc_, rgb);
-    XFillRectangle(x_, DefaultRootWindow(x_), gc_, x, y, unsigned(width), unsigned(height));
-    XSync(x_, False);
-  }
-  std::uint32_t atom(const std::string& name) {
-    return std::uint32_t(XInternAtom(x_, name.c_str(), False));
-  }
-
- private:
-  Display* x_;
-  GC gc_;
-};
 
 // Full-range BT.601 luma and chroma of an RGB colour against a pixel of a frame.
 void expectColour(const CapturedFrame& frame, int x, int y, unsigned rgb) {
