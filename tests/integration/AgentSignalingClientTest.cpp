@@ -137,7 +137,7 @@ class AgentSignalingClientTest : public testing::Test {
     });
   }
   bool connected() {
-    return peer_->waitUntil([&] { return !peer_->iceServers().empty(); });
+    return peer_->waitUntil([&] { return !peer_->state().iceServers.empty(); });
   }
   // How run() ended; a null pointer when it returned.
   std::exception_ptr runEnd(AgentSignalingClient& client) {
@@ -199,7 +199,8 @@ TEST_F(AgentSignalingClientTest, ServerChecksProofsAndRelaysUpToTheLargestMessag
   EXPECT_EQ(payload.dtlsFingerprint, peer_->dtlsFingerprint());
   startRun(*client);
   ASSERT_TRUE(connected()) << "no turn.credentials";
-  EXPECT_EQ(peer_->iceServers().front().urls, std::vector<std::string>{"turn:127.0.0.1:3478"});
+  EXPECT_EQ(peer_->state().iceServers.front().urls,
+            std::vector<std::string>{"turn:127.0.0.1:3478"});
 
   // A session: the offer goes to the phone, its answer and candidates come back.
   ScriptedPhone phone;
@@ -212,8 +213,8 @@ TEST_F(AgentSignalingClientTest, ServerChecksProofsAndRelaysUpToTheLargestMessag
                   {"candidate", "candidate:1 1 udp 2122260223 127.0.0.1 50000 typ host"},
                   {"sdpMid", "0"},
                   {"sdpMLineIndex", 0}});
-  ASSERT_TRUE(peer_->waitUntil([&] { return !peer_->candidates().empty(); }));
-  EXPECT_EQ(peer_->answers(), std::vector<std::string>{"v=0 answer"});
+  ASSERT_TRUE(peer_->waitUntil([&] { return !peer_->state().candidates.empty(); }));
+  EXPECT_EQ(peer_->state().answers, std::vector<std::string>{"v=0 answer"});
 
   // The largest message the client takes, once the server has named the
   // phone in it (,"peerId":"…"); then one byte more.
@@ -223,11 +224,11 @@ TEST_F(AgentSignalingClientTest, ServerChecksProofsAndRelaysUpToTheLargestMessag
     return head + std::string(total - head.size() - 2, 's') + "\"}";
   };
   phone.send(answerOfSize(262'144 - named));
-  ASSERT_TRUE(peer_->waitUntil([&] { return peer_->answers().size() == 2; }));
-  EXPECT_EQ(peer_->answers()[1].size(), 262'144 - 33u - named);
+  ASSERT_TRUE(peer_->waitUntil([&] { return peer_->state().answers.size() == 2; }));
+  EXPECT_EQ(peer_->state().answers[1].size(), 262'144 - 33u - named);
   phone.send(answerOfSize(262'145 - named));
   EXPECT_EQ(errorText<SignalingError>(runEnd(*client)), SignalingError::messageTooLarge().text());
-  EXPECT_EQ(peer_->answers().size(), 2u);
+  EXPECT_EQ(peer_->state().answers.size(), 2u);
   EXPECT_EQ(statuses().back(), "disconnected");
 }
 

@@ -31,8 +31,8 @@ namespace zul {
 namespace {
 
 using namespace std::chrono_literals;
-using test::XvfbServer;
 using test::ScreenPainter;
+using test::XvfbServer;
 
 constexpr unsigned kRed = 0xff0000, kGreen = 0x00ff00, kBlue = 0x0000ff, kWhite = 0xffffff;
 

@@ -91,20 +91,9 @@ class Desktop {
     bus_ = std::make_unique<SessionBus>();
     setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address().c_str(), 1);
     unsetenv("NO_AT_BRIDGE");
-    // The bus launcher and the registry must answer before the first
-    // application or libatspi client looks for them: libatspi reads the
+    // Before the first application or libatspi client: libatspi reads the
     // application list once.
-    for (int i = 0; i < 200; ++i) {
-      if (std::system(
-              "a=$(echo $(dbus-send --session --dest=org.a11y.Bus --print-reply=literal "
-              "/org/a11y/bus org.a11y.Bus.GetAddress 2>/dev/null)) && dbus-send --bus=$a "
-              "--dest=org.a11y.atspi.Registry --print-reply /org/a11y/atspi/accessible/root "
-              "org.a11y.atspi.Accessible.GetChildren >/dev/null 2>&1") == 0) {
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    throw std::runtime_error("the accessibility bus did not start");
+    bus_->startAccessibility();
   }
   std::unique_ptr<XvfbServer> xvfb_;
   std::unique_ptr<SessionBus> bus_;

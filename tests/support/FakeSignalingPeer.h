@@ -1,11 +1,10 @@
 #pragma once
 
-#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ZulTransport/SignalingPeer.h"
@@ -26,23 +25,17 @@ class FakeSignalingPeer : public SignalingPeer {
     std::string sdpMid;
     int sdpMLineIndex = -1;
   };
+  struct State {
+    bool dataChannels = false;
+    int createDataChannelsCalls = 0;
+    int iceRestarts = 0;
+    int offers = 0;
+    std::vector<std::string> answers;
+    std::vector<std::string> answerPeers;  // the phone each answer was routed to
+    std::vector<Candidate> candidates;
+    std::vector<IceServers> iceServers;
+  };
 
- private:
-  template <class F>
-  void change(F&& f) {
-    {
-      std::lock_guard lock(mutex_);
-      f();
-    }
-    changed_.notify_all();
-  }
-  template <class F>
-  auto read(F&& f) const -> decltype(f()) {
-    std::lock_guard lock(mutex_);
-    return f();
-  }
-
- public:
   std::string dtlsFingerprint() const override {
     return "sha-256 " + std::string(
                             "AB:CD:EF:01:23:45:67:89:AB:CD:EF:01:23:45:67:89:"
@@ -52,79 +45,52 @@ class FakeSignalingPeer : public SignalingPeer {
   // offer goes out at once.
   void offerTo(const std::string&, OfferSink sendOffer) override {
     std::string sdp;
-    change([&] {
-      if (dataChannels_) {
-        ++iceRestarts_;
+    {
+      std::lock_guard lock(mutex_);
+      if (state_.dataChannels) {
+        ++state_.iceRestarts;
       } else {
-        dataChannels_ = true;
-        ++createDataChannelsCalls_;
+        state_.dataChannels = true;
+        ++state_.createDataChannelsCalls;
       }
-      sdp = "v=0 fake-offer " + std::to_string(++offers_);
-    });
+      sdp = "v=0 fake-offer " + std::to_string(++state_.offers);
+    }
     sendOffer(sdp);
   }
   void setRemoteAnswer(const std::string& peerId, const std::string& sdp) override {
-    change([&] {
-      answers_.push_back(sdp);
-      answerPeers_.push_back(peerId);
-    });
+    std::lock_guard lock(mutex_);
+    state_.answers.push_back(sdp);
+    state_.answerPeers.push_back(peerId);
   }
   void addRemoteCandidate(const std::string&, const std::string& candidate,
                           const std::string& sdpMid, int sdpMLineIndex) override {
-    change([&] { candidates_.push_back({candidate, sdpMid, sdpMLineIndex}); });
+    std::lock_guard lock(mutex_);
+    state_.candidates.push_back({candidate, sdpMid, sdpMLineIndex});
   }
   void setIceServers(const std::vector<std::string>& urls, const std::string& username,
                      const std::string& credential) override {
-    change([&] { iceServers_.push_back({urls, username, credential}); });
+    std::lock_guard lock(mutex_);
+    state_.iceServers.push_back({urls, username, credential});
   }
 
-  int createDataChannelsCalls() const {
-    return read([&] { return createDataChannelsCalls_; });
+  State state() const {
+    std::lock_guard lock(mutex_);
+    return state_;
   }
-  int iceRestarts() const {
-    return read([&] { return iceRestarts_; });
-  }
-  int offers() const {
-    return read([&] { return offers_; });
-  }
-  // The phone each answer was routed to.
-  std::vector<std::string> answerPeers() const {
-    return read([&] { return answerPeers_; });
-  }
-  std::vector<std::string> answers() const {
-    return read([&] { return answers_; });
-  }
-  std::vector<Candidate> candidates() const {
-    return read([&] { return candidates_; });
-  }
-  std::vector<IceServers> iceServers() const {
-    return read([&] { return iceServers_; });
-  }
-
-  // Waits until `ready` (which may use the accessors above) holds, or the time-out.
+  // Polls until `ready` (which may look at state()) holds, or the time-out.
   bool waitUntil(const std::function<bool()>& ready,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
-    // `ready` takes the lock itself, and may watch state changed elsewhere: poll.
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!ready()) {
       if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, std::chrono::milliseconds(50));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
   }
 
  private:
   mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  bool dataChannels_ = false;
-  int createDataChannelsCalls_ = 0;
-  int iceRestarts_ = 0;
-  int offers_ = 0;
-  std::vector<std::string> answers_;
-  std::vector<std::string> answerPeers_;
-  std::vector<Candidate> candidates_;
-  std::vector<IceServers> iceServers_;
+  State state_;
 };
 
 }  // namespace zul::test

@@ -173,14 +173,14 @@ TEST_F(SignalingMessageHandlerTest, PairingNeedsALiveUnusedOffer) {
 TEST_F(SignalingMessageHandlerTest, ReadyPeersGetOffersAndLaterOnesAnIceRestart) {
   // A phone that comes to pair gets no offer.
   handle(R"({"type":"peer.ready","peerId":"device_p","pairing":true})");
-  EXPECT_EQ(peer->offers(), 0);
+  EXPECT_EQ(peer->state().offers, 0);
 
   handle(R"({"type":"peer.ready","peerId":"device_1","pairing":false})");
-  EXPECT_EQ(peer->createDataChannelsCalls(), 1);
-  EXPECT_EQ(peer->iceRestarts(), 0);
+  EXPECT_EQ(peer->state().createDataChannelsCalls, 1);
+  EXPECT_EQ(peer->state().iceRestarts, 0);
   handle(R"({"type":"peer.ready","peerId":"device_2"})");
-  EXPECT_EQ(peer->createDataChannelsCalls(), 1);
-  EXPECT_EQ(peer->iceRestarts(), 1);
+  EXPECT_EQ(peer->state().createDataChannelsCalls, 1);
+  EXPECT_EQ(peer->state().iceRestarts, 1);
 
   EXPECT_EQ(ready, (std::vector<std::string>{"device_1", "device_2"}));
   EXPECT_EQ(handler.activePeerId(), "device_2");
@@ -191,7 +191,7 @@ TEST_F(SignalingMessageHandlerTest, ReadyPeersGetOffersAndLaterOnesAnIceRestart)
   // Answers go to the phone the server names, else to the one announced last.
   handle(R"({"type":"signal.answer","sdp":"a1","peerId":"device_1"})");
   handle(R"({"type":"signal.answer","sdp":"a2"})");
-  EXPECT_EQ(peer->answerPeers(), (std::vector<std::string>{"device_1", "device_2"}));
+  EXPECT_EQ(peer->state().answerPeers, (std::vector<std::string>{"device_1", "device_2"}));
 }
 
 TEST_F(SignalingMessageHandlerTest, PeerLeftAndSessionLimitTrackTheActivePeer) {
@@ -222,11 +222,11 @@ TEST_F(SignalingMessageHandlerTest, RelayedSignalsReachThePeerSession) {
       R"({"type":"signal.ice","candidate":"candidate:1 1 udp 1 1.2.3.4 5 typ host","sdpMid":"0","sdpMLineIndex":1})");
   handle(R"({"type":"signal.error","code":"rate-limited"})");
 
-  ASSERT_EQ(peer->iceServers().size(), 1u);
-  EXPECT_EQ(peer->iceServers()[0].urls, (std::vector<std::string>{"turn:t:3478", "stun:s"}));
-  EXPECT_EQ(peer->answers(), std::vector<std::string>{"v=0 answer"});
-  ASSERT_EQ(peer->candidates().size(), 1u);
-  EXPECT_EQ(peer->candidates()[0].sdpMLineIndex, 1);
+  ASSERT_EQ(peer->state().iceServers.size(), 1u);
+  EXPECT_EQ(peer->state().iceServers[0].urls, (std::vector<std::string>{"turn:t:3478", "stun:s"}));
+  EXPECT_EQ(peer->state().answers, std::vector<std::string>{"v=0 answer"});
+  ASSERT_EQ(peer->state().candidates.size(), 1u);
+  EXPECT_EQ(peer->state().candidates[0].sdpMLineIndex, 1);
   EXPECT_EQ(statuses, (std::vector<std::string>{"error:rate-limited"}));
 }
 
@@ -239,7 +239,7 @@ TEST_F(SignalingMessageHandlerTest, SizeLimitAndUnparsableMessages) {
   auto exact = padded(SignalingMessageHandler::maxMessageBytes);
   ASSERT_EQ(exact.size(), 262'144u);
   handle(exact);
-  EXPECT_EQ(peer->answers().size(), 1u);
+  EXPECT_EQ(peer->state().answers.size(), 1u);
   EXPECT_TRUE(test::outcome<SignalingError>([&] {
                 handle(padded(262'145));
               }).starts_with("messageTooLarge"));
@@ -249,7 +249,7 @@ TEST_F(SignalingMessageHandlerTest, SizeLimitAndUnparsableMessages) {
   }
   for (const char* invalid : {"", "{\"type\":\"peer.ready\"", "\xff\xfe"})
     EXPECT_THROW(handle(std::string(invalid)), SignalingTransportError) << invalid;
-  EXPECT_EQ(peer->answers().size(), 1u);
+  EXPECT_EQ(peer->state().answers.size(), 1u);
   EXPECT_TRUE(statuses.empty());
 }
 
