@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
 namespace zul::test {
 

@@ -6,7 +6,6 @@
 #include <array>
 #include <chrono>
 #include <optional>
-#include <thread>
 
 #include "HeadlessChromium.h"
 #include "support/ChildProcess.h"

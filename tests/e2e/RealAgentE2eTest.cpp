@@ -10,12 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
-#include <thread>
 
 #include "HeadlessChromium.h"
 #include "ZulCore/Trust/TrustedDevice.h"

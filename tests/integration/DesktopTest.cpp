@@ -3,8 +3,6 @@
 // session bus, the accessibility bus and registry, and the GTK test window.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,7 +10,6 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
 
 #include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"

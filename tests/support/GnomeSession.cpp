@@ -3,10 +3,8 @@
 #include <stdlib.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
 namespace zul::test {
 

@@ -3,7 +3,6 @@
 
 #include <future>
 #include <map>
-#include <mutex>
 
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/RealAgent.h"
