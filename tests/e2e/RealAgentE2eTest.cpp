@@ -16,6 +16,7 @@
 #include "HeadlessChromium.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
+#include "ZulTransport/DataChannelCatalog.h"
 #include "support/ChildProcess.h"
 #include "support/GnomeSession.h"
 #include "support/ScreenPainter.h"
@@ -257,6 +258,18 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_EQ(phone_->stats()["height"], 1080);
   // Those frames came out of our encoder, not WebRTC's OpenH264.
   EXPECT_TRUE(agent_->waitForLine("video encoder: libav-h264/")) << agent_->tail();
+  // The phone sees every channel as the catalogue makes it.
+  const auto channels = phone_->eval(
+      "Object.fromEntries(Object.values(zulPhone.state.session.channels).map(c => [c.label, "
+      "[c.ordered, c.maxRetransmits, c.protocol]]))");
+  ASSERT_EQ(channels.size(), DataChannelCatalog::all.size()) << channels.dump();
+  for (const auto& spec : DataChannelCatalog::all) {
+    const nlohmann::json retransmits =
+        spec.maxRetransmits ? nlohmann::json(*spec.maxRetransmits) : nlohmann::json();
+    EXPECT_EQ(channels.value(std::string(spec.label), nlohmann::json()),
+              nlohmann::json({spec.ordered, retransmits, "zul/1"}))
+        << spec.label;
+  }
 
   // Wire points are points of the watched display; a request under another
   // session's id is refused.
