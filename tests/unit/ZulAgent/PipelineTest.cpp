@@ -51,19 +51,11 @@ std::vector<std::string> run(VideoEncoder& encoder, bool sourceBusy = false) {
 }
 
 TEST(PipelineTest, PrintsEachFrameAndTheTotalsOrTheFailure) {
+  // The fake pair's own output is the executable's (agent.pipelineOutput).
   FakeH264Encoder fake;
-  auto lines = run(fake);
-  ASSERT_GE(lines.size(), 4u);
-  EXPECT_EQ(lines[0], "encoder: fake-h264, hardware=false");
-  EXPECT_EQ(lines[1], "frame #1: 13 bytes annexB, key=true");
-  EXPECT_EQ(lines[2], "frame #2: 13 bytes annexB, key=false");
-  const auto frames = lines.size() - 2;
-  EXPECT_EQ(lines.back(), "stopped: " + std::to_string(frames) + " frame(s) encoded, " +
-                              std::to_string(13 * frames) + " total bytes");
-
   using B = StubEncoder::Behaviour;
   StubEncoder buffering(B::buffer), failing(B::fail), unconfigurable(B::failConfigure);
-  lines = run(buffering);
+  auto lines = run(buffering);
   EXPECT_EQ(lines[0], "encoder: stub, hardware=true");
   EXPECT_EQ(lines[1], "frame #1: encoder buffered it, no output yet");
   EXPECT_EQ(lines.back(), "stopped: 0 frame(s) encoded, 0 total bytes");

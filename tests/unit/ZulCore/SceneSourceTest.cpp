@@ -169,17 +169,10 @@ TEST_F(SceneFixture, ListsVisibleInterestingElementsWithRolesAndDisplayRelativeR
   EXPECT_DOUBLE_EQ(scene::importance("text", 1e9, 1e9), 0.35);
 }
 
-TEST_F(SceneFixture, StopsAtTwoHundredElementsOrWhenTheBudgetIsSpent) {
-  for (int i = 0; i < 300; ++i) {
-    backend->window->kids.push_back(
-        node("push button", "b" + std::to_string(i), {100.0 + i, 0, 20, 20}, {"click"}));
-  }
-  auto scene = source.scan(1, VideoMapping::unscaled(display), 10);
-  ASSERT_TRUE(scene);
-  EXPECT_EQ(scene->elements.size(), 200u);
-
+TEST_F(SceneFixture, StopsWhenTheBudgetIsSpent) {
   // Each element read costs 10 ms of the fake clock: a 0.05 s budget admits
-  // five reads (window, panel, label, b0, b1), four of them kept.
+  // five reads, four of them kept. (The 200-element cap meets a real window
+  // of 300 buttons in the desktop test.)
   backend->onDescribe = [this] { now += 10ms; };
   auto hurried = source.scan(2, VideoMapping::unscaled(display), 0.05);
   ASSERT_TRUE(hurried);
