@@ -50,3 +50,14 @@ if(NOT rc EQUAL 0 OR NOT err STREQUAL "" OR
    NOT out STREQUAL "webrtc smoke test: OK (factory + peer connection created and closed)\n")
   message(FATAL_ERROR "--webrtc-smoke printed more than its result (${rc}):\n${out}${err}")
 endif()
+
+# --real on a private X server: the real pair's banner and encoder, three
+# seconds of frames at 10 per second, the first a key frame.
+execute_process(COMMAND xvfb-run -a -s "-screen 0 1280x720x24" ${AGENT} --real
+                OUTPUT_VARIABLE out RESULT_VARIABLE rc TIMEOUT 60)
+string(REGEX MATCHALL "frame #[0-9]+: [0-9]+ bytes annexB" frames "${out}")
+list(LENGTH frames frames)
+if(NOT rc EQUAL 0 OR frames LESS 27 OR frames GREATER 31 OR NOT out MATCHES
+   "^Zul Linux agent — skeleton build \\(backend: x11\\+libav\\)\nencoder: libav-h264/[^ ]+, hardware=(true|false)\nframe #1: [0-9]+ bytes annexB, key=true\n.*\nstopped: ")
+  message(FATAL_ERROR "zul-agent --real (${rc}, ${frames} frames) printed\n${out}")
+endif()
