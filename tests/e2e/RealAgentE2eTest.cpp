@@ -106,11 +106,17 @@ class Phone {
     return waitFor("zulPhone.videoStats().then(s => s.framesDecoded > " + std::to_string(count) +
                    ")");
   }
+  // A message of `type` on its channel (the type's first word), with `fields`.
+  void send(const std::string& type, const std::string& sessionId,
+            nlohmann::json fields = nlohmann::json::object()) {
+    const std::string channel = type.substr(0, type.find('.'));
+    EXPECT_TRUE(
+        waitFor("zulPhone.state.session.channels['" + channel + "']?.readyState === 'open'"));
+    fields.update({{"type", type}, {"protoVersion", "1.0"}, {"sessionId", sessionId}});
+    eval("zulPhone.send('" + channel + "', " + fields.dump() + ")");
+  }
   void sendCursor(const std::string& sessionId, int x, int y) {
-    EXPECT_TRUE(waitFor("zulPhone.state.session.channels.input?.readyState === 'open'"));
-    eval("zulPhone.send('input', {type: 'input.cursor', protoVersion: '1.0', sessionId: " +
-         nlohmann::json(sessionId).dump() + ", phase: 'move', x: " + std::to_string(x) +
-         ", y: " + std::to_string(y) + "})");
+    send("input.cursor", sessionId, {{"phase", "move"}, {"x", x}, {"y", y}});
   }
 
  private:
@@ -279,10 +285,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_EQ(first["monitors"][1]["rect"],
             nlohmann::json({{"x", 1920}, {"y", 56}, {"w", 1280}, {"h", 1024}}));
 
-  phone_->eval(
-      "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
-      "sessionId: " +
-      nlohmann::json(sessionId).dump() + ", index: 1})");
+  phone_->send("control.monitor.select", sessionId, {{"index", 1}});
   ASSERT_TRUE(phone_->waitFor(lists + ".length >= 2")) << agent_->tail();
   EXPECT_EQ(phone_->eval(lists + "[1].selected"), 1);
   EXPECT_TRUE(agent_->waitForLine("selected display 1: "));
@@ -300,10 +303,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   const std::string scenes =
       "zulPhone.state.received.filter(m => m.channel === 'scene').map(m => JSON.parse(m.data))";
   ASSERT_TRUE(phone_->waitFor(scenes + ".length >= 1")) << agent_->tail();
-  phone_->eval(
-      "zulPhone.send('scene', {type: 'scene.request_snapshot', protoVersion: '1.0', "
-      "sessionId: " +
-      nlohmann::json(sessionId).dump() + "})");
+  phone_->send("scene.request_snapshot", sessionId);
   ASSERT_TRUE(phone_->waitFor(scenes + ".length >= 2")) << agent_->tail();
   const auto scene = phone_->eval(scenes + "[1]");
   EXPECT_EQ(scene["type"], "scene.snapshot");
@@ -549,15 +549,11 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
                       pixel + ")"))
       << phone_->eval(pixel).dump();
 
-  phone_->eval("zulPhone.send('input', {type: 'input.text', protoVersion: '1.0', sessionId: " +
-               nlohmann::json(sessionId).dump() + ", value: '\u0414\u0430, ok'})");
+  phone_->send("input.text", sessionId, {{"value", "\u0414\u0430, ok"}});
   EXPECT_TRUE(agent_->waitForLine("[input.text] ok")) << agent_->tail();
   EXPECT_TRUE(app.waitForLine("text \"\\u0414\\u0430, ok\"", 30s)) << app.tail();
 
-  phone_->eval(
-      "zulPhone.send('control', {type: 'control.monitor.select', protoVersion: '1.0', "
-      "sessionId: " +
-      nlohmann::json(sessionId).dump() + ", index: 1})");
+  phone_->send("control.monitor.select", sessionId, {{"index", 1}});
   EXPECT_TRUE(agent_->waitForLine("selected display 1: ")) << agent_->tail();
   EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 1280)"))
       << phone_->stats().dump();
