@@ -112,12 +112,6 @@ TEST(E2ePhoneDemo, BrowserShowsTheScreenInH264) {
     EXPECT_EQ(first["width"], row.width);
     EXPECT_EQ(first["height"], row.height);
 
-    // Still decoding: the count keeps rising.
-    const int decoded = first["framesDecoded"].get<int>();
-    EXPECT_TRUE(browser.waitFor(page, std::string("(async () => (await ") + videoStats +
-                                          ").framesDecoded > " + std::to_string(decoded + 5) +
-                                          ")()"));
-
     const nlohmann::json expected = {"red", "green", "blue", "white"};
     EXPECT_TRUE(browser.waitFor(
         page, "JSON.stringify(" + std::string(quadrantColours) + ") === '" + expected.dump() + "'"))

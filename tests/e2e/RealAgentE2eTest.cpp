@@ -1,13 +1,7 @@
-// The real agent as a phone meets it: `zul-agent --real-agent` on a private X
-// screen, the development rendezvous server, coturn, and the development
-// phone page in headless Chromium. Pairing, sessions, video and input, and
-// the attacks the agent must refuse without executing anything or touching
-// its trusted devices.
+// `zul-agent --real-agent` as a phone meets it, with the development server,
+// coturn and the development phone page in headless Chromium.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -28,42 +22,24 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-int freeTcpPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-// A child whose lines a test waits for and later looks back at.
-std::unique_ptr<ChildProcess> watched(std::vector<std::string> argv,
-                                      ChildProcess::Options options = {}) {
-  options.captureStdout = true;
-  return std::make_unique<ChildProcess>(std::move(argv), options);
-}
-
 // coturn with the REST-API shared secret, on loopback only.
 class TurnServer {
  public:
   static constexpr const char* secret = "zul-e2e-turn-secret";
 
-  TurnServer() : port_(freeTcpPort()) {
+  // A port of its own per test process, in a range nothing else here uses.
+  TurnServer() : port_(40000 + ::getpid() % 9000) {
     process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
         "turnserver", "-n", "--listening-ip=127.0.0.1", "--relay-ip=127.0.0.1",
         "--listening-port=" + std::to_string(port_), "--use-auth-secret",
         std::string("--static-auth-secret=") + secret, "--realm=zul.test", "--no-tls", "--no-dtls",
         "--no-cli", "--allow-loopback-peers", "--min-port=49200", "--max-port=49400",
-        "--no-stdout-log", "--log-file=/dev/null", "--pidfile=" + pidFile()});
+        "--no-stdout-log", "--log-file=/dev/null",
+        "--pidfile=/tmp/zul-e2e-turn-" + std::to_string(port_) + ".pid"});
   }
   std::string url() const { return "turn:127.0.0.1:" + std::to_string(port_) + "?transport=udp"; }
 
  private:
-  std::string pidFile() const { return "/tmp/zul-e2e-turn-" + std::to_string(port_) + ".pid"; }
   int port_;
   std::unique_ptr<ChildProcess> process_;
 };
@@ -164,7 +140,7 @@ class RealAgentE2eTest : public testing::Test {
   void startServer(std::vector<std::string> extra = {}, int port = 0) {
     std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--port", std::to_string(port)};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    server_ = watched(argv);
+    server_ = std::make_unique<ChildProcess>(argv, ChildProcess::Options{.captureStdout = true});
     auto line = server_->waitForLine("listening on", 30s);
     ASSERT_TRUE(line) << "the rendezvous server did not start";
     serverPort_ = std::stoi(line->substr(line->rfind(':') + 1));
@@ -184,7 +160,9 @@ class RealAgentE2eTest : public testing::Test {
       options.unsetEnv.push_back("DISPLAY");
       options.env.insert(desktop.begin(), desktop.end());
     }
-    agent_ = watched({ZUL_AGENT_PATH, "--real-agent"}, options);
+    options.captureStdout = true;
+    agent_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ZUL_AGENT_PATH, "--real-agent"}, options);
   }
 
   // The pairing link of the agent's latest banner, once the agent is also
@@ -356,7 +334,7 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   };
 
   // A announces itself again: ICE restarts on its connection, same session.
-  std::size_t mark = agent_->lineCount();
+  std::size_t mark = agent_->lines().size();
   EXPECT_EQ(phone_->connect(), sessionA);
   EXPECT_EQ(phone_->waitForControl(2)["controlLease"], "granted");
   EXPECT_TRUE(agent_->waitForLine("ICE restart for ", 10s, mark)) << agent_->tail();
@@ -374,7 +352,7 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
 
   // Five strangers ask at once: B and one of them wait for a hello, the
   // others are turned away.
-  mark = agent_->lineCount();
+  mark = agent_->lines().size();
   phoneB.eval("zulPhone.flood(5)");
   waitUntil([&] { return agent_->countContaining("phones are already connecting", mark) >= 4; },
             30s);
@@ -383,7 +361,7 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   aStillServed(104);
 
   // B asks to take over: it is in session and A's connection is closed.
-  mark = agent_->lineCount();
+  mark = agent_->lines().size();
   phoneB.eval("zulPhone.hello({replaceSession: true})");
   const auto ok = phoneB.waitForControl(2);
   EXPECT_EQ(ok["type"], "control.hello.ok") << ok.dump() << agent_->tail();
@@ -409,7 +387,7 @@ TEST_F(RealAgentE2eTest, RefusesForgedRevokedAndStrangePhonesAndExecutesNothing)
   phone_->pair(link);
   std::string sessionId = phone_->connect("{autoHello: false}");
   const std::string deviceId = phone_->eval("zulPhone.state.device.id");
-  const std::size_t mark = agent_->lineCount();
+  const std::size_t mark = agent_->lines().size();
   const auto pointerBefore = painter_->pointer();
 
   std::size_t replies = 0;

@@ -73,7 +73,7 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
     GTEST_SKIP() << missing;
   }
   auto session = std::make_unique<GnomeSession>(std::vector<std::string>{"1920x1080", "1280x720"});
-  session->startAccessibility();
+  session->bus().startAccessibility();
 
   // The session picks the GNOME backend by itself.
   const DesktopChoice choice = chooseDesktop(currentDesktopSessionFacts());

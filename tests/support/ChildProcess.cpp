@@ -142,11 +142,6 @@ std::vector<std::string> ChildProcess::lines() const {
   return lines_;
 }
 
-std::size_t ChildProcess::lineCount() const {
-  std::lock_guard lock(mutex_);
-  return lines_.size();
-}
-
 std::size_t ChildProcess::countContaining(const std::string& text, std::size_t from) const {
   std::lock_guard lock(mutex_);
   std::size_t count = 0;

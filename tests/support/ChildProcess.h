@@ -44,7 +44,6 @@ class ChildProcess {
       const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(60),
       std::size_t from = 0, std::size_t* at = nullptr);
   std::vector<std::string> lines() const;
-  std::size_t lineCount() const;
   std::size_t countContaining(const std::string& text, std::size_t from = 0) const;
   std::string tail(std::size_t count = 40) const;  // the last lines, for failure messages
   // True while the child has not exited.

@@ -80,6 +80,4 @@ std::map<std::string, std::string> GnomeSession::environment() const {
           {"XDG_SESSION_TYPE", "wayland"}};
 }
 
-void GnomeSession::startAccessibility() const { bus_->startAccessibility(); }
-
 }  // namespace zul::test

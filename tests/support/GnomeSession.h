@@ -30,9 +30,8 @@ class GnomeSession {
   // What a client of the session needs (bus, runtime directory, Wayland
   // display, session type).
   std::map<std::string, std::string> environment() const;
-  // Starts the accessibility bus and its registry and waits until they
-  // answer (before the first AT-SPI client of this process).
-  void startAccessibility() const;
+  // The session's bus (its accessibility bus starts on demand).
+  const SessionBus& bus() const { return *bus_; }
 
  private:
   std::string runtimeDir_;
