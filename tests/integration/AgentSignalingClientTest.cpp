@@ -23,6 +23,7 @@
 #include "gtest/gtest.h"
 #include "support/ChildProcess.h"
 #include "support/FakeSignalingPeer.h"
+#include "support/Outcome.h"
 
 namespace zul {
 namespace {
@@ -167,16 +168,12 @@ class AgentSignalingClientTest : public testing::Test {
   std::vector<std::string> statuses_;
 };
 
+// The text of the E that run() ended with, "ok" when it returned.
 template <class E>
 std::string errorText(std::exception_ptr failure) {
-  try {
+  return test::outcome<E>([&] {
     if (failure) std::rethrow_exception(failure);
-    return "no error";
-  } catch (const E& error) {
-    return error.text();
-  } catch (const std::exception& error) {
-    return std::string("another error: ") + error.what();
-  }
+  });
 }
 
 // Signed proofs the server checks, the relay of a session up to the largest

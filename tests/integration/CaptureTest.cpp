@@ -21,6 +21,7 @@
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
+#include "support/FrameLog.h"
 #include "support/ScreenPainter.h"
 #include "support/XvfbServer.h"
 // Xlib last: its macros must not reach the headers above.
@@ -30,6 +31,7 @@ namespace zul {
 namespace {
 
 using namespace std::chrono_literals;
+using test::FrameLog;
 using test::ScreenPainter;
 using test::XvfbServer;
 
@@ -56,29 +58,6 @@ CaptureOptions options(std::int64_t index, std::int64_t width, std::int64_t heig
           .idleFramesPerSecond = idleFps,
           .convertHdrToSdr = true};
 }
-
-// Collects frames from the capture thread, with a guard against hanging.
-class FrameSink {
- public:
-  void operator()(const CapturedFrame& frame) {
-    std::lock_guard lock(mutex_);
-    frames_.push_back(frame);
-    changed_.notify_all();
-  }
-  bool waitFor(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] { return frames_.size() >= count; });
-  }
-  std::vector<CapturedFrame> frames() {
-    std::lock_guard lock(mutex_);
-    return frames_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<CapturedFrame> frames_;
-};
 
 bool skipWithoutXvfb() { return !test::haveProgram("Xvfb") || !test::haveProgram("xrandr"); }
 
@@ -132,7 +111,7 @@ TEST(CaptureTest, CapturesEachMonitorsPatternAtTheRequestedSize) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    FrameSink sink;
+    FrameLog sink;
     source.setFrameReady(std::ref(sink));
     source.start(options(c.monitor, c.requestedWidth, c.requestedHeight));
     ASSERT_TRUE(sink.waitFor(1));
@@ -167,7 +146,7 @@ TEST(CaptureTest, FollowsTheRulesOfDelivery) {
   ScreenCaptureSource source(server.display());
   source.stop();  // stopping a stopped source does nothing
   std::atomic<int> inHands{0}, mostInHands{0};
-  FrameSink slow;
+  FrameLog slow;
   source.setFrameReady([&](const CapturedFrame& frame) {
     const int now = ++inHands;
     mostInHands = std::max(mostInHands.load(), now);
@@ -195,7 +174,7 @@ TEST(CaptureTest, FollowsTheRulesOfDelivery) {
   EXPECT_EQ(source.statistics().delivered, std::int64_t(frames.size()));
   const std::int64_t lastSequence = frames.back().sequence;
 
-  FrameSink sink;
+  FrameLog sink;
   source.setFrameReady(std::ref(sink));
   source.start(options(0, 0, 0, 30, 2));
   ASSERT_TRUE(sink.waitFor(3));
@@ -226,7 +205,7 @@ TEST(CaptureTest, ServerThatGoesAwayIsReportedAsCaptureFailed) {
   if (skipWithoutXvfb()) GTEST_SKIP() << "Xvfb or xrandr is not installed";
   auto server = std::make_unique<XvfbServer>(640, 480);
   ScreenCaptureSource source(server->display());
-  FrameSink sink;
+  FrameLog sink;
   std::mutex mutex;
   std::condition_variable reported;
   std::optional<CaptureError> failure;
@@ -268,7 +247,7 @@ TEST(CaptureTest, MonitorsThatComeAndGoKeepTheVideoFlowing) {
   ASSERT_EQ(server.run("xrandr --setmonitor zul-b 1280/338x1024/271+1920+176 none >/dev/null"), 0);
 
   ScreenCaptureSource capture(server.display());
-  FrameSink frames;
+  FrameLog frames;
   capture.setFrameReady(std::ref(frames));
   std::mutex mutex;
   std::condition_variable listed;

@@ -197,29 +197,16 @@ TEST_F(DesktopInput, ReachesARealWindowAndLeavesNothingPressed) {
     unsigned buttonsHeld;  // before the session ends
     bool keysHeld;
   } sessions[] = {
-      {"down, down",
-       0,
-       false,
-       {at("down", cx, cy), at("down", cx, cy, "right")},
-       nullptr,
-       button3Held,
-       false},
-      {"down, drag, then the end",
-       0,
-       false,
-       {at("down", cx, cy, "middle"), at("move", cx + 5, cy, "middle")},
-       nullptr,
-       button2Held,
-       false},
-      {"down left, up right",
-       0,
-       false,
-       {at("down", cx, cy), at("up", cx, cy, "right")},
-       nullptr,
-       0,
+      // clang-format off
+      {"down, down", 0, false, {at("down", cx, cy), at("down", cx, cy, "right")}, nullptr,
+       button3Held, false},
+      {"down, drag, then the end", 0, false,
+       {at("down", cx, cy, "middle"), at("move", cx + 5, cy, "middle")}, nullptr, button2Held, false},
+      {"down left, up right", 0, false, {at("down", cx, cy), at("up", cx, cy, "right")}, nullptr, 0,
        false},
       {"a combination whose second key fails", 2, false, {}, "Ctrl+Shift+K", 0, false},
       {"a combination whose releases fail", 0, true, {}, "Ctrl+Alt+K", 0, true},
+      // clang-format on
   };
   for (const auto& c : sessions) {
     SCOPED_TRACE(c.name);

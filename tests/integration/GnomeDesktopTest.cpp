@@ -19,6 +19,7 @@
 #include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 #include "integration/TestApp.h"
+#include "support/FrameLog.h"
 #include "support/GnomeSession.h"
 
 namespace zul {
@@ -31,31 +32,6 @@ using test::GnomeSession;
 // The test window's background, and what full-range BT.601 makes of it.
 constexpr const char* background = "#2060c0";
 constexpr int expectedY = 88, expectedU = 187, expectedV = 88;
-
-// Frames of one capture run, kept as the test needs them.
-struct FrameLog {
-  std::mutex mutex;
-  std::condition_variable arrived;
-  std::vector<CapturedFrame> frames;
-
-  void add(const CapturedFrame& frame) {
-    std::lock_guard lock(mutex);
-    frames.push_back(frame);
-    arrived.notify_all();
-  }
-  // Waits for a frame for which `match` holds.
-  std::optional<CapturedFrame> waitFor(const std::function<bool(const CapturedFrame&)>& match) {
-    std::unique_lock lock(mutex);
-    std::optional<CapturedFrame> found;
-    arrived.wait_for(lock, 20s, [&] {
-      for (const auto& frame : frames) {
-        if (match(frame)) found = frame;
-      }
-      return found.has_value();
-    });
-    return found;
-  }
-};
 
 // Luma and chroma at one pixel of an NV12 frame.
 std::array<int, 3> yuvAt(const CapturedFrame& frame, int x, int y) {
@@ -99,8 +75,8 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   // Frames of the primary monitor at its own size, with the window's colour.
   auto capture = backend->makeCaptureSource();
   EXPECT_EQ(capture->name(), "gnome");
-  FrameLog log;
-  capture->setFrameReady([&](const CapturedFrame& frame) { log.add(frame); });
+  test::FrameLog log;
+  capture->setFrameReady(std::ref(log));
   std::atomic<int> failures{0};
   std::string failure;
   capture->setCaptureFailed([&](const CaptureError& error) {
@@ -127,9 +103,9 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
     const std::int64_t seen = painted->sequence;
     auto later = log.waitFor([&](const CapturedFrame& f) { return f.sequence >= seen + 2; });
     ASSERT_TRUE(later);
-    std::lock_guard lock(log.mutex);
-    for (std::size_t i = 1; i < log.frames.size(); ++i) {
-      EXPECT_EQ(log.frames[i].sequence, log.frames[i - 1].sequence + 1);
+    const auto frames = log.frames();
+    for (std::size_t i = 1; i < frames.size(); ++i) {
+      EXPECT_EQ(frames[i].sequence, frames[i - 1].sequence + 1);
     }
   }
 
@@ -186,10 +162,7 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   // The other monitor: capture restarts there at its own size.
   capture->stop();
   const CaptureSize side = captureSizeFor(displays[1]);
-  {
-    std::lock_guard lock(log.mutex);
-    log.frames.clear();
-  }
+  log.clear();
   capture->start(
       {.displayIndex = 1, .width = side.width, .height = side.height, .framesPerSecond = 30});
   EXPECT_EQ(capture->resolvedDisplayID(), displays[1].displayID);

@@ -8,7 +8,7 @@
 #include "ZulCore/Input/KeyboardExecutor.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
-#include "unit/ZulCore/Outcome.h"
+#include "support/Outcome.h"
 #include "unit/ZulCore/RecordingInputInjector.h"
 
 namespace zul {

@@ -20,7 +20,7 @@
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
-#include "unit/ZulCore/Outcome.h"
+#include "support/Outcome.h"
 
 namespace zul {
 namespace {

@@ -9,7 +9,7 @@
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
 #include "ZulTransport/MessageRouter.h"
-#include "unit/ZulCore/Outcome.h"
+#include "support/Outcome.h"
 
 namespace zul {
 namespace {

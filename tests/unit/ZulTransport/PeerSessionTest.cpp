@@ -8,7 +8,7 @@
 #include "ZulTransport/AgentPeerSession.h"
 #include "ZulTransport/LocalOfferSession.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
-#include "unit/ZulCore/Outcome.h"
+#include "support/Outcome.h"
 
 namespace zul {
 namespace {

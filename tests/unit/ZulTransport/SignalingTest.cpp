@@ -12,7 +12,7 @@
 #include "ZulTransport/SignalingMessageHandler.h"
 #include "ZulTransport/SignalingUrl.h"
 #include "support/FakeSignalingPeer.h"
-#include "unit/ZulCore/Outcome.h"
+#include "support/Outcome.h"
 
 namespace zul {
 namespace {
