@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -210,18 +209,7 @@ std::string commandOutput(const std::string& command) {
 }
 
 bool haveProgram(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  if (!path) return false;
-  std::string p(path);
-  std::size_t start = 0;
-  while (start <= p.size()) {
-    auto end = p.find(':', start);
-    if (end == std::string::npos) end = p.size();
-    std::filesystem::path candidate = std::filesystem::path(p.substr(start, end - start)) / name;
-    if (access(candidate.c_str(), X_OK) == 0) return true;
-    start = end + 1;
-  }
-  return false;
+  return std::system(("command -v '" + name + "' >/dev/null 2>&1").c_str()) == 0;
 }
 
 }  // namespace zul::test
