@@ -59,16 +59,4 @@ void ScreenPattern::fillSquare(int x, int y, int size, Rgb colour) {
   XSync(display, False);
 }
 
-std::pair<int, int> pointerPosition(const std::string& displayName) {
-  Display* display = XOpenDisplay(displayName.c_str());
-  if (!display) return {-1, -1};
-  Window root, child;
-  int rootX = -1, rootY = -1, windowX, windowY;
-  unsigned mask;
-  XQueryPointer(display, DefaultRootWindow(display), &root, &child, &rootX, &rootY, &windowX,
-                &windowY, &mask);
-  XCloseDisplay(display);
-  return {rootX, rootY};
-}
-
 }  // namespace zul::test

@@ -36,7 +36,5 @@ class ScreenPattern {
   int height_ = 0;
 };
 
-// Where the pointer is on the X screen `display`, or (-1, -1).
-std::pair<int, int> pointerPosition(const std::string& display);
 
 }  // namespace zul::test
