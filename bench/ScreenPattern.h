@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <utility>
 
 namespace zul::test {
 
@@ -35,6 +34,5 @@ class ScreenPattern {
   int width_ = 0;
   int height_ = 0;
 };
-
 
 }  // namespace zul::test
