@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "ZulPlatform/linux/capture/CaptureCallbacks.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/gnome/PipeWireStream.h"
@@ -93,9 +94,7 @@ struct MutterCaptureSource::Impl {
 
   mutable std::mutex mutex;  // guards everything below
   std::condition_variable wake;
-  FrameReady frameReady;
-  CaptureFailed captureFailed;
-  DisplaysChanged displaysChanged;
+  CaptureCallbacks callbacks{mutex};
   bool running = false;
   bool stopRequested = false;
   std::int64_t sequence = 0;
@@ -130,18 +129,7 @@ struct MutterCaptureSource::Impl {
 };
 
 void MutterCaptureSource::Impl::fail(const std::string& reason) {
-  CaptureFailed handler;
-  {
-    std::lock_guard lock(mutex);
-    handler = captureFailed;
-  }
-  if (handler) {
-    try {
-      handler(CaptureError::captureFailed(reason));
-    } catch (...) {
-      // the owner's failure must not take the capture thread down
-    }
-  }
+  callbacks.reportFailure(reason);
   std::lock_guard lock(mutex);
   running = false;
 }
@@ -171,18 +159,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
     } catch (const std::exception&) {
       return false;
     }
-    DisplaysChanged handler;
-    {
-      std::lock_guard lock(mutex);
-      handler = displaysChanged;
-    }
-    if (handler) {
-      try {
-        handler(descriptorsOf(monitors));
-      } catch (...) {
-        // the owner's failure must not take the capture thread down
-      }
-    }
+    callbacks.reportDisplays(descriptorsOf(monitors));
     return std::any_of(monitors.begin(), monitors.end(), [&](const MutterMonitor& m) {
       return m.connector == run.monitor.connector;
     });
@@ -200,7 +177,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       if (stopRequested) break;
       if (monitorsChanged) {
         monitorsChanged = false;
-        const bool heard = bool(displaysChanged);
+        const bool heard = callbacks.followsDisplaysLocked();
         lock.unlock();
         if (!monitorStillThere()) {
           const std::string gone = "monitor " + run.monitor.connector + " went away";
@@ -213,7 +190,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       }
       if (ended) {
         const std::string reason = *ended;
-        const bool heard = bool(displaysChanged);
+        const bool heard = callbacks.followsDisplaysLocked();
         lock.unlock();
         // Mutter closes the session of a monitor that went away: that is a
         // change of monitors, not a failure, for an owner that follows them.
@@ -245,7 +222,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       }
       if (gate.offer(now, changed) == FrameGate::Decision::skip) continue;
       number = ++sequence;
-      handler = frameReady;
+      handler = callbacks.frameReadyLocked();
       gate.delivered(now);
     }
     if (changed || !lastSurface) {
@@ -267,13 +244,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
     };
     // On this thread: while the consumer holds the frame, newer pictures
     // replace each other in `incoming` and only the newest is handed out.
-    if (handler) {
-      try {
-        handler(frame);
-      } catch (...) {
-        // a consumer's failure is its own; the next frame still comes
-      }
-    }
+    CaptureCallbacks::deliver(handler, frame);
   }
   if (!reportedStart) run.started.set_value("stopped before the first frame");
 }
@@ -286,18 +257,15 @@ MutterCaptureSource::MutterCaptureSource(std::shared_ptr<MutterDesktop> desktop)
 MutterCaptureSource::~MutterCaptureSource() { stop(); }
 
 void MutterCaptureSource::setFrameReady(FrameReady handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->frameReady = std::move(handler);
+  impl_->callbacks.setFrameReady(std::move(handler));
 }
 
 void MutterCaptureSource::setCaptureFailed(CaptureFailed handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->captureFailed = std::move(handler);
+  impl_->callbacks.setCaptureFailed(std::move(handler));
 }
 
 void MutterCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->displaysChanged = std::move(handler);
+  impl_->callbacks.setDisplaysChanged(std::move(handler));
 }
 
 void MutterCaptureSource::start(const CaptureOptions& options) {

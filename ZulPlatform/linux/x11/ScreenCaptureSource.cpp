@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "ZulCore/Support/Console.h"
+#include "ZulPlatform/linux/capture/CaptureCallbacks.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
@@ -163,9 +164,7 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   mutable std::mutex mutex;
   std::condition_variable wake;  // the delivery thread waits on it
   Waker waker;                   // the capture thread polls it beside the X connection
-  FrameReady frameReady;
-  CaptureFailed captureFailed;
-  DisplaysChanged displaysChanged;
+  CaptureCallbacks callbacks{mutex};
   CaptureTiming onCaptureTiming;
   bool running = false;
   bool stopRequested = false;
@@ -196,36 +195,14 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
 };
 
 void ScreenCaptureSource::Impl::fail(const std::string& reason) {
-  CaptureFailed handler;
-  {
-    std::lock_guard lock(mutex);
-    handler = captureFailed;
-  }
-  if (handler) {
-    try {
-      handler(CaptureError::captureFailed(reason));
-    } catch (...) {
-      // the owner's failure must not take the capture thread down
-    }
-  }
+  callbacks.reportFailure(reason);
   std::lock_guard lock(mutex);
   running = false;
 }
 
 bool ScreenCaptureSource::Impl::reportDisplaysChanged(
     const std::vector<DisplayDescriptor>& monitors) {
-  DisplaysChanged handler;
-  {
-    std::lock_guard lock(mutex);
-    handler = displaysChanged;
-  }
-  if (!handler) return false;
-  try {
-    handler(monitors);
-  } catch (...) {
-    // the owner's failure must not take the capture thread down
-  }
-  return true;
+  return callbacks.reportDisplays(monitors);
 }
 
 void ScreenCaptureSource::Impl::captureLoop(Run& run) {
@@ -457,16 +434,10 @@ void ScreenCaptureSource::Impl::deliveryLoop() {
       if (!pending) return;
       frame = std::move(*pending);
       pending.reset();
-      handler = frameReady;
+      handler = callbacks.frameReadyLocked();
       ++statistics.delivered;
     }
-    if (handler) {
-      try {
-        handler(frame);
-      } catch (...) {
-        // a consumer's failure is its own; the next frame still comes
-      }
-    }
+    CaptureCallbacks::deliver(handler, frame);
     {
       std::lock_guard lock(mutex);
       handlingFrame = false;
@@ -502,18 +473,15 @@ std::optional<std::uint32_t> ScreenCaptureSource::primaryDisplayID(const std::st
 }
 
 void ScreenCaptureSource::setFrameReady(FrameReady handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->frameReady = std::move(handler);
+  impl_->callbacks.setFrameReady(std::move(handler));
 }
 
 void ScreenCaptureSource::setCaptureFailed(CaptureFailed handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->captureFailed = std::move(handler);
+  impl_->callbacks.setCaptureFailed(std::move(handler));
 }
 
 void ScreenCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->displaysChanged = std::move(handler);
+  impl_->callbacks.setDisplaysChanged(std::move(handler));
 }
 
 void ScreenCaptureSource::setOnCaptureTiming(CaptureTiming handler) {
