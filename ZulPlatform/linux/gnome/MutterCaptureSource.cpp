@@ -1,9 +1,5 @@
 #include "ZulPlatform/linux/gnome/MutterCaptureSource.h"
 
-#include <libyuv/convert_from_argb.h>
-#include <libyuv/planar_functions.h>
-#include <libyuv/scale_argb.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
@@ -14,6 +10,7 @@
 
 #include "ZulPlatform/linux/capture/CaptureCallbacks.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
+#include "ZulPlatform/linux/capture/Nv12Converter.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/gnome/PipeWireStream.h"
 
@@ -32,43 +29,6 @@ struct Pixels {
   int height = 0;
   int stride = 0;
   bool rgbOrder = false;
-};
-
-// 32-bit pixels at any size into a full-range NV12 surface of its own size.
-class Nv12Converter {
- public:
-  void convert(const Pixels& in, Nv12FrameSurface& out) {
-    const std::uint8_t* source = in.bytes.data();
-    int stride = in.stride;
-    if (in.rgbOrder) {
-      // libyuv's "ARGB" is B, G, R, A in memory; RGBx is its "ABGR".
-      reordered_.resize(std::size_t(in.width) * in.height * 4);
-      libyuv::ABGRToARGB(source, stride, reordered_.data(), in.width * 4, in.width, in.height);
-      source = reordered_.data();
-      stride = in.width * 4;
-    }
-    const int width = out.width(), height = out.height();
-    if (in.width != width || in.height != height) {
-      scaled_.resize(std::size_t(width) * height * 4);
-      libyuv::ARGBScale(source, stride, in.width, in.height, scaled_.data(), width * 4, width,
-                        height, libyuv::kFilterBilinear);
-      source = scaled_.data();
-      stride = width * 4;
-    }
-    const int chromaWidth = out.chromaWidth(), chromaHeight = out.chromaHeight();
-    u_.resize(std::size_t(chromaWidth) * chromaHeight);
-    v_.resize(u_.size());
-    libyuv::ARGBToJ420(source, stride, out.luma(), out.lumaStride(), u_.data(), chromaWidth,
-                       v_.data(), chromaWidth, width, height);
-    libyuv::MergeUVPlane(u_.data(), chromaWidth, v_.data(), chromaWidth, out.chroma(),
-                         out.chromaStride(), chromaWidth, chromaHeight);
-  }
-
- private:
-  std::vector<std::uint8_t> reordered_;
-  std::vector<std::uint8_t> scaled_;
-  std::vector<std::uint8_t> u_;
-  std::vector<std::uint8_t> v_;
 };
 
 std::vector<DisplayDescriptor> descriptorsOf(const std::vector<MutterMonitor>& monitors) {
@@ -227,7 +187,8 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
     }
     if (changed || !lastSurface) {
       auto surface = Nv12FrameSurface::allocate(run.width, run.height);
-      converter.convert(working, *surface);
+      converter.convert(working.bytes.data(), working.stride, working.width, working.height,
+                        working.rgbOrder, *surface);
       lastSurface = std::move(surface);
     }
     CapturedFrame frame{

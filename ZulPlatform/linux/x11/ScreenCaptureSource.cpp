@@ -2,9 +2,6 @@
 
 // WebRTC's headers come before anything that includes Xlib, whose macros
 // (None, Bool, Status) would break them.
-#include <libyuv/convert_from_argb.h>
-#include <libyuv/planar_functions.h>
-#include <libyuv/scale_argb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -20,6 +17,7 @@
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/capture/CaptureCallbacks.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
+#include "ZulPlatform/linux/capture/Nv12Converter.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
 #include "modules/desktop_capture/desktop_and_cursor_composer.h"
@@ -89,36 +87,6 @@ class SurfacePool : public std::enable_shared_from_this<SurfacePool> {
   std::size_t size_;
   std::mutex mutex_;
   std::vector<std::uint8_t*> free_;
-};
-
-// BGRA (libyuv's "ARGB") at any size into a full-range NV12 surface of its
-// own size; scales first when the sizes differ.
-class Nv12Converter {
- public:
-  void convert(const webrtc::DesktopFrame& frame, Nv12FrameSurface& out) {
-    const std::uint8_t* source = frame.data();
-    int stride = frame.stride();
-    const int width = out.width(), height = out.height();
-    if (frame.size().width() != width || frame.size().height() != height) {
-      scaled_.resize(std::size_t(width) * height * 4);
-      libyuv::ARGBScale(source, stride, frame.size().width(), frame.size().height(), scaled_.data(),
-                        width * 4, width, height, libyuv::kFilterBilinear);
-      source = scaled_.data();
-      stride = width * 4;
-    }
-    const int chromaWidth = out.chromaWidth(), chromaHeight = out.chromaHeight();
-    u_.resize(std::size_t(chromaWidth) * chromaHeight);
-    v_.resize(u_.size());
-    libyuv::ARGBToJ420(source, stride, out.luma(), out.lumaStride(), u_.data(), chromaWidth,
-                       v_.data(), chromaWidth, width, height);
-    libyuv::MergeUVPlane(u_.data(), chromaWidth, v_.data(), chromaWidth, out.chroma(),
-                         out.chromaStride(), chromaWidth, chromaHeight);
-  }
-
- private:
-  std::vector<std::uint8_t> scaled_;
-  std::vector<std::uint8_t> u_;
-  std::vector<std::uint8_t> v_;
 };
 
 // An eventfd that wakes the capture thread out of poll().
@@ -387,7 +355,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     const auto convertStart = Clock::now();
     if (convert) {
       auto surface = pool->take();
-      converter.convert(*frame, *surface);
+      converter.convert(frame->data(), frame->stride(), frame->size().width(),
+                        frame->size().height(), /*rgbOrder=*/false, *surface);
       lastSurface = std::move(surface);
     }
     const auto convertTime = Clock::now() - convertStart;

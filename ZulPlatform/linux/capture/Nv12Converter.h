@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
+
+namespace zul {
+
+// 32-bit pixels at any size into a full-range NV12 surface of its own size;
+// scales first when the sizes differ. Keeps its scratch buffers between
+// calls, so one converter serves one capture thread.
+class Nv12Converter {
+ public:
+  // `pixels`: B, G, R, x in memory (libyuv's "ARGB"), or R, G, B, x when
+  // `rgbOrder`.
+  void convert(const std::uint8_t* pixels, int stride, int width, int height, bool rgbOrder,
+               Nv12FrameSurface& out);
+
+ private:
+  std::vector<std::uint8_t> reordered_;
+  std::vector<std::uint8_t> scaled_;
+  std::vector<std::uint8_t> u_;
+  std::vector<std::uint8_t> v_;
+};
+
+}  // namespace zul
