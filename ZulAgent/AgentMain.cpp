@@ -62,16 +62,32 @@ void runWebRtcSmokeMode() {
   }
 }
 
-void runRealAgentMode() {
+// Every peer session streams with our H.264 encoder (hardware when the
+// machine has one, else libx264 on all cores); OpenH264 is the fallback.
+PeerVideoEncoding agentVideoEncoding() {
+  return {.makeEncoder = [] { return std::make_unique<LibavH264Encoder>(); },
+          .print =
+              [](const std::string& line) {
+                // Which encoder runs is said once; each session's own start
+                // only with the detailed diagnostics. Failures and the
+                // fallback always.
+                static std::atomic<bool> saidWhich{false};
+                const bool routine = line.find(" fps, starting at ") != std::string::npos;
+                if (!routine || verboseOutput() || !saidWhich.exchange(true)) printLine(line);
+              }};
+}
+
+void runRealAgentMode(const WindowedRealAgent& windowed) {
   // With a server named in the environment the agent runs without windows
   // (development, tests, headless machines); otherwise the setup window asks.
   const char* url = std::getenv("ZUL_SIGNALING_URL");
-  if ((!url || !*url) && windowedRealAgent()) {
-    windowedRealAgent()(printLine);
+  if ((!url || !*url) && windowed) {
+    windowed(agentVideoEncoding(), printLine);
     return;
   }
   try {
-    const RealAgentSettings settings = RealAgentSettings::fromEnvironment();
+    RealAgentSettings settings = RealAgentSettings::fromEnvironment();
+    settings.videoEncoding = agentVideoEncoding();
     printLine("Zul Linux agent \u2014 real agent (signaling: " +
               redactedUrl(settings.signalingBaseURL) + "; set ZUL_SIGNALING_URL to change)");
     runRealAgent(settings, nullptr, printLine);
@@ -82,8 +98,10 @@ void runRealAgentMode() {
 
 void runPhoneDemoMode() {
   try {
+    PhoneDemoSettings settings = PhoneDemoSettings::fromEnvironment();
+    settings.videoEncoding = agentVideoEncoding();
     runPhoneDemo(
-        PhoneDemoSettings::fromEnvironment(),
+        settings,
         [] { return desktopBackend(printLine)->makeCaptureSource(); }, printLine);
   } catch (const std::exception& error) {
     printLine(std::string("phone-demo failed: ") + error.what());
@@ -92,24 +110,9 @@ void runPhoneDemoMode() {
 
 }  // namespace
 
-int agentMain(int argc, char** argv) {
+int agentMain(int argc, char** argv, const WindowedRealAgent& windowed) {
   makeStdoutUnbuffered();
   configureWebRtcLogging();
-  // Every peer session streams with our H.264 encoder (hardware when the
-  // machine has one, else libx264 on all cores); OpenH264 is the fallback.
-  setPeerVideoEncoding({.makeEncoder = [] { return std::make_unique<LibavH264Encoder>(); },
-                        .print =
-                            [](const std::string& line) {
-                              // Which encoder runs is said once; each session's own
-                              // start only with the detailed diagnostics. Failures
-                              // and the fallback always.
-                              static std::atomic<bool> saidWhich{false};
-                              const bool routine =
-                                  line.find(" fps, starting at ") != std::string::npos;
-                              if (!routine || verboseOutput() || !saidWhich.exchange(true)) {
-                                printLine(line);
-                              }
-                            }});
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   const char* captureBackend = std::getenv("ZUL_CAPTURE_BACKEND");
   const LaunchPlan plan = chooseRunMode(
@@ -124,7 +127,7 @@ int agentMain(int argc, char** argv) {
       runWebRtcSmokeMode();
       break;
     case RunMode::realAgent:
-      runRealAgentMode();
+      runRealAgentMode(windowed);
       break;
     case RunMode::phoneDemo:
       runPhoneDemoMode();

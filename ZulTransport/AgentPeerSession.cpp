@@ -79,12 +79,14 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     std::string label_;
   };
 
-  explicit Impl(const DtlsCertificate& certificate) : certificate_(certificate) {
+  Impl(const DtlsCertificate& certificate, std::shared_ptr<Events> events,
+       const PeerVideoEncoding& encoding)
+      : events_(std::move(events)), certificate_(certificate) {
     webrtc_support::initialize();
     webrtcCertificate_ = rtc::RTCCertificate::FromPEM(
         rtc::RTCCertificatePEM(certificate_.privateKeyPem, certificate_.certificatePem));
     if (!webrtcCertificate_) throw DtlsCertificateError::malformedPem();
-    runtime_ = std::make_unique<webrtc_support::Runtime>();
+    runtime_ = std::make_unique<webrtc_support::Runtime>(encoding);
     source_ = rtc::make_ref_counted<webrtc_support::PushedVideoSource>();
     observer_ = std::make_unique<ConnectionObserver>();
   }
@@ -103,11 +105,11 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     std::vector<std::unique_ptr<ChannelObserver>> observers;
     {
       // The owner is going away: nothing of it is called during tear-down.
+      events_->onMessage = nullptr;
+      events_->onIceConnectionStateChange = nullptr;
+      events_->onDataChannelOpen = nullptr;
+      events_->onDiagnostic = nullptr;
       std::lock_guard lock(mutex_);
-      onMessage_ = nullptr;
-      onIceConnectionStateChange_ = nullptr;
-      onDataChannelOpen_ = nullptr;
-      onDiagnostic_ = nullptr;
       connection = std::move(connection_);
       observers = std::move(channelObservers_);
       channels_.clear();
@@ -253,8 +255,7 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     }
   }
 
-  template <typename Pixels>
-  void push(const Pixels& frame, std::int64_t timestampNs) {
+  void push(const CapturedFrame& frame, std::int64_t timestampNs) {
     if (source_->push(frame, timestampNs)) return;
     bool first = false;
     {
@@ -266,38 +267,11 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
       diagnostic("push: a frame has no pixels the video source can read; such frames are dropped");
   }
 
-  // Callbacks, each copied out under the lock and called outside it.
-  void diagnostic(const std::string& line) {
-    DiagnosticHandler handler;
-    {
-      std::lock_guard lock(mutex_);
-      handler = onDiagnostic_;
-    }
-    if (handler) handler(line);
-  }
-  void iceConnectionStateChanged(int state) {
-    StateHandler handler;
-    {
-      std::lock_guard lock(mutex_);
-      handler = onIceConnectionStateChange_;
-    }
-    if (handler) handler(state);
-  }
-  void channelOpened(const std::string& label) {
-    LabelHandler handler;
-    {
-      std::lock_guard lock(mutex_);
-      handler = onDataChannelOpen_;
-    }
-    if (handler) handler(label);
-  }
+  void diagnostic(const std::string& line) { events_->onDiagnostic(line); }
+  void iceConnectionStateChanged(int state) { events_->onIceConnectionStateChange(state); }
+  void channelOpened(const std::string& label) { events_->onDataChannelOpen(label); }
   void messageReceived(const std::string& label, const Bytes& data, bool binary) {
-    MessageHandler handler;
-    {
-      std::lock_guard lock(mutex_);
-      handler = onMessage_;
-    }
-    if (handler) handler(label, data, binary);
+    events_->onMessage(label, data, binary);
   }
 
   std::vector<ChannelInfo> channelInfos() {
@@ -320,11 +294,8 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
     return out;
   }
 
-  std::mutex mutex_;  // guards the callbacks, the connection and the channels
-  MessageHandler onMessage_;
-  StateHandler onIceConnectionStateChange_;
-  LabelHandler onDataChannelOpen_;
-  DiagnosticHandler onDiagnostic_;
+  std::shared_ptr<Events> events_;
+  std::mutex mutex_;  // guards the connection and the channels
   DtlsCertificate certificate_;
   rtc::scoped_refptr<rtc::RTCCertificate> webrtcCertificate_;
   std::unique_ptr<webrtc_support::Runtime> runtime_;
@@ -336,8 +307,9 @@ class AgentPeerSession::Impl : public std::enable_shared_from_this<Impl> {
   bool reportedUnreadableFrame_ = false;
 };
 
-AgentPeerSession::AgentPeerSession(const DtlsCertificate& certificate)
-    : impl_(std::make_shared<Impl>(certificate)) {
+AgentPeerSession::AgentPeerSession(const DtlsCertificate& certificate,
+                                   const PeerVideoEncoding& encoding)
+    : impl_(std::make_shared<Impl>(certificate, events_, encoding)) {
   impl_->start();
 }
 
@@ -348,23 +320,6 @@ AgentPeerSession::~AgentPeerSession() { impl_->shutdown(); }
 
 const std::string& AgentPeerSession::dtlsFingerprint() const {
   return impl_->certificate_.fingerprint;
-}
-
-void AgentPeerSession::setOnMessage(MessageHandler handler) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->onMessage_ = std::move(handler);
-}
-void AgentPeerSession::setOnIceConnectionStateChange(StateHandler handler) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->onIceConnectionStateChange_ = std::move(handler);
-}
-void AgentPeerSession::setOnDataChannelOpen(LabelHandler handler) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->onDataChannelOpen_ = std::move(handler);
-}
-void AgentPeerSession::setOnDiagnostic(DiagnosticHandler handler) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->onDiagnostic_ = std::move(handler);
 }
 
 void AgentPeerSession::configureIceServers(const std::vector<std::string>& urls,
@@ -405,9 +360,6 @@ void AgentPeerSession::push(const CapturedFrame& frame, std::int64_t timestampNs
   impl_->push(frame, timestampNs);
 }
 
-void AgentPeerSession::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
-  impl_->push(pixels, timestampNs);
-}
 
 void AgentPeerSession::restartIce() {
   auto connection = impl_->connection();

@@ -11,9 +11,10 @@
 
 #include "ZulCore/Media/CapturedFrame.h"
 #include "ZulCore/Support/Bytes.h"
+#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Trust/SecretStore.h"
 #include "ZulTransport/AgentPeerSessionError.h"
-#include "ZulTransport/Nv12Pixels.h"
+#include "ZulTransport/PeerVideoEncoding.h"
 #include "ZulTransport/PersistedDtlsCertificate.h"
 
 namespace zul {
@@ -26,18 +27,23 @@ namespace zul {
 // Callbacks run on the library's signalling thread; they may send, but must
 // not call the blocking operations (offer, answer) from there.
 class AgentPeerSession {
+  // Shared with the library's observers, which may outlive this object.
+  struct Events {
+    Callback<const std::string& /*label*/, const Bytes& /*data*/, bool /*isBinary*/> onMessage;
+    Callback<int /*state*/> onIceConnectionStateChange;
+    Callback<const std::string& /*label*/> onDataChannelOpen;
+    Callback<const std::string& /*line*/> onDiagnostic;
+  };
+  std::shared_ptr<Events> events_ = std::make_shared<Events>();
+
  public:
-  using MessageHandler =
-      std::function<void(const std::string& label, const Bytes& data, bool isBinary)>;
-  using StateHandler = std::function<void(int state)>;
-  using LabelHandler = std::function<void(const std::string& label)>;
-  using DiagnosticHandler = std::function<void(const std::string& line)>;
 
   // On a certificate loaded once for the run (PersistedDtlsCertificate), so
   // that every phone's session presents the same one without reading the
   // store again. Throws DtlsCertificateError when the library cannot take it
   // and WebRtcError when the factory makes no peer connection.
-  explicit AgentPeerSession(const DtlsCertificate& certificate);
+  explicit AgentPeerSession(const DtlsCertificate& certificate,
+                            const PeerVideoEncoding& encoding = {});
   // Loads or creates the certificate in `certificateStore` (account
   // "dtls-certificate") first; throws what loading throws, as above.
   explicit AgentPeerSession(const SecretStore& certificateStore);
@@ -47,11 +53,12 @@ class AgentPeerSession {
 
   const std::string& dtlsFingerprint() const;
 
-  // Set before the connection is used; an unset callback is skipped.
-  void setOnMessage(MessageHandler handler);
-  void setOnIceConnectionStateChange(StateHandler handler);
-  void setOnDataChannelOpen(LabelHandler handler);
-  void setOnDiagnostic(DiagnosticHandler handler);
+  // Set before the connection is used.
+  decltype(Events::onMessage)& onMessage = events_->onMessage;
+  decltype(Events::onIceConnectionStateChange)& onIceConnectionStateChange =
+      events_->onIceConnectionStateChange;
+  decltype(Events::onDataChannelOpen)& onDataChannelOpen = events_->onDataChannelOpen;
+  decltype(Events::onDiagnostic)& onDiagnostic = events_->onDiagnostic;
 
   // Replaces the connection (and forgets its channels) with one that uses a
   // single ICE server made of the usable `urls`, or none when there is none.
@@ -74,10 +81,10 @@ class AgentPeerSession {
   // Through the sending gate; throw AgentPeerSessionError.
   void sendText(std::string_view channel, std::string_view payload);
   void sendBinary(std::string_view channel, const Bytes& payload);
-  // One captured frame, stamped with a monotonic time in nanoseconds.
+  // One captured frame, stamped with a monotonic time in nanoseconds. NV12
+  // pixels in the frame's surface or data are held, not copied, until the
+  // encoder is done with them.
   void push(const CapturedFrame& frame, std::int64_t timestampNs);
-  // Pixels that live in a platform surface; copied before it returns.
-  void push(const Nv12Pixels& pixels, std::int64_t timestampNs);
   void restartIce();
   // Closes the connection; the channel map stays as it is.
   void close();

@@ -174,6 +174,13 @@ void ControlSessionDispatcher::sendError(const std::string& sessionId,
   nlohmann::json reply = MessageRouter::makeEnvelope("control.error", sessionId);
   reply["code"] = denied ? "PERMISSION_DENIED" : "INVALID_MESSAGE";
   reply["message"] = error.what();
+  // For the app to act on without reading the message: the case, and the
+  // permission a refused request lacked.
+  auto* known = dynamic_cast<const Error*>(&error);
+  reply["reason"] = known ? std::string(known->caseName()) : std::string("failed");
+  if (auto* gate = dynamic_cast<const PermissionGateError*>(&error)) {
+    reply["permission"] = rawValue(gate->permission());
+  }
   send(reply);
 }
 

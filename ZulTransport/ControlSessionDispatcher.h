@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Support/Error.h"
 #include "ZulCore/Trust/ControlSessionLease.h"
 #include "ZulCore/Trust/DevicePermission.h"
@@ -79,11 +80,11 @@ class ControlSessionDispatcher {
   ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer, TrustedDeviceStore trustedDevices,
                            std::shared_ptr<ControlSessionShared> shared = nullptr);
 
-  std::function<void(const std::string& sessionId, const std::string& deviceId)>
+  Callback<const std::string& /*sessionId*/, const std::string& /*deviceId*/>
       onSessionEstablished;
-  std::function<void(const RoutedMessage&, const PermissionGate&)> onAuthenticatedMessage;
-  std::function<void()> onSessionReleased;
-  std::function<void(const std::string&)> onDiagnostic;
+  Callback<const RoutedMessage&, const PermissionGate&> onAuthenticatedMessage;
+  Callback<> onSessionReleased;
+  Callback<const std::string&> onDiagnostic;
 
   // Every text message received on any data channel.
   void handle(std::string_view channel, std::string_view data);

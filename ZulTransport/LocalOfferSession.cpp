@@ -29,22 +29,14 @@ namespace {
 // other event is ignored.
 class EventObserver : public webrtc::PeerConnectionObserver {
  public:
-  void setHandler(LocalOfferSession::StateHandler handler) {
-    std::lock_guard lock(mutex_);
-    handler_ = std::move(handler);
-  }
+  explicit EventObserver(const Callback<int>& onStateChange) : onStateChange_(onStateChange) {}
   webrtc_support::GatheringLatch& latch() { return latch_; }
 
   void OnIceGatheringChange(webrtc::PeerConnectionInterface::IceGatheringState state) override {
     if (state == webrtc::PeerConnectionInterface::kIceGatheringComplete) latch_.complete();
   }
   void OnIceConnectionChange(webrtc::PeerConnectionInterface::IceConnectionState state) override {
-    LocalOfferSession::StateHandler handler;
-    {
-      std::lock_guard lock(mutex_);
-      handler = handler_;
-    }
-    if (handler) handler(static_cast<int>(state));
+    onStateChange_(static_cast<int>(state));
   }
   void OnSignalingChange(webrtc::PeerConnectionInterface::SignalingState) override {}
   void OnDataChannel(rtc::scoped_refptr<webrtc::DataChannelInterface>) override {}
@@ -52,8 +44,7 @@ class EventObserver : public webrtc::PeerConnectionObserver {
   void OnIceCandidate(const webrtc::IceCandidateInterface*) override {}
 
  private:
-  std::mutex mutex_;
-  LocalOfferSession::StateHandler handler_;
+  const Callback<int>& onStateChange_;
   webrtc_support::GatheringLatch latch_;
 };
 
@@ -61,7 +52,9 @@ class EventObserver : public webrtc::PeerConnectionObserver {
 
 class LocalOfferSession::Impl {
  public:
-  explicit Impl(const std::vector<std::string>& urls) {
+  Impl(const std::vector<std::string>& urls, const PeerVideoEncoding& encoding,
+       const Callback<int>& onStateChange)
+      : runtime(encoding), observer(onStateChange) {
     source = rtc::make_ref_counted<webrtc_support::PushedVideoSource>();
     webrtc::PeerConnectionInterface::RTCConfiguration config;
     config.sdp_semantics = webrtc::SdpSemantics::kUnifiedPlan;
@@ -90,14 +83,12 @@ class LocalOfferSession::Impl {
   rtc::scoped_refptr<webrtc::PeerConnectionInterface> connection;
 };
 
-LocalOfferSession::LocalOfferSession(const std::vector<std::string>& iceServerURLs)
-    : impl_(std::make_unique<Impl>(iceServerURLs)) {}
+LocalOfferSession::LocalOfferSession(const std::vector<std::string>& iceServerURLs,
+                                     const PeerVideoEncoding& encoding)
+    : impl_(std::make_unique<Impl>(iceServerURLs, encoding, onIceConnectionStateChange)) {}
 
 LocalOfferSession::~LocalOfferSession() = default;
 
-void LocalOfferSession::setOnIceConnectionStateChange(StateHandler handler) {
-  impl_->observer.setHandler(std::move(handler));
-}
 
 std::string LocalOfferSession::createOfferWithGatheredCandidates() {
   auto offer =
@@ -119,9 +110,6 @@ bool LocalOfferSession::push(const CapturedFrame& frame, std::int64_t timestampN
   return impl_->source->push(frame, timestampNs);
 }
 
-bool LocalOfferSession::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
-  return impl_->source->push(pixels, timestampNs);
-}
 
 void LocalOfferSession::close() { impl_->connection->Close(); }
 

@@ -8,7 +8,8 @@
 
 #include "ZulCore/Media/CapturedFrame.h"
 #include "ZulCore/Support/Error.h"
-#include "ZulTransport/Nv12Pixels.h"
+#include "ZulCore/Support/Callback.h"
+#include "ZulTransport/PeerVideoEncoding.h"
 
 namespace zul {
 
@@ -36,18 +37,16 @@ class TransportError : public Error {
 // offer and takes the browser's answer.
 class LocalOfferSession {
  public:
-  using StateHandler = std::function<void(int state)>;
-
   // One ICE server made of all `iceServerURLs`, or none when it is empty.
   // Throws TransportError::peerConnectionCreationFailed.
-  explicit LocalOfferSession(const std::vector<std::string>& iceServerURLs);
+  explicit LocalOfferSession(const std::vector<std::string>& iceServerURLs,
+                             const PeerVideoEncoding& encoding = {});
   ~LocalOfferSession();
   LocalOfferSession(const LocalOfferSession&) = delete;
   LocalOfferSession& operator=(const LocalOfferSession&) = delete;
 
-  // Called on the library's thread with each ICE connection state (its
-  // integer value).
-  void setOnIceConnectionStateChange(StateHandler handler);
+  // Each ICE connection state (its integer value), on the library's thread.
+  Callback<int> onIceConnectionStateChange;
 
   // Blocks until gathering is complete; throws WebRtcError or TransportError.
   std::string createOfferWithGatheredCandidates();
@@ -56,8 +55,6 @@ class LocalOfferSession {
   // One captured frame, stamped with a monotonic time in nanoseconds. Returns
   // false when its pixels are in a form the video source cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
-  // Pixels that live in a platform surface; copied before it returns.
-  bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
   void close();
 
   class Impl;

@@ -8,8 +8,8 @@
 
 namespace zul {
 
-// Which H.264 encoder the peer sessions' video tracks use. With a maker, every
-// session created afterwards offers H.264 Constrained Baseline (packetization
+// Which H.264 encoder a peer session's video track uses. With a maker, the
+// session offers H.264 Constrained Baseline (packetization
 // mode 1) first and encodes with a fresh encoder from it, fed with the pushed
 // NV12 pixels as they are; WebRTC's own OpenH264 steps in only when that
 // encoder cannot start or fails, and `print` gets a line saying so (and one
@@ -18,9 +18,5 @@ struct PeerVideoEncoding {
   std::function<std::unique_ptr<VideoEncoder>()> makeEncoder;
   std::function<void(const std::string&)> print;
 };
-
-// Process-wide: set it before creating the sessions that should use it.
-void setPeerVideoEncoding(PeerVideoEncoding encoding);
-PeerVideoEncoding peerVideoEncoding();
 
 }  // namespace zul

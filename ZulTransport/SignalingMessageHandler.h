@@ -12,25 +12,25 @@
 #include <string_view>
 #include <vector>
 
+#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Trust/PairingService.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulTransport/SignalingPeer.h"
 
 namespace zul {
 
-// The signalling client's callbacks, set by the owner before the run starts.
-// They are called on the client's own thread; an unset one is skipped.
+// The signalling client's callbacks, called on the client's own thread.
 struct SignalingEvents {
   // "connected", "disconnected", "peer-ready", "waiting",
   // "session-limit-reached", "error:<code>" or "error:unknown".
-  std::function<void(const std::string&)> onStatusChanged;
-  std::function<void(const std::string& peerId)> onPeerReady;
-  std::function<void(const std::string& peerId)> onPeerLeft;
+  Callback<const std::string&> onStatusChanged;
+  Callback<const std::string& /*peerId*/> onPeerReady;
+  Callback<const std::string& /*peerId*/> onPeerLeft;
   // The peer that was active when the server refused another session.
-  std::function<void(const std::optional<std::string>& peerId)> onSessionLimitReached;
-  std::function<void(const std::vector<TrustedDevice>&)> onTrustedDevicesChanged;
+  Callback<const std::optional<std::string>& /*peerId*/> onSessionLimitReached;
+  Callback<const std::vector<TrustedDevice>&> onTrustedDevicesChanged;
   // One-line notes on requests the agent refused without ending the run.
-  std::function<void(const std::string&)> onDiagnostic;
+  Callback<const std::string&> onDiagnostic;
 };
 
 // What the signalling client does with each message of the rendezvous

@@ -12,26 +12,6 @@
 #include "modules/video_coding/include/video_codec_interface.h"
 #include "modules/video_coding/include/video_error_codes.h"
 
-namespace zul {
-namespace {
-
-std::mutex encodingMutex;
-PeerVideoEncoding encodingSetting;  // guarded by encodingMutex
-
-}  // namespace
-
-void setPeerVideoEncoding(PeerVideoEncoding encoding) {
-  std::lock_guard lock(encodingMutex);
-  encodingSetting = std::move(encoding);
-}
-
-PeerVideoEncoding peerVideoEncoding() {
-  std::lock_guard lock(encodingMutex);
-  return encodingSetting;
-}
-
-}  // namespace zul
-
 namespace zul::webrtc_support {
 namespace {
 
@@ -299,11 +279,10 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
   return webrtc::CreateVideoEncoderSoftwareFallbackWrapper(std::move(openH264), std::move(ours));
 }
 
-std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory() {
-  PeerVideoEncoding encoding = peerVideoEncoding();
+std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory(
+    const PeerVideoEncoding& encoding) {
   if (!encoding.makeEncoder) return webrtc::CreateBuiltinVideoEncoderFactory();
-  return std::make_unique<AgentVideoEncoderFactory>(std::move(encoding.makeEncoder),
-                                                    std::move(encoding.print));
+  return std::make_unique<AgentVideoEncoderFactory>(encoding.makeEncoder, encoding.print);
 }
 
 }  // namespace zul::webrtc_support

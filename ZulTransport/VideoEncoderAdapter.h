@@ -9,6 +9,7 @@
 #include <string>
 
 #include "ZulCore/Media/VideoEncoder.h"
+#include "ZulTransport/PeerVideoEncoding.h"
 #include "api/video_codecs/sdp_video_format.h"
 #include "api/video_codecs/video_encoder.h"
 #include "api/video_codecs/video_encoder_factory.h"
@@ -80,8 +81,9 @@ class AgentVideoEncoderFactory : public webrtc::VideoEncoderFactory {
   std::unique_ptr<webrtc::VideoEncoderFactory> builtin_;
 };
 
-// The factory for a new peer connection factory: ours when a maker is set
-// (setPeerVideoEncoding), else the library's.
-std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory();
+// The factory for a new peer connection factory: ours when the encoding has a
+// maker, else the library's.
+std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory(
+    const PeerVideoEncoding& encoding);
 
 }  // namespace zul::webrtc_support

@@ -5,6 +5,7 @@
 #include <future>
 #include <string_view>
 
+#include "ZulCore/Media/Nv12Surface.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulTransport/VideoEncoderAdapter.h"
 #include "ZulTransport/WebRtcError.h"
@@ -80,7 +81,7 @@ void initialize() {
   });
 }
 
-Runtime::Runtime() {
+Runtime::Runtime(const PeerVideoEncoding& encoding) {
   initialize();
   network_ = rtc::Thread::CreateWithSocketServer();
   network_->SetName("zul.webrtc.network", nullptr);
@@ -97,7 +98,7 @@ Runtime::Runtime() {
   factory_ = webrtc::CreatePeerConnectionFactory(
       network_.get(), worker_.get(), signaling_.get(), audioDevice,
       webrtc::CreateBuiltinAudioEncoderFactory(), webrtc::CreateBuiltinAudioDecoderFactory(),
-      makeVideoEncoderFactory(), webrtc::CreateBuiltinVideoDecoderFactory(), nullptr, nullptr);
+      makeVideoEncoderFactory(encoding), webrtc::CreateBuiltinVideoDecoderFactory(), nullptr, nullptr);
 }
 
 Runtime::~Runtime() {
@@ -116,13 +117,6 @@ PushedVideoSource::PushedVideoSource() {
 
 bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   auto buffer = toFrameBuffer(frame);
-  if (!buffer) return false;
-  pushBuffer(std::move(buffer), timestampNs);
-  return true;
-}
-
-bool PushedVideoSource::push(const Nv12Pixels& pixels, std::int64_t timestampNs) {
-  auto buffer = toFrameBuffer(pixels);
   if (!buffer) return false;
   pushBuffer(std::move(buffer), timestampNs);
   return true;
@@ -149,48 +143,45 @@ void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> 
 
 namespace {
 
-// Pushed NV12 pixels, held rather than copied: the frame keeps their owner
-// alive until the encoder is done with them.
+// NV12 planes held rather than copied: the frame buffer keeps their owner
+// (the capture surface, or the frame's data) alive until the encoder is done.
 class SharedNv12Buffer : public webrtc::NV12BufferInterface {
  public:
-  explicit SharedNv12Buffer(Nv12Pixels pixels) : pixels_(std::move(pixels)) {}
-  int width() const override { return pixels_.width; }
-  int height() const override { return pixels_.height; }
-  int StrideY() const override { return pixels_.lumaStride; }
-  int StrideUV() const override { return pixels_.chromaStride; }
-  const uint8_t* DataY() const override { return pixels_.luma; }
-  const uint8_t* DataUV() const override { return pixels_.chroma; }
+  SharedNv12Buffer(Nv12PlaneView planes, std::shared_ptr<const void> owner)
+      : planes_(planes), owner_(std::move(owner)) {}
+  int width() const override { return planes_.width; }
+  int height() const override { return planes_.height; }
+  int StrideY() const override { return planes_.lumaStride; }
+  int StrideUV() const override { return planes_.chromaStride; }
+  const uint8_t* DataY() const override { return planes_.luma; }
+  const uint8_t* DataUV() const override { return planes_.chroma; }
   rtc::scoped_refptr<webrtc::I420BufferInterface> ToI420() override {
-    auto out = webrtc::I420Buffer::Create(pixels_.width, pixels_.height);
-    libyuv::NV12ToI420(pixels_.luma, pixels_.lumaStride, pixels_.chroma, pixels_.chromaStride,
+    auto out = webrtc::I420Buffer::Create(planes_.width, planes_.height);
+    libyuv::NV12ToI420(planes_.luma, planes_.lumaStride, planes_.chroma, planes_.chromaStride,
                        out->MutableDataY(), out->StrideY(), out->MutableDataU(), out->StrideU(),
-                       out->MutableDataV(), out->StrideV(), pixels_.width, pixels_.height);
+                       out->MutableDataV(), out->StrideV(), planes_.width, planes_.height);
     return out;
   }
 
  private:
-  Nv12Pixels pixels_;
+  Nv12PlaneView planes_;
+  std::shared_ptr<const void> owner_;
 };
+
+bool usable(const Nv12PlaneView& planes) {
+  return planes.luma && planes.chroma && planes.width > 0 && planes.height > 0 &&
+         planes.width <= 16384 && planes.height <= 16384 && planes.lumaStride >= planes.width &&
+         planes.chromaStride >= (planes.width + 1) / 2 * 2;
+}
 
 }  // namespace
 
-rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels) {
-  if (!pixels.luma || !pixels.chroma || pixels.width <= 0 || pixels.height <= 0 ||
-      pixels.width > 16384 || pixels.height > 16384 || pixels.lumaStride < pixels.width ||
-      pixels.chromaStride < (pixels.width + 1) / 2 * 2) {
-    return nullptr;
-  }
-  if (pixels.owner) return rtc::make_ref_counted<SharedNv12Buffer>(pixels);
-  auto out = webrtc::I420Buffer::Create(pixels.width, pixels.height);
-  if (libyuv::NV12ToI420(pixels.luma, pixels.lumaStride, pixels.chroma, pixels.chromaStride,
-                         out->MutableDataY(), out->StrideY(), out->MutableDataU(), out->StrideU(),
-                         out->MutableDataV(), out->StrideV(), pixels.width, pixels.height) != 0) {
-    return nullptr;
-  }
-  return out;
-}
-
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame) {
+  if (auto* surface = dynamic_cast<const Nv12Surface*>(frame.nativeSurface.get())) {
+    const Nv12PlaneView planes = surface->planes();
+    if (!usable(planes)) return nullptr;
+    return rtc::make_ref_counted<SharedNv12Buffer>(planes, frame.nativeSurface);
+  }
   if (!frame.data || frame.width <= 0 || frame.height <= 0 || frame.width > 16384 ||
       frame.height > 16384) {
     return nullptr;
@@ -201,26 +192,20 @@ rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& 
   const int chromaHeight = (height + 1) / 2;
   const std::uint8_t* pixels = frame.data->data();
   const std::size_t size = frame.data->size();
-  auto out = webrtc::I420Buffer::Create(width, height);
-  int result = -1;
-  switch (frame.pixelFormat) {
-    case PixelFormat::bgra8:
-      if (size < static_cast<std::size_t>(width) * height * 4) return nullptr;
-      // libyuv's "ARGB" is B, G, R, A in memory.
-      result = libyuv::ARGBToI420(pixels, width * 4, out->MutableDataY(), out->StrideY(),
-                                  out->MutableDataU(), out->StrideU(), out->MutableDataV(),
-                                  out->StrideV(), width, height);
-      break;
-    case PixelFormat::nv12: {
-      const std::size_t luma = static_cast<std::size_t>(width) * height;
-      if (size < luma + static_cast<std::size_t>(chromaWidth) * 2 * chromaHeight) return nullptr;
-      result = libyuv::NV12ToI420(
-          pixels, width, pixels + luma, chromaWidth * 2, out->MutableDataY(), out->StrideY(),
-          out->MutableDataU(), out->StrideU(), out->MutableDataV(), out->StrideV(), width, height);
-      break;
-    }
+  if (frame.pixelFormat == PixelFormat::nv12) {
+    const std::size_t luma = static_cast<std::size_t>(width) * height;
+    if (size < luma + static_cast<std::size_t>(chromaWidth) * 2 * chromaHeight) return nullptr;
+    return rtc::make_ref_counted<SharedNv12Buffer>(
+        Nv12PlaneView{width, height, pixels, width, pixels + luma, chromaWidth * 2}, frame.data);
   }
-  if (result != 0) return nullptr;
+  // Packed BGRA (libyuv's "ARGB" is B, G, R, A in memory).
+  if (size < static_cast<std::size_t>(width) * height * 4) return nullptr;
+  auto out = webrtc::I420Buffer::Create(width, height);
+  if (libyuv::ARGBToI420(pixels, width * 4, out->MutableDataY(), out->StrideY(),
+                         out->MutableDataU(), out->StrideU(), out->MutableDataV(), out->StrideV(),
+                         width, height) != 0) {
+    return nullptr;
+  }
   return out;
 }
 

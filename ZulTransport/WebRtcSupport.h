@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "ZulCore/Media/CapturedFrame.h"
-#include "ZulTransport/Nv12Pixels.h"
+#include "ZulTransport/PeerVideoEncoding.h"
 #include "api/peer_connection_interface.h"
 #include "api/video/video_frame_buffer.h"
 #include "media/base/adapted_video_track_source.h"
@@ -30,7 +30,7 @@ void initialize();
 // the agent sends video only).
 class Runtime {
  public:
-  Runtime();
+  explicit Runtime(const PeerVideoEncoding& encoding = {});
   ~Runtime();
   Runtime(const Runtime&) = delete;
   Runtime& operator=(const Runtime&) = delete;
@@ -55,7 +55,6 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
   PushedVideoSource();
   // Returns false when the frame's pixels are in a form it cannot read.
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
-  bool push(const Nv12Pixels& pixels, std::int64_t timestampNs);
   void pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> buffer, std::int64_t timestampNs);
 
   SourceState state() const override { return kLive; }
@@ -64,11 +63,10 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
   absl::optional<bool> needs_denoising() const override { return false; }
 };
 
-// The frame's pixels as a frame buffer (NV12 pixels with an owner are held as
-// they are, anything else becomes I420), or null when they are neither packed
-// BGRA nor NV12 of the announced size.
+// The frame's pixels as a frame buffer: NV12 (in an NV12 surface or in the
+// frame's data) is held as it is, packed BGRA becomes I420; null when the
+// pixels are neither, or smaller than the announced size.
 rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const CapturedFrame& frame);
-rtc::scoped_refptr<webrtc::VideoFrameBuffer> toFrameBuffer(const Nv12Pixels& pixels);
 
 // Completes once when ICE gathering reports complete and never resets.
 class GatheringLatch {

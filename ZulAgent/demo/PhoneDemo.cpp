@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <thread>
 
-#include "ZulAgent/demo/FramePixels.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulTransport/LocalOfferSession.h"
 
@@ -211,11 +210,12 @@ std::vector<std::string> phoneDemoBanner(const std::optional<std::string>& addre
 void runPhoneDemo(const PhoneDemoSettings& settings, const CaptureSourceFactory& makeCaptureSource,
                   const std::function<void(std::string_view)>& print) {
   // The session first, so that the first frames already have a track to go to.
-  auto session = std::make_shared<LocalOfferSession>(std::vector<std::string>{});
-  session->setOnIceConnectionStateChange([print](int state) {
+  auto session =
+      std::make_shared<LocalOfferSession>(std::vector<std::string>{}, settings.videoEncoding);
+  session->onIceConnectionStateChange = [print](int state) {
     print("ice connection state: " + std::to_string(state) + " (" + iceConnectionStateName(state) +
           ")");
-  });
+  };
 
   print("starting capture\u2026");
   std::unique_ptr<CaptureSource> capture = makeCaptureSource();
@@ -223,11 +223,7 @@ void runPhoneDemo(const PhoneDemoSettings& settings, const CaptureSourceFactory&
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const std::int64_t timestampNs =
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    if (auto pixels = nv12PixelsOf(frame)) {
-      session->push(*pixels, timestampNs);
-    } else {
-      session->push(frame, timestampNs);
-    }
+    session->push(frame, timestampNs);
   });
   // Native size; a change is read as soon as the X server reports it, so a
   // still screen needs no more than the idle rate.

@@ -12,6 +12,8 @@
 #include "ZulAgent/demo/MiniHTTPServer.h"
 #include "ZulCore/Media/CaptureSource.h"
 
+#include "ZulTransport/PeerVideoEncoding.h"
+
 namespace zul {
 
 // How long the LAN phone demo runs and where it listens.
@@ -19,6 +21,8 @@ struct PhoneDemoSettings {
   double seconds = 300;
   std::int64_t port = 8787;
   std::int64_t framesPerSecond = 30;  // ZUL_MAX_FPS
+  // The encoder of the page's video; the library's own when unset.
+  PeerVideoEncoding videoEncoding;
 
   // ZUL_DEMO_SECONDS (a decimal number; 300 when unset or not a number) and
   // ZUL_DEMO_PORT (8787 when unset or not a port; 0 picks a free one).

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "ZulAgent/orchestration/TaskQueue.h"
+#include "ZulCore/Support/TaskQueue.h"
 #include "ZulCore/Input/DesktopRect.h"
 #include "ZulCore/Input/VideoMapping.h"
 #include "ZulCore/Scene/AccessibilityScene.h"

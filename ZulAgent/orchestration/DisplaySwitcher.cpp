@@ -59,21 +59,7 @@ void DisplaySwitcher::sendListNow() {
   }
 }
 
-void DisplaySwitcher::select(const nlohmann::json& message, const PermissionGate& permissions) {
-  auto index = message.find("index");
-  if (index == message.end() || !index->is_number()) return;
-  try {
-    permissions.demand(DevicePermission::control);
-  } catch (const std::exception& error) {
-    hooks_.print(std::string("monitor switch rejected: ") + error.what());
-    return;
-  }
-  // A fraction counts by its whole part; an absurd number names no display.
-  const double asDouble = index->get<double>();
-  const std::int64_t requested = index->is_number_integer() ? index->get<std::int64_t>()
-                                 : (asDouble > -1e9 && asDouble < 1e9)
-                                     ? static_cast<std::int64_t>(asDouble)
-                                     : -1;
+void DisplaySwitcher::select(std::int64_t requested) {
   {
     std::lock_guard lock(mutex_);
     if (switching_) return;

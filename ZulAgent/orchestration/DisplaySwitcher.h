@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "ZulAgent/orchestration/TaskQueue.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
-#include "ZulCore/Trust/DevicePermission.h"
+#include "ZulCore/Support/TaskQueue.h"
 
 namespace zul {
 
@@ -49,8 +48,8 @@ class DisplaySwitcher {
 
   // Queues sending the list to the active session (nothing without one).
   void sendMonitorList();
-  // One "control.monitor.select" message; the switch is queued.
-  void select(const nlohmann::json& message, const PermissionGate& permissions);
+  // Switches to the display with this index; the switch is queued.
+  void select(std::int64_t index);
   // The monitors changed (any thread): capture restarts on the display it
   // watched if that still exists, else on the first; the pointer and scene
   // follow and the phone gets the new list. A burst of changes is followed

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "ZulAgent/orchestration/TaskQueue.h"
+#include "ZulCore/Support/TaskQueue.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
 
 namespace zul {

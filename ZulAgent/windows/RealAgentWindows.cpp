@@ -62,7 +62,7 @@ void onGui(QObject* context, Action action) {
 
 }  // namespace
 
-void runRealAgentWithWindows(const PrintLine& print) {
+void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print) {
   const char* display = std::getenv("DISPLAY");
   if (!display || !*display) {
     print(
@@ -109,12 +109,13 @@ void runRealAgentWithWindows(const PrintLine& print) {
       [&](const std::string& url) {
         cancelAgent();  // a retry replaces the agent that is still trying
         control = std::make_shared<RealAgentControl>();
-        agent = std::thread([&setup, &pairing, print, url, control,
+        agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
                              previous = std::move(agent)]() mutable {
           if (previous.joinable()) previous.join();
           if (control->stopRequested()) return;
           RealAgentSettings settings;
           settings.signalingBaseURL = url;
+          settings.videoEncoding = videoEncoding;
           RealAgentUi ui;
           ui.control = control;
           ui.onPairingLink = [&pairing, control](const std::string& link,

@@ -8,6 +8,6 @@ namespace zul {
 // address and starts the agent on a thread of its own; its statuses go to the
 // setup window, its pairing links to the QR window. Returns when the last
 // window is closed, after the agent has stopped.
-void runRealAgentWithWindows(const PrintLine& print);
+void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print);
 
 }  // namespace zul

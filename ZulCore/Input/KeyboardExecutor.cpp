@@ -174,8 +174,7 @@ KeyCombination KeyboardExecutor::parseCombo(std::string_view combo) {
   return result;
 }
 
-void KeyboardExecutor::sendHotkey(std::string_view combo, const PermissionGate& permissions) {
-  permissions.demand(DevicePermission::control);
+void KeyboardExecutor::sendHotkey(std::string_view combo) {
   KeyCombination parsed = parseCombo(combo);
   PressedKeys pressed(*injector_);
   for (auto [flag, key] : modifierKeys) {
@@ -187,8 +186,7 @@ void KeyboardExecutor::sendHotkey(std::string_view combo, const PermissionGate& 
 
 void KeyboardExecutor::releaseAll() { injector_->releaseAll(); }
 
-void KeyboardExecutor::sendText(std::string_view text, const PermissionGate& permissions) {
-  permissions.demand(DevicePermission::control);
+void KeyboardExecutor::sendText(std::string_view text) {
   if (text.empty()) return;
   injector_->typeText(decodeUtf8(text));
 }

@@ -8,7 +8,6 @@
 
 #include "ZulCore/Input/InputInjector.h"
 #include "ZulCore/Support/Error.h"
-#include "ZulCore/Trust/DevicePermission.h"
 
 namespace zul {
 
@@ -48,17 +47,17 @@ struct KeyCombination {
   friend bool operator==(const KeyCombination&, const KeyCombination&) = default;
 };
 
-// Performs "input.text" and "input.key". Holds no state of its own.
+// Types text and presses key combinations. Holds no state of its own.
 class KeyboardExecutor {
  public:
   explicit KeyboardExecutor(std::shared_ptr<InputInjector> injector);
 
   // Types `text` (UTF-8; invalid bytes become U+FFFD) as Unicode characters.
-  void sendText(std::string_view text, const PermissionGate& permissions);
+  void sendText(std::string_view text);
   // Presses a combination such as "Cmd+Shift+4": modifiers down, key down and
   // up, modifiers up in reverse order, so no modifier stays down, also when
   // the injector fails half-way.
-  void sendHotkey(std::string_view combo, const PermissionGate& permissions);
+  void sendHotkey(std::string_view combo);
   // Releases every key and button still down through the injector (after a
   // release that failed); for the end of a session.
   void releaseAll();

@@ -2,19 +2,36 @@
 
 #include <memory>
 #include <mutex>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
 #include "ZulCore/Input/DesktopRect.h"
 #include "ZulCore/Input/InputInjector.h"
 #include "ZulCore/Input/VideoMapping.h"
-#include "ZulCore/Trust/DevicePermission.h"
 
 namespace zul {
 
-// Performs the phone's pointer requests ("input.cursor", "input.scroll") on
-// one display. Wire coordinates are video pixels, measured from the video's
+enum class PointerPhase { move, down, up };
+
+// One pointer request, in the video's pixels.
+struct PointerAction {
+  PointerPhase phase = PointerPhase::move;
+  double x = 0;
+  double y = 0;
+  PointerButton button = PointerButton::left;
+  friend bool operator==(const PointerAction&, const PointerAction&) = default;
+};
+
+// Wheel steps (fractions add up across requests), after a move to `at` when
+// it is given.
+struct ScrollAction {
+  double dx = 0;
+  double dy = 0;
+  std::optional<std::pair<double, double>> at;
+  friend bool operator==(const ScrollAction&, const ScrollAction&) = default;
+};
+
+// Performs the phone's pointer and wheel requests on one display. Wire coordinates are video pixels, measured from the video's
 // top-left corner; they land on that display only, clamped to its edges.
 // At most one button is held at a time, and none once a session ends
 // (`releaseAll`).
@@ -24,14 +41,8 @@ class PointerInputExecutor {
   // executor.
   PointerInputExecutor(const VideoMapping& mapping, std::shared_ptr<InputInjector> injector);
 
-  // One "input.cursor" payload: "phase" ("move", "down", "up"), "x", "y",
-  // "button" ("left", "right", "middle"). Throws PermissionGateError only.
-  void handle(const nlohmann::json& payload, const PermissionGate& permissions);
-
-  // One "input.scroll" payload: "dx", "dy" in wheel steps (fractions add up
-  // across requests), optional "x", "y" to move to first. Throws
-  // PermissionGateError only.
-  void scroll(const nlohmann::json& payload, const PermissionGate& permissions);
+  void handle(const PointerAction& action);
+  void scroll(const ScrollAction& action);
 
   // Lets go of a button still held by a "down" without its "up".
   void releaseHeldButton();
@@ -42,18 +53,18 @@ class PointerInputExecutor {
   DesktopPoint displayPoint(double wireX, double wireY) const;
 
   // For tests and diagnostics.
-  std::optional<std::string> heldButton() const;
+  std::optional<PointerButton> heldButton() const;
   DesktopPoint lastPoint() const;
 
  private:
   enum class EventKind { moved, down, up, dragged };
-  void post(EventKind kind, DesktopPoint point, const std::string& button);
+  void post(EventKind kind, DesktopPoint point, PointerButton button);
 
   const VideoMapping mapping_;
   const std::shared_ptr<InputInjector> injector_;
 
   mutable std::mutex inputLock_;
-  std::optional<std::string> heldButton_;
+  std::optional<PointerButton> heldButton_;
   DesktopPoint lastPoint_;
   double scrollRemainderX_ = 0;
   double scrollRemainderY_ = 0;

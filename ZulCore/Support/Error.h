@@ -16,6 +16,10 @@ class Error : public std::exception {
  public:
   const char* what() const noexcept override { return text_.c_str(); }
   const std::string& text() const noexcept { return text_; }
+  // The case name alone, without its payload: `displayUnavailable`.
+  std::string_view caseName() const noexcept {
+    return std::string_view(text_).substr(0, text_.find('('));
+  }
 
  protected:
   explicit Error(std::string text) : text_(std::move(text)) {}

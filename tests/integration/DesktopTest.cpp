@@ -30,10 +30,10 @@ namespace {
 using nlohmann::json;
 using namespace std::chrono_literals;
 using test::ChildProcess;
+using test::drivePointer;
 using test::Desktop;
 using test::TestApp;
 
-const PermissionGate gate{{DevicePermission::control}};
 const DesktopRect screen{0, 0, 1280, 720};
 
 std::string fieldText(const std::string& line) {
@@ -80,7 +80,7 @@ TEST_F(DesktopInput, PointerLandsWhereTheWireSaysOnEitherMonitor) {
   };
   for (const auto& c : cases) {
     PointerInputExecutor pointer(VideoMapping{c.bounds, c.videoW, c.videoH}, injector);
-    pointer.handle({{"phase", "move"}, {"x", c.x}, {"y", c.y}}, gate);
+    drivePointer(pointer, {{"phase", "move"}, {"x", c.x}, {"y", c.y}});
     const auto [x, y, buttons] = desktop->pointer();
     EXPECT_EQ(std::make_pair(x, y), std::make_pair(c.expectedX, c.expectedY))
         << c.bounds.x << ": " << c.x << "," << c.y;
@@ -135,8 +135,7 @@ TEST_F(DesktopInput, ReachesARealWindowAndLeavesNothingPressed) {
       {json(), "scroll right"},
   };
   for (const auto& [payload, line] : strokes) {
-    if (payload.contains("phase")) pointer.handle(payload, gate);
-    if (payload.contains("dx") || payload.contains("dy")) pointer.scroll(payload, gate);
+    if (payload.is_object()) drivePointer(pointer, payload);
     EXPECT_TRUE(app.waitFor(line)) << "waiting for " << line << ", last " << app.last;
   }
 
@@ -154,7 +153,7 @@ TEST_F(DesktopInput, ReachesARealWindowAndLeavesNothingPressed) {
       {"Escape", "key Escape 0"},
   };
   for (auto [combo, expected] : combos) {
-    keyboard.sendHotkey(combo, gate);
+    keyboard.sendHotkey(combo);
     auto line = app.waitFor([](const std::string& l) {
       return l.rfind("key ", 0) == 0 && l.find("_L ") == std::string::npos;  // not a modifier
     });
@@ -179,9 +178,9 @@ TEST_F(DesktopInput, ReachesARealWindowAndLeavesNothingPressed) {
        "αβγδεζηθικλμνξοπρστυφχψω ÀÉÎÕÜ àéîõü ĀĒĪŌŪ"},
   };
   for (const auto& c : texts) {
-    keyboard.sendHotkey("Ctrl+A", gate);  // typing replaces the selection
+    keyboard.sendHotkey("Ctrl+A");  // typing replaces the selection
     desktop->lockCaps(c.capsLock);
-    keyboard.sendText(c.text, gate);
+    keyboard.sendText(c.text);
     EXPECT_TRUE(app.waitFor([&](const std::string& l) { return fieldText(l) == c.text; }, 30s))
         << c.text << "\nthe field has " << fieldText(app.last);
   }
@@ -213,9 +212,9 @@ TEST_F(DesktopInput, ReachesARealWindowAndLeavesNothingPressed) {
     auto flaky = std::make_shared<FlakyInjector>(injector, c.failingKeyPress, c.failReleases);
     PointerInputExecutor pointer(VideoMapping::unscaled(screen), flaky);
     KeyboardExecutor keyboard(flaky);
-    for (const auto& payload : c.strokes) pointer.handle(payload, gate);
+    for (const auto& payload : c.strokes) drivePointer(pointer, payload);
     try {
-      if (c.combo) keyboard.sendHotkey(c.combo, gate);
+      if (c.combo) keyboard.sendHotkey(c.combo);
     } catch (const std::runtime_error&) {
       // the failing key's; what matters is what stays down
     }
@@ -295,7 +294,7 @@ TEST_F(DesktopInput, SceneListsInvokesAndStopsAtTwoHundredElements) {
     PointerInputExecutor pointer(VideoMapping::unscaled(screen), injector);
     const DesktopRect button = find(*scene, "Press me")->rect;
     for (const char* phase : {"down", "up"}) {
-      pointer.handle({{"phase", phase}, {"x", button.x + 5}, {"y", button.y + 5}}, gate);
+      drivePointer(pointer, {{"phase", phase}, {"x", button.x + 5}, {"y", button.y + 5}});
     }
     ASSERT_TRUE(app.waitFor("clicked Press me"));
     EXPECT_EQ(invoke(find(*scene, "Name field")->id, 3), "ok");
@@ -371,8 +370,8 @@ TEST_F(DesktopInput, TapsAtSceneRectanglesReachTheirElementsOnEveryMonitor) {
       const auto& r = element["rect"];
       const double x = r["x"].get<double>() + r["w"].get<double>() / 2;
       const double y = r["y"].get<double>() + r["h"].get<double>() / 2;
-      pointer.handle({{"phase", "down"}, {"x", x}, {"y", y}}, gate);
-      pointer.handle({{"phase", "up"}, {"x", x}, {"y", y}}, gate);
+      drivePointer(pointer, {{"phase", "down"}, {"x", x}, {"y", y}});
+      drivePointer(pointer, {{"phase", "up"}, {"x", x}, {"y", y}});
       EXPECT_TRUE(app.waitFor(answer->second + element["text"].get<std::string>()))
           << "tap at " << x << "," << y << " on " << element.dump();
     }

@@ -27,6 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::ChildProcess;
+using test::drivePointer;
 using test::GnomeSession;
 
 // The test window's background, and what full-range BT.601 makes of it.
@@ -128,13 +129,12 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   }
   ASSERT_TRUE(button && entry) << "the scene lacks the button or the entry";
   EXPECT_TRUE(roles.count("checkbox"));
-  const PermissionGate gate{{DevicePermission::control}};
-  PointerInputExecutor pointer(video, injector);
+    PointerInputExecutor pointer(video, injector);
   const auto tap = [&](const SceneElement& element) {
     const double x = element.rect.x + element.rect.width / 2;
     const double y = element.rect.y + element.rect.height / 2;
-    pointer.handle(nlohmann::json{{"phase", "down"}, {"x", x}, {"y", y}}, gate);
-    pointer.handle(nlohmann::json{{"phase", "up"}, {"x", x}, {"y", y}}, gate);
+    drivePointer(pointer, nlohmann::json{{"phase", "down"}, {"x", x}, {"y", y}});
+    drivePointer(pointer, nlohmann::json{{"phase", "up"}, {"x", x}, {"y", y}});
   };
   tap(*button);
   EXPECT_TRUE(app.waitFor("clicked Press me")) << app.last;
@@ -146,12 +146,12 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   tap(*entry);
   EXPECT_TRUE(app.waitFor("focus Name field")) << app.last;
   const std::string text = "Hi, Привет ёж 7!";
-  keyboard.sendText(text, gate);
+  keyboard.sendText(text);
   EXPECT_TRUE(
       app.waitFor("text \"Hi, \\u041f\\u0440\\u0438\\u0432\\u0435\\u0442 "
                   "\\u0451\\u0436 7!\""))
       << app.last;
-  keyboard.sendHotkey("Ctrl+A", gate);
+  keyboard.sendHotkey("Ctrl+A");
   EXPECT_TRUE(app.waitFor("key a 4")) << app.last;
   injector->movePointer({app.pad.x + app.pad.width / 2.0, app.pad.y + app.pad.height / 2.0});
   injector->scroll(0, 1);

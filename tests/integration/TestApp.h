@@ -9,9 +9,21 @@
 #include <string>
 #include <vector>
 
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulTransport/PhoneRequests.h"
 #include "support/ChildProcess.h"
 
 namespace zul::test {
+
+// A phone's pointer payload as the agent reads it: a "phase" makes it a
+// pointer request, anything else a wheel request.
+inline void drivePointer(PointerInputExecutor& pointer, nlohmann::json payload) {
+  payload["type"] = payload.contains("phase") ? "input.cursor" : "input.scroll";
+  const auto request = PhoneRequests::decode({"input", payload["type"], "1.0", "s", payload});
+  if (!request) return;
+  if (auto* press = std::get_if<PointerRequest>(&*request)) pointer.handle(press->action);
+  if (auto* wheel = std::get_if<ScrollRequest>(&*request)) pointer.scroll(wheel->action);
+}
 
 // The GTK test window (apps/zul_test_app.py) with accessibility on, and the
 // lines it prints about what it receives.

@@ -8,6 +8,8 @@
 #include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
+#include "ZulAgent/orchestration/PairingLinks.h"
+#include "ZulAgent/orchestration/PhoneRequestDispatcher.h"
 #include "ZulAgent/orchestration/RealAgent.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
 #include "ZulCore/Media/CaptureSource.h"
@@ -24,7 +26,7 @@ std::string joined(const std::vector<std::string>& lines) {
 
 // Each request on its own, from a phone with or without control, then the
 // session ends (a button still held is let go).
-TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
+TEST(PhoneRequestDispatcher, CarriesOutRefusesOrReportsEachRequest) {
   struct Case {
     const char* name;
     bool pointerReady, viewOnly;
@@ -38,10 +40,10 @@ TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
       {"pointer on the captured display", true, false,
        R"({"type":"input.cursor","phase":"move","x":10.5,"y":2})",
        "[input.cursor] ok: move x=10.5 y=2", "move 110.5,2"},
-      {"pointer without a coordinate", true, false, R"({"type":"input.cursor","phase":"move"})",
-       "[input.cursor] ok: move x=missing y=missing", "move 100,0"},
       {"button left held", true, false, R"({"type":"input.cursor","phase":"down","x":0,"y":0})",
        "[input.cursor] ok: down x=0 y=0", "move 100,0|button 1 down|move 100,0|button 1 up"},
+      {"wheel", true, false, R"({"type":"input.scroll","dy":2})", "[input.scroll] ok: dx=0 dy=2",
+       "scroll 0,2"},
       {"unknown key name", true, false, R"({"type":"input.key","combo":"Ctrl+Nope"})",
        R"([input] unsupportedKey("Nope"))", "", R"(input.key: unsupportedKey("Nope"))"},
       {"hotkey", true, false, R"({"type":"input.key","combo":"Ctrl+K"})", "[input.key] ok: Ctrl+K",
@@ -55,14 +57,17 @@ TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
        R"({"type":"input.invoke","elementId":"e1","sceneSeq":1})",
        "[input.invoke] permissionRequired", "", "input.invoke: permissionRequired"},
       {"display switch", true, false, R"({"type":"control.monitor.select","index":1})", "", "", "",
-       "control.monitor.select"},
+       "select 1"},
       {"display list for a view-only phone", true, true, R"({"type":"control.monitor.list"})", "",
-       "", "", "control.monitor.list"},
+       "", "", "list"},
+      {"scene for a view-only phone", true, true, R"({"type":"scene.request_snapshot"})", "", "",
+       "", "scene"},
       {"unknown control message", true, false, R"({"type":"control.unknown"})",
        "[control] control.unknown (not handled yet)", ""},
   };
   for (std::string type :
-       {"input.cursor", "input.text", "input.key", "input.invoke", "control.monitor.select"}) {
+       {"input.cursor", "input.scroll", "input.text", "input.key", "input.invoke",
+        "control.monitor.select"}) {
     const std::string printed = type == "control.monitor.select" ? "monitor switch rejected:"
                                 : type == "input.invoke"         ? "[input.invoke]"
                                                                  : "[input]";
@@ -78,26 +83,34 @@ TEST(AgentMessageActions, CarriesOutRefusesOrReportsEachRequest) {
     SCOPED_TRACE(c.name + (": " + c.message));
     auto injector = std::make_shared<test::RecordingInputInjector>();
     std::vector<std::string> printed, refused, handled;
-    AgentMessageActions actions{injector, nullptr,
-                                [&](std::string_view line) { printed.emplace_back(line); },
-                                [&](const RoutedMessage& m, const std::exception& error) {
-                                  refused.push_back(m.type + ": " + error.what());
-                                }};
-    auto handle = [&](const RoutedMessage& m, const PermissionGate&) { handled.push_back(m.type); };
-    actions.addHandler("control.monitor.select", handle, true);
-    actions.addHandler("control.monitor.list", handle);
+    PhoneRequestDispatcher requests({
+        .injector = injector,
+        .publishScene = [&] { handled.push_back("scene"); },
+        .sendMonitorList = [&] { handled.push_back("list"); },
+        .selectMonitor = [&](std::int64_t index) { handled.push_back("select " + std::to_string(index)); },
+        .print = [&](std::string_view line) { printed.emplace_back(line); },
+        .refuse = [&](const RoutedMessage& m, const std::exception& error) {
+          refused.push_back(m.type + ": " + error.what());
+        },
+    });
     if (c.pointerReady) {
-      actions.setPointerExecutor(std::make_shared<PointerInputExecutor>(
+      requests.setPointerExecutor(std::make_shared<PointerInputExecutor>(
           VideoMapping{{100, 0, 1280, 720}, 1280, 720}, injector));
     }
     const auto json = nlohmann::json::parse(c.message);
     const std::string type = json["type"];
+    const std::string channel = type.starts_with("control") ? "control"
+                                : type.starts_with("scene") ? "scene"
+                                                            : "input";
     std::set<DevicePermission> granted{DevicePermission::view};
     if (!c.viewOnly) granted.insert(DevicePermission::control);
-    actions.dispatch({type.starts_with("control") ? "control" : "input", type, "1.0", "s", json},
-                     PermissionGate{granted});
-    actions.waitUntilIdle();
-    actions.releaseHeldButton();
+    requests.dispatch({channel, type, "1.0", "s", json}, PermissionGate{granted});
+    requests.waitUntilIdle();
+    requests.releaseAll();
+    // Every end of a session lets go of what the phone held, and nothing else.
+    if (!injector->events.empty() && injector->events.back() == "release all") {
+      injector->events.pop_back();
+    }
     EXPECT_EQ(joined(printed), c.printed);
     EXPECT_EQ(joined(injector->events), c.events);
     EXPECT_EQ(joined(refused), c.refused);
@@ -115,21 +128,21 @@ struct BlockingTyping : test::RecordingInputInjector {
   void movePointer(DesktopPoint) override { moved.set_value(); }
 };
 
-TEST(AgentMessageActions, PointerMovesPassALongText) {
+TEST(PhoneRequestDispatcher, PointerMovesPassALongText) {
   auto injector = std::make_shared<BlockingTyping>();
-  AgentMessageActions actions(injector, nullptr, [](std::string_view) {});
-  actions.setPointerExecutor(
+  PhoneRequestDispatcher requests({.injector = injector, .print = [](std::string_view) {}});
+  requests.setPointerExecutor(
       std::make_shared<PointerInputExecutor>(VideoMapping::unscaled({0, 0, 1920, 1080}), injector));
   auto send = [&](nlohmann::json json) {
-    actions.dispatch(RoutedMessage{"input", json["type"], "1.0", "s", json},
-                     PermissionGate{{DevicePermission::view, DevicePermission::control}});
+    requests.dispatch(RoutedMessage{"input", json["type"], "1.0", "s", json},
+                      PermissionGate{{DevicePermission::view, DevicePermission::control}});
   };
   send({{"type", "input.text"}, {"value", "a long text"}});
   injector->typing.get_future().wait();
   send({{"type", "input.cursor"}, {"phase", "move"}, {"x", 5}, {"y", 5}});
   injector->moved.get_future().wait();  // hangs if the move waits behind the text
   injector->release.set_value();
-  actions.waitUntilIdle();
+  requests.waitUntilIdle();
 }
 
 // Steps: 's' startOn(arg), 'w' setWatched(arg), 'm' the watched display (101)
@@ -306,12 +319,7 @@ struct Switcher {
       .capturedDisplayID = [this] { return captured; },
   }};
 
-  void select(nlohmann::json index, bool control = true) {
-    std::set<DevicePermission> granted{DevicePermission::view};
-    if (control) granted.insert(DevicePermission::control);
-    switcher.select({{"type", "control.monitor.select"}, {"index", index}},
-                    PermissionGate{granted});
-  }
+  void select(std::int64_t index) { switcher.select(index); }
   std::string joinedLog() {
     std::lock_guard lock(mutex);
     std::string out;
@@ -334,32 +342,29 @@ TEST(DisplaySwitcher, SwitchesFollowsOrExplainsWhyNot) {
   struct Case {
     const char* name;
     nlohmann::json select;
-    bool control;
     std::optional<std::uint32_t> watching;
     const std::vector<DisplayDescriptor>& now;
     std::string log;
     std::int64_t selected;
   };
   const Case cases[] = {
-      {"another display", 1, true, no, two,
+      {"another display", 1, no, two,
        "restart 1|on 72|list 1/2|selected display 1: 72, 1280x1024", 1},
-      {"the same display again", 0, true, no, two,
+      {"the same display again", 0, no, two,
        "restart 0|on 71|list 0/2|selected display 0: 71, 1920x1080", 0},
-      {"no such display", 5, true, no, two,
+      {"no such display", 5, no, two,
        "restart 5|monitor switch failed: displayUnavailable(index: 5)|restart 0|on 71", 0},
-      {"an absurd index", 1e300, true, no, two,
+      {"a negative index", -1, no, two,
        "restart -1|monitor switch failed: displayUnavailable(index: -1)|restart 0|on 71", 0},
-      {"no index", "1", true, no, two, "", 0},
-      {"without control", 1, false, no, two, "monitor switch rejected: denied(control)", 0},
-      {"one added before the watched one", "changed", true, 72, grown,
+      {"one added before the watched one", "changed", 72, grown,
        "restart 2|on 72|list 2/3|displays changed: watching display 2: 72, 1280x1024", 2},
-      {"the watched one removed", "changed", true, 72, first,
+      {"the watched one removed", "changed", 72, first,
        "restart 0|on 71|list 0/1|displays changed: watching display 0: 71, 1920x1080", 0},
-      {"the watched one resized", "changed", true, 71, resized,
+      {"the watched one resized", "changed", 71, resized,
        "restart 0|on 71|list 0/1|displays changed: watching display 0: 71, 1280x720", 0},
-      {"nothing watched yet", "changed", true, no, two,
+      {"nothing watched yet", "changed", no, two,
        "restart 0|on 71|list 0/2|displays changed: watching display 0: 71, 1920x1080", 0},
-      {"none left", "changed", true, 72, none, "displays changed: none left to capture", 0},
+      {"none left", "changed", 72, none, "displays changed: none left to capture", 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -369,7 +374,7 @@ TEST(DisplaySwitcher, SwitchesFollowsOrExplainsWhyNot) {
     if (c.select == "changed") {
       s.switcher.displaysChanged();
     } else {
-      s.select(c.select, c.control);
+      s.select(c.select.get<std::int64_t>());
     }
     s.switcher.waitUntilIdle();
     EXPECT_EQ(s.joinedLog(), c.log);

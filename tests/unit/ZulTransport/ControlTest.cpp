@@ -9,6 +9,7 @@
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
 #include "ZulTransport/MessageRouter.h"
+#include "ZulTransport/PhoneRequests.h"
 #include "support/Outcome.h"
 
 namespace zul {
@@ -75,6 +76,74 @@ TEST(MessageRouter, ParseOrderAndErrors) {
        envelope("control.x", R"(,"a":)" + std::string(63, '[') + std::string(63, ']')), "ok"},
   };
   for (const auto& c : cases) EXPECT_EQ(parsed(c.channel, c.data), c.outcome) << c.name;
+}
+
+// Every request type, and each leniency rule, as the agent acts on it.
+TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
+  using enum PointerPhase;
+  const auto left = PointerButton::left, right = PointerButton::right;
+  struct Case {
+    const char* message;
+    std::optional<PhoneRequest> expected;  // nothing: ignored
+    std::string error = "";
+  };
+  const Case cases[] = {
+      {R"({"type":"input.cursor","phase":"down","x":10.5,"y":2,"button":"right"})",
+       PointerRequest{{down, 10.5, 2, right}}},
+      {R"({"type":"input.cursor","phase":"up","button":"middle"})",
+       PointerRequest{{up, 0, 0, PointerButton::middle}}},
+      // Missing or mistyped numbers are 0; unknown button names (matched
+      // case-sensitively) are the left button.
+      {R"({"type":"input.cursor","phase":"move","x":"12","y":null,"button":"Right"})",
+       PointerRequest{{move, 0, 0, left}}},
+      // Without a phase it knows there is nothing to do.
+      {R"({"type":"input.cursor","x":1})", std::nullopt},
+      {R"({"type":"input.cursor","phase":"scroll"})", std::nullopt},
+      {R"({"type":"input.cursor","phase":3})", std::nullopt},
+      {R"({"type":"input.scroll","dy":2,"x":100,"y":50})",
+       ScrollRequest{{0, 2, std::pair(100.0, 50.0)}}},
+      {R"({"type":"input.scroll","dx":-1,"dy":"lots"})", ScrollRequest{{-1, 0, std::nullopt}}},
+      {R"({"type":"input.scroll","y":"top"})", ScrollRequest{{0, 0, std::pair(0.0, 0.0)}}},
+      {R"({"type":"input.text","value":"Привет"})", TextRequest{"Привет"}},
+      {R"({"type":"input.text","value":7})", std::nullopt},
+      {R"({"type":"input.key","combo":"Ctrl+K"})", KeyRequest{"Ctrl+K"}},
+      {R"({"type":"input.key"})", std::nullopt},
+      {R"({"type":"input.invoke","elementId":"e1","sceneSeq":4})", InvokeRequest{"e1", 4}},
+      {R"({"type":"input.invoke","elementId":"e1","sceneSeq":4.9})", InvokeRequest{"e1", 4}},
+      {R"({"type":"input.invoke","elementId":"e1"})", std::nullopt, "invalidSemanticInvocation"},
+      {R"({"type":"input.invoke","elementId":5,"sceneSeq":1})", std::nullopt,
+       "invalidSemanticInvocation"},
+      {R"({"type":"scene.request_snapshot"})", SceneSnapshotRequest{}},
+      {R"({"type":"control.monitor.list"})", MonitorListRequest{}},
+      {R"({"type":"control.monitor.select","index":1})", MonitorSelectRequest{1}},
+      // A fraction counts by its whole part; an absurd number names no display.
+      {R"({"type":"control.monitor.select","index":1.7})", MonitorSelectRequest{1}},
+      {R"({"type":"control.monitor.select","index":1e300})", MonitorSelectRequest{-1}},
+      {R"({"type":"control.monitor.select","index":18446744073709551615})",
+       MonitorSelectRequest{-1}},
+      {R"({"type":"control.monitor.select","index":"1"})", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    const auto json = nlohmann::json::parse(c.message);
+    const RoutedMessage message{"input", json["type"], "1.0", "s1", json};
+    ASSERT_TRUE(PhoneRequests::ruleFor(message.type));
+    std::optional<PhoneRequest> decoded;
+    EXPECT_EQ(test::outcome<PhoneRequestError>([&] { decoded = PhoneRequests::decode(message); }),
+              c.error.empty() ? "ok" : c.error);
+    EXPECT_TRUE(decoded == c.expected);
+  }
+  // The table never allows a type on a channel the router refuses it on, and
+  // every acting request but the lists needs control.
+  for (const auto& rule : PhoneRequests::rules()) {
+    for (auto channel : rule.channels) {
+      if (!channel.empty()) EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
+    }
+    const bool asks = rule.type == "scene.request_snapshot" || rule.type == "control.monitor.list";
+    EXPECT_EQ(rule.permission, asks ? std::nullopt : std::optional(DevicePermission::control))
+        << rule.type;
+  }
+  EXPECT_FALSE(PhoneRequests::ruleFor("input.pinch"));
 }
 
 TEST(MessageRouter, TypesPerChannel) {
@@ -291,6 +360,9 @@ TEST_F(DispatcherFixture, HelloRefusals) {
     EXPECT_EQ(reply["type"], "control.error");
     EXPECT_EQ(reply["code"], c.code);
     if (!c.message.empty()) EXPECT_EQ(reply["message"], c.message);
+    // The case alone, for the app to act on.
+    const std::string message = reply["message"];
+    EXPECT_EQ(reply["reason"], message.substr(0, message.find('(')));
     EXPECT_FALSE(f.dispatcher.activeSessionId());
     ASSERT_EQ(f.events.size(), 1u);  // a diagnostic line, no session
   }
@@ -310,6 +382,19 @@ TEST_F(DispatcherFixture, MessagesOutsideTheSessionAreRefusedOrDropped) {
   send({{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s1"}}, "input");
   EXPECT_EQ(lastReply()["code"], "PERMISSION_DENIED");
   EXPECT_EQ(lastReply()["message"], "noActiveSession");
+  EXPECT_EQ(lastReply()["reason"], "noActiveSession");
+
+  // A request refused after it was passed on names the permission it lacked.
+  dispatcher.refuse("s1", PermissionGateError::denied(DevicePermission::control));
+  nlohmann::json refusal = lastReply();
+  refusal.erase("ts");
+  EXPECT_EQ(refusal, (nlohmann::json{{"type", "control.error"},
+                                     {"protoVersion", "1.0"},
+                                     {"sessionId", "s1"},
+                                     {"code", "PERMISSION_DENIED"},
+                                     {"message", "denied(control)"},
+                                     {"reason", "denied"},
+                                     {"permission", "control"}}));
 
   send(phone.hello("s1"));
   send({{"type", "input.key"}, {"protoVersion", "1.0"}, {"sessionId", "s2"}}, "input");

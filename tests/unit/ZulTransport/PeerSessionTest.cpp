@@ -166,10 +166,10 @@ TEST(AgentPeerSession, OfferCarriesFingerprintCandidatesChannelsAndH264First) {
   std::vector<std::string> diagnostics;
   std::mutex mutex;
   AgentPeerSession session(certificateStore());
-  session.setOnDiagnostic([&](const std::string& line) {
+  session.onDiagnostic = [&](const std::string& line) {
     std::lock_guard lock(mutex);
     diagnostics.push_back(line);
-  });
+  };
   session.createDataChannels();
   const std::string offer = session.createOfferWithGatheredCandidates();
   const std::string fingerprint = session.dtlsFingerprint().substr(8);
@@ -216,9 +216,9 @@ TEST(AgentPeerSession, BadIceServersAreSkippedWithALineAndTheGoodOnesKept) {
   };
   AgentPeerSession session(PersistedDtlsCertificate::loadOrCreate(certificateStore()));
   std::vector<std::string> lines;
-  session.setOnDiagnostic([&](const std::string& line) {
+  session.onDiagnostic = [&](const std::string& line) {
     if (line.starts_with("ICE server")) lines.push_back(line);
-  });
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     lines.clear();

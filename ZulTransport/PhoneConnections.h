@@ -11,11 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "ZulAgent/orchestration/TaskQueue.h"
-#include "ZulCore/Media/CapturedFrame.h"
+#include "ZulCore/Support/TaskQueue.h"
 #include "ZulTransport/AgentPeerSession.h"
 #include "ZulTransport/ControlSessionDispatcher.h"
-#include "ZulTransport/SignalingPeer.h"
+#include "ZulTransport/PhoneSessions.h"
 
 namespace zul {
 
@@ -30,33 +29,22 @@ namespace zul {
 // signalling read loop or the library's threads. At most `negotiating`
 // connections wait for their hello at a time; a connection that waited
 // longer than `helloWait` yields its place to a newcomer.
-class PhoneConnections final : public SignalingPeer,
+class PhoneConnections final : public PhoneSessions,
                                public std::enable_shared_from_this<PhoneConnections> {
  public:
+  // A session on the agent's certificate; called once at construction (for
+  // the fingerprint; that session serves the first phone) and once for every
+  // later connection.
   using MakeSession = std::function<std::unique_ptr<AgentPeerSession>()>;
 
-  struct Hooks {
-    // A session on the agent's certificate; called once at construction
-    // (for the fingerprint; that session serves the first phone) and once for
-    // every later connection.
-    MakeSession makeSession;
-    // Sets a new connection's dispatcher callbacks for its messages and
-    // diagnostics (onAuthenticatedMessage, onDiagnostic).
-    std::function<void(ControlSessionDispatcher&)> wireDispatcher;
-    std::function<void(const std::string& sessionId, const std::string& deviceId)>
-        onSessionEstablished;
-    // The session ended and no phone holds one now.
-    std::function<void()> onSessionEnded;
-    std::function<void(const std::string& line)> print;
-  };
   struct Limits {
     std::size_t negotiating = 2;
     std::chrono::milliseconds gathering = std::chrono::seconds(10);
     std::chrono::milliseconds helloWait = std::chrono::seconds(30);
   };
 
-  static std::shared_ptr<PhoneConnections> make(Hooks hooks, TrustedDeviceStore trustedDevices,
-                                                Limits limits);
+  static std::shared_ptr<PhoneConnections> make(MakeSession makeSession,
+                                                TrustedDeviceStore trustedDevices, Limits limits);
   ~PhoneConnections() override;
 
   // SignalingPeer
@@ -68,33 +56,24 @@ class PhoneConnections final : public SignalingPeer,
   void setIceServers(const std::vector<std::string>& urls, const std::string& username,
                      const std::string& credential) override;
 
-  // The phone in session.
-  std::optional<std::string> activeSessionId() const;
-  std::optional<std::string> activeDeviceId() const;
-  // Sends to the phone in session; throws AgentPeerSessionError.
-  void sendToSession(std::string_view channel, std::string_view payload);
-  // Answers a failed request of the session `sessionId`, if it is still live.
-  void refuse(const std::string& sessionId, const std::exception& error);
-  // Hands a captured frame to the phone in session only.
-  void push(const CapturedFrame& frame, std::int64_t timestampNs);
+  // PhoneSessions
+  std::optional<std::string> activeSessionId() const override;
+  std::optional<std::string> activeDeviceId() const override;
+  void sendToSession(std::string_view channel, std::string_view payload) override;
+  void refuse(const std::string& sessionId, const std::exception& error) override;
+  void push(const CapturedFrame& frame, std::int64_t timestampNs) override;
+  void endSession() override;
+  void peerLeft(const std::string& deviceId) override;
+  void closeAll() override;
 
-  // Ends the session and closes its connection (a revoked device).
-  void endSession();
-  // The device left signalling: a connection still waiting for its hello
-  // is dropped; one in session lives on while its connection lasts.
-  void peerLeft(const std::string& deviceId);
-  // Ends everything (a session limit, the agent stopping).
-  void closeAll();
   // closeAll(), then the worker is stopped and joined.
   void shutdown();
-
-  std::size_t connectionCount() const;
 
  private:
   struct Connection;
   class ConnectionChannel;
 
-  PhoneConnections(Hooks hooks, TrustedDeviceStore trustedDevices, Limits limits);
+  PhoneConnections(MakeSession makeSession, TrustedDeviceStore trustedDevices, Limits limits);
 
   std::shared_ptr<Connection> newConnection(const std::string& deviceId);
   void build(const std::shared_ptr<Connection>& connection, const OfferSink& sendOffer);
@@ -111,7 +90,7 @@ class PhoneConnections final : public SignalingPeer,
   std::shared_ptr<Connection> sessionConnection() const;
   void print(const std::string& line) const;
 
-  Hooks hooks_;
+  MakeSession makeSession_;
   TrustedDeviceStore trustedDevices_;
   Limits limits_;
   std::shared_ptr<ControlSessionShared> shared_ = std::make_shared<ControlSessionShared>();

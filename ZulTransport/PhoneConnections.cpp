@@ -1,9 +1,8 @@
-#include "ZulAgent/orchestration/PhoneConnections.h"
+#include "ZulTransport/PhoneConnections.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "ZulAgent/demo/FramePixels.h"
 #include "ZulTransport/AgentPeerSessionError.h"
 #include "ZulTransport/LocalOfferSession.h"
 
@@ -59,24 +58,25 @@ struct PhoneConnections::Connection {
   std::shared_ptr<ControlSessionDispatcher> dispatcher;
 };
 
-std::shared_ptr<PhoneConnections> PhoneConnections::make(Hooks hooks,
+std::shared_ptr<PhoneConnections> PhoneConnections::make(MakeSession makeSession,
                                                          TrustedDeviceStore trustedDevices,
                                                          Limits limits) {
   return std::shared_ptr<PhoneConnections>(
-      new PhoneConnections(std::move(hooks), std::move(trustedDevices), limits));
+      new PhoneConnections(std::move(makeSession), std::move(trustedDevices), limits));
 }
 
-PhoneConnections::PhoneConnections(Hooks hooks, TrustedDeviceStore trustedDevices, Limits limits)
-    : hooks_(std::move(hooks)), trustedDevices_(std::move(trustedDevices)), limits_(limits) {
-  spare_ = hooks_.makeSession();
+PhoneConnections::PhoneConnections(MakeSession makeSession, TrustedDeviceStore trustedDevices,
+                                   Limits limits)
+    : makeSession_(std::move(makeSession)),
+      trustedDevices_(std::move(trustedDevices)),
+      limits_(limits) {
+  spare_ = makeSession_();
   fingerprint_ = spare_->dtlsFingerprint();
 }
 
 PhoneConnections::~PhoneConnections() { shutdown(); }
 
-void PhoneConnections::print(const std::string& line) const {
-  if (hooks_.print) hooks_.print(line);
-}
+void PhoneConnections::print(const std::string& line) const { onDiagnostic(line); }
 
 std::string PhoneConnections::dtlsFingerprint() const { return fingerprint_; }
 
@@ -88,7 +88,14 @@ std::shared_ptr<PhoneConnections::Connection> PhoneConnections::newConnection(
   connection->channel = std::make_shared<ConnectionChannel>(fingerprint_);
   auto dispatcher =
       std::make_shared<ControlSessionDispatcher>(connection->channel, trustedDevices_, shared_);
-  if (hooks_.wireDispatcher) hooks_.wireDispatcher(*dispatcher);
+  std::weak_ptr<PhoneConnections> weak = weak_from_this();
+  dispatcher->onDiagnostic = [weak](const std::string& line) {
+    if (auto self = weak.lock()) self->print("[control] " + line);
+  };
+  dispatcher->onAuthenticatedMessage = [weak](const RoutedMessage& message,
+                                              const PermissionGate& permissions) {
+    if (auto self = weak.lock()) self->onAuthenticatedMessage(message, permissions);
+  };
   dispatcher->setExpectedPeerDeviceId(deviceId);
   connection->dispatcher = std::move(dispatcher);
   return connection;
@@ -165,11 +172,11 @@ void PhoneConnections::build(const std::shared_ptr<Connection>& connection,
     servers = iceServers_;
   }
   try {
-    if (!session) session = hooks_.makeSession();
+    if (!session) session = makeSession_();
     const std::uint64_t id = connection->id;
     std::weak_ptr<PhoneConnections> weak = weak_from_this();
     std::weak_ptr<ControlSessionDispatcher> dispatcher = connection->dispatcher;
-    session->setOnMessage(
+    session->onMessage =
         [weak, dispatcher, this](const std::string& label, const Bytes& data, bool isBinary) {
           auto self = weak.lock();
           auto target = dispatcher.lock();
@@ -180,8 +187,8 @@ void PhoneConnections::build(const std::shared_ptr<Connection>& connection,
           }
           target->handle(label,
                          std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
-        });
-    session->setOnIceConnectionStateChange([weak, id, this](int state) {
+        };
+    session->onIceConnectionStateChange = [weak, id, this](int state) {
       auto self = weak.lock();
       if (!self) return;
       print("ice connection state: " + iceConnectionStateName(state));
@@ -191,13 +198,13 @@ void PhoneConnections::build(const std::shared_ptr<Connection>& connection,
           if (auto alive = weak.lock()) drop(id, "ICE " + iceConnectionStateName(state));
         });
       }
-    });
-    session->setOnDataChannelOpen([weak, this](const std::string& label) {
+    };
+    session->onDataChannelOpen = [weak, this](const std::string& label) {
       if (weak.lock()) print("data channel open: " + label);
-    });
-    session->setOnDiagnostic([weak, this](const std::string& line) {
+    };
+    session->onDiagnostic = [weak, this](const std::string& line) {
       if (weak.lock()) print("[peer] " + line);
-    });
+    };
     session->configureIceServers(servers.urls, servers.username, servers.credential);
     session->createDataChannels();
     connection->channel->setSession(session);
@@ -312,7 +319,7 @@ void PhoneConnections::established(std::uint64_t id, const std::string& sessionI
     previous->dispatcher->releaseActiveSession();
     worker_.post([this, previous] { close(previous); });
   }
-  if (hooks_.onSessionEstablished) hooks_.onSessionEstablished(sessionId, deviceId);
+  onSessionEstablished(sessionId, deviceId);
 }
 
 void PhoneConnections::released(std::uint64_t id) {
@@ -324,7 +331,7 @@ void PhoneConnections::released(std::uint64_t id) {
       ended = true;
     }
   }
-  if (ended && hooks_.onSessionEnded) hooks_.onSessionEnded();
+  if (ended) onSessionEnded();
 }
 
 void PhoneConnections::drop(std::uint64_t id, const std::string& why) {
@@ -378,12 +385,7 @@ void PhoneConnections::refuse(const std::string& sessionId, const std::exception
 void PhoneConnections::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   auto connection = sessionConnection();
   auto session = connection ? connection->channel->session() : nullptr;
-  if (!session) return;
-  if (auto pixels = nv12PixelsOf(frame)) {
-    session->push(*pixels, timestampNs);
-  } else {
-    session->push(frame, timestampNs);
-  }
+  if (session) session->push(frame, timestampNs);
 }
 
 void PhoneConnections::endSession() {
@@ -418,11 +420,6 @@ void PhoneConnections::closeAll() {
 void PhoneConnections::shutdown() {
   worker_.shutdown();
   closeAll();
-}
-
-std::size_t PhoneConnections::connectionCount() const {
-  std::lock_guard lock(mutex_);
-  return connections_.size();
 }
 
 }  // namespace zul

@@ -1,4 +1,4 @@
-#include "ZulAgent/orchestration/TaskQueue.h"
+#include "ZulCore/Support/TaskQueue.h"
 
 namespace zul {
 

@@ -1,0 +1,143 @@
+#include "ZulTransport/PhoneRequests.h"
+
+#include <cmath>
+#include <stdexcept>
+
+namespace zul {
+
+PhoneRequestError PhoneRequestError::invalidSemanticInvocation() {
+  return {Case::invalidSemanticInvocation, formatErrorCase("invalidSemanticInvocation")};
+}
+
+bool PhoneRequestRule::allowsChannel(std::string_view channel) const {
+  for (auto allowed : channels) {
+    if (!allowed.empty() && allowed == channel) return true;
+  }
+  return false;
+}
+
+namespace PhoneRequests {
+namespace {
+
+using enum RequestQueue;
+constexpr auto control = DevicePermission::control;
+
+// Types, the permission each demands, the channels each may arrive on, and
+// the queue its work runs on.
+constexpr std::array<PhoneRequestRule, 8> table = {{
+    {"input.cursor", control, {"input-fast", "input"}, pointer},
+    {"input.scroll", control, {"input-fast", "input"}, pointer},
+    {"input.text", control, {"input"}, keyboard},
+    {"input.key", control, {"input"}, keyboard},
+    {"input.invoke", control, {"input"}, element},
+    {"scene.request_snapshot", std::nullopt, {"scene"}, scene},
+    {"control.monitor.list", std::nullopt, {"control"}, display},
+    {"control.monitor.select", control, {"control"}, display},
+}};
+
+const nlohmann::json* at(const nlohmann::json& json, const char* key) {
+  auto it = json.find(key);
+  return it == json.end() ? nullptr : &*it;
+}
+
+const std::string* stringAt(const nlohmann::json& json, const char* key) {
+  const auto* value = at(json, key);
+  return value && value->is_string() ? value->get_ptr<const std::string*>() : nullptr;
+}
+
+double numberOr(const nlohmann::json& json, const char* key, double fallback) {
+  const auto* value = at(json, key);
+  if (!value || !value->is_number()) return fallback;
+  const double number = value->get<double>();
+  return std::isfinite(number) ? number : fallback;
+}
+
+// A whole number: a fraction counts by its whole part, and a number too large
+// to mean anything becomes -1, which names no display and no scene.
+std::optional<std::int64_t> wholeAt(const nlohmann::json& json, const char* key) {
+  const auto* value = at(json, key);
+  if (!value || !value->is_number()) return std::nullopt;
+  if (value->is_number_integer()) {
+    if (value->is_number_unsigned() && value->get<std::uint64_t>() > INT64_MAX) return -1;
+    return value->get<std::int64_t>();
+  }
+  const double number = value->get<double>();
+  return number > -1e9 && number < 1e9 ? static_cast<std::int64_t>(number) : -1;
+}
+
+PointerButton buttonAt(const nlohmann::json& json) {
+  // "right" and "middle" are themselves; anything else acts as the left button.
+  const std::string* name = stringAt(json, "button");
+  if (name && *name == "right") return PointerButton::right;
+  if (name && *name == "middle") return PointerButton::middle;
+  return PointerButton::left;
+}
+
+std::optional<PhoneRequest> pointerRequest(const nlohmann::json& json) {
+  const std::string* phase = stringAt(json, "phase");
+  if (!phase) return std::nullopt;
+  PointerAction action;
+  if (*phase == "move") {
+    action.phase = PointerPhase::move;
+  } else if (*phase == "down") {
+    action.phase = PointerPhase::down;
+  } else if (*phase == "up") {
+    action.phase = PointerPhase::up;
+  } else {
+    return std::nullopt;
+  }
+  action.x = numberOr(json, "x", 0);
+  action.y = numberOr(json, "y", 0);
+  action.button = buttonAt(json);
+  return PointerRequest{action};
+}
+
+std::optional<PhoneRequest> scrollRequest(const nlohmann::json& json) {
+  ScrollAction action{numberOr(json, "dx", 0), numberOr(json, "dy", 0), std::nullopt};
+  if (json.contains("x") || json.contains("y")) {
+    action.at = std::pair(numberOr(json, "x", 0), numberOr(json, "y", 0));
+  }
+  return ScrollRequest{action};
+}
+
+}  // namespace
+
+const std::array<PhoneRequestRule, 8>& rules() { return table; }
+
+const PhoneRequestRule* ruleFor(std::string_view type) {
+  for (const auto& rule : table) {
+    if (rule.type == type) return &rule;
+  }
+  return nullptr;
+}
+
+std::optional<PhoneRequest> decode(const RoutedMessage& message) {
+  const nlohmann::json& json = message.json;
+  const std::string_view type = message.type;
+  if (type == "input.cursor") return pointerRequest(json);
+  if (type == "input.scroll") return scrollRequest(json);
+  if (type == "input.text") {
+    const std::string* value = stringAt(json, "value");
+    return value ? std::optional<PhoneRequest>(TextRequest{*value}) : std::nullopt;
+  }
+  if (type == "input.key") {
+    const std::string* combo = stringAt(json, "combo");
+    return combo ? std::optional<PhoneRequest>(KeyRequest{*combo}) : std::nullopt;
+  }
+  if (type == "input.invoke") {
+    const std::string* elementId = stringAt(json, "elementId");
+    const auto sequence = wholeAt(json, "sceneSeq");
+    if (!elementId || !sequence) throw PhoneRequestError::invalidSemanticInvocation();
+    return InvokeRequest{*elementId, *sequence};
+  }
+  if (type == "scene.request_snapshot") return SceneSnapshotRequest{};
+  if (type == "control.monitor.list") return MonitorListRequest{};
+  if (type == "control.monitor.select") {
+    const auto index = wholeAt(json, "index");
+    return index ? std::optional<PhoneRequest>(MonitorSelectRequest{*index}) : std::nullopt;
+  }
+  throw std::invalid_argument("no request rule for " + message.type);
+}
+
+}  // namespace PhoneRequests
+}  // namespace zul

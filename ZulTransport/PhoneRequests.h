@@ -1,0 +1,99 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulCore/Support/Error.h"
+#include "ZulCore/Trust/DevicePermission.h"
+#include "ZulTransport/MessageRouter.h"
+
+namespace zul {
+
+class PhoneRequestError : public Error {
+ public:
+  enum class Case { invalidSemanticInvocation };
+  // An element action without a string "elementId" or a numeric "sceneSeq".
+  static PhoneRequestError invalidSemanticInvocation();
+  Case kind() const { return kind_; }
+
+ private:
+  PhoneRequestError(Case kind, std::string text) : Error(std::move(text)), kind_(kind) {}
+  Case kind_;
+};
+
+// What a phone can ask of the computer, decoded once from its message.
+struct PointerRequest {
+  PointerAction action;
+  friend bool operator==(const PointerRequest&, const PointerRequest&) = default;
+};
+struct ScrollRequest {
+  ScrollAction action;
+  friend bool operator==(const ScrollRequest&, const ScrollRequest&) = default;
+};
+struct TextRequest {
+  std::string text;
+  friend bool operator==(const TextRequest&, const TextRequest&) = default;
+};
+struct KeyRequest {
+  std::string combo;
+  friend bool operator==(const KeyRequest&, const KeyRequest&) = default;
+};
+struct InvokeRequest {
+  std::string elementId;
+  std::int64_t sceneSequence = 0;
+  friend bool operator==(const InvokeRequest&, const InvokeRequest&) = default;
+};
+struct SceneSnapshotRequest {
+  friend bool operator==(const SceneSnapshotRequest&, const SceneSnapshotRequest&) = default;
+};
+struct MonitorListRequest {
+  friend bool operator==(const MonitorListRequest&, const MonitorListRequest&) = default;
+};
+struct MonitorSelectRequest {
+  std::int64_t index = 0;
+  friend bool operator==(const MonitorSelectRequest&, const MonitorSelectRequest&) = default;
+};
+
+using PhoneRequest = std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest,
+                                  InvokeRequest, SceneSnapshotRequest, MonitorListRequest,
+                                  MonitorSelectRequest>;
+
+// Where a request's work runs, in order: a queue per kind of work, so that a
+// long text never holds up pointer moves, nor an accessibility scan either
+// (scenes and displays are queued by the publisher and switcher themselves).
+enum class RequestQueue { pointer, keyboard, element, scene, display };
+
+// What one message type needs before anything is done for it.
+struct PhoneRequestRule {
+  std::string_view type;
+  // Demanded before the payload is read; nothing: any device in session.
+  std::optional<DevicePermission> permission;
+  // The channels it may arrive on (an empty entry ends the list).
+  std::array<std::string_view, 2> channels;
+  RequestQueue queue;
+
+  bool allowsChannel(std::string_view channel) const;
+};
+
+namespace PhoneRequests {
+
+// Every type the agent acts on, one rule each.
+const std::array<PhoneRequestRule, 8>& rules();
+// The rule for a type; nothing for a type the agent does not act on.
+const PhoneRequestRule* ruleFor(std::string_view type);
+
+// The request a message of a known type carries. Payloads are lenient: a
+// missing or mistyped number counts as 0 and a missing button as the left
+// one; a request without what it cannot do without (a phase, a text, a
+// combination, a display index) is nothing, to be ignored. An element action
+// without its element or scene is an error (PhoneRequestError), answered to
+// the phone. Throws std::invalid_argument for a type without a rule.
+std::optional<PhoneRequest> decode(const RoutedMessage& message);
+
+}  // namespace PhoneRequests
+}  // namespace zul
