@@ -650,16 +650,9 @@ AgentSignalingClient::AgentSignalingClient(std::string signalingBaseURL,
 
 AgentSignalingClient::~AgentSignalingClient() { close(); }
 
-std::string AgentSignalingClient::rendezvousUrl() const {
-  return zul::rendezvousUrl(impl_->baseUrl, impl_->identity->agentId());
-}
-
-std::optional<std::string> AgentSignalingClient::activePeerId() const {
-  return impl_->handler.activePeerId();
-}
-
 PairingQrPayload AgentSignalingClient::createPairing() {
-  auto payload = impl_->pairing->begin(rendezvousUrl(), impl_->peer->dtlsFingerprint());
+  auto payload = impl_->pairing->begin(zul::rendezvousUrl(impl_->baseUrl, impl_->identity->agentId()),
+                                       impl_->peer->dtlsFingerprint());
   const auto localExpiry = payload.expiresAt;
   auto proof = impl_->freshProof();
   Json body = {
@@ -750,19 +743,6 @@ void AgentSignalingClient::close() {
     asio::post(*impl_->runContext, [run = impl_->activeRun] { run->cancel(); });
   }
   for (auto* context : impl_->pairingContexts) context->stop();
-}
-
-std::vector<TrustedDevice> AgentSignalingClient::trustedDeviceList() const {
-  try {
-    return impl_->trustedDevices.load();
-  } catch (...) {
-    return {};
-  }
-}
-
-void AgentSignalingClient::revokeDevice(const std::string& deviceId) {
-  impl_->trustedDevices.revoke(deviceId);
-  if (onTrustedDevicesChanged) onTrustedDevicesChanged(impl_->trustedDevices.load());
 }
 
 }  // namespace zul

@@ -82,15 +82,6 @@ class AgentSignalingClient : public SignalingEvents {
   // pairing requests fail.
   void close();
 
-  // The stored devices; empty when the store cannot be read.
-  std::vector<TrustedDevice> trustedDeviceList() const;
-  // Revokes in the store and reports the new list. Store failures pass up.
-  void revokeDevice(const std::string& deviceId);
-
-  std::optional<std::string> activePeerId() const;
-  // The absolute text of the rendezvous URL (the QR code's signalUrl).
-  std::string rendezvousUrl() const;
-
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -191,8 +191,7 @@ Figures runOurs(const Xvfb& server, int width, int height, int seconds) {
                                               .bitrateKbps = bitrateFor(width, height),
                                               .hardwareRequired = false,
                                               .lowLatency = true,
-                                              .bFrames = 0,
-                                              .hdrToSdr = true});
+                                              .bFrames = 0});
   std::mutex mutex;
   std::vector<double> captureMs, encodeMs;
   long frames = 0;
@@ -215,8 +214,7 @@ Figures runOurs(const Xvfb& server, int width, int height, int seconds) {
                                    .width = width,
                                    .height = height,
                                    .framesPerSecond = 30,
-                                   .idleFramesPerSecond = 30,
-                                   .convertHdrToSdr = true});
+                                   .idleFramesPerSecond = 30});
   // Counted from the first frame, as ffmpeg's -t counts from its first.
   const auto started = Clock::now();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
@@ -267,8 +265,7 @@ Percentiles changeToFrame(const Xvfb& server, int changes) {
                                    .width = 0,
                                    .height = 0,
                                    .framesPerSecond = 30,
-                                   .idleFramesPerSecond = 2,
-                                   .convertHdrToSdr = true});
+                                   .idleFramesPerSecond = 2});
   std::vector<double> latencies;
   for (int i = 0; i < changes; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(120 + (i * 37) % 150));

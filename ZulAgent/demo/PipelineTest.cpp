@@ -38,8 +38,7 @@ CaptureOptions pipelineCaptureOptions() {
                         .width = 960,
                         .height = 540,
                         .framesPerSecond = 10,
-                        .idleFramesPerSecond = 2,
-                        .convertHdrToSdr = true};
+                        .idleFramesPerSecond = 2};
 }
 
 VideoEncoderSettings pipelineEncoderSettings(bool useRealBackends) {
@@ -50,8 +49,7 @@ VideoEncoderSettings pipelineEncoderSettings(bool useRealBackends) {
                               .bitrateKbps = 3000,
                               .hardwareRequired = useRealBackends,
                               .lowLatency = true,
-                              .bFrames = 0,
-                              .hdrToSdr = true};
+                              .bFrames = 0};
 }
 
 void runPipelineTest(CaptureSource& source, VideoEncoder& encoder, const CaptureOptions& options,

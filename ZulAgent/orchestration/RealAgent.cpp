@@ -300,7 +300,6 @@ class RealAgent {
     options.height = size.height;
     options.framesPerSecond = framesPerSecond;
     options.idleFramesPerSecond = zul::idleFramesPerSecond;
-    options.convertHdrToSdr = true;
     capture.stop();
     capture.start(options);
     const auto resolved = capture.resolvedDisplayID();

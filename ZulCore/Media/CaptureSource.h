@@ -15,7 +15,6 @@ struct CaptureOptions {
   std::int64_t height = 0;
   std::int64_t framesPerSecond = 0;      // while the screen changes
   std::int64_t idleFramesPerSecond = 0;  // while nothing changes
-  bool convertHdrToSdr = true;
 };
 
 class CaptureError : public Error {

@@ -3,7 +3,6 @@
 namespace zul {
 
 void FakeH264Encoder::configure(const VideoEncoderSettings& settings) {
-  if (settings.codec != VideoCodec::h264) throw MediaError::unsupportedCodec();
   if (settings.bFrames != 0) throw MediaError::bFramesNotSupported();
   std::lock_guard lock(mutex_);
   settings_ = settings;

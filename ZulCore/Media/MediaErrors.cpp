@@ -38,12 +38,7 @@ MediaError MediaError::propertyUpdateFailed(std::int32_t status) {
   return {Case::propertyUpdateFailed, formatErrorCase("propertyUpdateFailed", {field(status)}),
           status};
 }
-MediaError MediaError::blockBufferReadFailed(std::int32_t status) {
-  return {Case::blockBufferReadFailed, formatErrorCase("blockBufferReadFailed", {field(status)}),
-          status};
-}
 MediaError MediaError::notConfigured() { return {Case::notConfigured, "notConfigured"}; }
-MediaError MediaError::unsupportedCodec() { return {Case::unsupportedCodec, "unsupportedCodec"}; }
 MediaError MediaError::invalidDimensions() {
   return {Case::invalidDimensions, "invalidDimensions"};
 }
@@ -52,12 +47,6 @@ MediaError MediaError::bFramesNotSupported() {
 }
 MediaError MediaError::missingNativeSurface() {
   return {Case::missingNativeSurface, "missingNativeSurface"};
-}
-MediaError MediaError::missingFormatDescription() {
-  return {Case::missingFormatDescription, "missingFormatDescription"};
-}
-MediaError MediaError::missingDataBuffer() {
-  return {Case::missingDataBuffer, "missingDataBuffer"};
 }
 MediaError MediaError::hardwareUnavailable() {
   return {Case::hardwareUnavailable, "hardwareUnavailable"};

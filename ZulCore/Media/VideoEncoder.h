@@ -11,10 +11,7 @@
 
 namespace zul {
 
-enum class VideoCodec { h264, av1 };
-
-// Declared so that settings can name a preset; nothing maps it to values yet.
-enum class QualityPreset { smooth, balanced, sharp, automatic };
+enum class VideoCodec { h264 };
 
 struct VideoEncoderSettings {
   VideoCodec codec = VideoCodec::h264;
@@ -25,7 +22,6 @@ struct VideoEncoderSettings {
   bool hardwareRequired = false;
   bool lowLatency = true;
   std::int64_t bFrames = 0;
-  bool hdrToSdr = true;
   // No periodic key frames: only the first and the forced ones (a peer
   // connection asks for one whenever its receiver needs it).
   bool keyFramesOnRequestOnly = false;
@@ -51,29 +47,21 @@ class MediaError : public Error {
     sessionCreationFailed,
     encodeFailed,
     propertyUpdateFailed,
-    blockBufferReadFailed,
     notConfigured,
-    unsupportedCodec,
     invalidDimensions,
     bFramesNotSupported,
     missingNativeSurface,
-    missingFormatDescription,
-    missingDataBuffer,
     hardwareUnavailable,  // hardware was required and the machine has none
   };
 
-  // The first four carry the media library's status code.
+  // The first three carry the media library's status code.
   static MediaError sessionCreationFailed(std::int32_t status);
   static MediaError encodeFailed(std::int32_t status);
   static MediaError propertyUpdateFailed(std::int32_t status);
-  static MediaError blockBufferReadFailed(std::int32_t status);
   static MediaError notConfigured();
-  static MediaError unsupportedCodec();
   static MediaError invalidDimensions();
   static MediaError bFramesNotSupported();
   static MediaError missingNativeSurface();
-  static MediaError missingFormatDescription();
-  static MediaError missingDataBuffer();
   static MediaError hardwareUnavailable();
 
   Case kind() const { return kind_; }

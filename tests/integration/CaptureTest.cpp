@@ -55,8 +55,7 @@ CaptureOptions options(std::int64_t index, std::int64_t width, std::int64_t heig
           .width = width,
           .height = height,
           .framesPerSecond = fps,
-          .idleFramesPerSecond = idleFps,
-          .convertHdrToSdr = true};
+          .idleFramesPerSecond = idleFps};
 }
 
 bool skipWithoutXvfb() { return !test::haveProgram("Xvfb") || !test::haveProgram("xrandr"); }
@@ -342,8 +341,7 @@ TEST(CaptureTest, EncodedStreamDecodesWithKeyFramesWhereForced) {
                      .bitrateKbps = 1500,
                      .hardwareRequired = false,
                      .lowLatency = true,
-                     .bFrames = 0,
-                     .hdrToSdr = true});
+                     .bFrames = 0});
   std::mutex mutex;
   std::condition_variable done;
   std::vector<EncodedVideoFrame> encoded;

@@ -252,7 +252,6 @@ std::optional<VideoEncoderSettings> LibavH264Encoder::settings() const {
 }
 
 void LibavH264Encoder::configure(const VideoEncoderSettings& settings) {
-  if (settings.codec != VideoCodec::h264) throw MediaError::unsupportedCodec();
   if (settings.bFrames != 0) throw MediaError::bFramesNotSupported();
   if (settings.width % 2 != 0 || settings.height % 2 != 0 || settings.width > INT_MAX ||
       settings.height > INT_MAX) {

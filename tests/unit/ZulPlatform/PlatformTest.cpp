@@ -254,11 +254,6 @@ TEST(LibavH264EncoderTest, ConfigurationAndFramesAreValidated) {
     return s;
   };
   const std::pair<VideoEncoderSettings, MediaError> rows[] = {
-      {with([](auto& s) {
-         s.codec = VideoCodec::av1;
-         s.bFrames = 2;
-       }),
-       MediaError::unsupportedCodec()},
       {with([](auto& s) { s.bFrames = 1; }), MediaError::bFramesNotSupported()},
       {with([](auto& s) { s.height = 721; }), MediaError::invalidDimensions()},
       {with([](auto& s) { s.hardwareRequired = true; }), MediaError::hardwareUnavailable()},
