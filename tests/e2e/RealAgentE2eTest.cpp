@@ -194,6 +194,20 @@ class RealAgentE2eTest : public testing::Test {
     return TrustedDeviceStore(SecretStore("trusted-devices", backend));
   }
 
+  // The phone holds the left button down on the desktop, as a drag does.
+  void holdButton(Phone& phone, const std::string& sessionId) {
+    const std::size_t mark = agent_->lines().size();
+    phone.send("input.cursor", sessionId, {{"phase", "down"}, {"x", 40}, {"y", 40}});
+    ASSERT_TRUE(agent_->waitForLine("[input.cursor] ok: down", 30s, mark)) << agent_->tail();
+    EXPECT_EQ(painter_->pressed(), "button 1 ");
+  }
+  // However a session ends, nothing the phone held stays down.
+  void expectReleased(const std::string& how) {
+    EXPECT_TRUE(waitUntil([&] { return painter_->pressed().empty(); }, 60s))
+        << how << ": still down: " << painter_->pressed() << "\n"
+        << agent_->tail();
+  }
+
   // Lines in which the agent reports carrying out a phone's request.
   std::size_t executedRequests(std::size_t from = 0) const {
     return agent_->countContaining("] ok", from);
@@ -297,12 +311,14 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_EQ(devices[0].deviceId, deviceId);
   EXPECT_FALSE(devices[0].revoked);
 
+  holdButton(*phone_, sessionId);
   const std::string revoke = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
                              "' " ZUL_TRUSTED_DEVICES_PATH " revoke " + deviceId +
                              " >/dev/null 2>&1";
   ASSERT_EQ(std::system(revoke.c_str()), 0);
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
+  expectReleased("revoked");
   EXPECT_TRUE(phone_->waitFor("zulPhone.state.session.pc.connectionState !== 'connected'"));
 }
 
@@ -361,18 +377,26 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   aStillServed(104);
 
   // B asks to take over: it is in session and A's connection is closed.
+  holdButton(*phone_, sessionA);
   mark = agent_->lines().size();
   phoneB.eval("zulPhone.hello({replaceSession: true})");
   const auto ok = phoneB.waitForControl(2);
   EXPECT_EQ(ok["type"], "control.hello.ok") << ok.dump() << agent_->tail();
   EXPECT_EQ(ok["controlLease"], "replaced");
   EXPECT_TRUE(agent_->waitForLine("replaced by", 10s, mark));
+  expectReleased("replaced");
   EXPECT_TRUE(
       phone_->waitFor("zulPhone.state.session.channels.control.readyState === 'closed' || "
                       "zulPhone.state.session.pc.connectionState !== 'connected'"));
   EXPECT_TRUE(phoneB.framesDecodedAbove(5)) << phoneB.stats().dump();
   phoneB.sendCursor(sessionB, 200, 100);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=200 y=100", 30s, mark));
+
+  // B's connection is lost with its button down.
+  holdButton(phoneB, sessionB);
+  phoneB.eval("zulPhone.state.session.pc.close()");
+  EXPECT_TRUE(agent_->waitForLine("phone disconnected: ", 60s, mark)) << agent_->tail();
+  expectReleased("connection lost");
 }
 
 // Hellos the agent must refuse, each followed by a pointer request under the
@@ -459,26 +483,39 @@ TEST_F(RealAgentE2eTest, KeepsThePhoneAcrossSignalingAndAgentRestarts) {
 
   std::size_t connectedAt = 0;
   ASSERT_TRUE(agent_->waitForLine("signaling: connected", 5s, 0, &connectedAt));
-  startServer(serverArgs, port);
+  // Back with a limit of one phone session per agent connection.
+  std::vector<std::string> limited = serverArgs;
+  limited.insert(limited.end(), {"--session-limit", "1"});
+  startServer(limited, port);
   ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s, connectedAt + 1)) << agent_->tail();
   EXPECT_EQ(phone_->eval("zulPhone.state.session.pc.connectionState"), "connected");
 
   // Connecting again makes a new connection on the same agent.
-  phone_->connect();
+  std::string sessionId = phone_->connect();
   EXPECT_EQ(phone_->waitForControl(2)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_TRUE(phone_->framesDecodedAbove(5));
 
-  // The agent restarts with its stored identity and certificate.
+  // The agent restarts with its stored identity and certificate; it lets go
+  // of what the phone held as it stops.
   const std::string link = pairingLink();
+  holdButton(*phone_, sessionId);
   agent_.reset();
+  expectReleased("agent stopped");
   startAgent();
   for (const char* field : {"agentId", "agentPublicKey", "dtlsFingerprint"}) {
     EXPECT_EQ(linkField(pairingLink(), field), linkField(link, field)) << field;
   }
   ASSERT_TRUE(agent_->waitForLine("signaling: connected", 30s));
-  phone_->connect();
+  sessionId = phone_->connect();
   EXPECT_EQ(phone_->waitForControl(3)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_EQ(phone_->eval("zulPhone.state.fingerprintMismatch"), false);
+
+  // A second session on this agent connection is over the server's limit:
+  // the server ends the one in progress too.
+  holdButton(*phone_, sessionId);
+  EXPECT_THROW(phone_->connect(), std::exception);
+  EXPECT_TRUE(agent_->waitForLine("session limit reached", 30s)) << agent_->tail();
+  expectReleased("session limit");
 }
 
 // The same agent on a GNOME Wayland desktop (headless mutter, two monitors)

@@ -39,6 +39,24 @@ class ScreenPainter {
     XQueryPointer(x_, DefaultRootWindow(x_), &root, &child, &x, &y, &wx, &wy, &mask);
     return {x, y};
   }
+  // What the X server holds down: "button 1", "key 37", ...; empty when
+  // nothing is.
+  std::string pressed() {
+    Window root, child;
+    int x = 0, y = 0, wx = 0, wy = 0;
+    unsigned mask = 0;
+    XQueryPointer(x_, DefaultRootWindow(x_), &root, &child, &x, &y, &wx, &wy, &mask);
+    std::string out;
+    for (unsigned button = 1; button <= 5; ++button) {
+      if (mask & (Button1Mask << (button - 1))) out += "button " + std::to_string(button) + " ";
+    }
+    char keys[32];
+    XQueryKeymap(x_, keys);
+    for (int code = 0; code < 256; ++code) {
+      if (keys[code / 8] & (1 << (code % 8))) out += "key " + std::to_string(code) + " ";
+    }
+    return out;
+  }
 
  private:
   Display* x_;

@@ -345,7 +345,7 @@ TEST_F(SignalingMessageHandlerTest, SizeLimitAndUnparsableMessages) {
   EXPECT_TRUE(statuses.empty());
 }
 
-TEST_F(SignalingMessageHandlerTest, ClientRefusesUnusableAddressesAndRevokesThroughTheStore) {
+TEST_F(SignalingMessageHandlerTest, ClientRefusesUnusableAddressesAndRunsNoMoreOnceClosed) {
   auto client = [&](const char* base) {
     return std::make_unique<AgentSignalingClient>(base, agent, pairing, peer, store);
   };
