@@ -54,7 +54,7 @@ struct MutterCaptureSource::Impl {
 
   mutable std::mutex mutex;  // guards everything below
   std::condition_variable wake;
-  CaptureCallbacks callbacks{mutex};
+  CaptureCallbacks callbacks;
   bool running = false;
   bool stopRequested = false;
   std::int64_t sequence = 0;
@@ -137,7 +137,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       if (stopRequested) break;
       if (monitorsChanged) {
         monitorsChanged = false;
-        const bool heard = callbacks.followsDisplaysLocked();
+        const bool heard = bool(callbacks.displaysChanged);
         lock.unlock();
         if (!monitorStillThere()) {
           const std::string gone = "monitor " + run.monitor.connector + " went away";
@@ -150,7 +150,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       }
       if (ended) {
         const std::string reason = *ended;
-        const bool heard = callbacks.followsDisplaysLocked();
+        const bool heard = bool(callbacks.displaysChanged);
         lock.unlock();
         // Mutter closes the session of a monitor that went away: that is a
         // change of monitors, not a failure, for an owner that follows them.
@@ -182,7 +182,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       }
       if (gate.offer(now, changed) == FrameGate::Decision::skip) continue;
       number = ++sequence;
-      handler = callbacks.frameReadyLocked();
+      handler = callbacks.frameReady.handler();
       gate.delivered(now);
     }
     if (changed || !lastSurface) {
@@ -218,15 +218,15 @@ MutterCaptureSource::MutterCaptureSource(std::shared_ptr<MutterDesktop> desktop)
 MutterCaptureSource::~MutterCaptureSource() { stop(); }
 
 void MutterCaptureSource::setFrameReady(FrameReady handler) {
-  impl_->callbacks.setFrameReady(std::move(handler));
+  impl_->callbacks.frameReady = std::move(handler);
 }
 
 void MutterCaptureSource::setCaptureFailed(CaptureFailed handler) {
-  impl_->callbacks.setCaptureFailed(std::move(handler));
+  impl_->callbacks.captureFailed = std::move(handler);
 }
 
 void MutterCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
-  impl_->callbacks.setDisplaysChanged(std::move(handler));
+  impl_->callbacks.displaysChanged = std::move(handler);
 }
 
 void MutterCaptureSource::start(const CaptureOptions& options) {
@@ -273,9 +273,9 @@ void MutterCaptureSource::start(const CaptureOptions& options) {
     impl_->running = true;
   }
   std::weak_ptr<Impl> weak = impl_;
-  run->session->setOnClosed([weak] {
+  run->session->onClosed = [weak] {
     if (auto impl = weak.lock()) impl->endWith("mutter closed the remote-desktop session");
-  });
+  };
   const int token = impl_->desktop->addMonitorsChanged([weak] {
     if (auto impl = weak.lock()) {
       std::lock_guard lock(impl->mutex);

@@ -178,10 +178,6 @@ class Session final : public MutterSession {
     std::lock_guard lock(mutex_);
     return open_;
   }
-  void setOnClosed(std::function<void()> handler) override {
-    std::lock_guard lock(mutex_);
-    onClosed_ = std::move(handler);
-  }
 
   void pointerMotion(double x, double y) override {
     notify("NotifyPointerMotionAbsolute", g_variant_new("(sdd)", streamPath_.c_str(), x, y));
@@ -203,20 +199,13 @@ class Session final : public MutterSession {
 
   // Bus thread.
   void closedByMutter() {
-    std::function<void()> handler;
     {
       std::lock_guard lock(mutex_);
       if (!open_) return;
       open_ = false;
-      handler = std::move(onClosed_);
     }
-    if (handler) {
-      try {
-        handler();
-      } catch (...) {
-        // an owner's failure must not reach GLib
-      }
-    }
+    onClosed();
+    onClosed = nullptr;
   }
   void announced(std::uint32_t node) {
     std::lock_guard lock(mutex_);
@@ -232,10 +221,9 @@ class Session final : public MutterSession {
   int width_ = 0;
   int height_ = 0;
 
-  mutable std::mutex mutex_;  // guards open_, onClosed_, node_ while waiting
+  mutable std::mutex mutex_;  // guards open_, node_ while waiting
   std::condition_variable announced_;
   bool open_ = true;
-  std::function<void()> onClosed_;
   std::function<void(const std::string&, const std::string&)> forget_;
 };
 

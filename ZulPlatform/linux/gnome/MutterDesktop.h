@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
 #include "ZulCore/Support/Error.h"
 
@@ -51,7 +52,7 @@ class MutterSession {
   // False once mutter closed the session (monitor gone, mutter restarted).
   virtual bool open() const = 0;
   // Called once, on the bus thread, when mutter closes the session.
-  virtual void setOnClosed(std::function<void()> handler) = 0;
+  Callback<> onClosed;
 
   // Input, each returning once mutter took the call. Throw MutterError.
   // Pointer position in the stream's pixels.

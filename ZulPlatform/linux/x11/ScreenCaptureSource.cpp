@@ -132,7 +132,7 @@ struct ScreenCaptureSource::Impl : webrtc::DesktopCapturer::Callback {
   mutable std::mutex mutex;
   std::condition_variable wake;  // the delivery thread waits on it
   Waker waker;                   // the capture thread polls it beside the X connection
-  CaptureCallbacks callbacks{mutex};
+  CaptureCallbacks callbacks;
   CaptureTiming onCaptureTiming;
   bool running = false;
   bool stopRequested = false;
@@ -403,7 +403,7 @@ void ScreenCaptureSource::Impl::deliveryLoop() {
       if (!pending) return;
       frame = std::move(*pending);
       pending.reset();
-      handler = callbacks.frameReadyLocked();
+      handler = callbacks.frameReady.handler();
       ++statistics.delivered;
     }
     CaptureCallbacks::deliver(handler, frame);
@@ -442,15 +442,15 @@ std::optional<std::uint32_t> ScreenCaptureSource::primaryDisplayID(const std::st
 }
 
 void ScreenCaptureSource::setFrameReady(FrameReady handler) {
-  impl_->callbacks.setFrameReady(std::move(handler));
+  impl_->callbacks.frameReady = std::move(handler);
 }
 
 void ScreenCaptureSource::setCaptureFailed(CaptureFailed handler) {
-  impl_->callbacks.setCaptureFailed(std::move(handler));
+  impl_->callbacks.captureFailed = std::move(handler);
 }
 
 void ScreenCaptureSource::setDisplaysChanged(DisplaysChanged handler) {
-  impl_->callbacks.setDisplaysChanged(std::move(handler));
+  impl_->callbacks.displaysChanged = std::move(handler);
 }
 
 void ScreenCaptureSource::setOnCaptureTiming(CaptureTiming handler) {
