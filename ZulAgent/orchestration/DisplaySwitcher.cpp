@@ -23,19 +23,23 @@ nlohmann::json DisplaySwitcher::monitorList(const std::vector<DisplayDescriptor>
                                             std::optional<std::uint32_t> primaryDisplayID) {
   nlohmann::json monitors = nlohmann::json::array();
   for (const auto& display : displays) {
-    monitors.push_back({
+    // The phone names monitors by their place and counts in the video's
+    // pixels ("scale" 1); the desktop's own name and scale go beside.
+    nlohmann::json monitor = {
         {"index", display.index},
-        {"name",
-         display.name.empty() ? "Монитор " + std::to_string(display.index + 1) : display.name},
+        {"name", "Монитор " + std::to_string(display.index + 1)},
         {"rect",
          {{"x", display.originX},
           {"y", display.originY},
           {"w", display.width},
           {"h", display.height}}},
         {"primary", primaryDisplayID == display.displayID},
-        {"scale", display.scale},
+        {"scale", 1.0},
         {"hdr", false},
-    });
+        {"displayScale", display.scale},
+    };
+    if (!display.name.empty()) monitor["connector"] = display.name;
+    monitors.push_back(std::move(monitor));
   }
   return {
       {"type", "control.monitor.list"}, {"protoVersion", "1.0"},           {"ts", timestampMs},

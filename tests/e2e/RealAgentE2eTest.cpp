@@ -568,6 +568,16 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   EXPECT_TRUE(agent_->waitForLine("[input.text] ok")) << agent_->tail();
   EXPECT_TRUE(app.waitForLine("text \"\\u0414\\u0430, ok\"", 30s)) << app.tail();
 
+  // Monitors are named by their place, as on X11; mutter's connector goes beside.
+  ASSERT_TRUE(phone_->waitFor(
+      "zulPhone.controlMessages().some(m => m.type === 'control.monitor.list')"));
+  const auto list = phone_->eval(
+      "zulPhone.controlMessages().find(m => m.type === 'control.monitor.list').monitors");
+  ASSERT_EQ(list.size(), 2u) << list.dump();
+  EXPECT_EQ(list[1]["name"], "Монитор 2");
+  EXPECT_EQ(list[1]["scale"], 1.0);
+  EXPECT_EQ(list[1].value("connector", "").rfind("Meta-", 0), 0u) << list.dump();
+
   phone_->send("control.monitor.select", sessionId, {{"index", 1}});
   EXPECT_TRUE(agent_->waitForLine("selected display 1: ")) << agent_->tail();
   EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 1280)"))

@@ -275,7 +275,14 @@ TEST(RealAgent, BannerNeverShowsTheServerPassword) {
 // A 1920x1080 screen and, primary, a second monitor above-right of it.
 const std::vector<DisplayDescriptor> twoDisplays = {
     {.index = 0, .displayID = 71, .width = 1920, .height = 1080, .originX = 0, .originY = 0},
-    {.index = 1, .displayID = 72, .width = 1280, .height = 1024, .originX = 1920, .originY = -200},
+    {.index = 1,
+     .displayID = 72,
+     .width = 1280,
+     .height = 1024,
+     .originX = 1920,
+     .originY = -200,
+     .scale = 2.0,
+     .name = "Meta-1"},
 };
 
 // The switcher over `displays`, logging what it restarts, targets, prints
@@ -391,9 +398,10 @@ TEST(DisplaySwitcher, SwitchesFollowsOrExplainsWhyNot) {
   EXPECT_EQ(s.sent[0], nlohmann::json::parse(R"({"type": "control.monitor.list", "protoVersion":
       "1.0", "ts": 1700000000123, "sessionId": "s-1", "selected": 0, "monitors": [
       {"index": 0, "name": "Монитор 1", "rect": {"x": 0, "y": 0, "w": 1920, "h": 1080},
-       "primary": false, "scale": 1.0, "hdr": false},
+       "primary": false, "scale": 1.0, "hdr": false, "displayScale": 1.0},
       {"index": 1, "name": "Монитор 2", "rect": {"x": 1920, "y": -200, "w": 1280, "h": 1024},
-       "primary": true, "scale": 1.0, "hdr": false}]})"));
+       "primary": true, "scale": 1.0, "hdr": false, "displayScale": 2.0,
+       "connector": "Meta-1"}]})"));
 }
 
 // While a switch runs, another request is dropped and a burst of monitor
