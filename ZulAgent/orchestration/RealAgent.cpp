@@ -232,9 +232,7 @@ class RealAgent {
     screen_->setFrameReady([phones](const CapturedFrame& frame) {
       if (auto p = phones.lock()) p->push(frame, monotonicNanoseconds());
     });
-    screen_->setCaptureFailed([print = print_](const CaptureError& error) {
-      print(std::string("capture failed: ") + error.what());
-    });
+    screen_->setCaptureFailed([this](const CaptureError& error) { desktopLost(error.what()); });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
         .start =
             [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond](
@@ -363,6 +361,61 @@ class RealAgent {
     server_->start();
   }
 
+  // Capture ended by itself: the X server or the compositor went away. On
+  // the capture's thread; the tick decides what follows.
+  void desktopLost(const std::string& reason) {
+    print_("capture failed: " + reason);
+    event_("desktop lost: " + reason);
+    capture_->lost();
+    tellPhone("desktopLost", reason);
+    *desktopLostAt_.lock() = SteadyClock::now();
+  }
+
+  // A notice for the phone in session, which the app shows in words.
+  void tellPhone(const std::string& reason, const std::string& text) {
+    const auto sessionId = phones_->activeSessionId();
+    if (!sessionId) return;
+    nlohmann::json notice = MessageRouter::makeEnvelope("control.notice", *sessionId);
+    notice["reason"] = reason;
+    notice["message"] = text;
+    try {
+      phones_->sendToSession("control", notice.dump(-1, ' ', false,
+                                                    nlohmann::json::error_handler_t::replace));
+    } catch (const std::exception& error) {
+      print_(std::string("notice not sent: ") + error.what());
+    }
+  }
+
+  // After the desktop was lost: the agent stops when it is gone for good (an
+  // X server); capture starts again on a compositor that comes back, and the
+  // phone's session ends when it does not within 30 s, so that the phone
+  // can connect again later. True: stop.
+  bool followLostDesktop() {
+    const auto lostAt = *desktopLostAt_.lock();
+    if (!lostAt) return false;
+    if (desktop_->desktopGone()) {
+      event_("stopping: the desktop is gone");
+      return true;
+    }
+    const bool watched = phones_->activeDeviceId().has_value();
+    if (capture_->running() || !watched) {
+      desktopLostAt_.lock()->reset();
+      if (watched) {
+        event_("desktop back: capture resumed");
+        tellPhone("desktopBack", "capture resumed");
+      }
+      return false;
+    }
+    if (SteadyClock::now() - *lostAt > std::chrono::seconds(30)) {
+      desktopLostAt_.lock()->reset();
+      event_("the desktop did not come back: ending the phone's session");
+      phones_->endSession();
+      return false;
+    }
+    capture_->resume();
+    return false;
+  }
+
   // Until the deadline, a signal or the interface's stop: new pairing links
   // when due, and an immediate end for a session whose device was revoked.
   void tickUntilStopped() {
@@ -375,6 +428,7 @@ class RealAgent {
                                           std::chrono::duration_cast<SteadyClock::duration>(
                                               std::chrono::duration<double>(*settings_.seconds)))
                           : std::nullopt;
+    unsigned idleTicks = 0;
     while (true) {
       if (!stopSignals) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -390,12 +444,18 @@ class RealAgent {
         links_->refresh();
         continue;
       }
+      if (followLostDesktop()) return;
       if (const auto activeDevice = phones_->activeDeviceId()) {
         endSessionIfRevoked(*activeDevice);
         continue;
       }
       // A phone revoked by the trusted-devices tool or window while none is
-      // in session is told of here, every few seconds.
+      // in session is told of here, every few seconds; so is an X server
+      // that went away while nothing was captured.
+      if (++idleTicks % 4 == 0 && desktop_->desktopGone()) {
+        event_("stopping: the desktop is gone");
+        return;
+      }
       trust_->idleTick();
       links_->tick();
     }
@@ -453,6 +513,7 @@ class RealAgent {
   std::optional<ServerConnection> server_;
   std::optional<PairingLinks> links_;
   Guarded<std::string> sessionDevice_;  // the name of the phone in session
+  Guarded<std::optional<SteadyClock::time_point>> desktopLostAt_;
 };
 
 }  // namespace

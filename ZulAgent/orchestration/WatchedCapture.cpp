@@ -39,6 +39,15 @@ void WatchedCapture::setWatched(bool watched) {
   queue_.post([this] { apply(); });
 }
 
+void WatchedCapture::lost() {
+  std::lock_guard lock(mutex_);
+  running_ = false;
+}
+
+void WatchedCapture::resume() {
+  queue_.post([this] { apply(); });
+}
+
 // Brings capture in line with whether anybody watches. On the queue's thread.
 void WatchedCapture::apply() {
   bool watched, running;

@@ -43,6 +43,12 @@ class WatchedCapture {
   DisplayDescriptor startOn(std::int64_t index);
   // A phone came into session (true) or the last one left (false).
   void setWatched(bool watched);
+  // Capture ended by itself (its desktop went away): it is started again at
+  // the next resume() while a phone watches.
+  void lost();
+  // Starts capture again if a phone watches and it is not running; a start
+  // that fails is tried again at the next call.
+  void resume();
   // Stops capture and the thread.
   void shutdown();
 

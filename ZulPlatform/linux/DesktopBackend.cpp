@@ -8,6 +8,7 @@
 #include "ZulPlatform/linux/gnome/MutterDesktop.h"
 #include "ZulPlatform/linux/gnome/MutterInputInjector.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/x11/X11CaptureConnection.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
 
 namespace zul {
@@ -61,6 +62,7 @@ class X11Backend final : public DesktopBackend {
   std::optional<std::uint32_t> primaryDisplayID() override {
     return ScreenCaptureSource::primaryDisplayID();
   }
+  bool desktopGone() override { return X11CaptureConnection::open("") == nullptr; }
 };
 
 class GnomeBackend final : public DesktopBackend {

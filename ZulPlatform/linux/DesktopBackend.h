@@ -68,6 +68,10 @@ class DesktopBackend {
   // phone now controls it (a desktop notification); nothing elsewhere.
   // False when the desktop could not show it.
   virtual bool announceRemoteControl(const std::string& /*deviceName*/) { return true; }
+  // After capture failed: true when the desktop is gone for good (an X
+  // server that no longer answers), false when it may come back (a
+  // compositor restarting) and capture may be started again.
+  virtual bool desktopGone() { return false; }
 };
 
 // What the session looks like, read from the environment and the session bus.

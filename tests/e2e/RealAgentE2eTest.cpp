@@ -319,6 +319,13 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
   expectReleased("revoked");
+
+  // The X server goes away under the agent: it says why and ends, status 0.
+  painter_.reset();
+  xvfb_->process().terminate();
+  EXPECT_TRUE(agent_->waitForLine("stopping: the desktop is gone", 30s)) << agent_->tail();
+  EXPECT_TRUE(waitUntil([&] { return !agent_->running(); }, 30s)) << agent_->tail();
+  EXPECT_EQ(agent_->terminate(), 0) << agent_->tail();
   EXPECT_TRUE(phone_->waitFor("zulPhone.state.session.pc.connectionState !== 'connected'"));
 }
 
@@ -582,6 +589,20 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   EXPECT_TRUE(agent_->waitForLine("selected display 1: ")) << agent_->tail();
   EXPECT_TRUE(phone_->waitFor("zulPhone.videoStats().then(s => s.width === 1280)"))
       << phone_->stats().dump();
+
+  // Mutter goes away mid-session and another takes over: the phone hears
+  // why, and video and input come back on the new one in the same session.
+  const std::size_t mark = agent_->lines().size();
+  gnome.restartCompositor();
+  EXPECT_TRUE(agent_->waitForLine("desktop lost: ", 10s, mark)) << agent_->tail();
+  EXPECT_TRUE(phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
+                              "'control.notice' && m.reason === 'desktopLost')"));
+  EXPECT_TRUE(agent_->waitForLine("desktop back: ", 60s, mark)) << agent_->tail();
+  const int decoded = phone_->stats()["framesDecoded"].get<int>();
+  EXPECT_TRUE(phone_->framesDecodedAbove(decoded + 3)) << phone_->stats().dump();
+  phone_->sendCursor(sessionId, 10, 10);
+  EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=10 y=10", 30s, mark))
+      << agent_->tail();
 }
 
 }  // namespace

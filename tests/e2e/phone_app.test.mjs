@@ -60,6 +60,7 @@ const env = {
 };
 delete process.env.NO_AT_BRIDGE; // the GTK window must be accessible
 delete process.env.GTK_MODULES;
+let xvfb;
 let agent;
 let server;
 let testApp;
@@ -70,7 +71,7 @@ let touch; // the DevTools session that sends multi-finger touches
 before(async () => {
   assert.ok(process.env.ZUL_AGENT_PATH && process.env.ZUL_TRUSTED_DEVICES_PATH,
     'ZUL_AGENT_PATH and ZUL_TRUSTED_DEVICES_PATH name the programs under test');
-  const xvfb = start('Xvfb', ['-displayfd', '1', '-screen', '0', '1920x1080x24', '-nolisten',
+  xvfb = start('Xvfb', ['-displayfd', '1', '-screen', '0', '1920x1080x24', '-nolisten',
     'tcp', '-noreset']);
   env.DISPLAY = `:${(await xvfb.waitFor(/^\d+$/)).trim()}`;
   const x = (command) => assert.equal(spawnSync('sh', ['-c', command],
@@ -166,11 +167,30 @@ function nearly(line, [x, y], slack) {
   return Math.abs(lx - x) <= slack && Math.abs(ly - y) <= slack;
 }
 
+test('a link whose fingerprint signature is forged is refused in words and stores nothing', async () => {
+  const link = (await agent.waitFor('zul://pair?payload=', { timeout: 60 * SECONDS })).trim();
+  const payload = JSON.parse(new URLSearchParams(link.split('?')[1]).get('payload'));
+  const last = payload.dtlsFingerprint.at(-1);
+  payload.dtlsFingerprint = payload.dtlsFingerprint.slice(0, -1) + (last === 'A' ? 'B' : 'A');
+  await page.goto(env.ZUL_SIGNALING_URL);
+  await page.locator('#add').tap();
+  await page.locator('#link').fill(`zul://pair?payload=${encodeURIComponent(JSON.stringify(payload))}`);
+  await page.locator('#paste [type=submit]').tap();
+  await noticeSays(page, 'fingerprint-signature');
+  assert.match(await page.locator('#notice-text').textContent(), /Подпись QR-кода неверна/);
+  // Closing the notice goes back to where the person was.
+  await page.locator('#notice-actions button', { hasText: 'Закрыть' }).tap();
+  await page.waitForSelector('body[data-screen=scan]');
+  await page.locator('#scan [data-action=home]').tap();
+  await page.waitForSelector('#empty:not([hidden])');
+});
+
 let pad; // the GTK window's pad in root (= video) pixels: x, y, w, h
 test('pairs from the QR link and shows the screen', async () => {
   pad = testApp.lines.find((l) => l.startsWith('ready ')).split(' ').slice(5, 9).map(Number);
   const link = (await agent.waitFor('zul://pair?payload=', { timeout: 60 * SECONDS })).trim();
   await agent.waitFor('signaling: connected', { timeout: 60 * SECONDS });
+  await page.goto('about:blank'); // the link after "#" is read when the app opens
   await page.goto(`${env.ZUL_SIGNALING_URL}/#${link}`);
   await connected();
   await page.waitForFunction(() => zulApp.video().width > 0);
@@ -185,6 +205,9 @@ test('comes back after a reload with one tap, without pairing', async () => {
   await connected();
   await page.waitForFunction(() => zulApp.video().width > 0);
   assert.equal(await page.locator('#computers li').count(), 1);
+  const [forget, card] = await page.locator('#computers li .forget').evaluate((button) =>
+    [button, button.closest('li')].map((e) => e.getBoundingClientRect().right));
+  assert.ok(forget <= card, `«Забыть» is cut off at the card's edge: ${forget} > ${card}`);
 });
 
 // Waits until the video shows each [x, y, [r, g, b]] (within a codec's slack).
@@ -206,6 +229,17 @@ const WINDOW = [0xf6, 0xf5, 0xf4]; // GTK's window background
 
 test('the picture has the screen\'s colours', async () => {
   await pictureShows([[800, 1000, ROOT], [300, 300, WINDOW]]);
+});
+
+test('a frozen picture is not called connected', async () => {
+  xvfb.child.kill('SIGSTOP'); // the agent's capture waits; its connection stays up
+  try {
+    await page.waitForSelector('body[data-state=reconnecting]', { timeout: 10 * SECONDS });
+    assert.match(await page.locator('#waiting-text').textContent(), /переподключаемся/);
+  } finally {
+    xvfb.child.kill('SIGCONT');
+  }
+  await connected();
 });
 
 test('fingers reach the X server where the picture shows them', async (t) => {
@@ -350,9 +384,21 @@ test('with the server gone: the live connection takes over, a new one is refused
   await first.locator('[data-action=disconnect]').tap();
   await first.locator('#computers li .connect').tap();
   await noticeSays(first, 'server-unreachable');
-  assert.match(await first.locator('#notice-text').textContent(), /Сервер недоступен/);
+  assert.match(await first.locator('#notice-text').textContent(),
+    new RegExp(`Сервер Velto по адресу ${new URL(env.ZUL_SIGNALING_URL).host} не отвечает`));
   // The service worker's shell opens the app without its server.
   await first.reload();
   await first.waitForSelector('body[data-ready="1"]');
   assert.equal(await first.locator('#computers li').count(), 1);
+});
+
+test('an offer with another certificate than the paired one is refused in words, with no hello', async () => {
+  const mark = agent.lines.length;
+  server = start('node', [path.join(root, 'tools/rendezvous/server.js'), '--port',
+    new URL(env.ZUL_SIGNALING_URL).port, '--tamper-offer-fingerprint']);
+  await agent.waitFor('signaling: connected', { from: mark, timeout: 60 * SECONDS });
+  await first.locator('#computers li .connect').tap();
+  await noticeSays(first, 'fingerprint');
+  assert.match(await first.locator('#notice-text').textContent(), /не тот сертификат/);
+  assert.ok(!agent.lines.slice(mark).some((l) => l.includes('data channel open')));
 });

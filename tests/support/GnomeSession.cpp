@@ -15,7 +15,7 @@ std::string GnomeSession::whyMissing() {
   return {};
 }
 
-GnomeSession::GnomeSession(std::vector<std::string> monitors) {
+GnomeSession::GnomeSession(std::vector<std::string> monitors) : monitors_(std::move(monitors)) {
   char runtime[] = "/tmp/zul-gnome-XXXXXX";
   if (!mkdtemp(runtime)) throw std::runtime_error("cannot make a runtime directory");
   runtimeDir_ = runtime;
@@ -28,7 +28,7 @@ GnomeSession::GnomeSession(std::vector<std::string> monitors) {
   bus_ = std::make_unique<SessionBus>();
   setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address().c_str(), 1);
 
-  ChildProcess::Options options;
+  ChildProcess::Options& options = options_;
   options.env = environment();
   // mutter keeps its settings in memory: nothing of the machine's leaks in.
   options.env["GSETTINGS_BACKEND"] = "memory";
@@ -39,12 +39,23 @@ GnomeSession::GnomeSession(std::vector<std::string> monitors) {
     throw std::runtime_error("pipewire did not start");
   }
   wireplumber_ = std::make_unique<ChildProcess>(std::vector<std::string>{"wireplumber"}, options);
+  startCompositor();
+}
+
+void GnomeSession::restartCompositor() {
+  mutter_.reset();
+  std::error_code ignored;
+  std::filesystem::remove(runtimeDir_ + "/wayland-0", ignored);
+  startCompositor();
+}
+
+void GnomeSession::startCompositor() {
   std::vector<std::string> argv{"mutter", "--headless", "--wayland", "--no-x11"};
-  for (const auto& monitor : monitors) {
+  for (const auto& monitor : monitors_) {
     argv.push_back("--virtual-monitor");
     argv.push_back(monitor);
   }
-  mutter_ = std::make_unique<ChildProcess>(argv, options);
+  mutter_ = std::make_unique<ChildProcess>(argv, options_);
   const std::string prefix = "DBUS_SESSION_BUS_ADDRESS='" + bus_->address() + "' ";
   auto owned = [&](const std::string& name) {
     return std::system((prefix +

@@ -32,8 +32,15 @@ class GnomeSession {
   std::map<std::string, std::string> environment() const;
   // The session's bus (its accessibility bus starts on demand).
   const SessionBus& bus() const { return *bus_; }
+  // Mutter ends (its clients with it) and a new one takes over the session,
+  // as after a crash.
+  void restartCompositor();
 
  private:
+  void startCompositor();
+
+  std::vector<std::string> monitors_;
+  ChildProcess::Options options_;
   std::string runtimeDir_;
   std::unique_ptr<SessionBus> bus_;
   std::unique_ptr<ChildProcess> pipewire_;

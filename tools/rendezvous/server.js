@@ -32,7 +32,10 @@ function usage() {
   --session-limit N        phone sessions one agent connection may serve (default 0: no limit)
   --pairing-ttl SECONDS    lifetime of a pairing offer (default 120)
   --max-skew SECONDS       accepted clock difference of identity proofs (default 300)
-  --max-message-bytes N    largest WebSocket message accepted (default 1048576)`;
+  --max-message-bytes N    largest WebSocket message accepted (default 1048576)
+  --tamper-offer-fingerprint
+                           for tests of the phones' checks: replace the DTLS certificate
+                           fingerprint in every offer relayed to a phone with another one`;
 }
 
 function parseArgs(argv) {
@@ -50,6 +53,7 @@ function parseArgs(argv) {
     pairingTtl: 120,
     maxSkew: 300,
     maxMessageBytes: 1 << 20,
+    tamperOfferFingerprint: false,
   };
   const numbers = {
     '--port': 'port',
@@ -67,6 +71,7 @@ function parseArgs(argv) {
     '--turn-secret': 'turnSecret',
   };
   const lists = { '--turn-url': 'turnUrls', '--stun-url': 'stunUrls' };
+  const switches = { '--tamper-offer-fingerprint': 'tamperOfferFingerprint' };
   for (let i = 0; i < argv.length; i += 1) {
     let flag = argv[i];
     let value;
@@ -78,6 +83,10 @@ function parseArgs(argv) {
     if (flag === '--help' || flag === '-h') {
       console.log(usage());
       process.exit(0);
+    }
+    if (switches[flag] && value === undefined) {
+      config[switches[flag]] = true;
+      continue;
     }
     const known = numbers[flag] || strings[flag] || lists[flag];
     if (!known) throw new Error(`unknown option ${flag}`);
@@ -271,6 +280,11 @@ class RendezvousServer {
       perMessageDeflate: false,
     });
     this.shortLinks = new Map(); // code -> address (handleShortLink)
+    // The TLS certificate, for a phone to download and trust (a development server's is self-signed).
+    this.certificate = config.tlsCert
+      ? /-----BEGIN CERTIFICATE-----[^-]+-----END CERTIFICATE-----\n?/.exec(
+        fs.readFileSync(config.tlsCert, 'utf8'))?.[0]
+      : null;
   }
 
   handleRequest(request, response) {
@@ -281,6 +295,11 @@ class RendezvousServer {
     }
     if (request.method === 'GET' && STATIC_FILES.serve(url.pathname, response)) return;
     if (handleShortLink(request, response, url.pathname, this.shortLinks)) return;
+    if (request.method === 'GET' && url.pathname === '/dev-certificate.crt' && this.certificate) {
+      response.writeHead(200, { 'Content-Type': 'application/x-x509-ca-cert' });
+      response.end(this.certificate);
+      return;
+    }
     if (request.method === 'GET' && url.pathname === '/healthz') {
       this.reply(response, 200, { ok: true });
       return;
@@ -470,7 +489,7 @@ class RendezvousServer {
       // To the phone it names, else to the one that asked last.
       const phone = typeof message.peerId === 'string'
         ? agent.sessionPhones.get(message.peerId) : agent.latestPhone;
-      if (phone) phone.connection.sendText(text);
+      if (phone) phone.connection.sendText(this.tampered(message) || text);
       return;
     }
     if (message.type === 'pairing.grant') {
@@ -500,6 +519,19 @@ class RendezvousServer {
         if (next.has(phone.deviceId)) this.endSession(agent, phone, 'device-revoked');
       }
     }
+  }
+
+  // With --tamper-offer-fingerprint: the offer as a man in the middle with a
+  // certificate of its own would relay it. Null when left as it is.
+  tampered(message) {
+    if (!this.config.tamperOfferFingerprint || message.type !== 'signal.offer' ||
+        typeof message.sdp !== 'string') {
+      return null;
+    }
+    const other = crypto.randomBytes(32).toString('hex').toUpperCase().match(/../g).join(':');
+    log('offer relayed with another certificate fingerprint (--tamper-offer-fingerprint)');
+    return JSON.stringify({ ...message,
+      sdp: message.sdp.replace(/^a=fingerprint:sha-256 .*$/gm, `a=fingerprint:sha-256 ${other}`) });
   }
 
   // The phone is no longer served; the agent hears "peer.left".

@@ -111,13 +111,14 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       fail(reason);
     }
   };
-  // Whether the recorded monitor is still there; tells the owner the list.
-  auto monitorStillThere = [&]() -> bool {
+  // Whether the recorded monitor is still there, and tells the owner the
+  // list; nothing when mutter itself does not answer (gone, restarting).
+  auto monitorStillThere = [&]() -> std::optional<bool> {
     std::vector<MutterMonitor> monitors;
     try {
       monitors = desktop->monitors();
     } catch (const std::exception&) {
-      return false;
+      return std::nullopt;
     }
     callbacks.reportDisplays(descriptorsOf(monitors));
     return std::any_of(monitors.begin(), monitors.end(), [&](const MutterMonitor& m) {
@@ -139,7 +140,9 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
         monitorsChanged = false;
         const bool heard = bool(callbacks.displaysChanged);
         lock.unlock();
-        if (!monitorStillThere()) {
+        const auto there = monitorStillThere();
+        if (!there) return finish("mutter does not answer");
+        if (!*there) {
           const std::string gone = "monitor " + run.monitor.connector + " went away";
           if (!heard || !reportedStart) return finish(gone);
           std::lock_guard relock(mutex);
@@ -154,10 +157,12 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
         lock.unlock();
         // Mutter closes the session of a monitor that went away: that is a
         // change of monitors, not a failure, for an owner that follows them.
-        if (heard && reportedStart && !monitorStillThere()) {
-          std::lock_guard relock(mutex);
-          running = false;
-          return;
+        if (heard && reportedStart) {
+          if (const auto there = monitorStillThere(); there && !*there) {
+            std::lock_guard relock(mutex);
+            running = false;
+            return;
+          }
         }
         return finish(reason);
       }

@@ -256,6 +256,12 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     subscriptions_.push_back(g_dbus_connection_signal_subscribe(
         bus_.get(), displayConfigName, displayConfigName, "MonitorsChanged", displayConfigPath,
         nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Desktop::onSignal, this, nullptr));
+    // Mutter gone (crashed, killed, restarting): its sessions are over,
+    // though it could not say so.
+    subscriptions_.push_back(g_dbus_connection_signal_subscribe(
+        bus_.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+        "/org/freedesktop/DBus", remoteDesktopName, G_DBUS_SIGNAL_FLAGS_NONE, &Desktop::onSignal,
+        this, nullptr));
     g_main_context_pop_thread_default(context_);
     thread_ = std::thread([this] {
       g_main_context_push_thread_default(context_);
@@ -437,6 +443,21 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
           // an owner's failure must not reach GLib
         }
       }
+      return;
+    }
+    if (signal == "NameOwnerChanged") {
+      const gchar *name = nullptr, *previous = nullptr, *owner = nullptr;
+      if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sss)"))) return;
+      g_variant_get(parameters, "(&s&s&s)", &name, &previous, &owner);
+      if (owner && *owner) return;
+      std::vector<std::shared_ptr<Session>> open;
+      {
+        std::lock_guard lock(mutex_);
+        for (auto& [path, weak] : sessions_) {
+          if (auto session = weak.lock()) open.push_back(session);
+        }
+      }
+      for (auto& session : open) session->closedByMutter();
       return;
     }
     std::shared_ptr<Session> session;

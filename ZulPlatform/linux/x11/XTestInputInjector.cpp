@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <mutex>
@@ -16,6 +17,8 @@
 #include <set>
 #include <thread>
 #include <vector>
+
+#include "ZulPlatform/linux/x11/X11CaptureConnection.h"
 
 namespace zul {
 
@@ -55,6 +58,9 @@ struct XTestInputInjector::Impl {
   // Serialises use of the connection, which Xlib does not do by itself.
   std::mutex lock;
   std::unique_ptr<Display, DisplayCloser> display;
+  std::string name;
+  // Set by Xlib when the server goes away; the connection is dead from then on.
+  std::atomic<bool> lost{false};
   std::set<KeyCode> pressedKeys;
   std::set<unsigned> pressedButtons;
   std::chrono::milliseconds settle{150};
@@ -68,6 +74,10 @@ struct XTestInputInjector::Impl {
   int maxKeycode = 255;
   int perKeycode = 0;
   std::vector<KeySym> map;
+
+  void requireLive() const {
+    if (lost) throw InputInjectorError::displayUnavailable(name);
+  }
 
   KeySym mapped(int keycode, int index) const {
     return map[static_cast<std::size_t>((keycode - minKeycode) * perKeycode + index)];
@@ -324,6 +334,9 @@ XTestInputInjector::XTestInputInjector(const std::string& displayName)
   std::call_once(handlerInstalled, [] { XSetErrorHandler(ignoreProtocolError); });
   impl_->display.reset(XOpenDisplay(displayName.empty() ? nullptr : displayName.c_str()));
   if (!impl_->display) throw InputInjectorError::displayUnavailable(displayName);
+  impl_->name = DisplayString(impl_->display.get());
+  // A server that goes away fails the next request instead of ending the process.
+  X11CaptureConnection::reportServerLoss(impl_->display.get(), &impl_->lost);
   impl_->wmProtocols = XInternAtom(impl_->display.get(), "WM_PROTOCOLS", False);
   impl_->netWmPing = XInternAtom(impl_->display.get(), "_NET_WM_PING", False);
   int eventBase = 0, errorBase = 0, major = 0, minor = 0;
@@ -341,6 +354,7 @@ XTestInputInjector::~XTestInputInjector() {
 
 void XTestInputInjector::movePointer(DesktopPoint point) {
   std::lock_guard guard(impl_->lock);
+  impl_->requireLive();
   Display* d = impl_->display.get();
   auto clampInt = [](double v) {
     return static_cast<int>(std::clamp(std::floor(v), -32768.0, 32767.0));
@@ -351,6 +365,7 @@ void XTestInputInjector::movePointer(DesktopPoint point) {
 
 void XTestInputInjector::setButton(PointerButton button, bool pressed) {
   std::lock_guard guard(impl_->lock);
+  impl_->requireLive();
   auto number = static_cast<unsigned>(button);
   XTestFakeButtonEvent(impl_->display.get(), number, pressed ? True : False, CurrentTime);
   if (pressed) {
@@ -363,6 +378,7 @@ void XTestInputInjector::setButton(PointerButton button, bool pressed) {
 
 void XTestInputInjector::scroll(int dx, int dy) {
   std::lock_guard guard(impl_->lock);
+  impl_->requireLive();
   Display* d = impl_->display.get();
   auto click = [d](unsigned button, int count) {
     for (int i = 0; i < count; ++i) {
@@ -377,6 +393,7 @@ void XTestInputInjector::scroll(int dx, int dy) {
 
 void XTestInputInjector::setKey(std::uint32_t keysym, bool pressed) {
   std::lock_guard guard(impl_->lock);
+  impl_->requireLive();
   KeyCode keycode = XKeysymToKeycode(impl_->display.get(), keysym);
   if (keycode == 0) return;
   impl_->key(keycode, pressed);
@@ -385,11 +402,14 @@ void XTestInputInjector::setKey(std::uint32_t keysym, bool pressed) {
 
 void XTestInputInjector::typeText(std::u32string_view text) {
   std::lock_guard guard(impl_->lock);
+  impl_->requireLive();
   impl_->typeText(text);
 }
 
 void XTestInputInjector::releaseAll() {
   std::lock_guard guard(impl_->lock);
+  // A server that went away holds nothing down any more.
+  if (impl_->lost) return;
   Display* d = impl_->display.get();
   for (KeyCode kc : std::set<KeyCode>(impl_->pressedKeys)) impl_->key(kc, false);
   for (unsigned b : impl_->pressedButtons) XTestFakeButtonEvent(d, b, False, CurrentTime);

@@ -4,7 +4,7 @@
 import { t, translate } from './i18n.js';
 import { Gestures } from './gestures.js';
 import { Keyboard } from './keyboard.js';
-import { pair, parseLink, Session } from './protocol.js';
+import { pair, parseLink, reachableSignalUrl, Session } from './protocol.js';
 import { startScanner } from './scanner.js';
 import { computers, settings } from './store.js';
 import { Viewport } from './viewport.js';
@@ -61,6 +61,19 @@ function notice(text, actions = [], code = '') {
 function hideNotice() {
   $('notice').hidden = true;
   $('notice').dataset.code = '';
+}
+
+// What a failure's code means, in words; {host} is the server the phone uses.
+function failureText(code, signalUrl) {
+  const key = `fail-${code}`;
+  if (t(key) === key) return `${t('fail-refused')} (${code})`;
+  let host = '';
+  try {
+    host = reachableSignalUrl(signalUrl).host;
+  } catch {
+    // A link without a usable address: no host to name.
+  }
+  return t(key, { host });
 }
 
 function relativeTime(ms) {
@@ -140,6 +153,8 @@ async function openScanner() {
 }
 
 async function pairWith(payload) {
+  // Where a failure's notice goes back to when closed.
+  const from = document.body.dataset.screen;
   if (app.scanner) {
     app.scanner.stop();
     app.scanner = null;
@@ -150,9 +165,10 @@ async function pairWith(payload) {
     result = await pair(payload);
   } catch (error) {
     const code = error.code || 'refused';
-    notice(t(`fail-${code}`) === `fail-${code}` ? `${t('fail-refused')} (${code})` : t(`fail-${code}`),
+    const back = from === 'scan' ? openScanner : () => { show('home'); renderHome(); };
+    notice(failureText(code, payload.signalUrl),
       [{ label: t('pairAgain'), action: openScanner, primary: true },
-        { label: t('close'), action: () => { show('home'); renderHome(); } }], code);
+        { label: t('close'), action: back }], code);
     return;
   }
   const existing = await computers.get(payload.agentId);
@@ -261,11 +277,16 @@ function onFailure(code) {
   const home = { label: t('back'), action: () => { closeSession(); show('home'); renderHome(); } };
   const retry = { label: t('retry'), action: () => reconnect(), primary: true };
   const forget = { label: t('forget'), action: () => forgetComputer(computer), danger: true };
-  const pairAgain = { label: t('pairAgain'), action: openScanner, primary: true };
-  const text = t(`fail-${code}`) === `fail-${code}` ? t('fail-refused') : t(`fail-${code}`);
+  const pairAgain = { label: t('pairAgain'), primary: true,
+    action: () => { closeSession(); openScanner(); } };
+  const text = failureText(code, computer.signalUrl);
   setState('closed');
   switch (code) {
     case 'server-unreachable':
+      notice(text, [pairAgain, { ...retry, primary: false }, home], code);
+      scheduleReconnect();
+      break;
+    case 'offline':
     case 'agent-offline':
       notice(text, [retry, home], code);
       scheduleReconnect();

