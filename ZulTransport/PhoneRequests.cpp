@@ -24,7 +24,7 @@ constexpr auto control = DevicePermission::control;
 
 // Types, the permission each demands, the channels each may arrive on, and
 // the queue its work runs on.
-constexpr std::array<PhoneRequestRule, 8> table = {{
+constexpr std::array<PhoneRequestRule, 9> table = {{
     {"input.cursor", control, {"input-fast", "input"}, pointer},
     {"input.scroll", control, {"input-fast", "input"}, pointer},
     {"input.text", control, {"input"}, keyboard},
@@ -33,6 +33,7 @@ constexpr std::array<PhoneRequestRule, 8> table = {{
     {"scene.request_snapshot", std::nullopt, {"scene"}, scene},
     {"control.monitor.list", std::nullopt, {"control"}, display},
     {"control.monitor.select", control, {"control"}, display},
+    {"control.device.forget", std::nullopt, {"control"}, trust},
 }};
 
 const nlohmann::json* at(const nlohmann::json& json, const char* key) {
@@ -102,7 +103,7 @@ std::optional<PhoneRequest> scrollRequest(const nlohmann::json& json) {
 
 }  // namespace
 
-const std::array<PhoneRequestRule, 8>& rules() { return table; }
+const std::array<PhoneRequestRule, 9>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {
@@ -136,6 +137,7 @@ std::optional<PhoneRequest> decode(const RoutedMessage& message) {
     const auto index = wholeAt(json, "index");
     return index ? std::optional<PhoneRequest>(MonitorSelectRequest{*index}) : std::nullopt;
   }
+  if (type == "control.device.forget") return ForgetDeviceRequest{};
   throw std::invalid_argument("no request rule for " + message.type);
 }
 

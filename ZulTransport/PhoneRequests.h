@@ -58,15 +58,19 @@ struct MonitorSelectRequest {
   std::int64_t index = 0;
   friend bool operator==(const MonitorSelectRequest&, const MonitorSelectRequest&) = default;
 };
+// The phone forgets this computer: the computer forgets the phone too.
+struct ForgetDeviceRequest {
+  friend bool operator==(const ForgetDeviceRequest&, const ForgetDeviceRequest&) = default;
+};
 
 using PhoneRequest = std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest,
                                   InvokeRequest, SceneSnapshotRequest, MonitorListRequest,
-                                  MonitorSelectRequest>;
+                                  MonitorSelectRequest, ForgetDeviceRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either
 // (scenes and displays are queued by the publisher and switcher themselves).
-enum class RequestQueue { pointer, keyboard, element, scene, display };
+enum class RequestQueue { pointer, keyboard, element, scene, display, trust };
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
@@ -83,7 +87,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 8>& rules();
+const std::array<PhoneRequestRule, 9>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

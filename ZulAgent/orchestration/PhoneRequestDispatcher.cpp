@@ -90,6 +90,7 @@ void PhoneRequestDispatcher::queue(RequestQueue which, const RoutedMessage& mess
       break;
     case RequestQueue::scene:
     case RequestQueue::display:
+    case RequestQueue::trust:
       // The scene publisher and the display switcher queue their own work.
       try {
         work();
@@ -118,6 +119,9 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                  },
                  [&](const MonitorSelectRequest& select) {
                    if (targets_.selectMonitor) targets_.selectMonitor(select.index);
+                 },
+                 [&](const ForgetDeviceRequest&) {
+                   if (targets_.forgetDevice) targets_.forgetDevice();
                  },
              },
              request);

@@ -36,6 +36,8 @@ class PhoneRequestDispatcher {
     std::function<void()> publishScene;
     std::function<void()> sendMonitorList;
     std::function<void(std::int64_t index)> selectMonitor;
+    // The phone in session forgets this computer.
+    std::function<void()> forgetDevice;
     PrintLine print;
     // Tells the phone that its request failed ("control.error").
     std::function<void(const RoutedMessage&, const std::exception&)> refuse;

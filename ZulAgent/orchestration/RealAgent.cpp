@@ -203,6 +203,7 @@ class RealAgent {
         // The switcher exists before any phone can ask.
         .sendMonitorList = [this] { switcher_->sendMonitorList(); },
         .selectMonitor = [this](std::int64_t index) { switcher_->select(index); },
+        .forgetDevice = [this] { forgetPhoneInSession(); },
         .print = print_,
         .refuse =
             [phones](const RoutedMessage& message, const std::exception& error) {
@@ -439,7 +440,11 @@ class RealAgent {
       stopIfOutputClosed();
       if (deadline && SteadyClock::now() >= *deadline) return;
       if (ui_.control && ui_.control->stopRequested()) return;
-      if (ui_.control && ui_.control->takeSessionEnd()) phones_->endSession();
+      if (ui_.control && ui_.control->takeSessionEnd()) {
+        // The app stays away until its user connects again, and says why.
+        tellPhone("sessionEnded", "the session was ended at the computer");
+        phones_->endSession();
+      }
       if (ui_.control && ui_.control->takePairingRefresh()) {
         links_->refresh();
         continue;
@@ -461,10 +466,24 @@ class RealAgent {
     }
   }
 
+  // The phone forgot this computer: it is revoked here too, and its session
+  // ends (the revoke check would end it at the next tick; it ends now).
+  void forgetPhoneInSession() {
+    const auto deviceId = phones_->activeDeviceId();
+    if (!deviceId) return;
+    trustedDevices_->revoke(*deviceId);
+    const std::string name = std::exchange(*sessionDevice_.lock(), {});
+    event_("phone forgot this computer: " + (name.empty() ? *deviceId : name) +
+           " (revoked here too)");
+    trust_->noteChanges(trust_->list(), /*sayRevoked=*/false);
+    phones_->endSession();
+  }
+
   // A device revoked while in session loses it at once.
   void endSessionIfRevoked(const std::string& deviceId) {
     if (!trust_->revoked(deviceId)) return;
     print_("device " + deviceId + " is no longer trusted: ending its session");
+    tellPhone("revoked", "this phone was removed from the computer's trusted phones");
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
     event_("phone revoked: " + (name.empty() ? trust_->deviceName(deviceId) : name) +
            " (its session ended)");

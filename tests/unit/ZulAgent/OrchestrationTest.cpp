@@ -62,6 +62,8 @@ TEST(PhoneRequestDispatcher, CarriesOutRefusesOrReportsEachRequest) {
        "", "", "list"},
       {"scene for a view-only phone", true, true, R"({"type":"scene.request_snapshot"})", "", "",
        "", "scene"},
+      {"a view-only phone forgets the computer", true, true, R"({"type":"control.device.forget"})",
+       "", "", "", "forget"},
       {"unknown control message", true, false, R"({"type":"control.unknown"})",
        "[control] control.unknown (not handled yet)", ""},
   };
@@ -88,6 +90,7 @@ TEST(PhoneRequestDispatcher, CarriesOutRefusesOrReportsEachRequest) {
         .publishScene = [&] { handled.push_back("scene"); },
         .sendMonitorList = [&] { handled.push_back("list"); },
         .selectMonitor = [&](std::int64_t index) { handled.push_back("select " + std::to_string(index)); },
+        .forgetDevice = [&] { handled.push_back("forget"); },
         .print = [&](std::string_view line) { printed.emplace_back(line); },
         .refuse = [&](const RoutedMessage& m, const std::exception& error) {
           refused.push_back(m.type + ": " + error.what());

@@ -122,6 +122,7 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
       {R"({"type":"control.monitor.select","index":18446744073709551615})",
        MonitorSelectRequest{-1}},
       {R"({"type":"control.monitor.select","index":"1"})", std::nullopt},
+      {R"({"type":"control.device.forget"})", ForgetDeviceRequest{}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
@@ -134,12 +135,13 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
     EXPECT_TRUE(decoded == c.expected);
   }
   // The table never allows a type on a channel the router refuses it on, and
-  // every acting request but the lists needs control.
+  // every request that acts on the computer needs control.
   for (const auto& rule : PhoneRequests::rules()) {
     for (auto channel : rule.channels) {
       if (!channel.empty()) EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
     }
-    const bool asks = rule.type == "scene.request_snapshot" || rule.type == "control.monitor.list";
+    const bool asks = rule.type == "scene.request_snapshot" ||
+                      rule.type == "control.monitor.list" || rule.type == "control.device.forget";
     EXPECT_EQ(rule.permission, asks ? std::nullopt : std::optional(DevicePermission::control))
         << rule.type;
   }
