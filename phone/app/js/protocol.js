@@ -285,7 +285,7 @@ export class Session extends EventTarget {
   }
 
   async answer(sdp) {
-    if (false && offeredFingerprint(sdp) !== this.computer.dtlsFingerprint) {
+    if (offeredFingerprint(sdp) !== this.computer.dtlsFingerprint) {
       this.fail('fingerprint');
       this.close();
       return;
