@@ -1,6 +1,7 @@
 #include "ZulAgent/TrustedDevicesTool.h"
 
 #include <algorithm>
+#include <set>
 
 #include "ZulCore/Support/Console.h"
 #include "ZulCore/Trust/Iso8601.h"
@@ -10,13 +11,17 @@ namespace {
 
 constexpr const char* usage =
     "usage: zul-trusted-devices [list]\n"
-    "       zul-trusted-devices revoke DEVICE_ID\n";
+    "       zul-trusted-devices revoke DEVICE_ID\n"
+    "Lists the phones paired with this computer's Velto agent, or revokes one.\n"
+    "DEVICE_ID is the whole id or its end as the windows show it, when only\n"
+    "one phone's id ends so.\n";
 
 void list(const std::vector<TrustedDevice>& devices, std::ostream& out) {
   if (devices.empty()) {
     out << "no trusted phones\n";
     return;
   }
+  out << "DEVICE ID  STATE  PAIRED  PERMISSIONS  NAME\n";
   for (const auto& device : devices) {
     std::string permissions;
     for (auto permission : device.permissions) {
@@ -35,6 +40,10 @@ void list(const std::vector<TrustedDevice>& devices, std::ostream& out) {
 int runTrustedDevicesTool(const std::vector<std::string>& arguments,
                           const TrustedDeviceStore& store, std::ostream& out, std::ostream& err) {
   const std::string command = arguments.empty() ? "list" : arguments[0];
+  if (command == "--help" || command == "-h" || command == "help") {
+    out << usage;
+    return 0;
+  }
   const bool listing = command == "list" && arguments.size() <= 1;
   const bool revoking = command == "revoke" && arguments.size() == 2;
   if (!listing && !revoking) {
@@ -53,14 +62,30 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
       list(devices, out);
       return 0;
     }
-    const std::string& deviceId = arguments[1];
-    const std::string shownId = escapeControlCharacters(deviceId);
-    const auto found = std::find_if(devices.begin(), devices.end(),
-                                    [&](const TrustedDevice& d) { return d.deviceId == deviceId; });
+    const std::string& given = arguments[1];
+    // The whole id, or its end as the windows show it ("Телефон xaelS0").
+    auto found = std::find_if(devices.begin(), devices.end(),
+                              [&](const TrustedDevice& d) { return d.deviceId == given; });
+    if (found == devices.end() && given.size() >= 4) {
+      std::set<std::string> ending;
+      for (auto it = devices.begin(); it != devices.end(); ++it) {
+        if (it->deviceId.ends_with(given)) {
+          ending.insert(it->deviceId);
+          found = it;
+        }
+      }
+      if (ending.size() > 1) {
+        err << "more than one phone's id ends with " << escapeControlCharacters(given)
+            << ": give the whole id (zul-trusted-devices list)\n";
+        return 1;
+      }
+    }
     if (found == devices.end()) {
-      err << "no trusted phone with the id " << shownId << "\n";
+      err << "no trusted phone with the id " << escapeControlCharacters(given) << "\n";
       return 1;
     }
+    const std::string deviceId = found->deviceId;
+    const std::string shownId = escapeControlCharacters(deviceId);
     if (found->revoked) {
       out << shownId << " was already revoked\n";
       return 0;

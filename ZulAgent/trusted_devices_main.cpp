@@ -6,8 +6,9 @@
 
 int main(int argc, char** argv) {
   try {
-    // The agent's own store: the same automatic choice, so a revoke reaches it.
-    auto backend = zul::makeSecretBackend();
+    // The agent's own store: the same automatic choice, so a revoke reaches
+    // it; the choice is the agent's to keep, not a reader's.
+    auto backend = zul::makeSecretBackend(/*rememberChoice=*/false);
     std::cerr << zul::escapeControlCharacters(zul::describeSecretBackendChoice(*backend)) << "\n";
     const zul::TrustedDeviceStore store(
         zul::SecretStore(zul::TrustedDeviceStore::account, backend));

@@ -100,9 +100,12 @@ SecretBackendChoice chooseSecretBackend(const SecretBackendCandidates& c) {
     }
     return {c.openSecretService(), {}};
   }
+  auto keep = [&](const std::string& name) {
+    if (c.rememberChoice) remember(c.remembered, name);
+  };
   auto file = c.openFile();
   if (remembered == kFile || holdsIdentity(*file)) {
-    if (!remembered) remember(c.remembered, kFile);
+    if (!remembered) keep(kFile);
     return {file, {}};
   }
   std::string reason;
@@ -111,17 +114,17 @@ SecretBackendChoice chooseSecretBackend(const SecretBackendCandidates& c) {
   } else {
     try {
       auto service = c.openSecretService();
-      remember(c.remembered, kSecretService);
+      keep(kSecretService);
       return {service, {}};
     } catch (const SecretStoreError& error) {
       reason = error.text();
     }
   }
-  remember(c.remembered, kFile);
+  keep(kFile);
   return {file, reason};
 }
 
-std::shared_ptr<SecretBackend> makeSecretBackend() {
+std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice) {
   Memo& m = memo();
   std::lock_guard lock(m.mutex);
   const std::string environment = environmentKey();
@@ -136,6 +139,7 @@ std::shared_ptr<SecretBackend> makeSecretBackend() {
           },
       .openSecretService = [] { return std::make_shared<SecretServiceBackend>(); },
       .remembered = FileSecretBackend::defaultRoot().parent_path() / "secret-store",
+      .rememberChoice = rememberChoice,
   };
   SecretBackendChoice chosen = chooseSecretBackend(candidates);
   m.environment = environment;

@@ -28,7 +28,7 @@ namespace zul {
 // Any other value fails with SecretStoreError::unavailable naming the
 // allowed values. Calls with the same environment return the same backend,
 // so the windows and the agent of one process share it.
-std::shared_ptr<SecretBackend> makeSecretBackend();
+std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice = true);
 
 // A backend that makes the choice above on each use and forwards to the
 // chosen store (the same object the agent gets); a failed choice is that
@@ -49,6 +49,10 @@ struct SecretBackendCandidates {
   std::function<std::optional<std::string>(bool requireDefaultCollection)> probeSecretService;
   std::function<std::shared_ptr<SecretBackend>()> openSecretService;  // may throw
   std::filesystem::path remembered;  // where the automatic choice is kept
+  // False for a reader of the store (the trusted-devices tool): it uses the
+  // choice but leaves making it to the agent, so that a look at an empty
+  // store never pins the agent to one.
+  bool rememberChoice = true;
 };
 struct SecretBackendChoice {
   std::shared_ptr<SecretBackend> backend;

@@ -133,11 +133,17 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
   const Case cases[] = {
       {{},
        0,
+       "DEVICE ID  STATE  PAIRED  PERMISSIONS  NAME\n"
        "device_aaa  trusted  2026-09-21T14:13:20Z  view,control  Device aaa\n"
        "device_bbb  revoked  2026-09-21T14:13:20Z  view,control  Device\\nbbb\\x1b[2J\n",
        "",
        "01"},
       {{"revoke", "device_aaa"}, 0, "revoked device_aaa (Device aaa)\n", "", "11"},
+      // The end of an id, as the windows show it, when only one id ends so.
+      {{"revoke", "_aaa"}, 0, "revoked device_aaa (Device aaa)\n", "", "11"},
+      {{"revoke", "aaa"}, 1, "", "no trusted phone with the id aaa\n", "01"},
+      {{"revoke", "ice_"}, 1, "", "no trusted phone", "01"},
+      {{"--help"}, 0, "usage: zul-trusted-devices [list]\n", "", "01"},
       {{"revoke", "device_bbb"}, 0, "device_bbb was already revoked\n", "", "01"},
       {{"revoke", "device_\x07zzz"}, 1, "", "no trusted phone with the id device_\\x07zzz\n", "01"},
       {{"revoke"}, 2, "", "usage", "01"},
@@ -152,7 +158,9 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
     store.save({phone("device_aaa"), hostile});
     std::ostringstream out, err;
     EXPECT_EQ(runTrustedDevicesTool(c.arguments, store, out, err), c.status);
-    EXPECT_EQ(out.str(), c.out);
+    // The help's first line; everything else whole.
+    const bool help = !c.arguments.empty() && c.arguments[0] == "--help";
+    EXPECT_EQ(help ? out.str().substr(0, c.out.size()) : out.str(), c.out);
     EXPECT_EQ(err.str().substr(0, c.err.size()), c.err);
     const auto after = store.load();
     EXPECT_EQ(std::to_string(after[0].revoked) + std::to_string(after[1].revoked), c.revokedAfter);

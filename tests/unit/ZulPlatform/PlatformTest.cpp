@@ -584,6 +584,7 @@ TEST_F(FileSecretBackendTest, AutomaticChoiceKeepsTheStoreThatHoldsTheIdentity) 
     bool serviceAnswers;
     const char* chosen;  // "unavailable": SecretStoreError
     const char* rememberedAfter;
+    bool reader = false;  // the trusted-devices tool: uses the choice, keeps none
   };
   const Case cases[] = {
       {"first start without a service", "", nullptr, false, false, "file", "file"},
@@ -598,6 +599,8 @@ TEST_F(FileSecretBackendTest, AutomaticChoiceKeepsTheStoreThatHoldsTheIdentity) 
       {"file forced", "file", "secret-service", false, true, "file", "secret-service"},
       {"service forced and gone", "secret-service", nullptr, false, false, "unavailable", nullptr},
       {"unknown store", "kwallet", nullptr, false, true, "unavailable", nullptr},
+      {"a reader on an empty store", "", nullptr, false, false, "file", nullptr, true},
+      {"a reader with a service", "", nullptr, false, true, "secret-service", nullptr, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -616,6 +619,7 @@ TEST_F(FileSecretBackendTest, AutomaticChoiceKeepsTheStoreThatHoldsTheIdentity) 
             },
         .openSecretService = [&] { return service; },
         .remembered = remembered,
+        .rememberChoice = !c.reader,
     };
     std::string chosen;
     try {
