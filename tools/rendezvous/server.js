@@ -705,8 +705,9 @@ function main() {
       process.stderr.write(`rendezvous: ${error.message}\n`);
       process.exit(1);
     });
+    // No host: every interface, IPv6 too where the machine has it.
     server.listen(port, host, () => {
-      const shownHost = host.includes(':') ? `[${host}]` : host;
+      const shownHost = !host ? '[::]' : host.includes(':') ? `[${host}]` : host;
       log(`listening on ${scheme}://${shownHost}:${server.address().port}`);
       if (onListening) onListening();
     });
@@ -714,7 +715,7 @@ function main() {
   const main = mainIsTls ? https.createServer(tlsOptions, onRequest) : http.createServer(onRequest);
   listen(main, config.port, config.host, mainIsTls ? 'https' : 'http', () => {
     if (config.tlsPort !== null) {
-      listen(https.createServer(tlsOptions, onRequest), config.tlsPort, '0.0.0.0', 'https');
+      listen(https.createServer(tlsOptions, onRequest), config.tlsPort, undefined, 'https');
     }
   });
   // Everything is in memory: nothing to flush.
