@@ -222,6 +222,7 @@ async function openSession(computer, { replaceSession = false } = {}) {
   session.addEventListener('state', ({ detail }) => {
     if (session === app.session) setState(detail.state);
     if (detail.state === 'connected') {
+      clearTimeout(app.retry.timer);
       app.retry.delay = 0;
       hideNotice();
     }

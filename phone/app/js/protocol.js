@@ -362,8 +362,8 @@ export class Session extends EventTarget {
   }
 
   // Counts the decoded video frames twice a second. Silence in session is
-  // reported as a lost connection (again after each further SILENCE_MS);
-  // only a fresh picture ends it.
+  // reported once as a lost connection (restarting ICE may bring the picture
+  // back); only a fresh picture ends it.
   watch(pc) {
     clearInterval(this.watchTimer);
     let frames = 0;
@@ -386,10 +386,9 @@ export class Session extends EventTarget {
           this.silent = false;
           if (this.established && this.state === 'reconnecting') this.setState('connected');
         }
-      } else if (this.established && this.state !== 'closed' &&
+      } else if (this.established && !this.silent && this.state !== 'closed' &&
           performance.now() - this.heardAt > SILENCE_MS) {
         this.silent = true;
-        this.heardAt = performance.now();
         this.setState('reconnecting');
         this.emit('lost', {});
       }
