@@ -10,6 +10,7 @@
 #include "ZulAgent/RunMode.h"
 #include "ZulAgent/demo/PhoneDemo.h"
 #include "ZulAgent/demo/PipelineTest.h"
+#include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/RealAgent.h"
 #include "ZulCore/Media/FakeCaptureSource.h"
 #include "ZulCore/Media/FakeH264Encoder.h"
@@ -74,7 +75,8 @@ PeerVideoEncoding agentVideoEncoding() {
                 static std::atomic<bool> saidWhich{false};
                 const bool routine = line.find(" fps, starting at ") != std::string::npos;
                 if (!routine || verboseOutput() || !saidWhich.exchange(true)) printLine(line);
-              }};
+              },
+          .sourceFramesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"))};
 }
 
 void runRealAgentMode(const WindowedRealAgent& windowed) {

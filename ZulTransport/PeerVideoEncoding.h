@@ -17,6 +17,9 @@ namespace zul {
 struct PeerVideoEncoding {
   std::function<std::unique_ptr<VideoEncoder>()> makeEncoder;
   std::function<void(const std::string&)> print;
+  // The most frames per second the source pushes (0: unknown); what the
+  // encoder's line says the stream runs at.
+  std::int64_t sourceFramesPerSecond = 0;
 };
 
 }  // namespace zul

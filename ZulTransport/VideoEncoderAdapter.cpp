@@ -42,8 +42,11 @@ webrtc::SdpVideoFormat constrainedBaselineH264() {
                                          {"packetization-mode", "1"}});
 }
 
-VideoEncoderAdapter::VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print)
-    : encoder_(std::move(encoder)), print_(std::move(print)) {}
+VideoEncoderAdapter::VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print,
+                                         std::int64_t sourceFramesPerSecond)
+    : encoder_(std::move(encoder)),
+      print_(std::move(print)),
+      sourceFramesPerSecond_(sourceFramesPerSecond) {}
 
 VideoEncoderAdapter::~VideoEncoderAdapter() = default;
 
@@ -84,7 +87,10 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
   configured_ = true;
   say("video encoder: " + encoder_->name() + " (" +
       (encoder_->isHardwareAccelerated() ? "hardware" : "software") + "), " + size + " at up to " +
-      std::to_string(settings.framesPerSecond) + " fps, starting at " +
+      std::to_string(sourceFramesPerSecond_ > 0
+                         ? std::min(sourceFramesPerSecond_, settings.framesPerSecond)
+                         : settings.framesPerSecond) +
+      " fps, starting at " +
       std::to_string(settings.bitrateKbps) + " kbps");
   return WEBRTC_VIDEO_CODEC_OK;
 }
@@ -244,9 +250,10 @@ webrtc::VideoEncoder::EncoderInfo VideoEncoderAdapter::GetEncoderInfo() const {
 
 AgentVideoEncoderFactory::AgentVideoEncoderFactory(
     std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder,
-    VideoEncoderAdapter::Print print)
+    VideoEncoderAdapter::Print print, std::int64_t sourceFramesPerSecond)
     : makeEncoder_(std::move(makeEncoder)),
       print_(std::move(print)),
+      sourceFramesPerSecond_(sourceFramesPerSecond),
       builtin_(webrtc::CreateBuiltinVideoEncoderFactory()) {}
 
 AgentVideoEncoderFactory::~AgentVideoEncoderFactory() = default;
@@ -274,7 +281,8 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
     if (print_) print_("video encoder: WebRTC's OpenH264 (ours is unavailable)");
     return openH264;
   }
-  auto ours = std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_);
+  auto ours =
+      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, sourceFramesPerSecond_);
   if (!openH264) return ours;
   return webrtc::CreateVideoEncoderSoftwareFallbackWrapper(std::move(openH264), std::move(ours));
 }
@@ -282,7 +290,8 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
 std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory(
     const PeerVideoEncoding& encoding) {
   if (!encoding.makeEncoder) return webrtc::CreateBuiltinVideoEncoderFactory();
-  return std::make_unique<AgentVideoEncoderFactory>(encoding.makeEncoder, encoding.print);
+  return std::make_unique<AgentVideoEncoderFactory>(encoding.makeEncoder, encoding.print,
+                                                    encoding.sourceFramesPerSecond);
 }
 
 }  // namespace zul::webrtc_support

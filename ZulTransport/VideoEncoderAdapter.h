@@ -25,7 +25,8 @@ webrtc::SdpVideoFormat constrainedBaselineH264();
 class VideoEncoderAdapter : public webrtc::VideoEncoder {
  public:
   using Print = std::function<void(const std::string&)>;
-  VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print);
+  VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print,
+                      std::int64_t sourceFramesPerSecond = 0);
   ~VideoEncoderAdapter() override;
 
   int InitEncode(const webrtc::VideoCodec* codec, const Settings& settings) override;
@@ -53,6 +54,7 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
 
   std::unique_ptr<zul::VideoEncoder> encoder_;
   Print print_;
+  std::int64_t sourceFramesPerSecond_ = 0;
   webrtc::EncodedImageCallback* callback_ = nullptr;
   bool configured_ = false;
   bool paused_ = false;  // WebRTC gives the stream no bits
@@ -68,7 +70,8 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
 class AgentVideoEncoderFactory : public webrtc::VideoEncoderFactory {
  public:
   AgentVideoEncoderFactory(std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder,
-                           VideoEncoderAdapter::Print print);
+                           VideoEncoderAdapter::Print print,
+                           std::int64_t sourceFramesPerSecond = 0);
   ~AgentVideoEncoderFactory() override;
 
   std::vector<webrtc::SdpVideoFormat> GetSupportedFormats() const override;
@@ -78,6 +81,7 @@ class AgentVideoEncoderFactory : public webrtc::VideoEncoderFactory {
  private:
   std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder_;
   VideoEncoderAdapter::Print print_;
+  std::int64_t sourceFramesPerSecond_ = 0;
   std::unique_ptr<webrtc::VideoEncoderFactory> builtin_;
 };
 
