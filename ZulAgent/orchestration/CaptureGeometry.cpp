@@ -29,4 +29,12 @@ VideoMapping videoMappingFor(const DisplayDescriptor& display) {
   return {DesktopRect::of(display), double(size.width), double(size.height)};
 }
 
+VideoMapping sceneMappingFor(const DisplayDescriptor& display) {
+  VideoMapping mapping = videoMappingFor(display);
+  const double scale = display.elementScale > 0 ? display.elementScale : 1.0;
+  DesktopRect& bounds = mapping.display;
+  bounds = {bounds.x / scale, bounds.y / scale, bounds.width / scale, bounds.height / scale};
+  return mapping;
+}
+
 }  // namespace zul

@@ -37,5 +37,8 @@ CaptureSize captureSizeFor(const DisplayDescriptor& display);
 
 // The display's desktop rectangle under a video of captureSizeFor(display).
 VideoMapping videoMappingFor(const DisplayDescriptor& display);
+// The same video over the display in applications' own coordinates, which
+// the scene's rectangles are read in (a scaled monitor's logical pixels).
+VideoMapping sceneMappingFor(const DisplayDescriptor& display);
 
 }  // namespace zul

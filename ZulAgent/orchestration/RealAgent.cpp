@@ -310,9 +310,9 @@ class RealAgent {
 
   // Taps and scene rectangles are in the video's pixels, on every display.
   void targetPointer(const DisplayDescriptor& display) {
-    const VideoMapping video = videoMappingFor(display);
-    publisher_->setDisplay(video, display.index);
-    requests_->setPointerExecutor(std::make_shared<PointerInputExecutor>(video, injector_));
+    publisher_->setDisplay(sceneMappingFor(display), display.index);
+    requests_->setPointerExecutor(
+        std::make_shared<PointerInputExecutor>(videoMappingFor(display), injector_));
     const CaptureSize size = captureSizeFor(display);
     print_("input executor targets display " + std::to_string(display.displayID) + " (" +
            std::to_string(display.width) + "x" + std::to_string(display.height) + ", captured at " +

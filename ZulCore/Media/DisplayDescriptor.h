@@ -16,6 +16,10 @@ struct DisplayDescriptor {
   std::int64_t originX = 0;
   std::int64_t originY = 0;
   double scale = 1.0;  // desktop pixels per logical pixel (GNOME's fractional scaling)
+  // Desktop pixels per pixel of what applications report of themselves
+  // (their accessibility rectangles): the scale where the desktop counts in
+  // physical pixels (mutter's physical layout), else 1.
+  double elementScale = 1.0;
   std::string name;    // the platform's name for it ("DP-1"), empty when it has none
 
   friend bool operator==(const DisplayDescriptor&, const DisplayDescriptor&) = default;

@@ -156,6 +156,7 @@ std::vector<MutterMonitor> parseState(GVariant* state) {
                        .originX = x,
                        .originY = y,
                        .scale = scale > 0 ? scale : 1.0,
+                       .elementScale = layoutMode == 2 && scale > 0 ? scale : 1.0,
                        .name = connector};
     out.push_back(std::move(monitor));
   }

@@ -246,6 +246,16 @@ TEST(RealAgent, CapturesDisplaysAtTheirOwnSizeUpTo1080p) {
     DisplayDescriptor display{.index = 0, .displayID = 1, .width = c.width, .height = c.height};
     EXPECT_EQ(captureSizeFor(display), c.expected) << c.width << "x" << c.height;
   }
+  // A monitor at scale 2 counted in physical pixels: an application's
+  // rectangle (logical pixels) lands in the video where a tap at its middle
+  // reaches the middle of what is drawn.
+  const DisplayDescriptor scaled{
+      .displayID = 1, .width = 2560, .height = 1440, .originX = 2560, .scale = 2, .elementScale = 2};
+  const DesktopRect inVideo = sceneMappingFor(scaled).toVideo({1280 + 100, 100, 50, 20});
+  EXPECT_EQ(inVideo, (DesktopRect{150, 150, 75, 30}));
+  EXPECT_EQ(videoMappingFor(scaled).toDesktop(inVideo.x + inVideo.width / 2,
+                                             inVideo.y + inVideo.height / 2),
+            (DesktopPoint{2560 + 250, 220}));
 }
 
 // Tasks 1..4 posted while task 0 runs, on a queue of two.
