@@ -18,6 +18,7 @@
 #include "ZulAgent/orchestration/StopSignals.h"
 #include "ZulAgent/orchestration/TrustWatch.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
+#include "ZulAgent/windows/AgentWindowTexts.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulCore/Support/Guarded.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
@@ -123,6 +124,8 @@ class RealAgent {
     print_(describeSecretBackendChoice(*secrets_));
     identity_ = std::make_shared<const IdentityKeyStore>(SecretStore("identity", secrets_));
     print_("agent id: " + identity_->agentId());
+    // The name the windows and the phone app show this computer under.
+    event_("this computer: " + hostName() + " (" + windows::deviceCode(identity_->agentId()) + ")");
     trustedDevices_.emplace(SecretStore("trusted-devices", secrets_));
     trust_.emplace(*trustedDevices_, event_);
     pairing_ = std::make_shared<const PairingService>(identity_);

@@ -84,6 +84,12 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
 
   startButton_ = new QPushButton("Включить Velto");
   layout->addWidget(startButton_);
+  pairButton_ = new QPushButton("Добавить телефон");
+  pairButton_->hide();
+  layout->addWidget(pairButton_);
+  connect(pairButton_, &QPushButton::clicked, this, [this] {
+    if (onPairPhone) onPairPhone();
+  });
   progress_ = new QProgressBar;
   progress_->setRange(0, 0);
   progress_->hide();
@@ -165,6 +171,7 @@ void AgentSetupWindowController::setPhase(windows::AgentPhase phase) {
                         : phase == AgentPhase::online   ? "Отключить"
                                                         : "Повторить");
   progress_->setVisible(phase == AgentPhase::connecting);
+  pairButton_->setVisible(phase == AgentPhase::online);
 }
 
 void AgentSetupWindowController::updateTransportStatus(const std::string& status) {

@@ -33,10 +33,14 @@ class AgentSetupWindowController : public QWidget {
   // A line under the status for what the agent wants known (for example
   // that a phone controls a Wayland session); empty hides it.
   void showNote(const std::string& text);
+  // While the agent is online, a button opens the pairing window again with
+  // a fresh link (after the person closed it).
+  std::function<void()> onPairPhone;
 
   // For tests.
   QLineEdit* serverField() const { return serverField_; }
   QPushButton* startButton() const { return startButton_; }
+  QPushButton* pairButton() const { return pairButton_; }
   QString pillText() const;
   QString errorText() const;
   bool errorVisible() const;
@@ -65,6 +69,7 @@ class AgentSetupWindowController : public QWidget {
   QPushButton* screenSettings_;
   QPushButton* inputSettings_;
   QPushButton* startButton_;
+  QPushButton* pairButton_;
   QProgressBar* progress_;
   QLabel* errorCallout_;
 };

@@ -85,7 +85,6 @@ void PairingQRWindowController::show(const std::string& link, const std::string&
   // Long links make dense codes: more pixels than a short one needs.
   qr_->setPixmap(QPixmap::fromImage(qrCodeImage(link, 360)));
   progress_->setRange(0, int(std::max<std::int64_t>(expiresInSeconds, 1)));
-  qr_->setEnabled(true);
   timer_.start();
   updateCountdown();
   // A refreshed link stays where the user left the window.
@@ -96,6 +95,11 @@ void PairingQRWindowController::show(const std::string& link, const std::string&
 }
 
 void PairingQRWindowController::updateStatus(const std::string& status) {
+  // The trusted-devices window marks the phone in session.
+  constexpr std::string_view ready = "peer-ready: ";
+  if (status.rfind(ready, 0) == 0) connectedPhone_ = status.substr(ready.size());
+  if (status.rfind("phone-left: ", 0) == 0) connectedPhone_.clear();
+  if (devices_) devices_->setConnectedPhone(connectedPhone_);
   const auto text = windows::pairingStatus(status);
   if (!text) return;
   status_->setText(QString::fromStdString(*text));
@@ -115,6 +119,7 @@ void PairingQRWindowController::endSession() {
 }
 
 QString PairingQRWindowController::statusText() const { return status_->text(); }
+bool PairingQRWindowController::showsCode() const { return !qr_->pixmap().isNull(); }
 bool PairingQRWindowController::canEndSession() const { return endSession_->isEnabled(); }
 
 void PairingQRWindowController::updateCountdown() {
@@ -128,7 +133,11 @@ void PairingQRWindowController::updateCountdown() {
   progress_->setValue(int(remaining));
   if (remaining < 1) {
     timer_.stop();
-    qr_->setEnabled(false);  // greyed: this code no longer pairs
+    // An expired code must not be scanned at all: it is taken away, and so
+    // is the link.
+    qr_->setPixmap(QPixmap());
+    qr_->setText("Код устарел. Нажмите «Обновить QR», чтобы получить новый.");
+    link_.clear();
   }
 }
 
@@ -139,6 +148,7 @@ void PairingQRWindowController::refresh() {
 void PairingQRWindowController::showDevices() {
   if (!devices_) {
     devices_ = std::make_unique<TrustedDevicesWindowController>(store_);
+    devices_->setConnectedPhone(connectedPhone_);
     devices_->onRevoked = [this](const TrustedDevice& device) {
       if (onDeviceRevoked) onDeviceRevoked(device);
     };

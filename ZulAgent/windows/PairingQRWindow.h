@@ -48,6 +48,11 @@ class PairingQRWindowController : public QWidget {
 
   // For tests.
   QString countdownText() const;
+  // Whether a code is on show (an expired one is taken away).
+  bool showsCode() const;
+  // The person asked for the window again: the next link brings it back
+  // even though they closed it.
+  void showWithNextLink() { shown_ = false; }
   QString statusText() const;
   bool canEndSession() const;
   void endSession();
@@ -72,6 +77,7 @@ class PairingQRWindowController : public QWidget {
   bool shown_ = false;
   QProgressBar* progress_;
   std::unique_ptr<TrustedDevicesWindowController> devices_;
+  std::string connectedPhone_;  // the name of the phone in session
 };
 
 }  // namespace zul

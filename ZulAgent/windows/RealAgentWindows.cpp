@@ -99,6 +99,10 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   std::thread agent;
 
   pairing.onEndSession = [&control] { control->requestSessionEnd(); };
+  setup.onPairPhone = [&control, &pairing] {
+    pairing.showWithNextLink();
+    control->requestPairingRefresh();
+  };
   // The agent tells of the revoke ("revoked: NAME", or "phone revoked: …" for
   // the phone in session) when it next reads the list.
   auto cancelAgent = [&] {

@@ -41,13 +41,17 @@ TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStor
   layout->addLayout(list_);
   layout->addStretch();
   if (!confirm_) {
-    confirm_ = [this] {
+    confirm_ = [this](const std::string& phoneName) {
       QMessageBox box(this);
       box.setWindowTitle("Velto");
-      box.setText("Отозвать доступ?");
+      box.setTextFormat(Qt::PlainText);  // the phone chose its name
+      box.setText(QString::fromStdString("Отозвать доступ телефона «" + phoneName + "»?"));
       box.setInformativeText("Этот телефон больше не сможет открыть новые сессии с компьютером.");
-      auto* revoke = box.addButton("Отозвать", QMessageBox::AcceptRole);
-      box.addButton("Отмена", QMessageBox::RejectRole);
+      auto* revoke = box.addButton("Отозвать", QMessageBox::DestructiveRole);
+      auto* cancel = box.addButton("Отмена", QMessageBox::RejectRole);
+      // Enter keeps the phone.
+      box.setDefaultButton(cancel);
+      box.setEscapeButton(cancel);
       box.exec();
       return box.clickedButton() == revoke;
     };
@@ -87,8 +91,11 @@ void TrustedDevicesWindowController::refresh() {
     auto* name = new QLabel(QString::fromStdString(windows::deviceName(device)));
     name->setTextFormat(Qt::PlainText);  // the phone chose it: text, never markup
     name->setObjectName("name");
-    auto* detail = new QLabel(
-        QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString())));
+    const bool connected =
+        !device.revoked && !connectedPhone_.empty() && device.name == connectedPhone_;
+    auto* detail = new QLabel(QString::fromStdString(
+        windows::deviceDetail(device, pairedAtText(device).toStdString()) +
+        (connected ? " · подключён сейчас" : "")));
     detail->setObjectName("detail");
     texts->addWidget(name);
     texts->addWidget(detail);
@@ -102,8 +109,21 @@ void TrustedDevicesWindowController::refresh() {
   }
 }
 
+void TrustedDevicesWindowController::setConnectedPhone(const std::string& name) {
+  if (name == connectedPhone_) return;
+  connectedPhone_ = name;
+  if (isVisible()) refresh();
+}
+
 void TrustedDevicesWindowController::revoke(const std::string& deviceId) {
-  if (!confirm_()) return;
+  std::string name = deviceId;
+  try {
+    for (const auto& device : store_.load()) {
+      if (device.deviceId == deviceId) name = windows::deviceName(device);
+    }
+  } catch (const std::exception&) {
+  }
+  if (!confirm_(name)) return;
   try {
     store_.revoke(deviceId);
     if (onRevoked) {

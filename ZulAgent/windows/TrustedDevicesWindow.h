@@ -16,14 +16,18 @@ namespace zul {
 // GUI thread only.
 class TrustedDevicesWindowController : public QWidget {
  public:
-  // Asks whether to revoke; the default is a modal question box.
-  using Confirm = std::function<bool()>;
+  // Asks whether to revoke the phone shown under this name; the default is
+  // a modal question box whose default answer is not to.
+  using Confirm = std::function<bool(const std::string& phoneName)>;
 
   explicit TrustedDevicesWindowController(TrustedDeviceStore store, Confirm confirm = {});
 
   void show();
   void refresh();
   void revoke(const std::string& deviceId);
+  // The phone in session, by the name it paired with (empty: none); its row
+  // says so.
+  void setConnectedPhone(const std::string& name);
 
   // Told after a device was revoked here.
   std::function<void(const TrustedDevice&)> onRevoked;
@@ -34,6 +38,7 @@ class TrustedDevicesWindowController : public QWidget {
  private:
   TrustedDeviceStore store_;
   Confirm confirm_;
+  std::string connectedPhone_;
   QVBoxLayout* list_;
 };
 

@@ -197,6 +197,7 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   int refreshes = 0, ends = 0;
   window.show("zul://pair?payload=%7B%7D", "agent_abcdEFGHijklMNOP", 120, [&] { ++refreshes; });
   EXPECT_EQ(window.countdownText(), "Код истечёт через 02:00");
+  EXPECT_TRUE(window.showsCode());
   EXPECT_TRUE(window.counting());
   EXPECT_EQ(window.deviceCode(), "VELTO-PC-IJKLMNOP");
   window.refresh();
@@ -207,6 +208,11 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   EXPECT_EQ(window.countdownText(), "Код истёк — обновите QR");
   EXPECT_FALSE(window.counting());
   EXPECT_FALSE(window.isVisible());
+  EXPECT_FALSE(window.showsCode());  // an expired code cannot be scanned
+  window.showWithNextLink();         // asked for again from the setup window
+  window.show("zul://pair?payload=%7B%7D", "agent_abcdEFGHijklMNOP", 120, [] {});
+  EXPECT_TRUE(window.isVisible());
+  EXPECT_TRUE(window.showsCode());
 
   window.onEndSession = [&] { ++ends; };
   EXPECT_FALSE(window.canEndSession());
@@ -240,13 +246,21 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   };
   store.save({phone("device_old", "Old phone", 1'000), phone("device_new", "New phone", 2'000)});
   bool answer = false;
-  TrustedDevicesWindowController devices(store, [&] { return answer; });
+  std::string asked;
+  TrustedDevicesWindowController devices(store, [&](const std::string& name) {
+    asked = name;
+    return answer;
+  });
   devices.show();
+  devices.setConnectedPhone("New phone");
   auto rows = devices.rows();
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_TRUE(rows[0].starts_with("New phone | control · view · добавлено ")) << rows[0];
-  EXPECT_TRUE(rows[0].ends_with(" | Отозвать")) << rows[0];
+  EXPECT_TRUE(rows[0].ends_with(" · подключён сейчас | Отозвать")) << rows[0];
+  EXPECT_TRUE(rows[1].ends_with(" | Отозвать")) << rows[1];
+  EXPECT_EQ(rows[1].find("подключён"), std::string::npos) << rows[1];
   devices.revoke("device_new");  // "Отмена"
+  EXPECT_EQ(asked, "New phone");
   EXPECT_FALSE(store.load()[1].revoked);
   answer = true;
   devices.revoke("device_new");
