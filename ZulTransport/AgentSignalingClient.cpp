@@ -4,11 +4,13 @@
 #include <utility>
 //
 #include <netdb.h>
+#include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
 #include <atomic>
+#include <cctype>
 #include <boost/asio.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/ssl.hpp>
@@ -24,6 +26,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "ZulCore/Support/Guarded.h"
 #include "ZulTransport/SignalingUrl.h"
 
 namespace zul {
@@ -66,12 +69,53 @@ std::string describe(const boost::system::error_code& code) {
   return code.message() + " [" + code.category().name() + ":" + std::to_string(code.value()) + "]";
 }
 
-std::unique_ptr<ssl::context> makeTlsContext(const std::string& extraCaFile) {
+// "AB:CD:…": a certificate's SHA-256, as openssl and browsers show it.
+std::string sha256Fingerprint(X509* certificate) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (!certificate || X509_digest(certificate, EVP_sha256(), digest, &length) != 1) return {};
+  static constexpr char hex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned int i = 0; i < length; ++i) {
+    if (i) out += ':';
+    out += hex[digest[i] >> 4];
+    out += hex[digest[i] & 15];
+  }
+  return out;
+}
+
+std::string normalizedFingerprint(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (std::isxdigit(static_cast<unsigned char>(c))) {
+      if (!out.empty() && out.size() % 3 == 2) out += ':';
+      out += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+  }
+  return out;
+}
+
+// The system's trust store, an optional extra CA file, and optionally one
+// certificate trusted by its fingerprint. A certificate refused as untrusted
+// leaves its fingerprint in `refused`, for a message that says how to trust it.
+std::unique_ptr<ssl::context> makeTlsContext(const std::string& extraCaFile,
+                                             const std::string& trustedSha256,
+                                             std::shared_ptr<Guarded<std::optional<std::string>>> refused) {
   auto context = std::make_unique<ssl::context>(ssl::context::tls_client);
   try {
     context->set_default_verify_paths();
     if (!extraCaFile.empty()) context->load_verify_file(extraCaFile);
     context->set_verify_mode(ssl::verify_peer);
+    context->set_verify_callback([pinned = normalizedFingerprint(trustedSha256), refused](
+                                     bool preverified, ssl::verify_context& verify) {
+      // The chain is checked from its root down to the server's own
+      // certificate, which is the one a fingerprint names.
+      X509* leaf = X509_STORE_CTX_get0_cert(verify.native_handle());
+      const std::string offered = sha256Fingerprint(leaf);
+      if (!pinned.empty() && offered == pinned) return true;
+      if (!preverified) *refused->lock() = offered;
+      return preverified;
+    });
   } catch (const boost::system::system_error& error) {
     throw SignalingTransportError::transportFailed("tls", describe(error.code()));
   }
@@ -304,9 +348,11 @@ struct AgentSignalingClient::Impl {
     return makeAgentIdentityProof(*identity, unixSeconds(options.now()), options.randomBytes(24));
   }
 
+  // For each new connection: a refusal reported is that connection's.
   ssl::context& tlsContext() {
+    refused->lock()->reset();
     std::lock_guard lock(mutex);
-    if (!tls) tls = makeTlsContext(options.extraCaFile);
+    if (!tls) tls = makeTlsContext(options.extraCaFile, options.trustedCertificateSha256, refused);
     return *tls;
   }
 
@@ -362,6 +408,9 @@ struct AgentSignalingClient::Impl {
   std::shared_ptr<RunControl> activeRun;
   std::vector<asio::io_context*> pairingContexts;  // stopped by close()
   std::unique_ptr<ssl::context> tls;
+  // The certificate the last refused handshake was offered.
+  std::shared_ptr<Guarded<std::optional<std::string>>> refused =
+      std::make_shared<Guarded<std::optional<std::string>>>();
 };
 
 namespace {
@@ -743,6 +792,10 @@ void AgentSignalingClient::close() {
     asio::post(*impl_->runContext, [run = impl_->activeRun] { run->cancel(); });
   }
   for (auto* context : impl_->pairingContexts) context->stop();
+}
+
+std::optional<std::string> AgentSignalingClient::refusedCertificate() const {
+  return *impl_->refused->lock();
 }
 
 }  // namespace zul

@@ -47,6 +47,10 @@ class AgentSignalingClient : public SignalingEvents {
     std::function<Bytes(std::size_t)> randomBytes;
     // A PEM file of extra trusted certificates (tests with a private CA).
     std::string extraCaFile;
+    // The SHA-256 fingerprint (hex, colons optional) of one server
+    // certificate to trust as it is, whoever signed it and whatever it
+    // names: a development server's own certificate.
+    std::string trustedCertificateSha256;
   };
 
   AgentSignalingClient(std::string signalingBaseURL,
@@ -75,6 +79,11 @@ class AgentSignalingClient : public SignalingEvents {
   // Always reports "disconnected" at its end once it reported "connected".
   // Reconnecting is the caller's business.
   void run();
+
+  // The SHA-256 fingerprint ("AB:CD:…") of the certificate the server
+  // offered when the last TLS handshake refused it as untrusted; nothing
+  // when the last one succeeded or failed for another reason.
+  std::optional<std::string> refusedCertificate() const;
 
   // From any thread: ends a run in progress promptly (a WebSocket close
   // frame, then the socket, at most the close time-out later) and a pairing

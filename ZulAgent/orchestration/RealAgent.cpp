@@ -45,6 +45,9 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
     }
   }
   settings.framesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"));
+  if (const char* pin = std::getenv("ZUL_SERVER_CERT_SHA256"); pin && *pin) {
+    settings.trustedServerCertificate = pin;
+  }
   return settings;
 }
 
@@ -323,8 +326,10 @@ class RealAgent {
   }
 
   void connectToServer() {
-    signaling_ = std::make_unique<AgentSignalingClient>(settings_.signalingBaseURL, identity_,
-                                                        pairing_, phones_, *trustedDevices_);
+    AgentSignalingClient::Options options;
+    options.trustedCertificateSha256 = settings_.trustedServerCertificate;
+    signaling_ = std::make_unique<AgentSignalingClient>(
+        settings_.signalingBaseURL, identity_, pairing_, phones_, *trustedDevices_, options);
     server_.emplace(*signaling_, settings_.signalingBaseURL,
                     ServerConnection::Output{
                         .event = event_,

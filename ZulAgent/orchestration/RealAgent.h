@@ -25,9 +25,13 @@ struct RealAgentSettings {
   std::int64_t framesPerSecond = 30;
   // The encoder of the phones' video; the library's own when unset.
   PeerVideoEncoding videoEncoding;
+  // One server certificate trusted by its SHA-256 fingerprint
+  // (ZUL_SERVER_CERT_SHA256): a development server's own.
+  std::string trustedServerCertificate;
 
   // ZUL_SIGNALING_URL (the rendezvous server's address), ZUL_DEMO_SECONDS
-  // (an unparsable or negative value counts as absent) and ZUL_MAX_FPS.
+  // (an unparsable or negative value counts as absent), ZUL_MAX_FPS and
+  // ZUL_SERVER_CERT_SHA256.
   static RealAgentSettings fromEnvironment();
 };
 

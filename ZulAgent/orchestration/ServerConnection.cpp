@@ -53,6 +53,15 @@ void ServerConnection::loop() {
       reason = error.what();
     }
     if (stopping_) break;
+    // Retrying cannot help a certificate that is not trusted: the person
+    // must decide to trust it.
+    if (const auto offered = client_.refusedCertificate()) {
+      output_.event("the server's certificate is not trusted (SHA-256 " + *offered +
+                    "); if it is yours, start the agent with ZUL_SERVER_CERT_SHA256=" + *offered +
+                    ", or install the authority that signed it; not retrying");
+      output_.status("error: untrusted certificate");
+      break;
+    }
     output_.print("signaling disconnected: " + reason + "; retrying");
     report(reason, serverSeen_ && !serverLost_.exchange(true));
     std::unique_lock lock(mutex_);

@@ -30,7 +30,9 @@ std::optional<std::string> acceptedServerURL(std::string_view text) {
   if (first == std::string_view::npos) return std::nullopt;
   const auto last = text.find_last_not_of(" \t\r\n");
   const std::string url(text.substr(first, last - first + 1));
-  constexpr std::string_view scheme = "https://";
+  // Plain http only to this machine (a development server on loopback).
+  const bool plain = url.rfind("http://", 0) == 0;
+  const std::string_view scheme = plain ? "http://" : "https://";
   if (url.rfind(scheme, 0) != 0) return std::nullopt;
   // The authority runs to the first "/", "?" or "#"; without user info and
   // port it must still name a host.
@@ -46,6 +48,9 @@ std::optional<std::string> acceptedServerURL(std::string_view text) {
     host = host.substr(0, host.find(':'));
   }
   if (host.empty() || host == "[]") return std::nullopt;
+  if (plain && host != "localhost" && host != "[::1]" && host.rfind("127.", 0) != 0) {
+    return std::nullopt;
+  }
   if (url.find_first_of(" \t\r\n") != std::string::npos) return std::nullopt;
   return url;
 }

@@ -13,7 +13,8 @@ namespace zul::windows {
 // What the agent's windows decide, apart from the widgets, so that it is
 // tested without a screen.
 
-// The setup window's server address: trimmed, https, with a host; nothing
+// The setup window's server address: trimmed, https (http only to this
+// machine's loopback), with a host; nothing
 // otherwise.
 std::optional<std::string> acceptedServerURL(std::string_view text);
 

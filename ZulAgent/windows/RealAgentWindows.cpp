@@ -117,7 +117,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
                              previous = std::move(agent)]() mutable {
           if (previous.joinable()) previous.join();
           if (control->stopRequested()) return;
-          RealAgentSettings settings;
+          RealAgentSettings settings = RealAgentSettings::fromEnvironment();
           settings.signalingBaseURL = url;
           settings.videoEncoding = videoEncoding;
           RealAgentUi ui;

@@ -355,10 +355,15 @@ TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
   TlsFiles tls("localhost"), elsewhere("elsewhere.example");
   ASSERT_TRUE(tls.ok && elsewhere.ok) << "openssl could not make a certificate";
   startServer({"--tls-cert", tls.cert, "--tls-key", tls.key});
-  auto expectTlsRefusal = [&](const std::string& base, const std::string& caFile) {
+  const std::string fingerprint = test::commandOutput(
+      "openssl x509 -in " + tls.cert + " -noout -fingerprint -sha256 | cut -d= -f2 | tr -d '\\n'");
+  // The refusal names the certificate offered, for the person to trust it.
+  auto expectTlsRefusal = [&](const std::string& base, const std::string& caFile,
+                              const std::string& pin = "") {
     SCOPED_TRACE(base);
     AgentSignalingClient::Options options;
     options.extraCaFile = caFile;
+    options.trustedCertificateSha256 = pin;
     baseUrl_ = base;
     auto client = makeClient(options);
     try {
@@ -367,10 +372,23 @@ TEST_F(AgentSignalingClientTest, TlsIsVerifiedAgainstTrustAndHostName) {
     } catch (const SignalingTransportError& error) {
       EXPECT_NE(error.text().find("operation: \"tls\""), std::string::npos) << error.text();
     }
+    return client->refusedCertificate().value_or("none");
   };
   // Not trusted at all; trusted but named differently.
-  expectTlsRefusal("https://localhost:" + port_, "");
+  EXPECT_EQ(expectTlsRefusal("https://localhost:" + port_, ""), fingerprint);
   expectTlsRefusal("https://127.0.0.1:" + port_, tls.cert);
+  // Another certificate's fingerprint trusts nothing.
+  std::string another = fingerprint;
+  another[0] = another[0] == '0' ? '1' : '0';
+  expectTlsRefusal("https://localhost:" + port_, "", another);
+
+  // Trusted by its fingerprint alone, at any address (lower case, no colons).
+  AgentSignalingClient::Options pinned;
+  for (char c : fingerprint) {
+    if (c != ':') pinned.trustedCertificateSha256 += char(std::tolower(c));
+  }
+  baseUrl_ = "https://127.0.0.1:" + port_;
+  EXPECT_NO_THROW(makeClient(pinned)->createPairing());
 
   AgentSignalingClient::Options trusted;
   trusted.extraCaFile = tls.cert;

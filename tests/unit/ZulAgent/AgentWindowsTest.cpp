@@ -21,13 +21,16 @@ namespace zul {
 namespace windows {
 namespace {
 
-TEST(AgentWindowTexts, AcceptsOnlyHttpsAddressesWithAHost) {
+TEST(AgentWindowTexts, AcceptsHttpsAddressesWithAHostAndPlainHttpToThisMachine) {
   const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"https://rv.example.com", "https://rv.example.com"},
       {"  https://rv.example.com/path?q=1 \n", "https://rv.example.com/path?q=1"},
       {"https://user@rv.example.com:8443", "https://user@rv.example.com:8443"},
       {"https://[::1]:8443", "https://[::1]:8443"},
       {"http://rv.example.com", std::nullopt},
+      {"http://localhost:8443", "http://localhost:8443"},
+      {"http://127.0.0.1:8443/", "http://127.0.0.1:8443/"},
+      {"http://localhost.example.com", std::nullopt},
       {"HTTPS://rv.example.com", std::nullopt},
       {"https://", std::nullopt},
       {"https:///path", std::nullopt},
