@@ -361,6 +361,17 @@ void AgentPeerSession::push(const CapturedFrame& frame, std::int64_t timestampNs
 }
 
 
+std::uint64_t AgentPeerSession::bufferedAmount(std::string_view label) const {
+  rtc::scoped_refptr<webrtc::DataChannelInterface> channel;
+  {
+    std::lock_guard lock(impl_->mutex_);
+    auto it = impl_->channels_.find(std::string(label));
+    if (it == impl_->channels_.end()) return 0;
+    channel = it->second;
+  }
+  return channel->buffered_amount();
+}
+
 void AgentPeerSession::restartIce() {
   auto connection = impl_->connection();
   if (!connection) return;

@@ -110,6 +110,10 @@ class AgentPeerSession {
     std::string credential;
   };
   std::vector<ChannelInfo> channels() const;
+  // Bytes queued on a channel and not yet sent (0 for a channel it does not
+  // hold): large content waits for this to drain, so that no queue grows
+  // without bound.
+  std::uint64_t bufferedAmount(std::string_view label) const;
   std::vector<TrackInfo> videoTracks() const;
   std::vector<IceServerInfo> iceServers() const;
 

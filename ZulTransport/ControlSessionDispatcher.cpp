@@ -161,7 +161,8 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
                    {"agentVersion", ZUL_AGENT_VERSION},
                    {"shells", nlohmann::json::array()},
                    {"shellKeyCombos", false},
-                   {"clipboardCopy", false}};
+                   // A phone allowed the clipboard can copy from it.
+                   {"clipboardCopy", record->permissions.count(DevicePermission::clipboard) > 0}};
   send(reply);
 }
 

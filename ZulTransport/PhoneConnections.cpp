@@ -388,6 +388,12 @@ void PhoneConnections::push(const CapturedFrame& frame, std::int64_t timestampNs
   if (session) session->push(frame, timestampNs);
 }
 
+std::uint64_t PhoneConnections::bufferedAmount(std::string_view channel) const {
+  auto connection = sessionConnection();
+  auto session = connection ? connection->channel->session() : nullptr;
+  return session ? session->bufferedAmount(channel) : 0;
+}
+
 void PhoneConnections::endSession() {
   std::optional<std::uint64_t> id;
   {

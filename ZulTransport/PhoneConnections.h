@@ -62,6 +62,7 @@ class PhoneConnections final : public PhoneSessions,
   void sendToSession(std::string_view channel, std::string_view payload) override;
   void refuse(const std::string& sessionId, const std::exception& error) override;
   void push(const CapturedFrame& frame, std::int64_t timestampNs) override;
+  std::uint64_t bufferedAmount(std::string_view channel) const override;
   void endSession() override;
   void peerLeft(const std::string& deviceId) override;
   void closeAll() override;

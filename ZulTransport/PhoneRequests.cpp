@@ -3,10 +3,15 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "ZulCore/Trust/Base64Url.h"
+
 namespace zul {
 
 PhoneRequestError PhoneRequestError::invalidSemanticInvocation() {
   return {Case::invalidSemanticInvocation, formatErrorCase("invalidSemanticInvocation")};
+}
+PhoneRequestError PhoneRequestError::invalidClipboardPiece() {
+  return {Case::invalidClipboardPiece, formatErrorCase("invalidClipboardPiece")};
 }
 
 bool PhoneRequestRule::allowsChannel(std::string_view channel) const {
@@ -19,12 +24,16 @@ bool PhoneRequestRule::allowsChannel(std::string_view channel) const {
 namespace PhoneRequests {
 namespace {
 
-using enum RequestQueue;
 constexpr auto control = DevicePermission::control;
+constexpr auto clipboard = DevicePermission::clipboard;
+constexpr auto pointer = RequestQueue::pointer, keyboard = RequestQueue::keyboard,
+               element = RequestQueue::element, scene = RequestQueue::scene,
+               display = RequestQueue::display, trust = RequestQueue::trust,
+               clipboardQueue = RequestQueue::clipboard;
 
 // Types, the permission each demands, the channels each may arrive on, and
 // the queue its work runs on.
-constexpr std::array<PhoneRequestRule, 9> table = {{
+constexpr std::array<PhoneRequestRule, 11> table = {{
     {"input.cursor", control, {"input-fast", "input"}, pointer},
     {"input.scroll", control, {"input-fast", "input"}, pointer},
     {"input.text", control, {"input"}, keyboard},
@@ -34,6 +43,8 @@ constexpr std::array<PhoneRequestRule, 9> table = {{
     {"control.monitor.list", std::nullopt, {"control"}, display},
     {"control.monitor.select", control, {"control"}, display},
     {"control.device.forget", std::nullopt, {"control"}, trust},
+    {"control.clipboard.get", clipboard, {"control"}, clipboardQueue},
+    {"control.clipboard.set", clipboard, {"control"}, clipboardQueue},
 }};
 
 const nlohmann::json* at(const nlohmann::json& json, const char* key) {
@@ -103,7 +114,7 @@ std::optional<PhoneRequest> scrollRequest(const nlohmann::json& json) {
 
 }  // namespace
 
-const std::array<PhoneRequestRule, 9>& rules() { return table; }
+const std::array<PhoneRequestRule, 11>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {
@@ -138,6 +149,22 @@ std::optional<PhoneRequest> decode(const RoutedMessage& message) {
     return index ? std::optional<PhoneRequest>(MonitorSelectRequest{*index}) : std::nullopt;
   }
   if (type == "control.device.forget") return ForgetDeviceRequest{};
+  if (type == "control.clipboard.get") {
+    const std::string* kind = stringAt(json, "mimeType");
+    return kind ? std::optional<PhoneRequest>(ClipboardGetRequest{*kind}) : std::nullopt;
+  }
+  if (type == "control.clipboard.set") {
+    const std::string* kind = stringAt(json, "mimeType");
+    const std::string* text = stringAt(json, "data");
+    const auto offset = wholeAt(json, "offset").value_or(0);
+    const auto total = wholeAt(json, "total");
+    auto data = text ? Base64Url::decode(*text) : std::nullopt;
+    if (!kind || !data || !total || offset < 0 || *total < 0 ||
+        offset + std::int64_t(data->size()) > *total) {
+      throw PhoneRequestError::invalidClipboardPiece();
+    }
+    return ClipboardSetRequest{*kind, offset, *total, std::move(*data)};
+  }
   throw std::invalid_argument("no request rule for " + message.type);
 }
 

@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "ZulCore/Input/PointerInputExecutor.h"
+#include "ZulCore/Support/Bytes.h"
 #include "ZulCore/Support/Error.h"
 #include "ZulCore/Trust/DevicePermission.h"
 #include "ZulTransport/MessageRouter.h"
@@ -16,9 +17,12 @@ namespace zul {
 
 class PhoneRequestError : public Error {
  public:
-  enum class Case { invalidSemanticInvocation };
+  enum class Case { invalidSemanticInvocation, invalidClipboardPiece };
   // An element action without a string "elementId" or a numeric "sceneSeq".
   static PhoneRequestError invalidSemanticInvocation();
+  // A piece of clipboard content without its type, its data in base64url,
+  // or a place ("offset", "total") that can hold it.
+  static PhoneRequestError invalidClipboardPiece();
   Case kind() const { return kind_; }
 
  private:
@@ -62,15 +66,30 @@ struct MonitorSelectRequest {
 struct ForgetDeviceRequest {
   friend bool operator==(const ForgetDeviceRequest&, const ForgetDeviceRequest&) = default;
 };
+// The clipboard's content of one type, sent back in pieces.
+struct ClipboardGetRequest {
+  std::string type;
+  friend bool operator==(const ClipboardGetRequest&, const ClipboardGetRequest&) = default;
+};
+// One piece of content for the clipboard: `data` goes at `offset` of
+// `total` bytes; the clipboard is set when the last piece is in.
+struct ClipboardSetRequest {
+  std::string type;
+  std::int64_t offset = 0;
+  std::int64_t total = 0;
+  Bytes data;
+  friend bool operator==(const ClipboardSetRequest&, const ClipboardSetRequest&) = default;
+};
 
 using PhoneRequest = std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest,
                                   InvokeRequest, SceneSnapshotRequest, MonitorListRequest,
-                                  MonitorSelectRequest, ForgetDeviceRequest>;
+                                  MonitorSelectRequest, ForgetDeviceRequest, ClipboardGetRequest,
+                                  ClipboardSetRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either
 // (scenes and displays are queued by the publisher and switcher themselves).
-enum class RequestQueue { pointer, keyboard, element, scene, display, trust };
+enum class RequestQueue { pointer, keyboard, element, scene, display, trust, clipboard };
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
@@ -87,7 +106,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 9>& rules();
+const std::array<PhoneRequestRule, 11>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

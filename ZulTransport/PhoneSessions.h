@@ -37,6 +37,8 @@ class PhoneSessions : public SignalingPeer {
   // Answers a failed request of the session `sessionId`, if it is still live
   // ("control.error").
   virtual void refuse(const std::string& sessionId, const std::exception& error) = 0;
+  // Bytes waiting to be sent to the phone in session on a channel.
+  virtual std::uint64_t bufferedAmount(std::string_view channel) const = 0;
   // Hands a captured frame to the phone in session only.
   virtual void push(const CapturedFrame& frame, std::int64_t timestampNs) = 0;
 

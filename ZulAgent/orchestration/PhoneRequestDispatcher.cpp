@@ -39,6 +39,7 @@ std::string failurePrefix(const std::string& type) {
   if (type == "input.invoke") return "[input.invoke] ";
   if (type.starts_with("input.")) return "[input] ";
   if (type == "control.monitor.select") return "monitor switch rejected: ";
+  if (type.starts_with("control.clipboard.")) return "[clipboard] ";
   return "[" + type + "] ";
 }
 
@@ -88,6 +89,9 @@ void PhoneRequestDispatcher::queue(RequestQueue which, const RoutedMessage& mess
     case RequestQueue::element:
       queue = &elementQueue_;
       break;
+    case RequestQueue::clipboard:
+      queue = &clipboardQueue_;
+      break;
     case RequestQueue::scene:
     case RequestQueue::display:
     case RequestQueue::trust:
@@ -122,6 +126,12 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                  },
                  [&](const ForgetDeviceRequest&) {
                    if (targets_.forgetDevice) targets_.forgetDevice();
+                 },
+                 [&](const ClipboardGetRequest& get) {
+                   clipboard(message, [&] { targets_.clipboardGet(get); });
+                 },
+                 [&](const ClipboardSetRequest& set) {
+                   clipboard(message, [&] { targets_.clipboardSet(set); });
                  },
              },
              request);
@@ -208,16 +218,28 @@ void PhoneRequestDispatcher::invoke(const RoutedMessage& message, const InvokeRe
   }
 }
 
+void PhoneRequestDispatcher::clipboard(const RoutedMessage& message,
+                                       const std::function<void()>& work) {
+  try {
+    if (!targets_.clipboardGet) throw ClipboardError::unavailable("no clipboard here");
+    work();
+  } catch (const std::exception& error) {
+    failed("[clipboard] ", message, error);
+  }
+}
+
 void PhoneRequestDispatcher::waitUntilIdle() {
   pointerQueue_.waitUntilIdle();
   keyboardQueue_.waitUntilIdle();
   elementQueue_.waitUntilIdle();
+  clipboardQueue_.waitUntilIdle();
 }
 
 void PhoneRequestDispatcher::shutdown() {
   pointerQueue_.shutdown();
   keyboardQueue_.shutdown();
   elementQueue_.shutdown();
+  clipboardQueue_.shutdown();
 }
 
 }  // namespace zul

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "ZulCore/Clipboard/Clipboard.h"
 #include "ZulCore/Input/InputInjector.h"
 #include "ZulCore/Input/KeyboardExecutor.h"
 #include "ZulCore/Input/PointerInputExecutor.h"
@@ -38,6 +39,10 @@ class PhoneRequestDispatcher {
     std::function<void(std::int64_t index)> selectMonitor;
     // The phone in session forgets this computer.
     std::function<void()> forgetDevice;
+    // The clipboard's content to the phone, and the phone's to the
+    // clipboard; on the clipboard's queue, may block; throw to refuse.
+    std::function<void(const ClipboardGetRequest&)> clipboardGet;
+    std::function<void(const ClipboardSetRequest&)> clipboardSet;
     PrintLine print;
     // Tells the phone that its request failed ("control.error").
     std::function<void(const RoutedMessage&, const std::exception&)> refuse;
@@ -72,6 +77,7 @@ class PhoneRequestDispatcher {
   void typeText(const std::string& text);
   void pressKeys(const RoutedMessage& message, const std::string& combo);
   void invoke(const RoutedMessage& message, const InvokeRequest& request);
+  void clipboard(const RoutedMessage& message, const std::function<void()>& work);
   void failed(const std::string& prefix, const RoutedMessage& message,
               const std::exception& error) const;
 
@@ -83,6 +89,7 @@ class PhoneRequestDispatcher {
   TaskQueue pointerQueue_{512};
   TaskQueue keyboardQueue_{64};
   TaskQueue elementQueue_{16};
+  TaskQueue clipboardQueue_{32};
 };
 
 }  // namespace zul

@@ -11,6 +11,7 @@
 
 #include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"
+#include "ZulAgent/orchestration/ClipboardSharing.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
 #include "ZulAgent/orchestration/PhoneRequestDispatcher.h"
@@ -172,6 +173,7 @@ class RealAgent {
     }
     // A new session never inherits a button or key the previous phone held.
     requests_->releaseAll();
+    clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
     capture_->setWatched(true);
     switcher_->sendMonitorList();
   }
@@ -182,7 +184,18 @@ class RealAgent {
       status("phone-left: " + name);
     }
     requests_->releaseAll();
+    clipboard_->sessionEnded();
     capture_->setWatched(false);
+  }
+
+  // Whether the trusted device holds a permission now.
+  bool holds(const std::string& deviceId, DevicePermission permission) const {
+    for (const auto& device : trust_->list()) {
+      if (device.deviceId == deviceId && !device.revoked) {
+        return device.permissions.count(permission) > 0;
+      }
+    }
+    return false;
   }
 
   void makeRequests() {
@@ -202,6 +215,20 @@ class RealAgent {
         .nowMilliseconds = unixMilliseconds,
         .hostName = hostName(),
     });
+    clipboard_ = std::make_shared<ClipboardSharing>(ClipboardSharing::Hooks{
+        .clipboard = desktop_->makeClipboard(),
+        .sendControl =
+            [phones](const std::string& text) {
+              if (auto p = phones.lock()) p->sendToSession("control", text);
+            },
+        .activeSessionId = [phones] { return activeSessionOf(phones); },
+        .bufferedControlBytes =
+            [phones] {
+              auto p = phones.lock();
+              return p ? p->bufferedAmount("control") : std::uint64_t(0);
+            },
+        .print = print_,
+    });
     requests_ = std::make_shared<PhoneRequestDispatcher>(PhoneRequestDispatcher::Targets{
         .injector = injector_,
         .sceneSource = sceneSource,
@@ -210,6 +237,12 @@ class RealAgent {
         .sendMonitorList = [this] { switcher_->sendMonitorList(); },
         .selectMonitor = [this](std::int64_t index) { switcher_->select(index); },
         .forgetDevice = [this] { forgetPhoneInSession(); },
+        .clipboardGet = [clipboard = clipboard_](const ClipboardGetRequest& request) {
+          clipboard->get(request);
+        },
+        .clipboardSet = [clipboard = clipboard_](const ClipboardSetRequest& request) {
+          clipboard->set(request);
+        },
         .print = print_,
         .refuse =
             [phones](const RoutedMessage& message, const std::exception& error) {
@@ -508,6 +541,7 @@ class RealAgent {
     switcher_->shutdown();
     publisher_->shutdown();
     requests_->shutdown();
+    clipboard_->sessionEnded();
     screen_->setDisplaysChanged(nullptr);
     capture_->shutdown();
     // Nothing the agent pressed stays down after it stops.
@@ -532,6 +566,7 @@ class RealAgent {
   std::shared_ptr<DesktopBackend> desktop_;
   std::shared_ptr<InputInjector> injector_;
   std::shared_ptr<AccessibilityScenePublisher> publisher_;
+  std::shared_ptr<ClipboardSharing> clipboard_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;
   std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;

@@ -9,6 +9,7 @@
 #include "ZulPlatform/linux/gnome/MutterInputInjector.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "ZulPlatform/linux/x11/X11CaptureConnection.h"
+#include "ZulPlatform/linux/x11/X11Clipboard.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
 
 namespace zul {
@@ -63,6 +64,7 @@ class X11Backend final : public DesktopBackend {
     return ScreenCaptureSource::primaryDisplayID();
   }
   bool desktopGone() override { return X11CaptureConnection::open("") == nullptr; }
+  std::shared_ptr<Clipboard> makeClipboard() override { return std::make_shared<X11Clipboard>(); }
 };
 
 class GnomeBackend final : public DesktopBackend {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ZulCore/Clipboard/Clipboard.h"
 #include "ZulCore/Input/InputInjector.h"
 #include "ZulCore/Media/CaptureSource.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
@@ -68,6 +69,8 @@ class DesktopBackend {
   // phone now controls it (a desktop notification); nothing elsewhere.
   // False when the desktop could not show it.
   virtual bool announceRemoteControl(const std::string& /*deviceName*/) { return true; }
+  // The desktop's clipboard; nothing where it cannot be shared.
+  virtual std::shared_ptr<Clipboard> makeClipboard() { return nullptr; }
   // After capture failed: true when the desktop is gone for good (an X
   // server that no longer answers), false when it may come back (a
   // compositor restarting) and capture may be started again.

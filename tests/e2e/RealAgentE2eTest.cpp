@@ -6,8 +6,10 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "HeadlessChromium.h"
+#include "ZulCore/Trust/Base64Url.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "ZulTransport/DataChannelCatalog.h"
@@ -61,8 +63,17 @@ class Phone {
   bool waitFor(const std::string& expression, std::chrono::seconds limit = 60s) {
     return browser_.waitFor(page_, expression, limit);
   }
-  nlohmann::json pair(const std::string& link) {
-    return eval("zulPhone.pair(" + nlohmann::json(link).dump() + ")");
+  nlohmann::json pair(const std::string& link,
+                      const nlohmann::json& permissions = {"view", "control"}) {
+    return eval("zulPhone.pair(" + nlohmann::json(link).dump() + ", " + permissions.dump() + ")");
+  }
+  // The control messages of a type received so far.
+  nlohmann::json received(const std::string& type) {
+    return eval("zulPhone.controlMessages().filter(m => m.type === '" + type + "')");
+  }
+  bool receivedAtLeast(const std::string& type, std::size_t count) {
+    return waitFor("zulPhone.controlMessages().filter(m => m.type === '" + type +
+                   "').length >= " + std::to_string(count));
   }
   // The session id once the control channel is open.
   std::string connect(const std::string& options = "{}") {
@@ -342,11 +353,13 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   openPhone();
   phone_->pair(linkA);
   Phone phoneB(*browser_, serverPort_, "127.0.0.1");
-  phoneB.pair(pairingLink(firstLink + 1));
+  phoneB.pair(pairingLink(firstLink + 1), {"view", "control", "clipboard"});
   ASSERT_EQ(trustedDevices().load().size(), 2u);
 
   const std::string sessionA = phone_->connect();
-  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
+  const auto helloA = phone_->waitForControl(1);
+  ASSERT_EQ(helloA["type"], "control.hello.ok") << agent_->tail();
+  EXPECT_EQ(helloA["host"]["clipboardCopy"], false);
   ASSERT_TRUE(phone_->framesDecodedAbove(5));
   auto aStillServed = [&](int x) {
     const int decoded = phone_->stats()["framesDecoded"].get<int>();
@@ -383,6 +396,13 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   EXPECT_EQ(agent_->countContaining("offering a connection to", mark), 1u);
   aStillServed(104);
 
+  // A was not allowed the clipboard: refused, saying which permission.
+  phone_->send("control.clipboard.get", sessionA, {{"mimeType", "text/plain;charset=utf-8"}});
+  ASSERT_TRUE(phone_->waitFor(std::string(Phone::replies) + ".some(m => m.reason === 'denied')"));
+  EXPECT_EQ(phone_->eval(std::string(Phone::replies) + ".find(m => m.reason === 'denied')")
+                .value("permission", ""),
+            "clipboard");
+
   // B asks to take over: it is in session and A's connection is closed.
   holdButton(*phone_, sessionA);
   mark = agent_->lines().size();
@@ -398,6 +418,36 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   EXPECT_TRUE(phoneB.framesDecodedAbove(5)) << phoneB.stats().dump();
   phoneB.sendCursor(sessionB, 200, 100);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=200 y=100", 30s, mark));
+
+  // B holds the clipboard permission: the desktop's clipboard both ways,
+  // the content in pieces (a text larger than one piece).
+  EXPECT_EQ(ok["host"]["clipboardCopy"], true);
+  const std::string xclip = "DISPLAY=" + xvfb_->display() + " xclip -selection clipboard ";
+  const std::string fromDesktop = "С рабочего стола " + std::string(1'000'000, 'd');
+  const std::string file = dataHome_.string() + "/clip";
+  std::ofstream(file, std::ios::binary) << fromDesktop;
+  const std::size_t changes = phoneB.received("control.clipboard.changed").size();
+  ASSERT_EQ(std::system((xclip + "-i " + file).c_str()), 0);
+  ASSERT_TRUE(phoneB.receivedAtLeast("control.clipboard.changed", changes + 1)) << agent_->tail();
+  EXPECT_EQ(phoneB.received("control.clipboard.changed").back()["mimeTypes"],
+            nlohmann::json({"text/plain;charset=utf-8"}));
+  phoneB.send("control.clipboard.get", sessionB, {{"mimeType", "text/plain;charset=utf-8"}});
+  ASSERT_TRUE(phoneB.receivedAtLeast("control.clipboard.content", 2)) << agent_->tail();
+  std::string fetched;
+  for (const auto& piece : phoneB.received("control.clipboard.content")) {
+    EXPECT_EQ(piece["offset"], fetched.size());
+    EXPECT_EQ(piece["total"], fromDesktop.size());
+    fetched += toString(Base64Url::decode(piece["data"].get<std::string>()).value_or(Bytes{}));
+  }
+  EXPECT_TRUE(fetched == fromDesktop) << fetched.size();
+  const std::string fromPhone = "С телефона 📋";
+  phoneB.send("control.clipboard.set", sessionB,
+              {{"mimeType", "text/plain;charset=utf-8"},
+               {"offset", 0},
+               {"total", fromPhone.size()},
+               {"data", Base64Url::encode(toBytes(fromPhone))}});
+  ASSERT_TRUE(phoneB.receivedAtLeast("control.clipboard.done", 1)) << agent_->tail();
+  EXPECT_EQ(commandOutput(xclip + "-o"), fromPhone);
 
   // B's connection is lost with its button down.
   holdButton(phoneB, sessionB);

@@ -3,6 +3,7 @@
 // session bus, the accessibility bus and registry, and the GTK test window.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,6 +19,7 @@
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/x11/X11Clipboard.h"
 #include "ZulPlatform/linux/x11/XTestInputInjector.h"
 #include "support/ChildProcess.h"
 #include "support/XvfbServer.h"
@@ -60,6 +62,62 @@ class DesktopInput : public ::testing::Test {
   std::vector<unsigned long> mapBefore;
   std::shared_ptr<XTestInputInjector> injector;
 };
+
+// The clipboard both ways with another X client (xclip), text and a
+// picture, small and large enough to go in INCR pieces.
+TEST_F(DesktopInput, ClipboardGoesBothWaysWithAnotherClient) {
+  if (!test::haveProgram("xclip")) GTEST_SKIP() << "xclip is not installed";
+  X11Clipboard clipboard(desktop->display());
+  std::mutex mutex;
+  std::vector<std::vector<std::string>> changes;
+  clipboard.onChanged = [&](const std::vector<std::string>& types) {
+    std::lock_guard lock(mutex);
+    changes.push_back(types);
+  };
+  clipboard.start();
+  const std::string xclip = "DISPLAY=" + desktop->display() + " xclip -selection clipboard ";
+  auto heard = [&](std::size_t count) {
+    return test::waitUntil([&] { std::lock_guard lock(mutex); return changes.size() >= count; },
+                           std::chrono::seconds(10));
+  };
+  const std::string picture = "\x89PNG\r\n\x1a\n" + std::string(300'000, 'p');
+  const struct {
+    std::string type, content;
+  } cases[] = {
+      {std::string(clipboardTextType), "Привет, clipboard"},
+      {std::string(clipboardTextType), std::string(700'000, 'x') + "end"},
+      {std::string(clipboardImageType), picture},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type + " of " + std::to_string(c.content.size()));
+    const std::string file = "/tmp/zul-clip-" + std::to_string(::getpid());
+    std::ofstream(file, std::ios::binary) << c.content;
+    // Another client takes the clipboard: the change and its content.
+    std::size_t before;
+    {
+      std::lock_guard lock(mutex);
+      before = changes.size();
+    }
+    const std::string target = c.type == clipboardImageType ? "-t image/png " : "";
+    ASSERT_EQ(std::system((xclip + target + "-i " + file).c_str()), 0);
+    ASSERT_TRUE(heard(before + 1));
+    {
+      std::lock_guard lock(mutex);
+      EXPECT_EQ(changes.back(), std::vector<std::string>{c.type});
+    }
+    EXPECT_EQ(toString(clipboard.read(c.type)), c.content);
+    // We take it back: the other client pastes exactly our bytes.
+    clipboard.write(c.type, toBytes(c.content + "!"));
+    const std::string pasted = test::commandOutput(xclip + target + "-o");
+    EXPECT_EQ(pasted.size(), c.content.size() + 1);
+    EXPECT_TRUE(pasted == c.content + "!");
+    std::remove(file.c_str());
+  }
+  EXPECT_THROW(clipboard.read("text/html"), ClipboardError);
+  EXPECT_THROW(clipboard.write(std::string(clipboardTextType), Bytes(maxClipboardTextBytes + 1)),
+               ClipboardError);
+  clipboard.stop();
+}
 
 TEST_F(DesktopInput, PointerLandsWhereTheWireSaysOnEitherMonitor) {
   const DesktopRect side{1920, 176, 1280, 1024};

@@ -94,7 +94,7 @@ function recordSignalError(message) {
   status(`error:${message.code}`);
 }
 
-async function pair(linkText) {
+async function pair(linkText, permissions = ['view', 'control']) {
   const payload = parseLink(linkText);
   const transcript = `ZUL-DTLS-FINGERPRINT-1\n${payload.agentId}\n${payload.dtlsFingerprint}\n` +
     payload.ephemeralX25519PublicKey;
@@ -110,7 +110,7 @@ async function pair(linkText) {
       if (m.type === 'pairing.grant' || m.type === 'signal.error') resolve(m);
     };
     ws.send(JSON.stringify({ type: 'pairing.request', secret: payload.pairingSecret,
-      permissions: ['view', 'control'] }));
+      permissions }));
   });
   ws.close();
   if (message.type === 'signal.error') {
