@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ZulPlatform/linux/gnome/MutterCaptureSource.h"
+#include "ZulPlatform/linux/gnome/MutterClipboard.h"
 #include "ZulPlatform/linux/gnome/MutterDesktop.h"
 #include "ZulPlatform/linux/gnome/MutterInputInjector.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
@@ -88,6 +89,9 @@ class GnomeBackend final : public DesktopBackend {
       if (monitor.primary) return monitor.display.displayID;
     }
     return std::nullopt;
+  }
+  std::shared_ptr<Clipboard> makeClipboard() override {
+    return std::make_shared<MutterClipboard>(desktop_);
   }
   // Mutter's remote-desktop interface asks nobody: the user learns of the
   // phone from us.

@@ -192,11 +192,12 @@ class RealAgentE2eTest : public testing::Test {
   }
 
   // Agent, server and phone, paired and in session; returns the session id.
-  std::string pairAndConnect(const std::string& connectOptions = "{}") {
+  std::string pairAndConnect(const std::string& connectOptions = "{}",
+                             const nlohmann::json& permissions = {"view", "control"}) {
     const std::string link = pairingLink();
     openPhone();
-    const auto grant = phone_->pair(link);
-    EXPECT_EQ(grant["permissions"], nlohmann::json({"view", "control"}));
+    const auto grant = phone_->pair(link, permissions);
+    EXPECT_EQ(grant["permissions"], permissions);
     return phone_->connect(connectOptions);
   }
 
@@ -600,7 +601,7 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
 
   startServer();
   startAgent(gnome.environment());
-  const std::string sessionId = pairAndConnect();
+  const std::string sessionId = pairAndConnect("{}", {"view", "control", "clipboard"});
   ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_TRUE(agent_->waitForLine("desktop: gnome (")) << agent_->tail();
   // Mutter asks nobody: the user learns of the phone from a notification.
@@ -624,6 +625,28 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   phone_->send("input.text", sessionId, {{"value", "\u0414\u0430, ok"}});
   EXPECT_TRUE(agent_->waitForLine("[input.text] ok")) << agent_->tail();
   EXPECT_TRUE(app.waitForLine("text \"\\u0414\\u0430, ok\"", 30s)) << app.tail();
+
+  // The clipboard through mutter: the window copies, the phone hears of it
+  // and fetches the text; the phone sets the clipboard and the window pastes.
+  const std::size_t changes = phone_->received("control.clipboard.changed").size();
+  phone_->send("input.key", sessionId, {{"combo", "Ctrl+A"}});
+  phone_->send("input.key", sessionId, {{"combo", "Ctrl+C"}});
+  ASSERT_TRUE(phone_->receivedAtLeast("control.clipboard.changed", changes + 1)) << agent_->tail();
+  phone_->send("control.clipboard.get", sessionId, {{"mimeType", "text/plain;charset=utf-8"}});
+  ASSERT_TRUE(phone_->receivedAtLeast("control.clipboard.content", 1)) << agent_->tail();
+  const auto piece = phone_->received("control.clipboard.content")[0];
+  EXPECT_EQ(toString(Base64Url::decode(piece["data"].get<std::string>()).value_or(Bytes{})),
+            "\u0414\u0430, ok");
+  const std::string fromPhone = "pasted from the phone";
+  phone_->send("control.clipboard.set", sessionId,
+               {{"mimeType", "text/plain;charset=utf-8"},
+                {"offset", 0},
+                {"total", fromPhone.size()},
+                {"data", Base64Url::encode(toBytes(fromPhone))}});
+  ASSERT_TRUE(phone_->receivedAtLeast("control.clipboard.done", 1)) << agent_->tail();
+  phone_->send("input.key", sessionId, {{"combo", "Ctrl+A"}});
+  phone_->send("input.key", sessionId, {{"combo", "Ctrl+V"}});
+  EXPECT_TRUE(app.waitForLine("text " + nlohmann::json(fromPhone).dump(), 30s)) << app.tail();
 
   // Monitors are named by their place, as on X11; mutter's connector goes beside.
   ASSERT_TRUE(phone_->waitFor(

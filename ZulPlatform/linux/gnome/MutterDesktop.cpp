@@ -1,6 +1,7 @@
 #include "ZulPlatform/linux/gnome/MutterDesktop.h"
 
 #include <gio/gio.h>
+#include <gio/gunixfdlist.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -193,6 +194,49 @@ class Session final : public MutterSession {
     notify("NotifyKeyboardKeysym", g_variant_new("(ub)", guint32(keysym), gboolean(pressed)));
   }
 
+  void enableClipboard() override {
+    GVariantBuilder options;
+    g_variant_builder_init(&options, G_VARIANT_TYPE("a{sv}"));
+    notify("EnableClipboard", g_variant_new("(a{sv})", &options));
+  }
+  void disableClipboard() override { notify("DisableClipboard", nullptr); }
+  void setSelection(const std::vector<std::string>& mimeTypes) override {
+    GVariantBuilder types;
+    g_variant_builder_init(&types, G_VARIANT_TYPE("as"));
+    for (const auto& type : mimeTypes) g_variant_builder_add(&types, "s", type.c_str());
+    GVariantBuilder options;
+    g_variant_builder_init(&options, G_VARIANT_TYPE("a{sv}"));
+    g_variant_builder_add(&options, "{sv}", "mime-types", g_variant_builder_end(&types));
+    notify("SetSelection", g_variant_new("(a{sv})", &options));
+  }
+  int selectionRead(const std::string& mimeType) override {
+    return callForFd("SelectionRead", g_variant_new("(s)", mimeType.c_str()));
+  }
+  int selectionWrite(std::uint32_t serial) override {
+    return callForFd("SelectionWrite", g_variant_new("(u)", guint32(serial)));
+  }
+  void selectionWriteDone(std::uint32_t serial, bool success) override {
+    notify("SelectionWriteDone", g_variant_new("(ub)", guint32(serial), gboolean(success)));
+  }
+
+  // A method that answers with a file descriptor.
+  int callForFd(const char* method, GVariant* arguments) {
+    ErrorHolder error;
+    GUnixFDList* fds = nullptr;
+    GVariant* result = g_dbus_connection_call_with_unix_fd_list_sync(
+        bus_.get(), remoteDesktopName, sessionPath_.c_str(), remoteDesktopSession, method,
+        arguments, G_VARIANT_TYPE("(h)"), G_DBUS_CALL_FLAGS_NONE, callTimeoutMs, nullptr, &fds,
+        nullptr, &error.error);
+    if (!result) throw MutterError::callFailed(method, error.message());
+    Variant reply(result);
+    gint32 index = -1;
+    g_variant_get(reply.get(), "(h)", &index);
+    const int fd = fds ? g_unix_fd_list_get(fds, index, nullptr) : -1;
+    if (fds) g_object_unref(fds);
+    if (fd < 0) throw MutterError::callFailed(method, "no file descriptor in the answer");
+    return fd;
+  }
+
   void notify(const char* method, GVariant* arguments) {
     call(bus_.get(), remoteDesktopName, sessionPath_, remoteDesktopSession, method, arguments,
          nullptr);
@@ -248,9 +292,11 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     // Subscriptions deliver on the thread-default context at the time of the
     // call: ours, iterated by our thread from here on.
     g_main_context_push_thread_default(context_);
-    subscriptions_.push_back(g_dbus_connection_signal_subscribe(
-        bus_.get(), nullptr, remoteDesktopSession, "Closed", nullptr, nullptr,
-        G_DBUS_SIGNAL_FLAGS_NONE, &Desktop::onSignal, this, nullptr));
+    for (const char* signal : {"Closed", "SelectionOwnerChanged", "SelectionTransfer"}) {
+      subscriptions_.push_back(g_dbus_connection_signal_subscribe(
+          bus_.get(), nullptr, remoteDesktopSession, signal, nullptr, nullptr,
+          G_DBUS_SIGNAL_FLAGS_NONE, &Desktop::onSignal, this, nullptr));
+    }
     subscriptions_.push_back(g_dbus_connection_signal_subscribe(
         bus_.get(), nullptr, screenCastStream, "PipeWireStreamAdded", nullptr, nullptr,
         G_DBUS_SIGNAL_FLAGS_NONE, &Desktop::onSignal, this, nullptr));
@@ -367,6 +413,7 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
       previous = std::move(input_);
       input_ = std::move(session);
     }
+    onInputSessionChanged();
     // `previous` stops its session here, outside the lock.
   }
 
@@ -376,6 +423,11 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
       std::lock_guard lock(mutex_);
       if (input_ == session) previous = std::move(input_);
     }
+  }
+
+  std::shared_ptr<MutterSession> openInputSession() override {
+    std::lock_guard guard(mutex_);
+    return input_ && input_->open() ? input_ : nullptr;
   }
 
   std::shared_ptr<MutterSession> inputSession() override {
@@ -464,7 +516,7 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     std::shared_ptr<Session> session;
     {
       std::lock_guard lock(mutex_);
-      auto& index = signal == "Closed" ? sessions_ : streams_;
+      auto& index = interface == remoteDesktopSession ? sessions_ : streams_;
       if (auto it = index.find(path); it != index.end()) session = it->second.lock();
     }
     if (!session) return;
@@ -475,6 +527,27 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
       session->announced(node);
     } else if (signal == "Closed" && interface == remoteDesktopSession) {
       session->closedByMutter();
+    } else if (signal == "SelectionOwnerChanged" &&
+               g_variant_is_of_type(parameters, G_VARIANT_TYPE("(a{sv})"))) {
+      Variant options(g_variant_get_child_value(parameters, 0));
+      std::vector<std::string> types;
+      GVariant* list = g_variant_lookup_value(options.get(), "mime-types", G_VARIANT_TYPE("as"));
+      if (list) {
+        GVariantIter iter;
+        const gchar* type = nullptr;
+        g_variant_iter_init(&iter, list);
+        while (g_variant_iter_next(&iter, "&s", &type)) types.emplace_back(type);
+        g_variant_unref(list);
+      }
+      gboolean ours = FALSE;
+      g_variant_lookup(options.get(), "session-is-owner", "b", &ours);
+      session->onSelectionOwnerChanged(types, bool(ours));
+    } else if (signal == "SelectionTransfer" &&
+               g_variant_is_of_type(parameters, G_VARIANT_TYPE("(su)"))) {
+      const gchar* type = nullptr;
+      guint32 serial = 0;
+      g_variant_get(parameters, "(&su)", &type, &serial);
+      session->onSelectionTransfer(std::string(type), std::uint32_t(serial));
     }
   }
 

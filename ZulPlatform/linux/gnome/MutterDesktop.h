@@ -62,6 +62,23 @@ class MutterSession {
   // `axis` 0 vertical (positive down), 1 horizontal (positive right).
   virtual void pointerAxisDiscrete(unsigned axis, int steps) = 0;
   virtual void keyboardKeysym(std::uint32_t keysym, bool pressed) = 0;
+
+  // The clipboard through the session (no prompt). Throw MutterError.
+  virtual void enableClipboard() = 0;
+  virtual void disableClipboard() = 0;
+  // Offers content of these types; mutter then asks for it with
+  // onSelectionTransfer each time something pastes.
+  virtual void setSelection(const std::vector<std::string>& mimeTypes) = 0;
+  // A pipe to read the clipboard's content of one type from (ours to close).
+  virtual int selectionRead(const std::string& mimeType) = 0;
+  // A pipe to write the content of a transfer to (ours to close), then done.
+  virtual int selectionWrite(std::uint32_t serial) = 0;
+  virtual void selectionWriteDone(std::uint32_t serial, bool success) = 0;
+  // On the bus thread: the clipboard's owner changed (its types, and
+  // whether it is this session).
+  Callback<const std::vector<std::string>& /*mimeTypes*/, bool /*ours*/> onSelectionOwnerChanged;
+  // On the bus thread: something pastes content this session offered.
+  Callback<const std::string& /*mimeType*/, std::uint32_t /*serial*/> onSelectionTransfer;
 };
 
 // A connection to mutter on the session bus (a private one, so that every
@@ -92,6 +109,10 @@ class MutterDesktop {
   // GNOME Shell's remote-access indicator goes) once capture ends.
   virtual void releaseInputSession(const std::shared_ptr<MutterSession>& session) = 0;
   virtual std::shared_ptr<MutterSession> inputSession() = 0;
+  // The session input uses while it is open, without opening one.
+  virtual std::shared_ptr<MutterSession> openInputSession() = 0;
+  // Input moved to another session (a display switch, mutter back).
+  Callback<> onInputSessionChanged;
 
   // Called on the bus thread after mutter changed the monitors. Returns a
   // token for removeMonitorsChanged.
