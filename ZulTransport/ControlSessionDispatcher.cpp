@@ -207,6 +207,11 @@ std::optional<std::string> ControlSessionDispatcher::activeSessionId() const {
   return sessionId_;
 }
 
+std::optional<PermissionGate> ControlSessionDispatcher::activePermissions() const {
+  std::lock_guard lock(mutex_);
+  return permissions_;
+}
+
 void ControlSessionDispatcher::releaseActiveSession() {
   std::optional<std::string> sessionId;
   {

@@ -93,6 +93,8 @@ class ControlSessionDispatcher {
   // any other device is refused.
   void setExpectedPeerDeviceId(std::optional<std::string> deviceId);
   std::optional<std::string> activeSessionId() const;
+  // The established session's permissions; nothing without a session.
+  std::optional<PermissionGate> activePermissions() const;
   void releaseActiveSession();
   // Answers a request of the session that failed after it was passed on:
   // "control.error" with "PERMISSION_DENIED" for a missing permission,

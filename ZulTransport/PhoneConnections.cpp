@@ -182,7 +182,11 @@ void PhoneConnections::build(const std::shared_ptr<Connection>& connection,
           auto target = dispatcher.lock();
           if (!self || !target) return;
           if (isBinary) {
-            print("[" + label + "] binary message, " + std::to_string(data.size()) + " bytes");
+            if (auto permissions = target->activePermissions()) {
+              self->onBinaryMessage(label, data, *permissions);
+            } else {
+              print("[" + label + "] binary message outside a session dropped");
+            }
             return;
           }
           target->handle(label,
@@ -373,6 +377,13 @@ void PhoneConnections::sendToSession(std::string_view channel, std::string_view 
   auto connection = sessionConnection();
   if (!connection) throw AgentPeerSessionError::channelNotOpen(std::string(channel));
   connection->channel->sendText(channel, payload);
+}
+
+void PhoneConnections::sendBinaryToSession(std::string_view channel, const Bytes& payload) {
+  auto connection = sessionConnection();
+  auto session = connection ? connection->channel->session() : nullptr;
+  if (!session) throw AgentPeerSessionError::channelNotOpen(std::string(channel));
+  session->sendBinary(channel, payload);
 }
 
 void PhoneConnections::refuse(const std::string& sessionId, const std::exception& error) {

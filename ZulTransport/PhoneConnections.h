@@ -60,6 +60,7 @@ class PhoneConnections final : public PhoneSessions,
   std::optional<std::string> activeSessionId() const override;
   std::optional<std::string> activeDeviceId() const override;
   void sendToSession(std::string_view channel, std::string_view payload) override;
+  void sendBinaryToSession(std::string_view channel, const Bytes& payload) override;
   void refuse(const std::string& sessionId, const std::exception& error) override;
   void push(const CapturedFrame& frame, std::int64_t timestampNs) override;
   std::uint64_t bufferedAmount(std::string_view channel) const override;

@@ -1,5 +1,6 @@
 #include "ZulTransport/PhoneRequests.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -12,6 +13,9 @@ PhoneRequestError PhoneRequestError::invalidSemanticInvocation() {
 }
 PhoneRequestError PhoneRequestError::invalidClipboardPiece() {
   return {Case::invalidClipboardPiece, formatErrorCase("invalidClipboardPiece")};
+}
+PhoneRequestError PhoneRequestError::invalidFilesRequest() {
+  return {Case::invalidFilesRequest, formatErrorCase("invalidFilesRequest")};
 }
 
 bool PhoneRequestRule::allowsChannel(std::string_view channel) const {
@@ -33,7 +37,10 @@ constexpr auto pointer = RequestQueue::pointer, keyboard = RequestQueue::keyboar
 
 // Types, the permission each demands, the channels each may arrive on, and
 // the queue its work runs on.
-constexpr std::array<PhoneRequestRule, 11> table = {{
+constexpr auto files = DevicePermission::files;
+constexpr auto filesQueue = RequestQueue::files;
+
+constexpr std::array<PhoneRequestRule, 16> table = {{
     {"input.cursor", control, {"input-fast", "input"}, pointer},
     {"input.scroll", control, {"input-fast", "input"}, pointer},
     {"input.text", control, {"input"}, keyboard},
@@ -45,6 +52,11 @@ constexpr std::array<PhoneRequestRule, 11> table = {{
     {"control.device.forget", std::nullopt, {"control"}, trust},
     {"control.clipboard.get", clipboard, {"control"}, clipboardQueue},
     {"control.clipboard.set", clipboard, {"control"}, clipboardQueue},
+    {"files.list", files, {"files"}, filesQueue},
+    {"files.download", files, {"files"}, filesQueue},
+    {"files.upload", files, {"files"}, filesQueue},
+    {"files.done", files, {"files"}, filesQueue},
+    {"files.cancel", files, {"files"}, filesQueue},
 }};
 
 const nlohmann::json* at(const nlohmann::json& json, const char* key) {
@@ -112,9 +124,49 @@ std::optional<PhoneRequest> scrollRequest(const nlohmann::json& json) {
   return ScrollRequest{action};
 }
 
+// The phone's number for a transfer: a whole number that fits 32 bits.
+std::optional<std::uint32_t> transferAt(const nlohmann::json& json) {
+  const auto* value = at(json, "transfer");
+  if (!value || !value->is_number_integer()) return std::nullopt;
+  const auto number = value->get<std::int64_t>();
+  if (number < 0 || number > std::int64_t(UINT32_MAX)) return std::nullopt;
+  return std::uint32_t(number);
+}
+
+PhoneRequest filesRequest(std::string_view type, const nlohmann::json& json) {
+  const std::string* path = stringAt(json, "path");
+  const auto transfer = transferAt(json);
+  const auto offset = wholeAt(json, "offset").value_or(0);
+  if (offset < 0) throw PhoneRequestError::invalidFilesRequest();
+  if (type == "files.list") {
+    const auto* hidden = at(json, "hidden");
+    const auto limit = wholeAt(json, "limit").value_or(200);
+    return FilesListRequest{path ? *path : "", hidden && hidden->is_boolean() && hidden->get<bool>(),
+                            offset, std::clamp<std::int64_t>(limit, 1, 1000)};
+  }
+  if (!transfer) throw PhoneRequestError::invalidFilesRequest();
+  if (type == "files.download") {
+    if (!path) throw PhoneRequestError::invalidFilesRequest();
+    return FilesDownloadRequest{*transfer, *path, offset};
+  }
+  if (type == "files.upload") {
+    const std::string* folder = stringAt(json, "folder");
+    const std::string* name = stringAt(json, "name");
+    const auto size = wholeAt(json, "size");
+    if (!name || !size || *size < 0) throw PhoneRequestError::invalidFilesRequest();
+    return FilesUploadRequest{*transfer, folder ? *folder : "", *name, *size};
+  }
+  if (type == "files.done") {
+    const std::string* sha256 = stringAt(json, "sha256");
+    if (!sha256) throw PhoneRequestError::invalidFilesRequest();
+    return FilesDoneRequest{*transfer, *sha256};
+  }
+  return FilesCancelRequest{*transfer};
+}
+
 }  // namespace
 
-const std::array<PhoneRequestRule, 11>& rules() { return table; }
+const std::array<PhoneRequestRule, 16>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {
@@ -165,6 +217,7 @@ std::optional<PhoneRequest> decode(const RoutedMessage& message) {
     }
     return ClipboardSetRequest{*kind, offset, *total, std::move(*data)};
   }
+  if (type.starts_with("files.")) return filesRequest(type, json);
   throw std::invalid_argument("no request rule for " + message.type);
 }
 

@@ -17,12 +17,15 @@ namespace zul {
 
 class PhoneRequestError : public Error {
  public:
-  enum class Case { invalidSemanticInvocation, invalidClipboardPiece };
+  enum class Case { invalidSemanticInvocation, invalidClipboardPiece, invalidFilesRequest };
   // An element action without a string "elementId" or a numeric "sceneSeq".
   static PhoneRequestError invalidSemanticInvocation();
   // A piece of clipboard content without its type, its data in base64url,
   // or a place ("offset", "total") that can hold it.
   static PhoneRequestError invalidClipboardPiece();
+  // A files request without its transfer number, path or name, or with a
+  // size or offset below 0.
+  static PhoneRequestError invalidFilesRequest();
   Case kind() const { return kind_; }
 
  private:
@@ -81,15 +84,49 @@ struct ClipboardSetRequest {
   friend bool operator==(const ClipboardSetRequest&, const ClipboardSetRequest&) = default;
 };
 
-using PhoneRequest = std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest,
-                                  InvokeRequest, SceneSnapshotRequest, MonitorListRequest,
-                                  MonitorSelectRequest, ForgetDeviceRequest, ClipboardGetRequest,
-                                  ClipboardSetRequest>;
+// Files of the home folder; paths are relative to it, transfers numbered by
+// the phone.
+struct FilesListRequest {
+  std::string path;
+  bool hidden = false;
+  std::int64_t offset = 0;
+  std::int64_t limit = 200;
+  friend bool operator==(const FilesListRequest&, const FilesListRequest&) = default;
+};
+struct FilesDownloadRequest {
+  std::uint32_t transfer = 0;
+  std::string path;
+  std::int64_t offset = 0;  // resumed from here
+  friend bool operator==(const FilesDownloadRequest&, const FilesDownloadRequest&) = default;
+};
+struct FilesUploadRequest {
+  std::uint32_t transfer = 0;
+  std::string folder;  // empty: the upload folder
+  std::string name;
+  std::int64_t size = 0;
+  friend bool operator==(const FilesUploadRequest&, const FilesUploadRequest&) = default;
+};
+// Every byte of an upload is sent: its SHA-256, to check before it is kept.
+struct FilesDoneRequest {
+  std::uint32_t transfer = 0;
+  std::string sha256;
+  friend bool operator==(const FilesDoneRequest&, const FilesDoneRequest&) = default;
+};
+struct FilesCancelRequest {
+  std::uint32_t transfer = 0;
+  friend bool operator==(const FilesCancelRequest&, const FilesCancelRequest&) = default;
+};
+
+using PhoneRequest =
+    std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest, InvokeRequest,
+                 SceneSnapshotRequest, MonitorListRequest, MonitorSelectRequest,
+                 ForgetDeviceRequest, ClipboardGetRequest, ClipboardSetRequest, FilesListRequest,
+                 FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesCancelRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either
 // (scenes and displays are queued by the publisher and switcher themselves).
-enum class RequestQueue { pointer, keyboard, element, scene, display, trust, clipboard };
+enum class RequestQueue { pointer, keyboard, element, scene, display, trust, clipboard, files };
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
@@ -106,7 +143,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 11>& rules();
+const std::array<PhoneRequestRule, 16>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "ZulCore/Media/CapturedFrame.h"
+#include "ZulCore/Support/Bytes.h"
 #include "ZulCore/Support/Callback.h"
 #include "ZulCore/Trust/DevicePermission.h"
 #include "ZulTransport/MessageRouter.h"
@@ -27,6 +28,10 @@ class PhoneSessions : public SignalingPeer {
   Callback<> onSessionEnded;
   // Each message of the session in progress, with the phone's permissions.
   Callback<const RoutedMessage&, const PermissionGate&> onAuthenticatedMessage;
+  // Each binary message of the session in progress (the "files" channel),
+  // with the phone's permissions; binary messages of a connection without a
+  // session are dropped.
+  Callback<const std::string& /*channel*/, const Bytes&, const PermissionGate&> onBinaryMessage;
   Callback<const std::string& /*line*/> onDiagnostic;
 
   // The phone in session.
@@ -34,6 +39,7 @@ class PhoneSessions : public SignalingPeer {
   virtual std::optional<std::string> activeDeviceId() const = 0;
   // Sends to the phone in session; throws AgentPeerSessionError.
   virtual void sendToSession(std::string_view channel, std::string_view payload) = 0;
+  virtual void sendBinaryToSession(std::string_view channel, const Bytes& payload) = 0;
   // Answers a failed request of the session `sessionId`, if it is still live
   // ("control.error").
   virtual void refuse(const std::string& sessionId, const std::exception& error) = 0;

@@ -92,6 +92,9 @@ void PhoneRequestDispatcher::queue(RequestQueue which, const RoutedMessage& mess
     case RequestQueue::clipboard:
       queue = &clipboardQueue_;
       break;
+    case RequestQueue::files:
+      queue = &filesQueue_;
+      break;
     case RequestQueue::scene:
     case RequestQueue::display:
     case RequestQueue::trust:
@@ -132,6 +135,10 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                  },
                  [&](const ClipboardSetRequest& set) {
                    clipboard(message, [&] { targets_.clipboardSet(set); });
+                 },
+                 [&](const auto& files) {
+                   // The files family: list, download, upload, done, cancel.
+                   if (targets_.files) targets_.files(PhoneRequest(files));
                  },
              },
              request);
@@ -233,6 +240,7 @@ void PhoneRequestDispatcher::waitUntilIdle() {
   keyboardQueue_.waitUntilIdle();
   elementQueue_.waitUntilIdle();
   clipboardQueue_.waitUntilIdle();
+  filesQueue_.waitUntilIdle();
 }
 
 void PhoneRequestDispatcher::shutdown() {
@@ -240,6 +248,7 @@ void PhoneRequestDispatcher::shutdown() {
   keyboardQueue_.shutdown();
   elementQueue_.shutdown();
   clipboardQueue_.shutdown();
+  filesQueue_.shutdown();
 }
 
 }  // namespace zul

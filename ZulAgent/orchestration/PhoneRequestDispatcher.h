@@ -43,6 +43,8 @@ class PhoneRequestDispatcher {
     // clipboard; on the clipboard's queue, may block; throw to refuse.
     std::function<void(const ClipboardGetRequest&)> clipboardGet;
     std::function<void(const ClipboardSetRequest&)> clipboardSet;
+    // A "files." request; answers its own failures.
+    std::function<void(const PhoneRequest&)> files;
     PrintLine print;
     // Tells the phone that its request failed ("control.error").
     std::function<void(const RoutedMessage&, const std::exception&)> refuse;
@@ -90,6 +92,7 @@ class PhoneRequestDispatcher {
   TaskQueue keyboardQueue_{64};
   TaskQueue elementQueue_{16};
   TaskQueue clipboardQueue_{32};
+  TaskQueue filesQueue_{64};
 };
 
 }  // namespace zul

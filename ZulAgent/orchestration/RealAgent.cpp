@@ -13,6 +13,7 @@
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/ClipboardSharing.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
+#include "ZulAgent/orchestration/FileTransfers.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
 #include "ZulAgent/orchestration/PhoneRequestDispatcher.h"
 #include "ZulAgent/orchestration/ServerConnection.h"
@@ -174,6 +175,7 @@ class RealAgent {
     // A new session never inherits a button or key the previous phone held.
     requests_->releaseAll();
     clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
+    if (files_) files_->sessionStarted(name);
     capture_->setWatched(true);
     switcher_->sendMonitorList();
   }
@@ -185,6 +187,7 @@ class RealAgent {
     }
     requests_->releaseAll();
     clipboard_->sessionEnded();
+    if (files_) files_->sessionEnded();
     capture_->setWatched(false);
   }
 
@@ -229,6 +232,30 @@ class RealAgent {
             },
         .print = print_,
     });
+    try {
+      files_ = std::make_shared<FileTransfers>(FileTransfers::Hooks{
+          .home = std::make_shared<HomeFolder>(HomeFolder::userHome()),
+          .send =
+              [phones](const Bytes& message) {
+                if (auto p = phones.lock()) p->sendBinaryToSession("files", message);
+              },
+          .bufferedBytes =
+              [phones] {
+                auto p = phones.lock();
+                return p ? p->bufferedAmount("files") : std::uint64_t(0);
+              },
+          .print = print_,
+          .event = event_,
+      });
+    } catch (const std::exception& error) {
+      event_(std::string("files cannot be shared: ") + error.what());
+    }
+    phones_->onBinaryMessage = [files = std::weak_ptr(files_)](
+                                   const std::string& channel, const Bytes& data,
+                                   const PermissionGate& permissions) {
+      auto f = files.lock();
+      if (f && channel == "files" && permissions.allows(DevicePermission::files)) f->received(data);
+    };
     requests_ = std::make_shared<PhoneRequestDispatcher>(PhoneRequestDispatcher::Targets{
         .injector = injector_,
         .sceneSource = sceneSource,
@@ -243,6 +270,11 @@ class RealAgent {
         .clipboardSet = [clipboard = clipboard_](const ClipboardSetRequest& request) {
           clipboard->set(request);
         },
+        .files = files_ ? std::function<void(const PhoneRequest&)>(
+                              [files = files_](const PhoneRequest& request) {
+                                files->handle(request);
+                              })
+                        : nullptr,
         .print = print_,
         .refuse =
             [phones](const RoutedMessage& message, const std::exception& error) {
@@ -513,6 +545,7 @@ class RealAgent {
     const auto deviceId = phones_->activeDeviceId();
     if (!deviceId) return;
     trustedDevices_->revoke(*deviceId);
+    if (files_) files_->forgetUploads();
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
     event_("phone forgot this computer: " + (name.empty() ? *deviceId : name) +
            " (revoked here too)");
@@ -525,6 +558,7 @@ class RealAgent {
     if (!trust_->revoked(deviceId)) return;
     print_("device " + deviceId + " is no longer trusted: ending its session");
     tellPhone("revoked", "this phone was removed from the computer's trusted phones");
+    if (files_) files_->forgetUploads();
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
     event_("phone revoked: " + (name.empty() ? trust_->deviceName(deviceId) : name) +
            " (its session ended)");
@@ -541,6 +575,7 @@ class RealAgent {
     switcher_->shutdown();
     publisher_->shutdown();
     requests_->shutdown();
+    if (files_) files_->shutdown();
     clipboard_->sessionEnded();
     screen_->setDisplaysChanged(nullptr);
     capture_->shutdown();
@@ -567,6 +602,7 @@ class RealAgent {
   std::shared_ptr<InputInjector> injector_;
   std::shared_ptr<AccessibilityScenePublisher> publisher_;
   std::shared_ptr<ClipboardSharing> clipboard_;
+  std::shared_ptr<FileTransfers> files_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;
   std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "HeadlessChromium.h"
+#include "ZulCore/Support/Sha256.h"
 #include "ZulCore/Trust/Base64Url.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
@@ -131,7 +132,7 @@ class RealAgentE2eTest : public testing::Test {
         fs::temp_directory_path() / ("zul-e2e-" + std::to_string(::getpid()) + "-" +
                                      testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dataHome_);
-    fs::create_directories(dataHome_);
+    fs::create_directories(dataHome_ / "home");
     // A 1920x1080 monitor and, to its right, a 1280x1024 one 56 pixels down.
     xvfb_ = std::make_unique<XvfbServer>(3200, 1080);
     painter_ = std::make_unique<ScreenPainter>(xvfb_->display());
@@ -164,6 +165,7 @@ class RealAgentE2eTest : public testing::Test {
                    {"ZUL_SECRET_BACKEND", "file"},
                    {"ZUL_VERBOSE", "1"},  // the test reads the detailed lines
                    {"XDG_DATA_HOME", dataHome_.string()},
+                   {"HOME", (dataHome_ / "home").string()},
                    {"ZUL_SIGNALING_URL", "http://localhost:" + std::to_string(serverPort_)}};
     options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS", "ZUL_DESKTOP"};
     if (!desktop.empty()) {
@@ -354,7 +356,7 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   openPhone();
   phone_->pair(linkA);
   Phone phoneB(*browser_, serverPort_, "127.0.0.1");
-  phoneB.pair(pairingLink(firstLink + 1), {"view", "control", "clipboard"});
+  phoneB.pair(pairingLink(firstLink + 1), {"view", "control", "clipboard", "files"});
   ASSERT_EQ(trustedDevices().load().size(), 2u);
 
   const std::string sessionA = phone_->connect();
@@ -397,10 +399,12 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   EXPECT_EQ(agent_->countContaining("offering a connection to", mark), 1u);
   aStillServed(104);
 
-  // A was not allowed the clipboard: refused, saying which permission.
+  // A was allowed neither the clipboard nor files: refused, saying which.
+  phone_->send("files.list", sessionA);
+  ASSERT_TRUE(phone_->waitFor(std::string(Phone::replies) + ".some(m => m.permission === 'files')"));
   phone_->send("control.clipboard.get", sessionA, {{"mimeType", "text/plain;charset=utf-8"}});
   ASSERT_TRUE(phone_->waitFor(std::string(Phone::replies) + ".some(m => m.reason === 'denied')"));
-  EXPECT_EQ(phone_->eval(std::string(Phone::replies) + ".find(m => m.reason === 'denied')")
+  EXPECT_EQ(phone_->eval(std::string(Phone::replies) + ".filter(m => m.reason === 'denied')[1]")
                 .value("permission", ""),
             "clipboard");
 
@@ -449,6 +453,58 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
                {"data", Base64Url::encode(toBytes(fromPhone))}});
   ASSERT_TRUE(phoneB.receivedAtLeast("control.clipboard.done", 1)) << agent_->tail();
   EXPECT_EQ(commandOutput(xclip + "-o"), fromPhone);
+
+  // Files of the home folder: an upload into the upload folder, twice (the
+  // second never replaces the first), the file downloaded back whole, and
+  // paths that lead out refused.
+  auto filesMessages = [&](const std::string& type) {
+    return phoneB.eval("zulPhone.filesMessages().filter(m => m.type === '" + type + "')");
+  };
+  auto filesCount = [&](const std::string& type, std::size_t count) {
+    return phoneB.waitFor("zulPhone.filesMessages().filter(m => m.type === '" + type +
+                          "').length >= " + std::to_string(count));
+  };
+  const std::string report = "отчёт " + std::string(100'000, 'r');
+  for (int transfer : {1, 2}) {
+    phoneB.send("files.upload", sessionB,
+                {{"transfer", transfer}, {"name", "report.txt"}, {"size", report.size()}});
+    ASSERT_TRUE(filesCount("files.accepted", std::size_t(transfer))) << agent_->tail();
+    for (std::size_t at = 0; at < report.size(); at += 60'000) {
+      phoneB.eval("zulPhone.sendPiece(" + std::to_string(transfer) + ", " + std::to_string(at) +
+                  ", '" + Base64Url::encode(toBytes(report.substr(at, 60'000))) + "')");
+    }
+    Sha256 hash;
+    hash.update(reinterpret_cast<const std::uint8_t*>(report.data()), report.size());
+    phoneB.send("files.done", sessionB, {{"transfer", transfer}, {"sha256", hash.hexDigest()}});
+    ASSERT_TRUE(filesCount("files.finished", std::size_t(transfer))) << agent_->tail();
+  }
+  const auto kept = filesMessages("files.finished");
+  EXPECT_EQ(kept[0]["name"], "report.txt");
+  EXPECT_EQ(kept[1]["name"], "report (2).txt");
+  const fs::path uploads = dataHome_ / "home" / kept[0]["folder"].get<std::string>();
+  for (const char* name : {"report.txt", "report (2).txt"}) {
+    std::ifstream in(uploads / name, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), report) << name;
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(uploads), fs::directory_iterator()), 2);
+  phoneB.send("files.download", sessionB,
+              {{"transfer", 3}, {"path", kept[0]["folder"].get<std::string>() + "/report.txt"}});
+  ASSERT_TRUE(filesCount("files.finished", 3)) << agent_->tail();
+  std::string downloaded;
+  for (const auto& piece : filesMessages("piece")) {
+    if (piece["transfer"] != 3) continue;
+    EXPECT_EQ(piece["offset"], downloaded.size());
+    downloaded += toString(Base64Url::decode(piece["data"].get<std::string>()).value_or(Bytes{}));
+  }
+  EXPECT_TRUE(downloaded == report) << downloaded.size();
+  EXPECT_EQ(filesMessages("files.finished")[2]["sha256"], kept[0]["sha256"]);
+  for (const auto& [path, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"../../etc/passwd", "badName"}, {"/etc/passwd", "outside"}}) {
+    phoneB.send("files.download", sessionB, {{"transfer", 4}, {"path", path}});
+  }
+  ASSERT_TRUE(filesCount("files.error", 2)) << agent_->tail();
+  EXPECT_EQ(filesMessages("files.error")[0]["reason"], "badName");
+  EXPECT_EQ(filesMessages("files.error")[1]["reason"], "outside");
 
   // B's connection is lost with its button down.
   holdButton(phoneB, sessionB);

@@ -18,6 +18,7 @@
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/H264AnnexB.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/files/HomeFolder.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 #include "support/Outcome.h"
@@ -634,6 +635,69 @@ TEST_F(FileSecretBackendTest, AutomaticChoiceKeepsTheStoreThatHoldsTheIdentity) 
         fs::exists(remembered) ? std::optional(readFile(remembered)) : std::nullopt,
         c.rememberedAfter ? std::optional(std::string(c.rememberedAfter) + "\n") : std::nullopt);
   }
+}
+
+// What the phone may reach of a home folder: paths beneath it, folders and
+// regular files only, names a file may have; what it writes never replaces.
+TEST(HomeFolderTest, KeepsEveryPathBeneathAndNeverReplaces) {
+  namespace fs = std::filesystem;
+  const fs::path home = fs::temp_directory_path() / ("zul-home-" + std::to_string(::getpid()));
+  fs::remove_all(home);
+  fs::create_directories(home / "Docs" / "inner");
+  std::ofstream(home / "Docs" / "a.txt") << "a";
+  std::ofstream(home / ".hidden") << "h";
+  fs::create_symlink("/etc", home / "Docs" / "out");
+  fs::create_symlink("inner", home / "Docs" / "in");
+  ASSERT_EQ(::mkfifo((home / "pipe").c_str(), 0600), 0);
+  HomeFolder folder(home);
+  const struct {
+    std::string path;
+    std::string outcome;  // "file", "folder" or the error's case
+  } cases[] = {
+      {"Docs/a.txt", "file"},          {"Docs", "folder"},
+      {"Docs/in", "folder"},           {"Docs/out/passwd", "outside"},
+      {"/etc/passwd", "outside"},      {"Docs/../../etc/passwd", "badName"},
+      {"Docs/./a.txt", "badName"},     {"Docs/a\x01.txt", "badName"},
+      {"pipe", "notAFile"},            {"nothing", "notFound"},
+      {"Docs/a.txt/x", "notAFolder"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::string outcome;
+    try {
+      folder.list(c.path, false);
+      outcome = "folder";
+    } catch (const FileAccessError& notFolder) {
+      outcome = std::string(notFolder.caseName());
+      if (notFolder.kind() == FileAccessError::Case::notAFolder) {
+        try {
+          std::int64_t size = 0;
+          ::close(folder.openForReading(c.path, size));
+          outcome = "file";
+        } catch (const FileAccessError& error) {
+          outcome = std::string(error.caseName());
+        }
+      }
+    }
+    EXPECT_EQ(outcome, c.outcome);
+  }
+  std::vector<std::string> names;
+  for (const auto& entry : folder.list("", true)) names.push_back(entry.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"Docs", ".hidden"}));  // folders first; no pipe
+  EXPECT_EQ(folder.list("", false).size(), 1u);
+  // Two parts of the same name: the second gets a free one.
+  for (const char* tag : {"t1", "t2"}) {
+    std::int64_t held = -1;
+    const int fd = folder.openPart("Docs", "a.txt", tag, 1, held);
+    EXPECT_EQ(held, 0);
+    EXPECT_EQ(::write(fd, "b", 1), 1);
+    ::close(fd);
+  }
+  EXPECT_EQ(folder.finishPart("Docs", "a.txt", "t1"), "a (2).txt");
+  EXPECT_EQ(folder.finishPart("Docs", "a.txt", "t2"), "a (3).txt");
+  std::ifstream original(home / "Docs" / "a.txt");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(original), {}), "a");
+  fs::remove_all(home);
 }
 
 }  // namespace

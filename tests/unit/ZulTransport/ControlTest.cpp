@@ -123,6 +123,21 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
        MonitorSelectRequest{-1}},
       {R"({"type":"control.monitor.select","index":"1"})", std::nullopt},
       {R"({"type":"control.device.forget"})", ForgetDeviceRequest{}},
+      {R"({"type":"control.clipboard.set","mimeType":"image/png","offset":2,"total":4,"data":"AAE"})",
+       ClipboardSetRequest{"image/png", 2, 4, {0, 1}}},
+      // A piece that does not fit its content, or is not base64url.
+      {R"({"type":"control.clipboard.set","mimeType":"image/png","offset":3,"total":4,"data":"AAE"})",
+       std::nullopt, "invalidClipboardPiece"},
+      {R"({"type":"control.clipboard.set","mimeType":"image/png","total":4,"data":"A"})",
+       std::nullopt, "invalidClipboardPiece"},
+      {R"({"type":"files.list","path":"Docs","hidden":true,"limit":5000})",
+       FilesListRequest{"Docs", true, 0, 1000}},
+      {R"({"type":"files.upload","transfer":7,"name":"a.txt","size":3})",
+       FilesUploadRequest{7, "", "a.txt", 3}},
+      {R"({"type":"files.upload","transfer":7,"name":"a.txt","size":-1})", std::nullopt,
+       "invalidFilesRequest"},
+      {R"({"type":"files.download","transfer":4294967296,"path":"a"})", std::nullopt,
+       "invalidFilesRequest"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
@@ -140,10 +155,13 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
     for (auto channel : rule.channels) {
       if (!channel.empty()) EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
     }
-    const bool asks = rule.type == "scene.request_snapshot" ||
-                      rule.type == "control.monitor.list" || rule.type == "control.device.forget";
-    EXPECT_EQ(rule.permission, asks ? std::nullopt : std::optional(DevicePermission::control))
-        << rule.type;
+    const std::string type(rule.type);
+    const auto needed = type.starts_with("files.")                ? DevicePermission::files
+                        : type.starts_with("control.clipboard.") ? DevicePermission::clipboard
+                                                                  : DevicePermission::control;
+    const bool asks = type == "scene.request_snapshot" || type == "control.monitor.list" ||
+                      type == "control.device.forget";
+    EXPECT_EQ(rule.permission, asks ? std::nullopt : std::optional(needed)) << rule.type;
   }
   EXPECT_FALSE(PhoneRequests::ruleFor("input.pinch"));
 }

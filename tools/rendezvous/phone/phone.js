@@ -161,6 +161,18 @@ function send(channel, message) {
   dc.send(typeof message === 'string' ? message : JSON.stringify(message));
 }
 
+// A piece of an upload on "files": byte 2, transfer, offset, then the data.
+function sendPiece(transfer, offset, base64url) {
+  const data = unb64url(base64url);
+  const piece = new Uint8Array(13 + data.length);
+  const view = new DataView(piece.buffer);
+  piece[0] = 2;
+  view.setUint32(1, transfer);
+  view.setBigUint64(5, BigInt(offset));
+  piece.set(data, 13);
+  state.session.channels.files.send(piece);
+}
+
 // The signed hello. `options` override its fields or its signing, to show
 // what the agent refuses: sessionId, deviceId, dtlsFingerprint, nonce,
 // transcript (a function from the true transcript to the signed text).
@@ -220,7 +232,19 @@ async function connect({ relay = false, autoHello = true } = {}) {
     pc.onconnectionstatechange = () => log(`connection: ${pc.connectionState}`);
     pc.ondatachannel = ({ channel }) => {
       session.channels[channel.label] = channel;
+      channel.binaryType = 'arraybuffer';
       channel.onmessage = (event) => {
+        if (event.data instanceof ArrayBuffer) {
+          // "files": byte 1 and JSON, or byte 2, transfer, offset and data.
+          const bytes = new Uint8Array(event.data);
+          const view = new DataView(event.data);
+          const entry = bytes[0] === 1
+            ? { channel: channel.label, data: new TextDecoder().decode(bytes.subarray(1)) }
+            : { channel: channel.label, piece: { transfer: view.getUint32(1),
+              offset: Number(view.getBigUint64(5)), data: b64url(bytes.subarray(13)) } };
+          state.received.push(entry);
+          return;
+        }
         state.received.push({ channel: channel.label, data: String(event.data) });
         log(`${channel.label} ← ${String(event.data).slice(0, 200)}`);
       };
@@ -320,8 +344,11 @@ window.zulPhone = {
   videoStats,
   // A new device key, as if another phone that never paired picked this one up.
   newDevice: () => loadDevice(true),
+  sendPiece,
   controlMessages: () => state.received.filter((m) => m.channel === 'control')
     .map((m) => JSON.parse(m.data)),
+  filesMessages: () => state.received.filter((m) => m.channel === 'files')
+    .map((m) => (m.piece ? { type: 'piece', ...m.piece } : JSON.parse(m.data))),
 };
 
 // The forged hellos behind the page's buttons.
