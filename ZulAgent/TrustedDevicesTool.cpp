@@ -12,9 +12,12 @@ namespace {
 constexpr const char* usage =
     "usage: zul-trusted-devices [list]\n"
     "       zul-trusted-devices revoke DEVICE_ID\n"
+    "       zul-trusted-devices grant|deny DEVICE_ID PERMISSION\n"
     "Lists the phones paired with this computer's Velto agent, or revokes one.\n"
     "DEVICE_ID is the whole id or its end as the windows show it, when only\n"
-    "one phone's id ends so.\n";
+    "one phone's id ends so. grant and deny give or take one permission (view,\n"
+    "control, clipboard, files, shell, unattended); shell and unattended are\n"
+    "given only here or in the trusted devices window, never by pairing.\n";
 
 void list(const std::vector<TrustedDevice>& devices, std::ostream& out) {
   if (devices.empty()) {
@@ -46,7 +49,15 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
   }
   const bool listing = command == "list" && arguments.size() <= 1;
   const bool revoking = command == "revoke" && arguments.size() == 2;
-  if (!listing && !revoking) {
+  const bool granting = (command == "grant" || command == "deny") && arguments.size() == 3;
+  const auto permission =
+      granting ? devicePermissionFromRaw(arguments[2]) : std::optional<DevicePermission>();
+  if (granting && !permission) {
+    err << "no such permission: " << escapeControlCharacters(arguments[2])
+        << " (view, control, clipboard, files, shell, unattended)\n";
+    return 2;
+  }
+  if (!listing && !revoking && !granting) {
     err << usage;
     return 2;
   }
@@ -86,6 +97,14 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
     }
     const std::string deviceId = found->deviceId;
     const std::string shownId = escapeControlCharacters(deviceId);
+    if (granting) {
+      const bool grant = command == "grant";
+      store.setPermission(deviceId, *permission, grant);
+      out << (grant ? "granted " : "withdrew ") << rawValue(*permission)
+          << (grant ? " to " : " from ") << shownId << " ("
+          << escapeControlCharacters(found->name) << ")\n";
+      return 0;
+    }
     if (found->revoked) {
       out << shownId << " was already revoked\n";
       return 0;

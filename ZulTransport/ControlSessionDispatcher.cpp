@@ -157,10 +157,13 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
   nlohmann::json reply = MessageRouter::makeEnvelope("control.hello.ok", hello.sessionId);
   reply["permissions"] = std::move(permissions);
   reply["controlLease"] = lease.replacedSessionId ? "replaced" : "granted";
+  // A phone allowed to open a shell learns which there are.
+  const bool shells = record->permissions.count(DevicePermission::shell) > 0 &&
+                      record->permissions.count(DevicePermission::control) > 0;
   reply["host"] = {{"platform", "linux"},
                    {"agentVersion", ZUL_AGENT_VERSION},
-                   {"shells", nlohmann::json::array()},
-                   {"shellKeyCombos", false},
+                   {"shells", shells ? nlohmann::json(shared_->shells) : nlohmann::json::array()},
+                   {"shellKeyCombos", shells},
                    // A phone allowed the clipboard can copy from it.
                    {"clipboardCopy", record->permissions.count(DevicePermission::clipboard) > 0}};
   send(reply);
@@ -205,6 +208,11 @@ void ControlSessionDispatcher::setExpectedPeerDeviceId(std::optional<std::string
 std::optional<std::string> ControlSessionDispatcher::activeSessionId() const {
   std::lock_guard lock(mutex_);
   return sessionId_;
+}
+
+void ControlSessionDispatcher::updatePermissions(const PermissionGate& permissions) {
+  std::lock_guard lock(mutex_);
+  if (sessionId_) permissions_ = permissions;
 }
 
 std::optional<PermissionGate> ControlSessionDispatcher::activePermissions() const {

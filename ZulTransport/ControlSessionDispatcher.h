@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ZulCore/Support/Callback.h"
 #include "ZulCore/Support/Error.h"
@@ -61,6 +62,8 @@ class ControlChannel {
 class ControlSessionShared {
  public:
   ControlSessionLease lease;
+  // The shells this computer offers, told to a phone allowed `shell`.
+  std::vector<std::string> shells;
   // False when this device already used this nonce.
   bool useNonce(const std::string& deviceId, const std::string& nonce);
 
@@ -95,6 +98,9 @@ class ControlSessionDispatcher {
   std::optional<std::string> activeSessionId() const;
   // The established session's permissions; nothing without a session.
   std::optional<PermissionGate> activePermissions() const;
+  // The person at the computer granted or withdrew a permission of the
+  // device in session: its later requests are checked against these.
+  void updatePermissions(const PermissionGate& permissions);
   void releaseActiveSession();
   // Answers a request of the session that failed after it was passed on:
   // "control.error" with "PERMISSION_DENIED" for a missing permission,

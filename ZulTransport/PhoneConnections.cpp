@@ -405,6 +405,10 @@ std::uint64_t PhoneConnections::bufferedAmount(std::string_view channel) const {
   return session ? session->bufferedAmount(channel) : 0;
 }
 
+void PhoneConnections::updateSessionPermissions(const PermissionGate& permissions) {
+  if (auto connection = sessionConnection()) connection->dispatcher->updatePermissions(permissions);
+}
+
 void PhoneConnections::endSession() {
   std::optional<std::uint64_t> id;
   {

@@ -65,6 +65,9 @@ class PhoneConnections final : public PhoneSessions,
   void push(const CapturedFrame& frame, std::int64_t timestampNs) override;
   std::uint64_t bufferedAmount(std::string_view channel) const override;
   void endSession() override;
+  void updateSessionPermissions(const PermissionGate& permissions) override;
+  // The shells a phone allowed `shell` is told of in its hello's answer.
+  void setHostShells(std::vector<std::string> shells) { shared_->shells = std::move(shells); }
   void peerLeft(const std::string& deviceId) override;
   void closeAll() override;
 

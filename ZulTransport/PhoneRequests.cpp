@@ -17,6 +17,9 @@ PhoneRequestError PhoneRequestError::invalidClipboardPiece() {
 PhoneRequestError PhoneRequestError::invalidFilesRequest() {
   return {Case::invalidFilesRequest, formatErrorCase("invalidFilesRequest")};
 }
+PhoneRequestError PhoneRequestError::invalidShellRequest() {
+  return {Case::invalidShellRequest, formatErrorCase("invalidShellRequest")};
+}
 
 bool PhoneRequestRule::allowsChannel(std::string_view channel) const {
   for (auto allowed : channels) {
@@ -39,24 +42,31 @@ constexpr auto pointer = RequestQueue::pointer, keyboard = RequestQueue::keyboar
 // the queue its work runs on.
 constexpr auto files = DevicePermission::files;
 constexpr auto filesQueue = RequestQueue::files;
+constexpr auto shell = DevicePermission::shell;
+constexpr auto shellQueue = RequestQueue::shell;
 
-constexpr std::array<PhoneRequestRule, 16> table = {{
-    {"input.cursor", control, {"input-fast", "input"}, pointer},
-    {"input.scroll", control, {"input-fast", "input"}, pointer},
-    {"input.text", control, {"input"}, keyboard},
-    {"input.key", control, {"input"}, keyboard},
-    {"input.invoke", control, {"input"}, element},
-    {"scene.request_snapshot", std::nullopt, {"scene"}, scene},
-    {"control.monitor.list", std::nullopt, {"control"}, display},
-    {"control.monitor.select", control, {"control"}, display},
-    {"control.device.forget", std::nullopt, {"control"}, trust},
-    {"control.clipboard.get", clipboard, {"control"}, clipboardQueue},
-    {"control.clipboard.set", clipboard, {"control"}, clipboardQueue},
-    {"files.list", files, {"files"}, filesQueue},
-    {"files.download", files, {"files"}, filesQueue},
-    {"files.upload", files, {"files"}, filesQueue},
-    {"files.done", files, {"files"}, filesQueue},
-    {"files.cancel", files, {"files"}, filesQueue},
+constexpr std::array<PhoneRequestRule, 21> table = {{
+    {"input.cursor", control, std::nullopt, {"input-fast", "input"}, pointer},
+    {"input.scroll", control, std::nullopt, {"input-fast", "input"}, pointer},
+    {"input.text", control, std::nullopt, {"input"}, keyboard},
+    {"input.key", control, std::nullopt, {"input"}, keyboard},
+    {"input.invoke", control, std::nullopt, {"input"}, element},
+    {"scene.request_snapshot", std::nullopt, std::nullopt, {"scene"}, scene},
+    {"control.monitor.list", std::nullopt, std::nullopt, {"control"}, display},
+    {"control.monitor.select", control, std::nullopt, {"control"}, display},
+    {"control.device.forget", std::nullopt, std::nullopt, {"control"}, trust},
+    {"control.clipboard.get", clipboard, std::nullopt, {"control"}, clipboardQueue},
+    {"control.clipboard.set", clipboard, std::nullopt, {"control"}, clipboardQueue},
+    {"files.list", files, std::nullopt, {"files"}, filesQueue},
+    {"files.download", files, std::nullopt, {"files"}, filesQueue},
+    {"files.upload", files, std::nullopt, {"files"}, filesQueue},
+    {"files.done", files, std::nullopt, {"files"}, filesQueue},
+    {"files.cancel", files, std::nullopt, {"files"}, filesQueue},
+    {"shell.open", shell, control, {"control"}, shellQueue},
+    {"shell.input", shell, control, {"control"}, shellQueue},
+    {"shell.resize", shell, control, {"control"}, shellQueue},
+    {"shell.close", shell, control, {"control"}, shellQueue},
+    {"shell.attach", shell, control, {"control"}, shellQueue},
 }};
 
 const nlohmann::json* at(const nlohmann::json& json, const char* key) {
@@ -164,9 +174,29 @@ PhoneRequest filesRequest(std::string_view type, const nlohmann::json& json) {
   return FilesCancelRequest{*transfer};
 }
 
+PhoneRequest shellRequest(std::string_view type, const nlohmann::json& json) {
+  const int columns = int(std::clamp<std::int64_t>(wholeAt(json, "columns").value_or(80), 2, 1000));
+  const int rows = int(std::clamp<std::int64_t>(wholeAt(json, "rows").value_or(24), 2, 1000));
+  if (type == "shell.open") {
+    const std::string* path = stringAt(json, "path");
+    return ShellOpenRequest{path ? *path : "", columns, rows};
+  }
+  const std::string* id = stringAt(json, "shell");
+  if (!id) throw PhoneRequestError::invalidShellRequest();
+  if (type == "shell.input") {
+    const std::string* text = stringAt(json, "data");
+    auto data = text ? Base64Url::decode(*text) : std::nullopt;
+    if (!data) throw PhoneRequestError::invalidShellRequest();
+    return ShellInputRequest{*id, std::move(*data)};
+  }
+  if (type == "shell.resize") return ShellResizeRequest{*id, columns, rows};
+  if (type == "shell.close") return ShellCloseRequest{*id};
+  return ShellAttachRequest{*id};
+}
+
 }  // namespace
 
-const std::array<PhoneRequestRule, 16>& rules() { return table; }
+const std::array<PhoneRequestRule, 21>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {
@@ -218,6 +248,7 @@ std::optional<PhoneRequest> decode(const RoutedMessage& message) {
     return ClipboardSetRequest{*kind, offset, *total, std::move(*data)};
   }
   if (type.starts_with("files.")) return filesRequest(type, json);
+  if (type.starts_with("shell.")) return shellRequest(type, json);
   throw std::invalid_argument("no request rule for " + message.type);
 }
 

@@ -17,7 +17,12 @@ namespace zul {
 
 class PhoneRequestError : public Error {
  public:
-  enum class Case { invalidSemanticInvocation, invalidClipboardPiece, invalidFilesRequest };
+  enum class Case {
+    invalidSemanticInvocation,
+    invalidClipboardPiece,
+    invalidFilesRequest,
+    invalidShellRequest
+  };
   // An element action without a string "elementId" or a numeric "sceneSeq".
   static PhoneRequestError invalidSemanticInvocation();
   // A piece of clipboard content without its type, its data in base64url,
@@ -26,6 +31,8 @@ class PhoneRequestError : public Error {
   // A files request without its transfer number, path or name, or with a
   // size or offset below 0.
   static PhoneRequestError invalidFilesRequest();
+  // A shell request without its shell's id, or input that is not base64url.
+  static PhoneRequestError invalidShellRequest();
   Case kind() const { return kind_; }
 
  private:
@@ -117,22 +124,65 @@ struct FilesCancelRequest {
   friend bool operator==(const FilesCancelRequest&, const FilesCancelRequest&) = default;
 };
 
+// Terminals: a shell opened at a size, its input, a new size, its end, and
+// a shell kept from a dropped connection taken up again (its recent output
+// replayed).
+struct ShellOpenRequest {
+  std::string shell;  // empty: the login shell
+  int columns = 80;
+  int rows = 24;
+  friend bool operator==(const ShellOpenRequest&, const ShellOpenRequest&) = default;
+};
+struct ShellInputRequest {
+  std::string shell;
+  Bytes data;
+  friend bool operator==(const ShellInputRequest&, const ShellInputRequest&) = default;
+};
+struct ShellResizeRequest {
+  std::string shell;
+  int columns = 80;
+  int rows = 24;
+  friend bool operator==(const ShellResizeRequest&, const ShellResizeRequest&) = default;
+};
+struct ShellCloseRequest {
+  std::string shell;
+  friend bool operator==(const ShellCloseRequest&, const ShellCloseRequest&) = default;
+};
+struct ShellAttachRequest {
+  std::string shell;
+  friend bool operator==(const ShellAttachRequest&, const ShellAttachRequest&) = default;
+};
+
 using PhoneRequest =
     std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest, InvokeRequest,
                  SceneSnapshotRequest, MonitorListRequest, MonitorSelectRequest,
                  ForgetDeviceRequest, ClipboardGetRequest, ClipboardSetRequest, FilesListRequest,
-                 FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesCancelRequest>;
+                 FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesCancelRequest,
+                 ShellOpenRequest, ShellInputRequest, ShellResizeRequest, ShellCloseRequest,
+                 ShellAttachRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either
 // (scenes and displays are queued by the publisher and switcher themselves).
-enum class RequestQueue { pointer, keyboard, element, scene, display, trust, clipboard, files };
+enum class RequestQueue {
+  pointer,
+  keyboard,
+  element,
+  scene,
+  display,
+  trust,
+  clipboard,
+  files,
+  shell
+};
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
   std::string_view type;
   // Demanded before the payload is read; nothing: any device in session.
   std::optional<DevicePermission> permission;
+  // A second one some requests need as well (a shell: `shell` and `control`).
+  std::optional<DevicePermission> alsoNeeds;
   // The channels it may arrive on (an empty entry ends the list).
   std::array<std::string_view, 2> channels;
   RequestQueue queue;
@@ -143,7 +193,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 16>& rules();
+const std::array<PhoneRequestRule, 21>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

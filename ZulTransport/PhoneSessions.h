@@ -48,6 +48,9 @@ class PhoneSessions : public SignalingPeer {
   // Hands a captured frame to the phone in session only.
   virtual void push(const CapturedFrame& frame, std::int64_t timestampNs) = 0;
 
+  // New permissions for the device in session (granted or withdrawn at the
+  // computer).
+  virtual void updateSessionPermissions(const PermissionGate& permissions) = 0;
   // Ends the session and closes its connection (a revoked device, the
   // person at the computer).
   virtual void endSession() = 0;

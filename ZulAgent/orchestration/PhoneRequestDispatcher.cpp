@@ -66,6 +66,7 @@ void PhoneRequestDispatcher::dispatch(const RoutedMessage& message,
   std::optional<PhoneRequest> request;
   try {
     if (rule->permission) permissions.demand(*rule->permission);
+    if (rule->alsoNeeds) permissions.demand(*rule->alsoNeeds);
     request = PhoneRequests::decode(message);
   } catch (const std::exception& error) {
     failed(failurePrefix(message.type), message, error);
@@ -94,6 +95,9 @@ void PhoneRequestDispatcher::queue(RequestQueue which, const RoutedMessage& mess
       break;
     case RequestQueue::files:
       queue = &filesQueue_;
+      break;
+    case RequestQueue::shell:
+      queue = &shellQueue_;
       break;
     case RequestQueue::scene:
     case RequestQueue::display:
@@ -136,9 +140,21 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                  [&](const ClipboardSetRequest& set) {
                    clipboard(message, [&] { targets_.clipboardSet(set); });
                  },
-                 [&](const auto& files) {
-                   // The files family: list, download, upload, done, cancel.
-                   if (targets_.files) targets_.files(PhoneRequest(files));
+                 [&](const auto& request) {
+                   // The files and shell families answer their own failures.
+                   using Family = std::decay_t<decltype(request)>;
+                   constexpr bool shell = std::is_same_v<Family, ShellOpenRequest> ||
+                                          std::is_same_v<Family, ShellInputRequest> ||
+                                          std::is_same_v<Family, ShellResizeRequest> ||
+                                          std::is_same_v<Family, ShellCloseRequest> ||
+                                          std::is_same_v<Family, ShellAttachRequest>;
+                   const auto& target = shell ? targets_.shells : targets_.files;
+                   if (target) {
+                     target(PhoneRequest(request));
+                   } else {
+                     failed(failurePrefix(message.type), message,
+                            PhoneRequestError::invalidShellRequest());
+                   }
                  },
              },
              request);
@@ -241,6 +257,7 @@ void PhoneRequestDispatcher::waitUntilIdle() {
   elementQueue_.waitUntilIdle();
   clipboardQueue_.waitUntilIdle();
   filesQueue_.waitUntilIdle();
+  shellQueue_.waitUntilIdle();
 }
 
 void PhoneRequestDispatcher::shutdown() {
@@ -249,6 +266,7 @@ void PhoneRequestDispatcher::shutdown() {
   elementQueue_.shutdown();
   clipboardQueue_.shutdown();
   filesQueue_.shutdown();
+  shellQueue_.shutdown();
 }
 
 }  // namespace zul

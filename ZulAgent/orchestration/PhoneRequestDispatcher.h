@@ -43,6 +43,8 @@ class PhoneRequestDispatcher {
     // clipboard; on the clipboard's queue, may block; throw to refuse.
     std::function<void(const ClipboardGetRequest&)> clipboardGet;
     std::function<void(const ClipboardSetRequest&)> clipboardSet;
+    // A "shell." request; answers its own failures.
+    std::function<void(const PhoneRequest&)> shells;
     // A "files." request; answers its own failures.
     std::function<void(const PhoneRequest&)> files;
     PrintLine print;
@@ -93,6 +95,7 @@ class PhoneRequestDispatcher {
   TaskQueue elementQueue_{16};
   TaskQueue clipboardQueue_{32};
   TaskQueue filesQueue_{64};
+  TaskQueue shellQueue_{256};
 };
 
 }  // namespace zul

@@ -14,6 +14,7 @@
 #include "ZulAgent/orchestration/ClipboardSharing.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/FileTransfers.h"
+#include "ZulAgent/orchestration/ShellSessions.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
 #include "ZulAgent/orchestration/PhoneRequestDispatcher.h"
 #include "ZulAgent/orchestration/ServerConnection.h"
@@ -175,6 +176,12 @@ class RealAgent {
     // A new session never inherits a button or key the previous phone held.
     requests_->releaseAll();
     clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
+    sessionPermissions_ = trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
+    if (sessionPermissions_.count(DevicePermission::shell)) {
+      shells_->sessionStarted(deviceId);
+    } else {
+      shells_->endAll();
+    }
     if (files_) files_->sessionStarted(name);
     capture_->setWatched(true);
     switcher_->sendMonitorList();
@@ -188,6 +195,7 @@ class RealAgent {
     requests_->releaseAll();
     clipboard_->sessionEnded();
     if (files_) files_->sessionEnded();
+    shells_->sessionEnded();
     capture_->setWatched(false);
   }
 
@@ -250,6 +258,21 @@ class RealAgent {
     } catch (const std::exception& error) {
       event_(std::string("files cannot be shared: ") + error.what());
     }
+    shells_ = std::make_shared<ShellSessions>(ShellSessions::Hooks{
+        .sendControl =
+            [phones](const std::string& text) {
+              if (auto p = phones.lock()) p->sendToSession("control", text);
+            },
+        .activeSessionId = [phones] { return activeSessionOf(phones); },
+        .bufferedControlBytes =
+            [phones] {
+              auto p = phones.lock();
+              return p ? p->bufferedAmount("control") : std::uint64_t(0);
+            },
+        .print = print_,
+        .recorded = {},
+    });
+    phones_->setHostShells(ShellProcess::availableShells());
     phones_->onBinaryMessage = [files = std::weak_ptr(files_)](
                                    const std::string& channel, const Bytes& data,
                                    const PermissionGate& permissions) {
@@ -270,6 +293,7 @@ class RealAgent {
         .clipboardSet = [clipboard = clipboard_](const ClipboardSetRequest& request) {
           clipboard->set(request);
         },
+        .shells = [shells = shells_](const PhoneRequest& request) { shells->handle(request); },
         .files = files_ ? std::function<void(const PhoneRequest&)>(
                               [files = files_](const PhoneRequest& request) {
                                 files->handle(request);
@@ -546,6 +570,7 @@ class RealAgent {
     if (!deviceId) return;
     trustedDevices_->revoke(*deviceId);
     if (files_) files_->forgetUploads();
+    shells_->endAll();
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
     event_("phone forgot this computer: " + (name.empty() ? *deviceId : name) +
            " (revoked here too)");
@@ -553,12 +578,25 @@ class RealAgent {
     phones_->endSession();
   }
 
-  // A device revoked while in session loses it at once.
+  // A device revoked while in session loses it at once; one whose
+  // permissions changed at the computer has its session follow them.
   void endSessionIfRevoked(const std::string& deviceId) {
-    if (!trust_->revoked(deviceId)) return;
+    if (!trust_->revoked(deviceId)) {
+      const auto now = trust_->permissionsOf(deviceId);
+      if (!now || *now == sessionPermissions_) return;
+      const bool shellWithdrawn = sessionPermissions_.count(DevicePermission::shell) &&
+                                  !now->count(DevicePermission::shell);
+      sessionPermissions_ = *now;
+      phones_->updateSessionPermissions(PermissionGate{*now});
+      print_("the permissions of " + deviceId + " changed at the computer");
+      if (shellWithdrawn) shells_->endAll();
+      if (now->count(DevicePermission::shell)) shells_->sessionStarted(deviceId);
+      return;
+    }
     print_("device " + deviceId + " is no longer trusted: ending its session");
     tellPhone("revoked", "this phone was removed from the computer's trusted phones");
     if (files_) files_->forgetUploads();
+    shells_->endAll();
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
     event_("phone revoked: " + (name.empty() ? trust_->deviceName(deviceId) : name) +
            " (its session ended)");
@@ -576,6 +614,7 @@ class RealAgent {
     publisher_->shutdown();
     requests_->shutdown();
     if (files_) files_->shutdown();
+    shells_->shutdown();
     clipboard_->sessionEnded();
     screen_->setDisplaysChanged(nullptr);
     capture_->shutdown();
@@ -603,6 +642,9 @@ class RealAgent {
   std::shared_ptr<AccessibilityScenePublisher> publisher_;
   std::shared_ptr<ClipboardSharing> clipboard_;
   std::shared_ptr<FileTransfers> files_;
+  std::shared_ptr<ShellSessions> shells_;
+  // What the device in session holds, as the tick last saw it.
+  std::set<DevicePermission> sessionPermissions_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;
   std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;

@@ -57,6 +57,14 @@ bool TrustWatch::revoked(const std::string& deviceId) {
                       [&](const auto& d) { return d.deviceId == deviceId && !d.revoked; });
 }
 
+std::optional<std::set<DevicePermission>> TrustWatch::permissionsOf(
+    const std::string& deviceId) const {
+  for (const auto& device : list()) {
+    if (device.deviceId == deviceId && !device.revoked) return device.permissions;
+  }
+  return std::nullopt;
+}
+
 void TrustWatch::idleTick() {
   if (++idleTicks_ % 4 == 0) noteChanges(list());
 }

@@ -34,6 +34,9 @@ class TrustWatch {
   // Whether the phone is no longer trusted (revoked or gone); a store that
   // cannot be read revokes nobody. Other changes get their lines.
   bool revoked(const std::string& deviceId);
+  // The device's permissions as stored now; nothing when it is not trusted
+  // or the store cannot be read.
+  std::optional<std::set<DevicePermission>> permissionsOf(const std::string& deviceId) const;
   // While no phone is in session: a look every fourth tick.
   void idleTick();
 

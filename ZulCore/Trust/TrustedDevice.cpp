@@ -122,6 +122,23 @@ void TrustedDeviceStore::revoke(const std::string& deviceId) const {
   });
 }
 
+bool TrustedDeviceStore::setPermission(const std::string& deviceId, DevicePermission permission,
+                                       bool granted) const {
+  bool found = false;
+  update([&](std::vector<TrustedDevice>& devices) {
+    for (auto& device : devices) {
+      if (device.deviceId != deviceId) continue;
+      found = true;
+      if (granted) {
+        device.permissions.insert(permission);
+      } else {
+        device.permissions.erase(permission);
+      }
+    }
+  });
+  return found;
+}
+
 void TrustedDeviceStore::addOrReplace(const TrustedDevice& device) const {
   update([&](std::vector<TrustedDevice>& devices) {
     std::erase_if(devices, [&](const TrustedDevice& d) { return d.deviceId == device.deviceId; });

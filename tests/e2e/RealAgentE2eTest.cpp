@@ -94,10 +94,13 @@ class Phone {
     return waitFor("zulPhone.videoStats().then(s => s.framesDecoded > " + std::to_string(count) +
                    ")");
   }
-  // A message of `type` on its channel (the type's first word), with `fields`.
+  // A message of `type` on its channel (the type's first word, "control" for
+  // a shell), with `fields`.
   void send(const std::string& type, const std::string& sessionId,
             nlohmann::json fields = nlohmann::json::object()) {
-    const std::string channel = type.substr(0, type.find('.'));
+    // Shells travel on "control".
+    const std::string channel =
+        type.starts_with("shell.") ? "control" : type.substr(0, type.find('.'));
     EXPECT_TRUE(
         waitFor("zulPhone.state.session.channels['" + channel + "']?.readyState === 'open'"));
     fields.update({{"type", type}, {"protoVersion", "1.0"}, {"sessionId", sessionId}});
@@ -325,6 +328,32 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_EQ(devices[0].deviceId, deviceId);
   EXPECT_FALSE(devices[0].revoked);
 
+  // A shell, granted at the computer while the phone is in session: it opens
+  // at the phone's size, follows a resize, and dies with its processes when
+  // the phone is revoked.
+  const std::string tool = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
+                           "' " ZUL_TRUSTED_DEVICES_PATH " ";
+  ASSERT_EQ(std::system((tool + "grant " + deviceId + " shell >/dev/null").c_str()), 0);
+  ASSERT_TRUE(agent_->waitForLine("the permissions of " + deviceId + " changed", 30s));
+  phone_->send("shell.open", sessionId, {{"columns", 80}, {"rows", 24}});
+  ASSERT_TRUE(phone_->receivedAtLeast("shell.opened", 1)) << agent_->tail();
+  const std::string shell = phone_->received("shell.opened")[0]["shell"];
+  const std::string output =
+      "zulPhone.controlMessages().filter(m => m.type === 'shell.output').map(m => "
+      "atob(m.data.replace(/-/g, '+').replace(/_/g, '/'))).join('')";
+  auto type = [&](const std::string& line) {
+    phone_->send("shell.input", sessionId,
+                 {{"shell", shell}, {"data", Base64Url::encode(toBytes(line + "\n"))}});
+  };
+  type("stty size; echo marker-$((6*7)); sleep 12345 &");
+  EXPECT_TRUE(phone_->waitFor(output + ".includes('24 80') && " + output +
+                              ".includes('marker-42')"))
+      << phone_->eval(output);
+  phone_->send("shell.resize", sessionId, {{"shell", shell}, {"columns", 100}, {"rows", 30}});
+  type("stty size");
+  EXPECT_TRUE(phone_->waitFor(output + ".includes('30 100')")) << phone_->eval(output);
+  EXPECT_NE(commandOutput("pgrep -f 'sleep 1234[5]'"), "");
+
   holdButton(*phone_, sessionId);
   const std::string revoke = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
                              "' " ZUL_TRUSTED_DEVICES_PATH " revoke " + deviceId +
@@ -333,6 +362,8 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
   expectReleased("revoked");
+  EXPECT_TRUE(waitUntil([] { return commandOutput("pgrep -f 'sleep 1234[5]'").empty(); }, 10s))
+      << "the shell's processes outlived the revoke";
 
   // The X server goes away under the agent: it says why and ends, status 0.
   painter_.reset();

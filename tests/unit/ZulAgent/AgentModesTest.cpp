@@ -144,6 +144,10 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
       {{"revoke", "aaa"}, 1, "", "no trusted phone with the id aaa\n", "01"},
       {{"revoke", "ice_"}, 1, "", "no trusted phone", "01"},
       {{"--help"}, 0, "usage: zul-trusted-devices [list]\n", "", "01"},
+      {{"grant", "_aaa", "shell"}, 0, "granted shell to device_aaa (Device aaa)\n", "", "01"},
+      {{"deny", "device_aaa", "control"}, 0, "withdrew control from device_aaa (Device aaa)\n",
+       "", "01"},
+      {{"grant", "device_aaa", "root"}, 2, "", "no such permission: root", "01"},
       {{"revoke", "device_bbb"}, 0, "device_bbb was already revoked\n", "", "01"},
       {{"revoke", "device_\x07zzz"}, 1, "", "no trusted phone with the id device_\\x07zzz\n", "01"},
       {{"revoke"}, 2, "", "usage", "01"},
@@ -164,6 +168,10 @@ TEST(TrustedDevicesTool, ListsAndRevokes) {
     EXPECT_EQ(err.str().substr(0, c.err.size()), c.err);
     const auto after = store.load();
     EXPECT_EQ(std::to_string(after[0].revoked) + std::to_string(after[1].revoked), c.revokedAfter);
+    if (c.arguments.size() == 3 && c.status == 0) {  // grant or deny reached the store
+      const auto permission = devicePermissionFromRaw(c.arguments[2]).value();
+      EXPECT_EQ(after[0].permissions.count(permission) > 0, c.arguments[0] == "grant");
+    }
   }
 }
 
