@@ -12,7 +12,8 @@ int main(int argc, char** argv) {
     std::cerr << zul::escapeControlCharacters(zul::describeSecretBackendChoice(*backend)) << "\n";
     const zul::TrustedDeviceStore store(
         zul::SecretStore(zul::TrustedDeviceStore::account, backend));
-    return zul::runTrustedDevicesTool({argv + 1, argv + argc}, store, std::cout, std::cerr);
+    const zul::AuditLog log(zul::AuditLog::defaultPath());
+    return zul::runTrustedDevicesTool({argv + 1, argv + argc}, store, std::cout, std::cerr, &log);
   } catch (const std::exception& error) {
     std::cerr << zul::escapeControlCharacters(error.what()) << "\n";
     return 1;

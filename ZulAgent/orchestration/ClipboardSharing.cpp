@@ -95,6 +95,7 @@ void ClipboardSharing::get(const ClipboardGetRequest& request) {
     offset += size;
   } while (offset < content.size());
   hooks_.print("[clipboard] sent " + std::to_string(total) + " bytes of " + request.type);
+  if (hooks_.crossed) hooks_.crossed("toPhone", request.type, content.size());
 }
 
 void ClipboardSharing::set(const ClipboardSetRequest& request) {
@@ -119,6 +120,7 @@ void ClipboardSharing::set(const ClipboardSetRequest& request) {
   }
   hooks_.clipboard->write(request.type, std::move(complete));
   hooks_.print("[clipboard] set " + std::to_string(request.total) + " bytes of " + request.type);
+  if (hooks_.crossed) hooks_.crossed("toComputer", request.type, std::size_t(request.total));
   send({{"type", "control.clipboard.done"}, {"mimeType", request.type}, {"total", request.total}});
 }
 

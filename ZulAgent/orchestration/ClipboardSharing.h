@@ -31,6 +31,9 @@ class ClipboardSharing {
     // Bytes waiting on the "control" channel.
     std::function<std::uint64_t()> bufferedControlBytes;
     std::function<void(std::string_view)> print;
+    // Content that crossed: "toPhone" or "toComputer", its type and size.
+    std::function<void(const std::string& direction, const std::string& type, std::size_t size)>
+        crossed;
   };
 
   // Raw bytes of one piece the agent sends: with base64url and the envelope

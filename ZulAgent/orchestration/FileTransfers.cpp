@@ -228,6 +228,7 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
       device = device_;
     }
     hooks_.event("sent to " + device + ": " + request.path + " (" + sizeText(size) + ")");
+    if (hooks_.finished) hooks_.finished("toPhone", request.path, size);
   } catch (const std::exception& error) {
     if (generation_ == generation) fail(request.transfer, error);
   }
@@ -331,6 +332,7 @@ void FileTransfers::done(const FilesDoneRequest& request) {
   }
   hooks_.event("received from " + device + ": " + upload.folder + "/" + kept + " (" +
                sizeText(upload.size) + ")");
+  if (hooks_.finished) hooks_.finished("toComputer", upload.folder + "/" + kept, upload.size);
 }
 
 void FileTransfers::cancel(const FilesCancelRequest& request) {

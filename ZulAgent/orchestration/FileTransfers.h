@@ -39,6 +39,9 @@ class FileTransfers {
     std::function<void(std::string_view)> print;
     // One line per finished transfer.
     std::function<void(std::string_view)> event;
+    // A finished transfer: "toPhone" or "toComputer", the path and size.
+    std::function<void(const std::string& direction, const std::string& path, std::int64_t size)>
+        finished;
   };
 
   static constexpr std::uint8_t jsonKind = 1;

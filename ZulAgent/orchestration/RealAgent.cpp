@@ -26,6 +26,7 @@
 #include "ZulCore/Support/Guarded.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/accessibility/AtspiAccessibilityBackend.h"
+#include "ZulPlatform/linux/audit/AuditLog.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
 #include "ZulTransport/AgentSignalingClient.h"
 #include "ZulTransport/LocalOfferSession.h"
@@ -133,7 +134,10 @@ class RealAgent {
     // The name the windows and the phone app show this computer under.
     event_("this computer: " + hostName() + " (" + windows::deviceCode(identity_->agentId()) + ")");
     trustedDevices_.emplace(SecretStore("trusted-devices", secrets_));
-    trust_.emplace(*trustedDevices_, event_);
+    trust_.emplace(*trustedDevices_, event_,
+                   [this](const std::string& event, nlohmann::json fields) {
+                     audit_.record(event, std::move(fields));
+                   });
     pairing_ = std::make_shared<const PairingService>(identity_);
   }
 
@@ -164,6 +168,16 @@ class RealAgent {
   void sessionEstablished(const std::string& sessionId, const std::string& deviceId) {
     print_("control session established: " + sessionId + " (" + deviceId + ")");
     const std::string name = trust_->deviceName(deviceId);
+    recordSessionEnd("replaced");  // the phone before, if any
+    {
+      nlohmann::json permissions = nlohmann::json::array();
+      for (auto p : trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{})) {
+        permissions.push_back(rawValue(p));
+      }
+      audit_.record("session.started",
+                    {{"device", deviceId}, {"name", name}, {"permissions", permissions}});
+      *session_.lock() = Session{deviceId, name, SteadyClock::now(), 0};
+    }
     const auto previous = std::exchange(*sessionDevice_.lock(), name);
     event_("phone connected: " + name +
            (previous.empty() || previous == name ? "" : " (instead of " + previous + ")"));
@@ -187,7 +201,28 @@ class RealAgent {
     switcher_->sendMonitorList();
   }
 
+  // The record of the session that ended, and how (unless the path that
+  // ended it already said).
+  void recordSessionEnd(const std::string& how) {
+    std::optional<Session> ended = std::exchange(*session_.lock(), std::nullopt);
+    if (!ended) return;
+    const std::string reason = std::exchange(*endReason_.lock(), {});
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(SteadyClock::now() -
+                                                                          ended->started);
+    audit_.record("session.ended", {{"device", ended->deviceId},
+                                    {"name", ended->name},
+                                    {"seconds", seconds.count()},
+                                    {"how", reason.empty() ? how : reason},
+                                    {"refusals", ended->refusals}});
+  }
+  // What the session's device did, for the log.
+  void recordForSession(const std::string& event, nlohmann::json fields) {
+    if (auto current = *session_.lock()) fields["device"] = current->deviceId;
+    audit_.record(event, std::move(fields));
+  }
+
   void sessionEnded() {
+    recordSessionEnd("connection lost");
     if (auto name = std::exchange(*sessionDevice_.lock(), {}); !name.empty()) {
       event_("phone disconnected: " + name);
       status("phone-left: " + name);
@@ -239,6 +274,10 @@ class RealAgent {
               return p ? p->bufferedAmount("control") : std::uint64_t(0);
             },
         .print = print_,
+        .crossed =
+            [this](const std::string& direction, const std::string& type, std::size_t size) {
+              recordForSession("clipboard", {{"direction", direction}, {"type", type}, {"size", size}});
+            },
     });
     try {
       files_ = std::make_shared<FileTransfers>(FileTransfers::Hooks{
@@ -254,6 +293,10 @@ class RealAgent {
               },
           .print = print_,
           .event = event_,
+          .finished =
+              [this](const std::string& direction, const std::string& path, std::int64_t size) {
+                recordForSession("file", {{"direction", direction}, {"path", path}, {"size", size}});
+              },
       });
     } catch (const std::exception& error) {
       event_(std::string("files cannot be shared: ") + error.what());
@@ -270,7 +313,12 @@ class RealAgent {
               return p ? p->bufferedAmount("control") : std::uint64_t(0);
             },
         .print = print_,
-        .recorded = {},
+        .recorded =
+            [this](const std::string& event, const std::string& shell, int status) {
+              nlohmann::json fields = {{"shell", shell}};
+              if (event == "closed") fields["status"] = status;
+              recordForSession("shell." + event, std::move(fields));
+            },
     });
     phones_->setHostShells(ShellProcess::availableShells());
     phones_->onBinaryMessage = [files = std::weak_ptr(files_)](
@@ -301,7 +349,10 @@ class RealAgent {
                         : nullptr,
         .print = print_,
         .refuse =
-            [phones](const RoutedMessage& message, const std::exception& error) {
+            [this, phones](const RoutedMessage& message, const std::exception& error) {
+              if (dynamic_cast<const PermissionGateError*>(&error)) {
+                if (auto session = session_.lock(); *session) ++(*session)->refusals;
+              }
               if (auto p = phones.lock()) p->refuse(message.sessionId, error);
             },
     });
@@ -453,6 +504,7 @@ class RealAgent {
     };
     signaling_->onSessionLimitReached = [this](const std::optional<std::string>& peerId) {
       print_("session limit reached: " + peerId.value_or("unknown"));
+      *endReason_.lock() = "session limit";
       phones_->closeAll();
     };
     links_->refresh();
@@ -540,6 +592,7 @@ class RealAgent {
       if (ui_.control && ui_.control->takeSessionEnd()) {
         // The app stays away until its user connects again, and says why.
         tellPhone("sessionEnded", "the session was ended at the computer");
+        *endReason_.lock() = "ended at the computer";
         phones_->endSession();
       }
       if (ui_.control && ui_.control->takePairingRefresh()) {
@@ -569,6 +622,7 @@ class RealAgent {
     const auto deviceId = phones_->activeDeviceId();
     if (!deviceId) return;
     trustedDevices_->revoke(*deviceId);
+    *endReason_.lock() = "forgotten by the phone";
     if (files_) files_->forgetUploads();
     shells_->endAll();
     const std::string name = std::exchange(*sessionDevice_.lock(), {});
@@ -594,6 +648,7 @@ class RealAgent {
       return;
     }
     print_("device " + deviceId + " is no longer trusted: ending its session");
+    *endReason_.lock() = "revoked";
     tellPhone("revoked", "this phone was removed from the computer's trusted phones");
     if (files_) files_->forgetUploads();
     shells_->endAll();
@@ -605,6 +660,7 @@ class RealAgent {
 
   void tearDown() {
     print_("stopping\u2026");
+    *endReason_.lock() = "agent stopped";
     server_->stop();
     links_->stop();
     // Offers are made on the connections' worker and sent through the
@@ -620,6 +676,7 @@ class RealAgent {
     capture_->shutdown();
     // Nothing the agent pressed stays down after it stops.
     requests_->releaseAll();
+    recordSessionEnd("agent stopped");
     event_("stopped");
   }
 
@@ -643,6 +700,14 @@ class RealAgent {
   std::shared_ptr<ClipboardSharing> clipboard_;
   std::shared_ptr<FileTransfers> files_;
   std::shared_ptr<ShellSessions> shells_;
+  const AuditLog audit_{AuditLog::defaultPath()};
+  struct Session {
+    std::string deviceId, name;
+    SteadyClock::time_point started;
+    int refusals = 0;
+  };
+  Guarded<std::optional<Session>> session_;  // the session in progress, for the log
+  Guarded<std::string> endReason_;           // how the session in progress is being ended
   // What the device in session holds, as the tick last saw it.
   std::set<DevicePermission> sessionPermissions_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;

@@ -5,8 +5,8 @@
 
 namespace zul {
 
-TrustWatch::TrustWatch(TrustedDeviceStore store, PrintLine event)
-    : store_(std::move(store)), event_(std::move(event)) {
+TrustWatch::TrustWatch(TrustedDeviceStore store, PrintLine event, Record record)
+    : store_(std::move(store)), event_(std::move(event)), record_(std::move(record)) {
   noteChanges(list());
 }
 
@@ -36,9 +36,17 @@ void TrustWatch::noteChanges(const std::vector<TrustedDevice>& devices, bool say
           device.deviceId + "@" + std::to_string(device.pairedAt.time_since_epoch().count());
       if ((*known)->insert(key).second && !first && !device.revoked) {
         lines.push_back("paired: " + device.name);
+        if (record_) {
+          nlohmann::json permissions = nlohmann::json::array();
+          for (auto permission : device.permissions) permissions.push_back(rawValue(permission));
+          record_("paired", {{"device", device.deviceId},
+                             {"name", device.name},
+                             {"permissions", std::move(permissions)}});
+        }
       }
-      if (device.revoked && (*known)->insert(key + "/revoked").second && !first && sayRevoked) {
-        lines.push_back("revoked: " + device.name);
+      if (device.revoked && (*known)->insert(key + "/revoked").second && !first) {
+        if (sayRevoked) lines.push_back("revoked: " + device.name);
+        if (record_) record_("revoked", {{"device", device.deviceId}, {"name", device.name}});
       }
     }
   }

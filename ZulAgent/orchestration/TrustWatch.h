@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "ZulCore/Support/Guarded.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 
@@ -20,8 +22,11 @@ class TrustWatch {
  public:
   using PrintLine = std::function<void(std::string_view)>;
 
+  // A record for the log kept on the computer: its event and fields.
+  using Record = std::function<void(const std::string& event, nlohmann::json fields)>;
+
   // Learns the list as it is now, without a line.
-  TrustWatch(TrustedDeviceStore store, PrintLine event);
+  TrustWatch(TrustedDeviceStore store, PrintLine event, Record record = {});
 
   // The stored devices; empty when the store cannot be read.
   std::vector<TrustedDevice> list() const;
@@ -43,6 +48,7 @@ class TrustWatch {
  private:
   TrustedDeviceStore store_;
   PrintLine event_;
+  Record record_;
   unsigned idleTicks_ = 0;
   Guarded<std::optional<std::set<std::string>>> known_;
 };

@@ -331,7 +331,9 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   // A shell, granted at the computer while the phone is in session: it opens
   // at the phone's size, follows a resize, and dies with its processes when
   // the phone is revoked.
+  // The tool as the agent's user runs it: the same store and log.
   const std::string tool = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
+                           "' HOME='" + (dataHome_ / "home").string() +
                            "' " ZUL_TRUSTED_DEVICES_PATH " ";
   ASSERT_EQ(std::system((tool + "grant " + deviceId + " shell >/dev/null").c_str()), 0);
   ASSERT_TRUE(agent_->waitForLine("the permissions of " + deviceId + " changed", 30s));
@@ -355,15 +357,22 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   EXPECT_NE(commandOutput("pgrep -f 'sleep 1234[5]'"), "");
 
   holdButton(*phone_, sessionId);
-  const std::string revoke = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
-                             "' " ZUL_TRUSTED_DEVICES_PATH " revoke " + deviceId +
-                             " >/dev/null 2>&1";
+  const std::string revoke = tool + "revoke " + deviceId + " >/dev/null 2>&1";
   ASSERT_EQ(std::system(revoke.c_str()), 0);
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
   expectReleased("revoked");
   EXPECT_TRUE(waitUntil([] { return commandOutput("pgrep -f 'sleep 1234[5]'").empty(); }, 10s))
       << "the shell's processes outlived the revoke";
+  // The computer's record of it all, in order, never a shell's content.
+  const std::string log = commandOutput(tool + "log --device " + deviceId);
+  std::size_t at = 0;
+  for (const char* step : {"session.started", "granted", "shell.opened", "revoked",
+                           "session.ended", "how=revoked"}) {
+    at = log.find(step, at);
+    EXPECT_NE(at, std::string::npos) << step << " is missing from\n" << log;
+  }
+  EXPECT_EQ(log.find("marker"), std::string::npos) << log;
 
   // The X server goes away under the agent: it says why and ends, status 0.
   painter_.reset();

@@ -18,6 +18,7 @@
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/H264AnnexB.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
+#include "ZulPlatform/linux/audit/AuditLog.h"
 #include "ZulPlatform/linux/files/HomeFolder.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
@@ -698,6 +699,33 @@ TEST(HomeFolderTest, KeepsEveryPathBeneathAndNeverReplaces) {
   std::ifstream original(home / "Docs" / "a.txt");
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(original), {}), "a");
   fs::remove_all(home);
+}
+
+// The log: whole lines of JSON, the user's alone, rotated by size with the
+// last files kept, read back oldest first, by device and time.
+TEST(AuditLogTest, AppendsWholeRecordsRotatesAndFilters) {
+  namespace fs = std::filesystem;
+  const fs::path dir = fs::temp_directory_path() / ("zul-audit-" + std::to_string(::getpid()));
+  fs::remove_all(dir);
+  const AuditLog log(dir / "audit.jsonl", 300, 2);
+  for (int i = 0; i < 12; ++i) {
+    log.record("session.started", {{"device", i % 2 ? "device_b" : "device_a"}, {"n", i}});
+  }
+  std::ofstream(dir / "audit.jsonl", std::ios::app) << "{half a rec\n";
+  struct stat info {};
+  ASSERT_EQ(::stat((dir / "audit.jsonl").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_TRUE(fs::exists(dir / "audit.jsonl.2"));
+  EXPECT_FALSE(fs::exists(dir / "audit.jsonl.3"));  // older ones go
+  const auto all = log.read();
+  ASSERT_GE(all.size(), 4u);
+  for (std::size_t i = 1; i < all.size(); ++i) {
+    EXPECT_EQ(all[i]["n"].get<int>(), all[i - 1]["n"].get<int>() + 1);  // in order, none lost
+  }
+  EXPECT_EQ(all.back()["n"], 11);
+  for (const auto& record : log.read(std::string("device_b"))) EXPECT_EQ(record["device"], "device_b");
+  EXPECT_TRUE(log.read(std::nullopt, std::string("2999-01-01T00:00:00Z")).empty());
+  fs::remove_all(dir);
 }
 
 }  // namespace
