@@ -2,7 +2,9 @@
 
 #include <QDateTime>
 #include <QHBoxLayout>
+#include <QCheckBox>
 #include <QLabel>
+#include <QPlainTextEdit>
 #include <QLocale>
 #include <QMessageBox>
 #include <QPushButton>
@@ -25,8 +27,9 @@ QString pairedAtText(const TrustedDevice& device) {
 }  // namespace
 
 TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStore store,
-                                                               Confirm confirm)
-    : store_(std::move(store)), confirm_(std::move(confirm)) {
+                                                               Confirm confirm,
+                                                               ConfirmGrant confirmGrant)
+    : store_(std::move(store)), confirm_(std::move(confirm)), confirmGrant_(std::move(confirmGrant)) {
   setWindowTitle("Velto — сопряжённые телефоны");
   setMinimumWidth(480);
   auto* layout = new QVBoxLayout(this);
@@ -40,6 +43,29 @@ TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStor
   list_ = new QVBoxLayout;
   layout->addLayout(list_);
   layout->addStretch();
+  auto* logButton = new QPushButton("Журнал");
+  connect(logButton, &QPushButton::clicked, this, [this] { showLog(); });
+  layout->addWidget(logButton);
+  if (!confirmGrant_) {
+    confirmGrant_ = [this](const std::string& phoneName, DevicePermission permission) {
+      QMessageBox box(this);
+      box.setWindowTitle("Velto");
+      box.setTextFormat(Qt::PlainText);
+      const bool shell = permission == DevicePermission::shell;
+      box.setText(QString::fromStdString(
+          std::string(shell ? "Разрешить телефону «" : "Разрешить телефону «") + phoneName +
+          (shell ? "» открывать терминал?" : "» подключаться без присмотра?")));
+      box.setInformativeText(
+          shell ? "Телефон сможет выполнять на этом компьютере любые команды от вашего имени."
+                : "Телефон сможет подключаться, когда за компьютером никого нет.");
+      auto* allow = box.addButton("Разрешить", QMessageBox::AcceptRole);
+      auto* cancel = box.addButton("Отмена", QMessageBox::RejectRole);
+      box.setDefaultButton(cancel);
+      box.setEscapeButton(cancel);
+      box.exec();
+      return box.clickedButton() == allow;
+    };
+  }
   if (!confirm_) {
     confirm_ = [this](const std::string& phoneName) {
       QMessageBox box(this);
@@ -100,6 +126,19 @@ void TrustedDevicesWindowController::refresh() {
     texts->addWidget(name);
     texts->addWidget(detail);
     layout->addLayout(texts, 1);
+    // What pairing never gives, given here: each with its confirmation.
+    for (auto [permission, text] : {std::pair{DevicePermission::shell, "Терминал"},
+                                    std::pair{DevicePermission::unattended, "Без присмотра"}}) {
+      auto* check = new QCheckBox(text);
+      check->setObjectName(QString::fromStdString(std::string(rawValue(permission))));
+      check->setChecked(device.permissions.count(permission) > 0);
+      check->setEnabled(!device.revoked);
+      const std::string id = device.deviceId;
+      connect(check, &QCheckBox::clicked, this, [this, id, permission = permission](bool on) {
+        setPermission(id, permission, on);
+      });
+      layout->addWidget(check);
+    }
     auto* button = new QPushButton(device.revoked ? "Отозвано" : "Отозвать");
     button->setEnabled(!device.revoked);
     const std::string id = device.deviceId;
@@ -113,6 +152,48 @@ void TrustedDevicesWindowController::setConnectedPhone(const std::string& name) 
   if (name == connectedPhone_) return;
   connectedPhone_ = name;
   if (isVisible()) refresh();
+}
+
+void TrustedDevicesWindowController::setPermission(const std::string& deviceId,
+                                                   DevicePermission permission, bool granted) {
+  std::string name = deviceId;
+  try {
+    for (const auto& device : store_.load()) {
+      if (device.deviceId == deviceId) name = windows::deviceName(device);
+    }
+    if (!granted || confirmGrant_(name, permission)) {
+      store_.setPermission(deviceId, permission, granted);
+      log_.record(granted ? "granted" : "withdrawn", {{"device", deviceId},
+                                                      {"permission", rawValue(permission)},
+                                                      {"by", "window"}});
+    }
+  } catch (const std::exception&) {
+    // The list shows what the store holds.
+  }
+  refresh();
+}
+
+std::string TrustedDevicesWindowController::logText() const {
+  std::string text;
+  for (const auto& record : log_.read()) {
+    std::string line = record.value("time", "") + "  " + record.value("event", "");
+    for (const auto& [key, value] : record.items()) {
+      if (key == "time" || key == "event") continue;
+      line += "  " + (value.is_string() ? value.get<std::string>() : value.dump());
+    }
+    text += line + "\n";
+  }
+  return text.empty() ? "Пока ничего не записано\n" : text;
+}
+
+void TrustedDevicesWindowController::showLog() {
+  auto* view = new QPlainTextEdit;
+  view->setAttribute(Qt::WA_DeleteOnClose);
+  view->setWindowTitle("Velto — журнал");
+  view->setReadOnly(true);
+  view->setPlainText(QString::fromStdString(logText()));
+  view->resize(720, 420);
+  view->show();
 }
 
 void TrustedDevicesWindowController::revoke(const std::string& deviceId) {

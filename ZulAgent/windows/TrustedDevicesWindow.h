@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ZulCore/Trust/TrustedDevice.h"
+#include "ZulPlatform/linux/audit/AuditLog.h"
 
 class QVBoxLayout;
 class QLabel;
@@ -20,7 +21,11 @@ class TrustedDevicesWindowController : public QWidget {
   // a modal question box whose default answer is not to.
   using Confirm = std::function<bool(const std::string& phoneName)>;
 
-  explicit TrustedDevicesWindowController(TrustedDeviceStore store, Confirm confirm = {});
+  // Asks whether to give a phone a permission that pairing never gives.
+  using ConfirmGrant = std::function<bool(const std::string& phoneName, DevicePermission)>;
+
+  explicit TrustedDevicesWindowController(TrustedDeviceStore store, Confirm confirm = {},
+                                          ConfirmGrant confirmGrant = {});
 
   void show();
   void refresh();
@@ -28,6 +33,11 @@ class TrustedDevicesWindowController : public QWidget {
   // The phone in session, by the name it paired with (empty: none); its row
   // says so.
   void setConnectedPhone(const std::string& name);
+  // Gives (after the confirmation) or takes `shell` or `unattended`.
+  void setPermission(const std::string& deviceId, DevicePermission permission, bool granted);
+  // What phones did, as the computer recorded it ("Журнал").
+  void showLog();
+  std::string logText() const;
 
   // Told after a device was revoked here.
   std::function<void(const TrustedDevice&)> onRevoked;
@@ -38,6 +48,8 @@ class TrustedDevicesWindowController : public QWidget {
  private:
   TrustedDeviceStore store_;
   Confirm confirm_;
+  ConfirmGrant confirmGrant_;
+  AuditLog log_{AuditLog::defaultPath()};
   std::string connectedPhone_;
   QVBoxLayout* list_;
 };

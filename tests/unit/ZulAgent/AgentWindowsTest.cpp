@@ -250,10 +250,16 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   store.save({phone("device_old", "Old phone", 1'000), phone("device_new", "New phone", 2'000)});
   bool answer = false;
   std::string asked;
-  TrustedDevicesWindowController devices(store, [&](const std::string& name) {
-    asked = name;
-    return answer;
-  });
+  TrustedDevicesWindowController devices(
+      store,
+      [&](const std::string& name) {
+        asked = name;
+        return answer;
+      },
+      [&](const std::string& name, DevicePermission) {
+        asked = name;
+        return answer;
+      });
   devices.show();
   devices.setConnectedPhone("New phone");
   auto rows = devices.rows();
@@ -262,6 +268,15 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   EXPECT_TRUE(rows[0].ends_with(" · подключён сейчас | Отозвать")) << rows[0];
   EXPECT_TRUE(rows[1].ends_with(" | Отозвать")) << rows[1];
   EXPECT_EQ(rows[1].find("подключён"), std::string::npos) << rows[1];
+  // A shell only after the confirmation; withdrawn without one.
+  devices.setPermission("device_new", DevicePermission::shell, true);  // "Отмена"
+  EXPECT_FALSE(store.load()[1].permissions.count(DevicePermission::shell));
+  answer = true;
+  devices.setPermission("device_new", DevicePermission::shell, true);
+  EXPECT_TRUE(store.load()[1].permissions.count(DevicePermission::shell));
+  answer = false;
+  devices.setPermission("device_new", DevicePermission::shell, false);
+  EXPECT_FALSE(store.load()[1].permissions.count(DevicePermission::shell));
   devices.revoke("device_new");  // "Отмена"
   EXPECT_EQ(asked, "New phone");
   EXPECT_FALSE(store.load()[1].revoked);
@@ -285,6 +300,8 @@ int main(int argc, char** argv) {
   // Settings of this process alone: tests run as parallel processes.
   QTemporaryDir settings;
   QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
+  // The windows' log record of this process alone, too.
+  qputenv("XDG_STATE_HOME", settings.path().toUtf8());
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
