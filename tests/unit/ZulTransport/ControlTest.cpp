@@ -158,7 +158,12 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
     const std::string type(rule.type);
     const auto needed = type.starts_with("files.")                ? DevicePermission::files
                         : type.starts_with("control.clipboard.") ? DevicePermission::clipboard
+                        : type.starts_with("shell.")             ? DevicePermission::shell
                                                                   : DevicePermission::control;
+    // A shell also needs control.
+    EXPECT_EQ(rule.alsoNeeds, type.starts_with("shell.") ? std::optional(DevicePermission::control)
+                                                          : std::nullopt)
+        << rule.type;
     const bool asks = type == "scene.request_snapshot" || type == "control.monitor.list" ||
                       type == "control.device.forget";
     EXPECT_EQ(rule.permission, asks ? std::nullopt : std::optional(needed)) << rule.type;
