@@ -33,6 +33,9 @@ ControlSessionError ControlSessionError::anotherSessionActive() {
 ControlSessionError ControlSessionError::noActiveSession() {
   return {Case::noActiveSession, "noActiveSession"};
 }
+ControlSessionError ControlSessionError::computerLocked() {
+  return {Case::computerLocked, "computerLocked"};
+}
 
 namespace {
 
@@ -130,6 +133,13 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
   if (!shared_->useNonce(*deviceId, *nonce)) {
     diagnose("hello from " + *deviceId + " repeats a nonce already used");
     throw ControlSessionError::invalidSignature();
+  }
+
+  // Nobody at a locked computer to see the phone take it: only a device
+  // allowed to connect unattended does.
+  if (shared_->screenLocked && shared_->screenLocked() &&
+      !record->permissions.count(DevicePermission::unattended)) {
+    throw ControlSessionError::computerLocked();
   }
 
   auto replaceSession = json.find("replaceSession");

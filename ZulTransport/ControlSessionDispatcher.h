@@ -28,6 +28,7 @@ class ControlSessionError : public Error {
     invalidSignature,
     anotherSessionActive,
     noActiveSession,
+    computerLocked,  // the screen is locked and the device lacks `unattended`
   };
 
   static ControlSessionError missingField(std::string_view key);
@@ -37,6 +38,7 @@ class ControlSessionError : public Error {
   static ControlSessionError invalidSignature();
   static ControlSessionError anotherSessionActive();
   static ControlSessionError noActiveSession();
+  static ControlSessionError computerLocked();
 
   Case kind() const { return kind_; }
 
@@ -64,6 +66,9 @@ class ControlSessionShared {
   ControlSessionLease lease;
   // The shells this computer offers, told to a phone allowed `shell`.
   std::vector<std::string> shells;
+  // Whether the screen is locked now: only a device holding `unattended`
+  // connects then. Set before the first phone.
+  std::function<bool()> screenLocked;
   // False when this device already used this nonce.
   bool useNonce(const std::string& deviceId, const std::string& nonce);
 

@@ -68,6 +68,9 @@ class PhoneConnections final : public PhoneSessions,
   void updateSessionPermissions(const PermissionGate& permissions) override;
   // The shells a phone allowed `shell` is told of in its hello's answer.
   void setHostShells(std::vector<std::string> shells) { shared_->shells = std::move(shells); }
+  // Whether the screen is locked now (hellos of devices without `unattended`
+  // are refused then).
+  void setScreenLocked(std::function<bool()> locked) { shared_->screenLocked = std::move(locked); }
   void peerLeft(const std::string& deviceId) override;
   void closeAll() override;
 

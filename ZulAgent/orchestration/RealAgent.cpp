@@ -190,8 +190,10 @@ class RealAgent {
     // A new session never inherits a button or key the previous phone held.
     requests_->releaseAll();
     clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
-    sessionPermissions_ = trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
-    if (sessionPermissions_.count(DevicePermission::shell)) {
+    const auto permissions =
+        trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
+    *sessionPermissions_.lock() = permissions;
+    if (permissions.count(DevicePermission::shell)) {
       shells_->sessionStarted(deviceId);
     } else {
       shells_->endAll();
@@ -321,6 +323,7 @@ class RealAgent {
             },
     });
     phones_->setHostShells(ShellProcess::availableShells());
+    phones_->setScreenLocked([this] { return screenLocked_.load(); });
     phones_->onBinaryMessage = [files = std::weak_ptr(files_)](
                                    const std::string& channel, const Bytes& data,
                                    const PermissionGate& permissions) {
@@ -600,6 +603,7 @@ class RealAgent {
         continue;
       }
       if (followLostDesktop()) return;
+      followScreenLock();
       if (const auto activeDevice = phones_->activeDeviceId()) {
         endSessionIfRevoked(*activeDevice);
         continue;
@@ -632,15 +636,31 @@ class RealAgent {
     phones_->endSession();
   }
 
+  // A locked screen: phones without `unattended` are kept out, and the one in
+  // session leaves, told why.
+  void followScreenLock() {
+    const bool locked = desktop_->screenLocked().value_or(false);
+    if (screenLocked_.exchange(locked) != locked) {
+      event_(locked ? "the screen is locked: only phones allowed unattended access connect"
+                    : "the screen is unlocked");
+    }
+    if (!locked || sessionPermissions_.lock()->count(DevicePermission::unattended)) return;
+    if (!phones_->activeDeviceId()) return;
+    tellPhone("computerLocked", "компьютер заблокирован");
+    *endReason_.lock() = "screen locked";
+    phones_->endSession();
+  }
+
   // A device revoked while in session loses it at once; one whose
   // permissions changed at the computer has its session follow them.
   void endSessionIfRevoked(const std::string& deviceId) {
     if (!trust_->revoked(deviceId)) {
       const auto now = trust_->permissionsOf(deviceId);
-      if (!now || *now == sessionPermissions_) return;
-      const bool shellWithdrawn = sessionPermissions_.count(DevicePermission::shell) &&
+      if (!now) return;
+      const auto before = std::exchange(*sessionPermissions_.lock(), *now);
+      if (*now == before) return;
+      const bool shellWithdrawn = before.count(DevicePermission::shell) &&
                                   !now->count(DevicePermission::shell);
-      sessionPermissions_ = *now;
       phones_->updateSessionPermissions(PermissionGate{*now});
       print_("the permissions of " + deviceId + " changed at the computer");
       if (shellWithdrawn) shells_->endAll();
@@ -708,8 +728,9 @@ class RealAgent {
   };
   Guarded<std::optional<Session>> session_;  // the session in progress, for the log
   Guarded<std::string> endReason_;           // how the session in progress is being ended
+  std::atomic<bool> screenLocked_{false};
   // What the device in session holds, as the tick last saw it.
-  std::set<DevicePermission> sessionPermissions_;
+  Guarded<std::set<DevicePermission>> sessionPermissions_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;
   std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;

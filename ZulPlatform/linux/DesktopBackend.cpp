@@ -1,5 +1,7 @@
 #include "ZulPlatform/linux/DesktopBackend.h"
 
+#include <gio/gio.h>
+
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -65,6 +67,29 @@ class X11Backend final : public DesktopBackend {
     return ScreenCaptureSource::primaryDisplayID();
   }
   bool desktopGone() override { return X11CaptureConnection::open("") == nullptr; }
+  // The screensaver of the session bus (org.freedesktop.ScreenSaver), when
+  // the session has one.
+  std::optional<bool> screenLocked() override {
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!address || !*address) return std::nullopt;
+    if (!bus_) bus_.reset(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    if (!bus_) return std::nullopt;
+    GVariant* reply = g_dbus_connection_call_sync(
+        bus_.get(), "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver",
+        "org.freedesktop.ScreenSaver", "GetActive", nullptr, G_VARIANT_TYPE("(b)"),
+        G_DBUS_CALL_FLAGS_NONE, 300, nullptr, nullptr);
+    if (!reply) return std::nullopt;
+    gboolean active = FALSE;
+    g_variant_get(reply, "(b)", &active);
+    g_variant_unref(reply);
+    return bool(active);
+  }
+
+ private:
+  struct Unref {
+    void operator()(GDBusConnection* bus) const { g_object_unref(bus); }
+  };
+  std::unique_ptr<GDBusConnection, Unref> bus_;
   std::shared_ptr<Clipboard> makeClipboard() override { return std::make_shared<X11Clipboard>(); }
 };
 
@@ -93,6 +118,7 @@ class GnomeBackend final : public DesktopBackend {
   std::shared_ptr<Clipboard> makeClipboard() override {
     return std::make_shared<MutterClipboard>(desktop_);
   }
+  std::optional<bool> screenLocked() override { return desktop_->screenLocked(); }
   // Mutter's remote-desktop interface asks nobody: the user learns of the
   // phone from us.
   bool announceRemoteControl(const std::string& deviceName) override {

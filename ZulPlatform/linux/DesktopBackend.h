@@ -69,6 +69,9 @@ class DesktopBackend {
   // phone now controls it (a desktop notification); nothing elsewhere.
   // False when the desktop could not show it.
   virtual bool announceRemoteControl(const std::string& /*deviceName*/) { return true; }
+  // Whether the screen is locked (the session's screensaver); nothing when
+  // the desktop does not say.
+  virtual std::optional<bool> screenLocked() { return std::nullopt; }
   // The desktop's clipboard; nothing where it cannot be shared.
   virtual std::shared_ptr<Clipboard> makeClipboard() { return nullptr; }
   // After capture failed: true when the desktop is gone for good (an X

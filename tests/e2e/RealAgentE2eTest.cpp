@@ -692,7 +692,10 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
       {"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen", "--background", "#c02040"},
       appOptions);
   ASSERT_TRUE(app.waitForLine("ready ", 30s));
-  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH}, appOptions);
+  // Notifications, and a screensaver that is active while this file exists.
+  const fs::path locked = dataHome_ / "locked";
+  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH, locked.string()},
+                             appOptions);
   ASSERT_EQ(notifications.readStdoutLine(30s), "ready");
 
   startServer();
@@ -772,6 +775,24 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   phone_->sendCursor(sessionId, 10, 10);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=10 y=10", 30s, mark))
       << agent_->tail();
+
+  // The screen locks: the phone, not allowed unattended access, is sent away
+  // and kept out, told why; allowed it at the computer, it comes back.
+  std::ofstream(locked) << "locked";
+  EXPECT_TRUE(phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
+                              "'control.notice' && m.reason === 'computerLocked')"))
+      << agent_->tail();
+  std::size_t replies = phone_->eval(Phone::replies).size();
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "computerLocked");
+  const std::string deviceId = phone_->eval("zulPhone.state.device.id");
+  ASSERT_EQ(std::system(("ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() + "' HOME='" +
+                         (dataHome_ / "home").string() + "' " ZUL_TRUSTED_DEVICES_PATH " grant " +
+                         deviceId + " unattended >/dev/null")
+                            .c_str()),
+            0);
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
 }
 
 }  // namespace

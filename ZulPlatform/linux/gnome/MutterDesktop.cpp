@@ -458,6 +458,18 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     monitorsChanged_.erase(token);
   }
 
+  std::optional<bool> screenLocked() override {
+    try {
+      auto reply = call(bus_.get(), "org.gnome.ScreenSaver", "/org/gnome/ScreenSaver",
+                        "org.gnome.ScreenSaver", "GetActive", nullptr, G_VARIANT_TYPE("(b)"), 300);
+      gboolean active = FALSE;
+      g_variant_get(reply.get(), "(b)", &active);
+      return bool(active);
+    } catch (const MutterError&) {
+      return std::nullopt;
+    }
+  }
+
   bool notify(const std::string& summary, const std::string& body) override {
     GVariantBuilder actions, hints;
     g_variant_builder_init(&actions, G_VARIANT_TYPE("as"));
@@ -466,7 +478,7 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     try {
       call(bus_.get(), "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
            "org.freedesktop.Notifications", "Notify",
-           g_variant_new("(susssasa{sv}i)", "Zul", guint32(0), "preferences-desktop-remote-desktop",
+           g_variant_new("(susssasa{sv}i)", "Velto", guint32(0), "preferences-desktop-remote-desktop",
                          summary.c_str(), body.c_str(), &actions, &hints, gint32(-1)),
            G_VARIANT_TYPE("(u)"), 2000);
       return true;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -122,6 +123,9 @@ class MutterDesktop {
   // A desktop notification (org.freedesktop.Notifications); false when no
   // notification service answered.
   virtual bool notify(const std::string& summary, const std::string& body) = 0;
+  // Whether GNOME's screen shield is up (org.gnome.ScreenSaver); nothing
+  // when nobody answers.
+  virtual std::optional<bool> screenLocked() = 0;
 };
 
 }  // namespace zul
