@@ -6,7 +6,14 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
+#include <QCheckBox>
+#include <cstdlib>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QPushButton>
+#include <QSignalBlocker>
 #include <QSettings>
 #include <QVBoxLayout>
 
@@ -84,6 +91,16 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
 
   startButton_ = new QPushButton("Включить Velto");
   layout->addWidget(startButton_);
+  autostart_ = new QCheckBox("Запускать при входе");
+  autostart_->setChecked(startsAtLogin());
+  connect(autostart_, &QCheckBox::toggled, this, [this](bool on) {
+    if (!setStartsAtLogin(on)) {
+      showError("Не удалось изменить автозапуск: " + QString::fromStdString(autostartPath()));
+      const QSignalBlocker keep(autostart_);
+      autostart_->setChecked(startsAtLogin());
+    }
+  });
+  layout->addWidget(autostart_);
   pairButton_ = new QPushButton("Добавить телефон");
   pairButton_->hide();
   layout->addWidget(pairButton_);
@@ -97,6 +114,31 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   layout->addWidget(label("Прямое зашифрованное соединение • данные экрана не хранятся в облаке",
                           "color: #8a8f98; font-size: 11px;"));
   connect(startButton_, &QPushButton::clicked, this, [this] { buttonPressed(); });
+}
+
+std::string AgentSetupWindowController::autostartPath() {
+  const char* config = std::getenv("XDG_CONFIG_HOME");
+  const char* home = std::getenv("HOME");
+  const std::string base = config && *config == '/' ? std::string(config)
+                                                     : std::string(home ? home : "") + "/.config";
+  return base + "/autostart/zul-agent.desktop";
+}
+
+bool AgentSetupWindowController::startsAtLogin() { return QFile::exists(QString::fromStdString(autostartPath())); }
+
+bool AgentSetupWindowController::setStartsAtLogin(bool on) {
+  const QString path = QString::fromStdString(autostartPath());
+  if (!on) return !QFile::exists(path) || QFile::remove(path);
+  QDir().mkpath(QFileInfo(path).absolutePath());
+  // The installed entry when there is one; else one that starts this program.
+  const QString installed = "/usr/share/zul-agent/autostart/zul-agent.desktop";
+  if (QFile::exists(installed)) return QFile::exists(path) || QFile::copy(installed, path);
+  QFile entry(path);
+  if (!entry.open(QIODevice::WriteOnly | QIODevice::Truncate)) return false;
+  entry.write(("[Desktop Entry]\nType=Application\nName=Velto\nExec=" +
+               QCoreApplication::applicationFilePath() + " --real-agent\nTerminal=false\n")
+                  .toUtf8());
+  return true;
 }
 
 void AgentSetupWindowController::show(std::function<void(const std::string&)> onStart,

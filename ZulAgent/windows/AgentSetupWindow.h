@@ -6,6 +6,7 @@
 
 #include "ZulAgent/windows/AgentWindowTexts.h"
 
+class QCheckBox;
 class QLabel;
 class QLineEdit;
 class QPushButton;
@@ -41,6 +42,14 @@ class AgentSetupWindowController : public QWidget {
   QLineEdit* serverField() const { return serverField_; }
   QPushButton* startButton() const { return startButton_; }
   QPushButton* pairButton() const { return pairButton_; }
+  QCheckBox* autostartBox() const { return autostart_; }
+
+  // Starting at login: a copy of the installed autostart entry in the
+  // user's autostart folder ($XDG_CONFIG_HOME/autostart), or none.
+  static std::string autostartPath();
+  static bool startsAtLogin();
+  // False when the entry could not be written or removed.
+  static bool setStartsAtLogin(bool on);
   QString pillText() const;
   QString errorText() const;
   bool errorVisible() const;
@@ -70,6 +79,7 @@ class AgentSetupWindowController : public QWidget {
   QPushButton* inputSettings_;
   QPushButton* startButton_;
   QPushButton* pairButton_;
+  QCheckBox* autostart_;
   QProgressBar* progress_;
   QLabel* errorCallout_;
 };

@@ -2,6 +2,7 @@
 // the buttons do.
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QApplication>
 #include <QClipboard>
 #include <QCoreApplication>
@@ -193,6 +194,18 @@ TEST(AgentSetupWindow, StartsOnlyWhenReadyFollowsTheAgentAndCancels) {
   EXPECT_EQ(again.serverField()->text(), "https://rv.example.com");
 }
 
+// «Запускать при входе»: an autostart entry of this user's, or none.
+TEST(AgentSetupWindow, StartsAtLoginOnlyWhenAsked) {
+  ASSERT_FALSE(AgentSetupWindowController::startsAtLogin());
+  ASSERT_TRUE(AgentSetupWindowController::setStartsAtLogin(true));
+  EXPECT_TRUE(AgentSetupWindowController::startsAtLogin());
+  QFile entry(QString::fromStdString(AgentSetupWindowController::autostartPath()));
+  ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+  EXPECT_TRUE(entry.readAll().contains("--real-agent"));
+  ASSERT_TRUE(AgentSetupWindowController::setStartsAtLogin(false));
+  EXPECT_FALSE(AgentSetupWindowController::startsAtLogin());
+}
+
 TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   auto backend = std::make_shared<MemorySecretBackend>();
   const TrustedDeviceStore store(SecretStore("trusted-devices", backend));
@@ -302,6 +315,7 @@ int main(int argc, char** argv) {
   QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
   // The windows' log record of this process alone, too.
   qputenv("XDG_STATE_HOME", settings.path().toUtf8());
+  qputenv("XDG_CONFIG_HOME", settings.path().toUtf8());
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
