@@ -2,10 +2,11 @@
 // first (so a new version shows at once) and from the cache when offline.
 // The rendezvous and agent traffic is never touched.
 
-const CACHE = 'zul-shell-1';
+const CACHE = 'zul-shell-2';
 const SHELL = ['./', 'index.html', 'style.css', 'manifest.webmanifest', 'icon.svg',
   'js/main.js', 'js/protocol.js', 'js/store.js', 'js/i18n.js', 'js/gestures.js',
-  'js/keyboard.js', 'js/viewport.js', 'js/scanner.js', 'vendor/jsqr/jsQR.js'];
+  'js/keyboard.js', 'js/viewport.js', 'js/scanner.js', 'js/clipboard.js',
+  'vendor/jsqr/jsQR.js'];
 
 self.addEventListener('install', (event) => {
   event.waitUntil(caches.open(CACHE).then((cache) => cache.addAll(SHELL))

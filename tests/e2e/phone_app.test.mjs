@@ -192,6 +192,10 @@ test('pairs from the QR link and shows the screen', async () => {
   await agent.waitFor('signaling: connected', { timeout: 60 * SECONDS });
   await page.goto('about:blank'); // the link after "#" is read when the app opens
   await page.goto(`${env.ZUL_SIGNALING_URL}/#${link}`);
+  // A link opened from outside asks first, the clipboard allowed unless unticked.
+  await noticeSays(page, 'pair-ask');
+  assert.ok(await page.locator('#notice-extra input[type=checkbox]').isChecked());
+  await page.locator('#notice-actions button', { hasText: 'Сопрячь' }).tap();
   await connected();
   await page.waitForFunction(() => zulApp.video().width > 0);
   // The left monitor, at its own size; a picker offers both.
@@ -320,6 +324,45 @@ test('typing sends Cyrillic text and the key bar\'s keys', async () => {
   await page.locator('#open-keyboard').tap();
 });
 
+test('the computer\'s notices show in words; a session ended there is not resumed by itself', async () => {
+  for (const [reason, shown, words] of [
+    ['desktopLost', '#desktop-lost:not([hidden])', /Экран компьютера пропал/],
+    ['desktopBack', '#desktop-lost[hidden]', /./],
+    ['sessionEnded', '#notice:not([hidden])[data-code=session-ended]', /Сеанс завершён на компьютере/],
+  ]) {
+    await page.evaluate((r) => zulApp.receive({ type: 'control.notice', reason: r, message: '' }),
+      reason);
+    assert.match(await (await page.waitForSelector(shown, { state: 'attached' })).textContent(),
+      words);
+  }
+  assert.deepEqual(await page.evaluate(() => [zulApp.state, zulApp.retrying()]), ['closed', false]);
+  await page.locator('#notice-actions button', { hasText: 'Подключиться' }).tap();
+  await connected();
+});
+
+test('the clipboard goes both ways between the app and the desktop, in pieces', async () => {
+  const xclip = { env: { ...process.env, ...env } };
+  const onDesktop = () => spawnSync('xclip', ['-selection', 'clipboard', '-o'], xclip).stdout;
+  const toDesktop = (text) => children.push(spawn('xclip', ['-selection', 'clipboard', '-i'],
+    { ...xclip, stdio: ['pipe', 'ignore', 'ignore'] })) && children.at(-1).stdin.end(text);
+  const big = 'Ёжик в тумане. '.repeat(20000); // several pieces each way
+  const received = (text) => page.waitForFunction((t) =>
+    document.getElementById('clip-text').value === t, text, { timeout: 30 * SECONDS });
+  await page.locator('#open-clipboard').tap();
+  await page.locator('#clip-types .none', { hasText: 'нет ни текста' }).waitFor();
+  toDesktop(big);
+  await page.locator('#clip-types button[data-type^="text/plain"]').tap();
+  await received(big);
+  await page.locator('#clip-out').fill(`${big}!`);
+  await page.locator('#clip-send').tap();
+  await page.locator('#clip-status', { hasText: 'Теперь это в буфере' }).waitFor();
+  assert.ok(onDesktop().equals(Buffer.from(`${big}!`)), 'the desktop has other text');
+  await page.locator('#clip-sync').tap(); // each change is fetched unasked
+  toDesktop('из xclip');
+  await received('из xclip');
+  await page.locator('#close-clipboard').tap();
+});
+
 test('an element from the list is invoked in the window', async () => {
   await page.locator('#open-elements').tap();
   await page.locator('#element-search').fill('press');
@@ -367,14 +410,30 @@ test('a second phone pairs with its camera, is refused until it takes over; the 
   page = second;
 });
 
-test('a revoked phone is told so and offered to pair again', async () => {
+test('a revoked phone is told so, pairs again as the same phone, and a forget revokes it there', async () => {
   const deviceId = await page.evaluate(() => zulApp.deviceId());
-  const revoke = spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, ['revoke', deviceId],
+  const devices = (...args) => spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, args,
     { env: { ...process.env, ...env } });
-  assert.equal(revoke.status, 0);
+  assert.equal(devices('revoke', deviceId).status, 0);
   await noticeSays(page, 'device-revoked');
   assert.match(await page.locator('#notice-text').textContent(), /удалён из доверенных/);
   assert.equal(await page.locator('#notice-actions button').count(), 3);
+  // Paired again: the computer's one record of this phone is trusted again.
+  const link = await agent.waitFor('zul://pair?payload=',
+    { from: agent.lines.findLastIndex((l) => l.startsWith('paired: ')) });
+  await page.goto('about:blank');
+  await page.goto(`${env.ZUL_SIGNALING_URL}/#${link.trim()}`);
+  await page.locator('#notice-actions button', { hasText: 'Сопрячь' }).tap();
+  await connected();
+  const records = (state) => devices('list').stdout.toString().split('\n')
+    .filter((l) => l.startsWith(`${deviceId}  ${state}`)).length;
+  assert.deepEqual([await page.evaluate(() => zulApp.deviceId()), records('')], [deviceId, 1]);
+  assert.equal(records('trusted'), 1);
+  page.once('dialog', (dialog) => dialog.accept());
+  await page.locator('[data-action=disconnect]').tap();
+  await page.locator('#computers li .forget').tap();
+  await page.locator('#toast', { hasText: 'Забыто на телефоне и на компьютере' }).waitFor();
+  assert.equal(records('revoked'), 1);
 });
 
 test('with the server gone: the live connection takes over, a new one is refused in words, the app still opens', async () => {

@@ -1,10 +1,12 @@
 // The phone web app: the list of paired computers, pairing from a QR code or
-// link, and the session screen (picture, fingers, keyboard, elements).
+// link, and the session screen (picture, fingers, keyboard, elements,
+// clipboard).
 
 import { t, translate } from './i18n.js';
+import { PNG, RemoteClipboard, TEXT } from './clipboard.js';
 import { Gestures } from './gestures.js';
 import { Keyboard } from './keyboard.js';
-import { pair, parseLink, reachableSignalUrl, Session } from './protocol.js';
+import { errorReason, pair, parseLink, reachableSignalUrl, Session } from './protocol.js';
 import { startScanner } from './scanner.js';
 import { computers, settings } from './store.js';
 import { Viewport } from './viewport.js';
@@ -17,6 +19,10 @@ const app = {
   retry: { timer: 0, delay: 0 },
   scene: null,
   monitors: null,
+  clipboard: null, // the computer's, while in session with the permission
+  fetched: null, // { type, blob, url } last fetched from the computer
+  picked: null, // a PNG Blob to send
+  shared: null, // text shared from another app, for the clipboard sheet
 };
 
 // ---- small pieces of UI ---------------------------------------------------
@@ -38,9 +44,11 @@ function toast(text) {
   toastTimer = setTimeout(() => { el.hidden = true; }, 2600);
 }
 
-// A message with the ways forward: [{ label, action, primary, danger }].
-function notice(text, actions = [], code = '') {
+// A message with the ways forward: [{ label, action, primary, danger }],
+// and an element of its own (`extra`) above them.
+function notice(text, actions = [], code = '', extra = null) {
   $('notice-text').textContent = text;
+  $('notice-extra').replaceChildren(...(extra ? [extra] : []));
   $('notice').dataset.code = code;
   const box = $('notice-actions');
   box.replaceChildren(...actions.map(({ label, action, primary, danger }) => {
@@ -122,7 +130,7 @@ async function renderHome() {
     forget.textContent = t('forget');
     forget.onclick = async () => {
       if (!confirm(t('forgetConfirm', { name: computer.name }))) return;
-      await forgetComputer(computer);
+      await forgetComputer(computer, { tell: true });
     };
     more.append(connect, rename, forget);
     li.append(name, meta, more);
@@ -130,11 +138,41 @@ async function renderHome() {
   }));
 }
 
-async function forgetComputer(computer) {
+// With `tell`, the computer is asked to forget this phone too.
+async function forgetComputer(computer, { tell = false } = {}) {
+  let told = false;
+  if (tell) {
+    notice(t('forgetting'));
+    told = await tellComputerToForget(computer).catch(() => false);
+    hideNotice();
+  }
   await computers.remove(computer.agentId);
   if (app.computer && app.computer.agentId === computer.agentId) closeSession();
   show('home');
   renderHome();
+  if (tell) toast(t(told ? 'forgotBoth' : 'forgotHere'));
+}
+
+// Through the session in progress, else a quick one; false when the
+// computer could not be told (offline, another phone in control).
+async function tellComputerToForget(computer) {
+  if (app.session?.established && app.computer?.agentId === computer.agentId) {
+    return app.session.forget();
+  }
+  const session = new Session(computer);
+  const inSession = await new Promise((resolve) => {
+    const timer = setTimeout(() => resolve(false), 8000);
+    const end = (value) => {
+      clearTimeout(timer);
+      resolve(value);
+    };
+    session.addEventListener('hello', () => end(true));
+    session.addEventListener('failure', () => end(false));
+    session.connect();
+  });
+  if (inSession) return session.forget();
+  session.close();
+  return false;
 }
 
 // ---- pairing -----------------------------------------------------------------
@@ -152,7 +190,24 @@ async function openScanner() {
   }
 }
 
-async function pairWith(payload) {
+// The code the computer's own windows show for it.
+const computerCode = (agentId) => `VELTO-PC-${agentId.slice(-8).toUpperCase()}`;
+const computerName = (payload) => payload.name || payload.hostName || computerCode(payload.agentId);
+
+// A link opened from outside (the phone's camera read the QR code) asks
+// first, with the choice the scan screen offers: the clipboard too or not.
+function askToPair(payload) {
+  const choice = $('pair-clipboard').closest('label').cloneNode(true);
+  const box = choice.querySelector('input');
+  box.removeAttribute('id');
+  box.checked = $('pair-clipboard').checked;
+  notice(t('pairAsk', { name: computerName(payload) }), [
+    { label: t('pairButton'), primary: true, action: () => pairWith(payload, box.checked) },
+    { label: t('cancel'), action: () => { show('home'); renderHome(); } },
+  ], 'pair-ask', choice);
+}
+
+async function pairWith(payload, clipboard = $('pair-clipboard').checked) {
   // Where a failure's notice goes back to when closed.
   const from = document.body.dataset.screen;
   if (app.scanner) {
@@ -160,9 +215,13 @@ async function pairWith(payload) {
     app.scanner = null;
   }
   notice(t('pairing'));
+  // Paired before: the same device key, so that the computer replaces its
+  // record of this phone rather than adding another.
+  const existing = await computers.get(payload.agentId);
   let result;
   try {
-    result = await pair(payload);
+    result = await pair(payload, { device: existing?.device,
+      permissions: ['view', 'control', ...(clipboard ? ['clipboard'] : [])] });
   } catch (error) {
     const code = error.code || 'refused';
     const back = from === 'scan' ? openScanner : () => { show('home'); renderHome(); };
@@ -171,9 +230,7 @@ async function pairWith(payload) {
         { label: t('close'), action: back }], code);
     return;
   }
-  const existing = await computers.get(payload.agentId);
-  const name = payload.name || payload.hostName || existing?.name ||
-    t('computerName', { id: payload.agentId.slice(6, 12) });
+  const name = payload.name || payload.hostName || existing?.name || computerCode(payload.agentId);
   const computer = {
     agentId: payload.agentId,
     name,
@@ -209,6 +266,7 @@ async function openSession(computer, { replaceSession = false } = {}) {
   app.computer = computer;
   $('session-name').textContent = computer.name;
   $('monitors').hidden = true;
+  $('desktop-lost').hidden = true;
   app.scene = null;
   renderElements();
   show('session');
@@ -219,10 +277,13 @@ async function openSession(computer, { replaceSession = false } = {}) {
     relay: new URLSearchParams(location.search).get('relay') === '1',
   });
   app.session = session;
+  const clipboard = new RemoteClipboard(session);
+  app.clipboard = clipboard;
+  clipboard.addEventListener('changed', () => clipboardChanged(clipboard));
   session.addEventListener('state', ({ detail }) => {
     if (session === app.session) setState(detail.state);
     if (detail.state === 'connected') {
-      clearTimeout(app.retry.timer);
+      stopRetrying();
       app.retry.delay = 0;
       hideNotice();
     }
@@ -236,7 +297,22 @@ async function openSession(computer, { replaceSession = false } = {}) {
     const granted = detail.ok.permissions || [];
     if (!granted.includes('control')) toast(t('fail-permission'));
     if (!$('elements').hidden) requestScene();
+    // A new connection starts with the desktop there.
+    $('desktop-lost').hidden = !session.desktopLost;
+    const withClipboard = granted.includes('clipboard') && detail.ok.host?.clipboardCopy === true;
+    $('open-clipboard').hidden = !withClipboard;
+    if (!withClipboard) toggleClipboard(false);
+    if (app.shared) {
+      if (withClipboard) {
+        $('clip-out').value = app.shared;
+        toggleClipboard(true);
+      } else {
+        toast(t('clip-denied'));
+      }
+      app.shared = null;
+    }
   });
+  session.addEventListener('notice', ({ detail }) => onNotice(detail.reason));
   session.addEventListener('message', ({ detail }) => onMessage(detail.message));
   session.addEventListener('failure', ({ detail }) => onFailure(detail.code));
   session.addEventListener('lost', () => scheduleReconnect(1000));
@@ -244,26 +320,36 @@ async function openSession(computer, { replaceSession = false } = {}) {
 }
 
 function closeSession() {
-  clearTimeout(app.retry.timer);
+  stopRetrying();
   if (gestures) gestures.cancel();
   if (app.session) app.session.close();
+  app.clipboard?.cancel();
+  app.clipboard = null;
   app.session = null;
   app.computer = null;
   $('screen').srcObject = null;
+  $('open-clipboard').hidden = true;
+  toggleClipboard(false);
   hideNotice();
 }
 
 function reconnect(options) {
   if (!app.session) return;
-  clearTimeout(app.retry.timer);
+  stopRetrying();
   app.session.connect(options);
+}
+
+function stopRetrying() {
+  clearTimeout(app.retry.timer);
+  app.retry.timer = 0;
 }
 
 // Again and again, more slowly each time, until it works or the user leaves.
 function scheduleReconnect(first = 2000) {
-  clearTimeout(app.retry.timer);
+  stopRetrying();
   app.retry.delay = app.retry.delay ? Math.min(15000, app.retry.delay * 1.6) : first;
   app.retry.timer = setTimeout(() => {
+    app.retry.timer = 0;
     if (navigator.onLine === false) {
       setState('offline');
       scheduleReconnect();
@@ -310,6 +396,25 @@ function onFailure(code) {
   }
 }
 
+// The agent's notices. The session ended at the computer (or its screen
+// locked): no retry until the person connects again. The computer's screen
+// went away and came back.
+function onNotice(reason) {
+  if (reason === 'sessionEnded' || reason === 'computerLocked') {
+    stopRetrying();
+    app.clipboard?.cancel();
+    const computer = app.computer;
+    setState('closed');
+    const code = reason === 'sessionEnded' ? 'session-ended' : 'computer-locked';
+    notice(t(`fail-${code}`), [
+      { label: t('connect'), primary: true, action: () => openSession(computer) },
+      { label: t('back'), action: () => { closeSession(); show('home'); renderHome(); } },
+    ], code);
+  } else if (reason === 'desktopLost' || reason === 'desktopBack') {
+    $('desktop-lost').hidden = reason === 'desktopBack';
+  }
+}
+
 // A hello with replaceSession: this phone takes the control over.
 function reconnectTakingOver() {
   const session = app.session;
@@ -323,6 +428,7 @@ function reconnectTakingOver() {
 }
 
 function onMessage(message) {
+  if (app.clipboard?.take(message)) return;
   if (message.type === 'control.monitor.list') {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
@@ -335,16 +441,16 @@ function onMessage(message) {
     app.scene = message;
     renderElements();
   } else if (message.type === 'control.error' && app.session?.established) {
-    const text = String(message.message || '');
-    if (/^denied\(/.test(text)) {
-      toast(t('fail-permission'));
-    } else if (/staleElement/.test(text)) {
+    const reason = errorReason(message);
+    if (reason === 'denied') {
+      toast(t(message.permission === 'clipboard' ? 'clip-denied' : 'fail-permission'));
+    } else if (reason === 'staleElement') {
       // The window changed since the list was made: a fresh one.
       toast(t('staleElement'));
       app.scene = null;
       renderElements();
       requestScene();
-    } else if (!/noActiveSession/.test(text)) {
+    } else if (reason !== 'noActiveSession') {
       toast(t('notDone'));
     }
   }
@@ -440,9 +546,167 @@ function toggleElements(open = $('elements').hidden) {
   $('elements').hidden = !open;
   $('open-elements').setAttribute('aria-pressed', String(open));
   if (open) {
+    toggleClipboard(false);
     app.scene = null;
     renderElements();
     requestScene();
+  }
+}
+
+// ---- the clipboard ---------------------------------------------------------------
+
+function toggleClipboard(open = $('clipboard').hidden) {
+  $('clipboard').hidden = !open;
+  $('open-clipboard').setAttribute('aria-pressed', String(open));
+  if (open) {
+    toggleElements(false);
+    renderClipboardTypes();
+  }
+}
+
+// What the computer's clipboard holds, each kind with its Fetch button.
+function renderClipboardTypes() {
+  const types = app.clipboard?.types;
+  if (!types || types.length === 0) {
+    const li = document.createElement('li');
+    li.className = 'none';
+    li.textContent = t(types ? 'clipNothing' : 'clipUnknown');
+    $('clip-types').replaceChildren(li);
+    return;
+  }
+  $('clip-types').replaceChildren(...types.map((type) => {
+    const li = document.createElement('li');
+    const name = document.createElement('span');
+    name.textContent = t(`type-${type}`);
+    const fetch = document.createElement('button');
+    fetch.type = 'button';
+    fetch.dataset.type = type;
+    fetch.textContent = t('fetch');
+    fetch.onclick = () => fetchClipboard(type);
+    li.append(name, fetch);
+    return li;
+  }));
+}
+
+async function clipboardChanged(clipboard) {
+  if (clipboard !== app.clipboard) return;
+  renderClipboardTypes();
+  if ($('clip-sync').checked && clipboard.types.includes(TEXT)) {
+    const text = await fetchClipboard(TEXT, { quiet: true });
+    // The phone's own clipboard too, where the browser allows it unasked.
+    if (typeof text === 'string') navigator.clipboard?.writeText(text).catch(() => {});
+  }
+}
+
+function clipStatus(text) {
+  $('clip-status').textContent = text;
+}
+
+function clipFailed(error) {
+  const key = `clip-${error.reason || 'unavailable'}`;
+  clipStatus(t(key) === key ? t('clip-failed', { reason: error.reason || error.message }) : t(key));
+}
+
+// Progress of a large exchange under the Send button.
+function clipProgress(key) {
+  return (done, total) => {
+    if (total < (256 << 10)) return;
+    $('clip-progress').hidden = false;
+    $('clip-progress').value = done / total;
+    clipStatus(t(key, { percent: Math.floor((100 * done) / total) }));
+  };
+}
+
+// Shows the content of one type; resolves to the text for text.
+async function fetchClipboard(type, { quiet = false } = {}) {
+  const clipboard = app.clipboard;
+  if (!clipboard) return null;
+  if (!quiet) clipStatus('');
+  let blob;
+  try {
+    blob = await clipboard.get(type, quiet ? undefined : clipProgress('fetching'));
+  } catch (error) {
+    if (!quiet) clipFailed(error);
+    return null;
+  } finally {
+    $('clip-progress').hidden = true;
+  }
+  if (clipboard !== app.clipboard) return null;
+  if (!quiet) clipStatus('');
+  if (app.fetched?.url) URL.revokeObjectURL(app.fetched.url);
+  const text = type === TEXT ? await blob.text() : null;
+  app.fetched = { type, blob, url: text === null ? URL.createObjectURL(blob) : '' };
+  $('clip-got').hidden = false;
+  $('clip-text').hidden = text === null;
+  $('clip-text').value = text ?? '';
+  $('clip-image').hidden = text !== null;
+  $('clip-image').src = app.fetched.url;
+  $('clip-save').hidden = text !== null;
+  $('clip-save').href = app.fetched.url;
+  $('clip-copy').hidden = text === null && !window.ClipboardItem;
+  return text;
+}
+
+async function copyFetched() {
+  const { type, blob } = app.fetched || {};
+  try {
+    if (type === PNG) {
+      await navigator.clipboard.write([new ClipboardItem({ [PNG]: blob })]);
+    } else {
+      await navigator.clipboard.writeText($('clip-text').value);
+    }
+    toast(t('copied'));
+  } catch {
+    $('clip-text').select();
+    toast(t('copyFailed'));
+  }
+}
+
+// An image for the computer, as the PNG its clipboard takes.
+async function pickImage(file) {
+  if (!file) return;
+  let png = file;
+  if (file.type !== PNG) {
+    const bitmap = await createImageBitmap(file);
+    const canvas = document.createElement('canvas');
+    [canvas.width, canvas.height] = [bitmap.width, bitmap.height];
+    canvas.getContext('2d').drawImage(bitmap, 0, 0);
+    png = await new Promise((resolve) => canvas.toBlob(resolve, PNG));
+  }
+  unpickImage();
+  app.picked = png;
+  $('clip-out-image').src = URL.createObjectURL(png);
+  $('clip-picked').hidden = false;
+}
+
+function unpickImage() {
+  if (app.picked) URL.revokeObjectURL($('clip-out-image').src);
+  app.picked = null;
+  $('clip-picked').hidden = true;
+  $('clip-file').value = '';
+}
+
+// The picked image, else the text, onto the computer's clipboard.
+async function sendClipboard() {
+  const clipboard = app.clipboard;
+  const text = $('clip-out').value;
+  if (!clipboard || (!app.picked && !text)) {
+    clipStatus(t('clipNothingToSend'));
+    return;
+  }
+  const [type, bytes] = app.picked
+    ? [PNG, new Uint8Array(await app.picked.arrayBuffer())]
+    : [TEXT, new TextEncoder().encode(text)];
+  clipStatus('');
+  $('clip-send').disabled = true;
+  try {
+    await clipboard.set(type, bytes, clipProgress('sending'));
+    clipStatus(t('sent'));
+  } catch (error) {
+    clipFailed(error);
+  } finally {
+    $('clip-send').disabled = false;
+    $('clip-progress').hidden = true;
   }
 }
 
@@ -516,6 +780,17 @@ function wire() {
     requestScene();
   };
   $('element-search').oninput = renderElements;
+  $('open-clipboard').onclick = () => toggleClipboard();
+  $('close-clipboard').onclick = () => toggleClipboard(false);
+  $('clip-copy').onclick = copyFetched;
+  $('clip-send').onclick = sendClipboard;
+  $('clip-file').onchange = () => pickImage($('clip-file').files[0])
+    .catch(() => clipStatus(t('clip-unsupportedType')));
+  $('clip-unpick').onclick = unpickImage;
+  $('clip-sync').onchange = () => settings.set('clipboardSync', $('clip-sync').checked)
+    .catch(() => {});
+  $('pair-clipboard').onchange = () => settings.set('pairClipboard',
+    $('pair-clipboard').checked).catch(() => {});
 
   // Where the phone's keyboard covers the page without resizing it (iOS),
   // the key bar moves up above it.
@@ -559,18 +834,39 @@ async function start() {
     navigator.serviceWorker.register('sw.js').catch(() => {});
   }
   setMode((await settings.get('mode').catch(() => null)) || 'direct');
+  $('clip-sync').checked = (await settings.get('clipboardSync').catch(() => false)) === true;
+  $('pair-clipboard').checked = (await settings.get('pairClipboard').catch(() => null)) !== false;
   const params = new URLSearchParams(location.search);
-  // A QR code's "#zul://pair?payload=…" (or "?link=…") pairs at once.
+  // A QR code's "#zul://pair?payload=…" (or "?link=…") asks to pair.
   const linkText = location.hash.startsWith('#zul://') ? location.hash.slice(1) : params.get('link');
   if (linkText) {
     history.replaceState(null, '', location.pathname);
     const payload = parseLink(linkText);
     if (payload) {
-      pairWith(payload);
+      askToPair(payload);
       document.body.dataset.ready = '1';
       return;
     }
     toast(t('badLink'));
+  }
+  // Text shared from another app (the manifest's share target) goes to the
+  // clipboard sheet of the computer used last.
+  const sharedText = params.get('share-text') || params.get('share-title') || '';
+  const sharedUrl = params.get('share-url') || '';
+  // A shared page's text usually holds its address already.
+  const shared = sharedText.includes(sharedUrl) ? sharedText
+    : [sharedText, sharedUrl].filter(Boolean).join('\n');
+  if (shared) {
+    history.replaceState(null, '', location.pathname);
+    const last = await settings.get('lastComputer').catch(() => null);
+    const computer = (last && await computers.get(last)) || (await computers.list())[0];
+    if (computer) {
+      app.shared = shared;
+      openSession(computer);
+      document.body.dataset.ready = '1';
+      return;
+    }
+    toast(t('shareNoComputer'));
   }
   await renderHome();
   show('home');
@@ -584,6 +880,9 @@ window.zulApp = {
   video: () => ({ width: viewport.videoWidth, height: viewport.videoHeight }),
   zoom: () => viewport.zoom,
   deviceId: () => app.computer?.device.id,
+  retrying: () => app.retry.timer !== 0,
+  // A control message as if the computer had sent it.
+  receive: (message) => app.session?.onMessage('control', message),
 };
 
 start();

@@ -7,8 +7,11 @@
 const encoder = new TextEncoder();
 
 export function b64url(bytes) {
+  const all = bytes instanceof Uint8Array ? bytes : new Uint8Array(bytes);
   let text = '';
-  for (const b of new Uint8Array(bytes)) text += String.fromCharCode(b);
+  for (let i = 0; i < all.length; i += 0x8000) {
+    text += String.fromCharCode.apply(null, all.subarray(i, i + 0x8000));
+  }
   return btoa(text).replace(/\+/g, '-').replace(/\//g, '_').replace(/=+$/, '');
 }
 
@@ -142,11 +145,13 @@ export async function openSignaling(signalUrl, agentId, device) {
   return ws;
 }
 
-// Pairs a new device key with the agent of `payload`; resolves to the
-// verified grant and the device.
-export async function pair(payload, { permissions = ['view', 'control'] } = {}) {
+// Pairs with the agent of `payload`: with the device key this phone already
+// has for that computer (so that the computer replaces its record of this
+// phone instead of adding one), else a new one. Resolves to the verified
+// grant and the device.
+export async function pair(payload, { permissions = ['view', 'control'], device: known } = {}) {
   if (!await fingerprintVerifies(payload)) throw new ZulError('fingerprint-signature');
-  const device = await newDevice();
+  const device = known || await newDevice();
   const ws = await openSignaling(payload.signalUrl, payload.agentId, device);
   const message = await new Promise((resolve) => {
     ws.onmessage = (event) => {
@@ -180,7 +185,13 @@ export function offeredFingerprint(sdp) {
   return match ? `sha-256 ${match[1].toUpperCase()}` : undefined;
 }
 
-// What a control.error's message names, as the phone's own codes. A
+// The case a control.error names: its "reason", or for an agent that sends
+// none, the start of its message ("denied(permission=control)").
+export function errorReason(message) {
+  return message.reason || String(message.message || '').replace(/\(.*$/s, '').trim();
+}
+
+// What a control.error's reason names, as the phone's own codes. A
 // computer this phone paired with that does not trust it has revoked it (the
 // server's own refusal may come a few seconds later).
 const HELLO_REFUSALS = {
@@ -189,6 +200,7 @@ const HELLO_REFUSALS = {
   anotherSessionActive: 'another-session',
   fingerprintMismatch: 'fingerprint',
   invalidSignature: 'not-paired',
+  computerLocked: 'computer-locked',
 };
 
 // Neither a video frame nor a data-channel message for this long while in
@@ -201,6 +213,7 @@ const SILENCE_MS = 2000;
 //   video   { stream }
 //   message { channel, message } – every parsed data-channel message
 //   hello   { ok } – the agent's control.hello.ok
+//   notice  { reason, message } – the agent's control.notice (see onMessage)
 //   lost    {} – the connection broke or went silent; connect() again restarts it
 export class Session extends EventTarget {
   constructor(computer, { relay = false } = {}) {
@@ -227,6 +240,7 @@ export class Session extends EventTarget {
   }
 
   fail(code) {
+    if (this.closedByUser) return; // what follows a close or a forget is no news
     this.failure = code;
     this.emit('failure', { code });
   }
@@ -295,6 +309,7 @@ export class Session extends EventTarget {
     if (!same) {
       if (this.pc) this.pc.close();
       this.channels = {};
+      this.desktopLost = false;
       this.pc = this.makeConnection();
     }
     const pc = this.pc;
@@ -386,7 +401,7 @@ export class Session extends EventTarget {
           this.silent = false;
           if (this.established && this.state === 'reconnecting') this.setState('connected');
         }
-      } else if (this.established && !this.silent && this.state !== 'closed' &&
+      } else if (this.established && !this.silent && !this.desktopLost && this.state !== 'closed' &&
           performance.now() - this.heardAt > SILENCE_MS) {
         this.silent = true;
         this.setState('reconnecting');
@@ -404,16 +419,37 @@ export class Session extends EventTarget {
       this.setInSession();
       this.emit('hello', { ok: message });
     } else if (message.type === 'control.error' && !this.established) {
-      const name = String(message.message || '').replace(/\(.*$/, '');
-      const code = HELLO_REFUSALS[name] || 'refused';
+      const code = HELLO_REFUSALS[errorReason(message)] || 'refused';
       // Refused after having been in control: another phone took it over.
       this.fail(code === 'another-session' && this.wasEstablished ? 'taken-over' : code);
-    } else if (message.type === 'control.error' && /noActiveSession/.test(message.message)) {
+    } else if (message.type === 'control.error' && errorReason(message) === 'noActiveSession') {
       // Another phone took over this computer.
       this.established = false;
       this.fail('taken-over');
+    } else if (message.type === 'control.notice') {
+      this.onNotice(String(message.reason || ''));
+      this.emit('notice', { reason: message.reason, message: message.message });
     }
     this.emit('message', { channel, message });
+  }
+
+  // The agent's word on the session. "sessionEnded": the person at the
+  // computer ended it, or "computerLocked": its screen locked and this phone
+  // may not use it unattended; this phone stays away until its user connects
+  // again.
+  // "revoked": the computer no longer trusts this phone. "desktopLost" /
+  // "desktopBack": the computer's screen went away (the picture may freeze,
+  // which is no lost connection) and came back.
+  onNotice(reason) {
+    if (reason === 'sessionEnded' || reason === 'computerLocked') {
+      this.close();
+    } else if (reason === 'revoked') {
+      this.fail('device-revoked');
+      this.close();
+    } else if (reason === 'desktopLost' || reason === 'desktopBack') {
+      this.desktopLost = reason === 'desktopLost';
+      this.heardAt = performance.now();
+    }
   }
 
   // The signed hello; `replaceSession` takes the control over from another phone.
@@ -434,6 +470,24 @@ export class Session extends EventTarget {
     const dc = this.channels[channel];
     if (!dc || dc.readyState !== 'open') return false;
     dc.send(JSON.stringify({ protoVersion: '1.0', sessionId: this.sessionId, ...message }));
+    return true;
+  }
+
+  // Asks the computer to forget this phone too (it revokes it and ends the
+  // session); closes once the computer did or after `wait` ms. False when
+  // not in session.
+  async forget(wait = 3000) {
+    const dc = this.channels.control;
+    if (!this.established || !this.send('control', { type: 'control.device.forget' })) return false;
+    this.closedByUser = true; // the session's end that follows is asked for
+    await new Promise((resolve) => {
+      const timer = setTimeout(resolve, wait);
+      dc.addEventListener('close', () => {
+        clearTimeout(timer);
+        resolve();
+      });
+    });
+    this.close();
     return true;
   }
 
