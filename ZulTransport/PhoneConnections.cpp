@@ -321,9 +321,25 @@ void PhoneConnections::established(std::uint64_t id, const std::string& sessionI
     print("phone " + shortId(previous->deviceId) + " replaced by " + shortId(deviceId) +
           ": closing its connection");
     previous->dispatcher->releaseActiveSession();
-    worker_.post([this, previous] { close(previous); });
+    // This runs on the library's signalling thread, which a session's
+    // tear-down waits for: the replaced one is closed and let go on the
+    // worker, never here.
+    {
+      std::lock_guard lock(mutex_);
+      retired_.push_back(std::move(previous));
+    }
+    worker_.post([this] { closeRetired(); });
   }
   onSessionEstablished(sessionId, deviceId);
+}
+
+void PhoneConnections::closeRetired() {
+  std::vector<std::shared_ptr<Connection>> retired;
+  {
+    std::lock_guard lock(mutex_);
+    retired.swap(retired_);
+  }
+  for (const auto& connection : retired) close(connection);
 }
 
 void PhoneConnections::released(std::uint64_t id) {
@@ -440,6 +456,7 @@ void PhoneConnections::closeAll() {
 
 void PhoneConnections::shutdown() {
   worker_.shutdown();
+  closeRetired();
   closeAll();
 }
 

@@ -95,6 +95,8 @@ class PhoneConnections final : public PhoneSessions,
   // Removes the connection, ends its session if it has one, and closes it.
   void drop(std::uint64_t id, const std::string& why);
   void close(const std::shared_ptr<Connection>& connection);
+  // Closes the connections replaced by another phone's (on the worker).
+  void closeRetired();
   std::shared_ptr<Connection> sessionConnection() const;
   void print(const std::string& line) const;
 
@@ -107,6 +109,7 @@ class PhoneConnections final : public PhoneSessions,
   mutable std::mutex mutex_;
   std::unique_ptr<AgentPeerSession> spare_;
   std::map<std::uint64_t, std::shared_ptr<Connection>> connections_;
+  std::vector<std::shared_ptr<Connection>> retired_;  // replaced, waiting for the worker
   std::optional<std::uint64_t> sessionConnection_;
   std::uint64_t nextId_ = 1;
   AgentPeerSession::IceServerInfo iceServers_;
