@@ -103,8 +103,7 @@ void runPhoneDemoMode() {
     PhoneDemoSettings settings = PhoneDemoSettings::fromEnvironment();
     settings.videoEncoding = agentVideoEncoding();
     runPhoneDemo(
-        settings,
-        [] { return desktopBackend(printLine)->makeCaptureSource(); }, printLine);
+        settings, [] { return desktopBackend(printLine)->makeCaptureSource(); }, printLine);
   } catch (const std::exception& error) {
     printLine(std::string("phone-demo failed: ") + error.what());
   }

@@ -134,12 +134,13 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
       const bool grant = command == "grant";
       store.setPermission(deviceId, *permission, grant);
       if (log) {
-        log->record(grant ? "granted" : "withdrawn",
-                    {{"device", deviceId}, {"permission", rawValue(*permission)}, {"by", "terminal"}});
+        log->record(
+            grant ? "granted" : "withdrawn",
+            {{"device", deviceId}, {"permission", rawValue(*permission)}, {"by", "terminal"}});
       }
       out << (grant ? "granted " : "withdrew ") << rawValue(*permission)
-          << (grant ? " to " : " from ") << shownId << " ("
-          << escapeControlCharacters(found->name) << ")\n";
+          << (grant ? " to " : " from ") << shownId << " (" << escapeControlCharacters(found->name)
+          << ")\n";
       return 0;
     }
     if (found->revoked) {

@@ -360,7 +360,6 @@ void AgentPeerSession::push(const CapturedFrame& frame, std::int64_t timestampNs
   impl_->push(frame, timestampNs);
 }
 
-
 std::uint64_t AgentPeerSession::bufferedAmount(std::string_view label) const {
   rtc::scoped_refptr<webrtc::DataChannelInterface> channel;
   {

@@ -37,7 +37,6 @@ class AgentPeerSession {
   std::shared_ptr<Events> events_ = std::make_shared<Events>();
 
  public:
-
   // On a certificate loaded once for the run (PersistedDtlsCertificate), so
   // that every phone's session presents the same one without reading the
   // store again. Throws DtlsCertificateError when the library cannot take it

@@ -10,7 +10,6 @@
 #include <openssl/x509v3.h>
 
 #include <atomic>
-#include <cctype>
 #include <boost/asio.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/ssl.hpp>
@@ -20,6 +19,7 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <cctype>
 #include <csignal>
 #include <cstring>
 #include <deque>
@@ -98,9 +98,9 @@ std::string normalizedFingerprint(const std::string& text) {
 // The system's trust store, an optional extra CA file, and optionally one
 // certificate trusted by its fingerprint. A certificate refused as untrusted
 // leaves its fingerprint in `refused`, for a message that says how to trust it.
-std::unique_ptr<ssl::context> makeTlsContext(const std::string& extraCaFile,
-                                             const std::string& trustedSha256,
-                                             std::shared_ptr<Guarded<std::optional<std::string>>> refused) {
+std::unique_ptr<ssl::context> makeTlsContext(
+    const std::string& extraCaFile, const std::string& trustedSha256,
+    std::shared_ptr<Guarded<std::optional<std::string>>> refused) {
   auto context = std::make_unique<ssl::context>(ssl::context::tls_client);
   try {
     context->set_default_verify_paths();
@@ -700,8 +700,9 @@ AgentSignalingClient::AgentSignalingClient(std::string signalingBaseURL,
 AgentSignalingClient::~AgentSignalingClient() { close(); }
 
 PairingQrPayload AgentSignalingClient::createPairing() {
-  auto payload = impl_->pairing->begin(zul::rendezvousUrl(impl_->baseUrl, impl_->identity->agentId()),
-                                       impl_->peer->dtlsFingerprint());
+  auto payload =
+      impl_->pairing->begin(zul::rendezvousUrl(impl_->baseUrl, impl_->identity->agentId()),
+                            impl_->peer->dtlsFingerprint());
   const auto localExpiry = payload.expiresAt;
   auto proof = impl_->freshProof();
   Json body = {

@@ -88,8 +88,7 @@ class ControlSessionDispatcher {
   ControlSessionDispatcher(std::shared_ptr<ControlChannel> peer, TrustedDeviceStore trustedDevices,
                            std::shared_ptr<ControlSessionShared> shared = nullptr);
 
-  Callback<const std::string& /*sessionId*/, const std::string& /*deviceId*/>
-      onSessionEstablished;
+  Callback<const std::string& /*sessionId*/, const std::string& /*deviceId*/> onSessionEstablished;
   Callback<const RoutedMessage&, const PermissionGate&> onAuthenticatedMessage;
   Callback<> onSessionReleased;
   Callback<const std::string&> onDiagnostic;

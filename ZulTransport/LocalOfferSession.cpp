@@ -89,7 +89,6 @@ LocalOfferSession::LocalOfferSession(const std::vector<std::string>& iceServerUR
 
 LocalOfferSession::~LocalOfferSession() = default;
 
-
 std::string LocalOfferSession::createOfferWithGatheredCandidates() {
   auto offer =
       webrtc_support::createOffer(*impl_->connection, webrtc_support::sendOnlyOfferOptions());
@@ -109,7 +108,6 @@ void LocalOfferSession::acceptAnswer(const std::string& sdp) {
 bool LocalOfferSession::push(const CapturedFrame& frame, std::int64_t timestampNs) {
   return impl_->source->push(frame, timestampNs);
 }
-
 
 void LocalOfferSession::close() { impl_->connection->Close(); }
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "ZulCore/Media/CapturedFrame.h"
-#include "ZulCore/Support/Error.h"
 #include "ZulCore/Support/Callback.h"
+#include "ZulCore/Support/Error.h"
 #include "ZulTransport/PeerVideoEncoding.h"
 
 namespace zul {

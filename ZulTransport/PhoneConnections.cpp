@@ -176,22 +176,22 @@ void PhoneConnections::build(const std::shared_ptr<Connection>& connection,
     const std::uint64_t id = connection->id;
     std::weak_ptr<PhoneConnections> weak = weak_from_this();
     std::weak_ptr<ControlSessionDispatcher> dispatcher = connection->dispatcher;
-    session->onMessage =
-        [weak, dispatcher, this](const std::string& label, const Bytes& data, bool isBinary) {
-          auto self = weak.lock();
-          auto target = dispatcher.lock();
-          if (!self || !target) return;
-          if (isBinary) {
-            if (auto permissions = target->activePermissions()) {
-              self->onBinaryMessage(label, data, *permissions);
-            } else {
-              print("[" + label + "] binary message outside a session dropped");
-            }
-            return;
-          }
-          target->handle(label,
-                         std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
-        };
+    session->onMessage = [weak, dispatcher, this](const std::string& label, const Bytes& data,
+                                                  bool isBinary) {
+      auto self = weak.lock();
+      auto target = dispatcher.lock();
+      if (!self || !target) return;
+      if (isBinary) {
+        if (auto permissions = target->activePermissions()) {
+          self->onBinaryMessage(label, data, *permissions);
+        } else {
+          print("[" + label + "] binary message outside a session dropped");
+        }
+        return;
+      }
+      target->handle(label,
+                     std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+    };
     session->onIceConnectionStateChange = [weak, id, this](int state) {
       auto self = weak.lock();
       if (!self) return;

@@ -151,8 +151,9 @@ PhoneRequest filesRequest(std::string_view type, const nlohmann::json& json) {
   if (type == "files.list") {
     const auto* hidden = at(json, "hidden");
     const auto limit = wholeAt(json, "limit").value_or(200);
-    return FilesListRequest{path ? *path : "", hidden && hidden->is_boolean() && hidden->get<bool>(),
-                            offset, std::clamp<std::int64_t>(limit, 1, 1000)};
+    return FilesListRequest{path ? *path : "",
+                            hidden && hidden->is_boolean() && hidden->get<bool>(), offset,
+                            std::clamp<std::int64_t>(limit, 1, 1000)};
   }
   if (!transfer) throw PhoneRequestError::invalidFilesRequest();
   if (type == "files.download") {

@@ -90,8 +90,7 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
       std::to_string(sourceFramesPerSecond_ > 0
                          ? std::min(sourceFramesPerSecond_, settings.framesPerSecond)
                          : settings.framesPerSecond) +
-      " fps, starting at " +
-      std::to_string(settings.bitrateKbps) + " kbps");
+      " fps, starting at " + std::to_string(settings.bitrateKbps) + " kbps");
   return WEBRTC_VIDEO_CODEC_OK;
 }
 

@@ -98,7 +98,8 @@ Runtime::Runtime(const PeerVideoEncoding& encoding) {
   factory_ = webrtc::CreatePeerConnectionFactory(
       network_.get(), worker_.get(), signaling_.get(), audioDevice,
       webrtc::CreateBuiltinAudioEncoderFactory(), webrtc::CreateBuiltinAudioDecoderFactory(),
-      makeVideoEncoderFactory(encoding), webrtc::CreateBuiltinVideoDecoderFactory(), nullptr, nullptr);
+      makeVideoEncoderFactory(encoding), webrtc::CreateBuiltinVideoDecoderFactory(), nullptr,
+      nullptr);
 }
 
 Runtime::~Runtime() {

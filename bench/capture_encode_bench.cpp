@@ -261,11 +261,8 @@ Percentiles changeToFrame(const Xvfb& server, int changes) {
       seen.notify_all();
     }
   });
-  source.start(zul::CaptureOptions{.displayIndex = 0,
-                                   .width = 0,
-                                   .height = 0,
-                                   .framesPerSecond = 30,
-                                   .idleFramesPerSecond = 2});
+  source.start(zul::CaptureOptions{
+      .displayIndex = 0, .width = 0, .height = 0, .framesPerSecond = 30, .idleFramesPerSecond = 2});
   std::vector<double> latencies;
   for (int i = 0; i < changes; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(120 + (i * 37) % 150));

@@ -11,7 +11,6 @@
 
 #include "ZulAgent/demo/MiniHTTPServer.h"
 #include "ZulCore/Media/CaptureSource.h"
-
 #include "ZulTransport/PeerVideoEncoding.h"
 
 namespace zul {

@@ -9,11 +9,11 @@
 #include <string>
 #include <string_view>
 
-#include "ZulCore/Support/TaskQueue.h"
 #include "ZulCore/Input/DesktopRect.h"
 #include "ZulCore/Input/VideoMapping.h"
 #include "ZulCore/Scene/AccessibilityScene.h"
 #include "ZulCore/Scene/AccessibilitySceneSource.h"
+#include "ZulCore/Support/TaskQueue.h"
 
 namespace zul {
 

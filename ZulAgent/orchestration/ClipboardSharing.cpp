@@ -62,8 +62,8 @@ void ClipboardSharing::changed(const std::vector<std::string>& types) {
 void ClipboardSharing::send(nlohmann::json message) {
   const auto sessionId = hooks_.activeSessionId();
   if (!sessionId) throw ClipboardError::unavailable("no phone in session");
-  nlohmann::json envelope = MessageRouter::makeEnvelope(message["type"].get<std::string>(),
-                                                        *sessionId);
+  nlohmann::json envelope =
+      MessageRouter::makeEnvelope(message["type"].get<std::string>(), *sessionId);
   envelope.update(message);
   hooks_.sendControl(envelope.dump());
 }

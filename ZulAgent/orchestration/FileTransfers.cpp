@@ -44,7 +44,8 @@ std::string hashOf(int fd, std::int64_t size) {
   std::vector<std::uint8_t> buffer(1 << 16);
   std::int64_t at = 0;
   while (at < size) {
-    const ssize_t n = ::pread(fd, buffer.data(), std::min<std::size_t>(buffer.size(), std::size_t(size - at)), at);
+    const ssize_t n = ::pread(fd, buffer.data(),
+                              std::min<std::size_t>(buffer.size(), std::size_t(size - at)), at);
     if (n <= 0) break;
     hash.update(buffer.data(), std::size_t(n));
     at += n;
@@ -142,7 +143,8 @@ void FileTransfers::handle(const PhoneRequest& request) {
 void FileTransfers::list(const FilesListRequest& request) {
   const auto entries = hooks_.home->list(request.path, request.hidden);
   nlohmann::json page = nlohmann::json::array();
-  const std::size_t from = std::size_t(std::min<std::int64_t>(request.offset, std::int64_t(entries.size())));
+  const std::size_t from =
+      std::size_t(std::min<std::int64_t>(request.offset, std::int64_t(entries.size())));
   const std::size_t to = std::min(entries.size(), from + std::size_t(request.limit));
   for (std::size_t i = from; i < to; ++i) {
     const auto& entry = entries[i];
@@ -188,7 +190,8 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
     // A resumed download's hash still covers the whole file.
     std::vector<std::uint8_t> buffer(pieceBytes);
     for (std::int64_t at = 0; at < start;) {
-      const ssize_t n = ::pread(fd, buffer.data(), std::min<std::size_t>(buffer.size(), std::size_t(start - at)), at);
+      const ssize_t n = ::pread(fd, buffer.data(),
+                                std::min<std::size_t>(buffer.size(), std::size_t(start - at)), at);
       if (n <= 0) throw FileAccessError::failed(request.path, errno ? errno : EIO);
       hash.update(buffer.data(), std::size_t(n));
       at += n;
@@ -206,7 +209,8 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
         if (cancelled_.erase(request.transfer)) return;
       }
       if (generation_ != generation) return;
-      const ssize_t n = ::pread(fd, buffer.data(), std::min<std::size_t>(buffer.size(), std::size_t(size - at)), at);
+      const ssize_t n = ::pread(fd, buffer.data(),
+                                std::min<std::size_t>(buffer.size(), std::size_t(size - at)), at);
       if (n <= 0) throw FileAccessError::failed(request.path, n < 0 ? errno : EIO);
       hash.update(buffer.data(), std::size_t(n));
       piece.clear();
@@ -236,8 +240,9 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
 
 void FileTransfers::upload(const FilesUploadRequest& request) {
   HomeFolder::checkName(request.name);
-  const std::string folder =
-      request.folder.empty() ? HomeFolder::defaultUploadFolder(hooks_.home->root()) : request.folder;
+  const std::string folder = request.folder.empty()
+                                 ? HomeFolder::defaultUploadFolder(hooks_.home->root())
+                                 : request.folder;
   std::int64_t held = 0;
   const int fd =
       hooks_.home->openPart(folder, request.name, tagOf(request.transfer), request.size, held);

@@ -94,7 +94,7 @@ class FileTransfers {
   std::map<std::uint32_t, Upload> uploads_;
   std::set<std::uint32_t> cancelled_;
   std::atomic<std::uint64_t> generation_{0};  // a new session stops older downloads
-  TaskQueue downloads_{64};  // one at a time, beside the requests' queue
+  TaskQueue downloads_{64};                   // one at a time, beside the requests' queue
 };
 
 }  // namespace zul

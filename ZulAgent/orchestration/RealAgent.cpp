@@ -14,10 +14,10 @@
 #include "ZulAgent/orchestration/ClipboardSharing.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/FileTransfers.h"
-#include "ZulAgent/orchestration/ShellSessions.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
 #include "ZulAgent/orchestration/PhoneRequestDispatcher.h"
 #include "ZulAgent/orchestration/ServerConnection.h"
+#include "ZulAgent/orchestration/ShellSessions.h"
 #include "ZulAgent/orchestration/StopSignals.h"
 #include "ZulAgent/orchestration/TrustWatch.h"
 #include "ZulAgent/orchestration/WatchedCapture.h"
@@ -190,8 +190,7 @@ class RealAgent {
     // A new session never inherits a button or key the previous phone held.
     requests_->releaseAll();
     clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
-    const auto permissions =
-        trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
+    const auto permissions = trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
     *sessionPermissions_.lock() = permissions;
     if (permissions.count(DevicePermission::shell)) {
       shells_->sessionStarted(deviceId);
@@ -209,8 +208,8 @@ class RealAgent {
     std::optional<Session> ended = std::exchange(*session_.lock(), std::nullopt);
     if (!ended) return;
     const std::string reason = std::exchange(*endReason_.lock(), {});
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(SteadyClock::now() -
-                                                                          ended->started);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(SteadyClock::now() - ended->started);
     audit_.record("session.ended", {{"device", ended->deviceId},
                                     {"name", ended->name},
                                     {"seconds", seconds.count()},
@@ -263,22 +262,27 @@ class RealAgent {
         .nowMilliseconds = unixMilliseconds,
         .hostName = hostName(),
     });
+    // What the clipboard and the shells send the phone in session, and how
+    // much of it still waits on the control channel.
+    const auto sendControl = [phones](const std::string& text) {
+      if (auto p = phones.lock()) p->sendToSession("control", text);
+    };
+    const auto bufferedOn = [phones](const char* channel) {
+      return [phones, channel] {
+        auto p = phones.lock();
+        return p ? p->bufferedAmount(channel) : std::uint64_t(0);
+      };
+    };
     clipboard_ = std::make_shared<ClipboardSharing>(ClipboardSharing::Hooks{
         .clipboard = desktop_->makeClipboard(),
-        .sendControl =
-            [phones](const std::string& text) {
-              if (auto p = phones.lock()) p->sendToSession("control", text);
-            },
+        .sendControl = sendControl,
         .activeSessionId = [phones] { return activeSessionOf(phones); },
-        .bufferedControlBytes =
-            [phones] {
-              auto p = phones.lock();
-              return p ? p->bufferedAmount("control") : std::uint64_t(0);
-            },
+        .bufferedControlBytes = bufferedOn("control"),
         .print = print_,
         .crossed =
             [this](const std::string& direction, const std::string& type, std::size_t size) {
-              recordForSession("clipboard", {{"direction", direction}, {"type", type}, {"size", size}});
+              recordForSession("clipboard",
+                               {{"direction", direction}, {"type", type}, {"size", size}});
             },
     });
     try {
@@ -288,32 +292,22 @@ class RealAgent {
               [phones](const Bytes& message) {
                 if (auto p = phones.lock()) p->sendBinaryToSession("files", message);
               },
-          .bufferedBytes =
-              [phones] {
-                auto p = phones.lock();
-                return p ? p->bufferedAmount("files") : std::uint64_t(0);
-              },
+          .bufferedBytes = bufferedOn("files"),
           .print = print_,
           .event = event_,
           .finished =
               [this](const std::string& direction, const std::string& path, std::int64_t size) {
-                recordForSession("file", {{"direction", direction}, {"path", path}, {"size", size}});
+                recordForSession("file",
+                                 {{"direction", direction}, {"path", path}, {"size", size}});
               },
       });
     } catch (const std::exception& error) {
       event_(std::string("files cannot be shared: ") + error.what());
     }
     shells_ = std::make_shared<ShellSessions>(ShellSessions::Hooks{
-        .sendControl =
-            [phones](const std::string& text) {
-              if (auto p = phones.lock()) p->sendToSession("control", text);
-            },
+        .sendControl = sendControl,
         .activeSessionId = [phones] { return activeSessionOf(phones); },
-        .bufferedControlBytes =
-            [phones] {
-              auto p = phones.lock();
-              return p ? p->bufferedAmount("control") : std::uint64_t(0);
-            },
+        .bufferedControlBytes = bufferedOn("control"),
         .print = print_,
         .recorded =
             [this](const std::string& event, const std::string& shell, int status) {
@@ -324,9 +318,9 @@ class RealAgent {
     });
     phones_->setHostShells(ShellProcess::availableShells());
     phones_->setScreenLocked([this] { return screenLocked_.load(); });
-    phones_->onBinaryMessage = [files = std::weak_ptr(files_)](
-                                   const std::string& channel, const Bytes& data,
-                                   const PermissionGate& permissions) {
+    phones_->onBinaryMessage = [files = std::weak_ptr(files_)](const std::string& channel,
+                                                               const Bytes& data,
+                                                               const PermissionGate& permissions) {
       auto f = files.lock();
       if (f && channel == "files" && permissions.allows(DevicePermission::files)) f->received(data);
     };
@@ -338,18 +332,15 @@ class RealAgent {
         .sendMonitorList = [this] { switcher_->sendMonitorList(); },
         .selectMonitor = [this](std::int64_t index) { switcher_->select(index); },
         .forgetDevice = [this] { forgetPhoneInSession(); },
-        .clipboardGet = [clipboard = clipboard_](const ClipboardGetRequest& request) {
-          clipboard->get(request);
-        },
-        .clipboardSet = [clipboard = clipboard_](const ClipboardSetRequest& request) {
-          clipboard->set(request);
-        },
+        .clipboardGet = [clipboard = clipboard_](
+                            const ClipboardGetRequest& request) { clipboard->get(request); },
+        .clipboardSet = [clipboard = clipboard_](
+                            const ClipboardSetRequest& request) { clipboard->set(request); },
         .shells = [shells = shells_](const PhoneRequest& request) { shells->handle(request); },
-        .files = files_ ? std::function<void(const PhoneRequest&)>(
-                              [files = files_](const PhoneRequest& request) {
-                                files->handle(request);
-                              })
-                        : nullptr,
+        .files =
+            files_ ? std::function<void(const PhoneRequest&)>(
+                         [files = files_](const PhoneRequest& request) { files->handle(request); })
+                   : nullptr,
         .print = print_,
         .refuse =
             [this, phones](const RoutedMessage& message, const std::exception& error) {
@@ -532,8 +523,8 @@ class RealAgent {
     notice["reason"] = reason;
     notice["message"] = text;
     try {
-      phones_->sendToSession("control", notice.dump(-1, ' ', false,
-                                                    nlohmann::json::error_handler_t::replace));
+      phones_->sendToSession("control",
+                             notice.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     } catch (const std::exception& error) {
       print_(std::string("notice not sent: ") + error.what());
     }
@@ -659,8 +650,8 @@ class RealAgent {
       if (!now) return;
       const auto before = std::exchange(*sessionPermissions_.lock(), *now);
       if (*now == before) return;
-      const bool shellWithdrawn = before.count(DevicePermission::shell) &&
-                                  !now->count(DevicePermission::shell);
+      const bool shellWithdrawn =
+          before.count(DevicePermission::shell) && !now->count(DevicePermission::shell);
       phones_->updateSessionPermissions(PermissionGate{*now});
       print_("the permissions of " + deviceId + " changed at the computer");
       if (shellWithdrawn) shells_->endAll();

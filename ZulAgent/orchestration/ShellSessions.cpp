@@ -143,9 +143,11 @@ void ShellSessions::handle(const PhoneRequest& request) {
       this->open(*open);
       return;
     }
-    std::visit([&](const auto& r) {
-      if constexpr (requires { r.shell; }) id = r.shell;
-    }, request);
+    std::visit(
+        [&](const auto& r) {
+          if constexpr (requires { r.shell; }) id = r.shell;
+        },
+        request);
     std::shared_ptr<Shell> shell;
     {
       std::lock_guard lock(mutex_);
@@ -173,7 +175,8 @@ void ShellSessions::handle(const PhoneRequest& request) {
         send({{"type", "shell.output"},
               {"shell", id},
               {"replay", true},
-              {"data", Base64Url::encode(toBytes(std::string_view(replay).substr(at, outputBytes)))}});
+              {"data",
+               Base64Url::encode(toBytes(std::string_view(replay).substr(at, outputBytes)))}});
       }
     }
   } catch (const std::exception& error) {

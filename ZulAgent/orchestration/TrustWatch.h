@@ -1,13 +1,12 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "ZulCore/Support/Guarded.h"
 #include "ZulCore/Trust/TrustedDevice.h"

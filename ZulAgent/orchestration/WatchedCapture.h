@@ -6,8 +6,8 @@
 #include <optional>
 #include <string_view>
 
-#include "ZulCore/Support/TaskQueue.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
+#include "ZulCore/Support/TaskQueue.h"
 
 namespace zul {
 

@@ -1,21 +1,21 @@
 #include "ZulAgent/windows/AgentSetupWindow.h"
 
+#include <QCheckBox>
+#include <QCoreApplication>
+#include <QDir>
 #include <QEvent>
+#include <QFile>
+#include <QFileInfo>
 #include <QFrame>
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
-#include <QCheckBox>
-#include <cstdlib>
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QPushButton>
-#include <QSignalBlocker>
 #include <QSettings>
+#include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <cstdlib>
 
 #include "ZulAgent/windows/AgentWindowTexts.h"
 
@@ -119,12 +119,14 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
 std::string AgentSetupWindowController::autostartPath() {
   const char* config = std::getenv("XDG_CONFIG_HOME");
   const char* home = std::getenv("HOME");
-  const std::string base = config && *config == '/' ? std::string(config)
-                                                     : std::string(home ? home : "") + "/.config";
+  const std::string base =
+      config && *config == '/' ? std::string(config) : std::string(home ? home : "") + "/.config";
   return base + "/autostart/zul-agent.desktop";
 }
 
-bool AgentSetupWindowController::startsAtLogin() { return QFile::exists(QString::fromStdString(autostartPath())); }
+bool AgentSetupWindowController::startsAtLogin() {
+  return QFile::exists(QString::fromStdString(autostartPath()));
+}
 
 bool AgentSetupWindowController::setStartsAtLogin(bool on) {
   const QString path = QString::fromStdString(autostartPath());

@@ -1,12 +1,12 @@
 #include "ZulAgent/windows/TrustedDevicesWindow.h"
 
+#include <QCheckBox>
 #include <QDateTime>
 #include <QHBoxLayout>
-#include <QCheckBox>
 #include <QLabel>
-#include <QPlainTextEdit>
 #include <QLocale>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -29,7 +29,9 @@ QString pairedAtText(const TrustedDevice& device) {
 TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStore store,
                                                                Confirm confirm,
                                                                ConfirmGrant confirmGrant)
-    : store_(std::move(store)), confirm_(std::move(confirm)), confirmGrant_(std::move(confirmGrant)) {
+    : store_(std::move(store)),
+      confirm_(std::move(confirm)),
+      confirmGrant_(std::move(confirmGrant)) {
   setWindowTitle("Velto — сопряжённые телефоны");
   setMinimumWidth(480);
   auto* layout = new QVBoxLayout(this);
@@ -119,9 +121,9 @@ void TrustedDevicesWindowController::refresh() {
     name->setObjectName("name");
     const bool connected =
         !device.revoked && !connectedPhone_.empty() && device.name == connectedPhone_;
-    auto* detail = new QLabel(QString::fromStdString(
-        windows::deviceDetail(device, pairedAtText(device).toStdString()) +
-        (connected ? " · подключён сейчас" : "")));
+    auto* detail = new QLabel(
+        QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString()) +
+                               (connected ? " · подключён сейчас" : "")));
     detail->setObjectName("detail");
     texts->addWidget(name);
     texts->addWidget(detail);
@@ -134,9 +136,8 @@ void TrustedDevicesWindowController::refresh() {
       check->setChecked(device.permissions.count(permission) > 0);
       check->setEnabled(!device.revoked);
       const std::string id = device.deviceId;
-      connect(check, &QCheckBox::clicked, this, [this, id, permission = permission](bool on) {
-        setPermission(id, permission, on);
-      });
+      connect(check, &QCheckBox::clicked, this,
+              [this, id, permission = permission](bool on) { setPermission(id, permission, on); });
       layout->addWidget(check);
     }
     auto* button = new QPushButton(device.revoked ? "Отозвано" : "Отозвать");
@@ -163,9 +164,8 @@ void TrustedDevicesWindowController::setPermission(const std::string& deviceId,
     }
     if (!granted || confirmGrant_(name, permission)) {
       store_.setPermission(deviceId, permission, granted);
-      log_.record(granted ? "granted" : "withdrawn", {{"device", deviceId},
-                                                      {"permission", rawValue(permission)},
-                                                      {"by", "window"}});
+      log_.record(granted ? "granted" : "withdrawn",
+                  {{"device", deviceId}, {"permission", rawValue(permission)}, {"by", "window"}});
     }
   } catch (const std::exception&) {
     // The list shows what the store holds.

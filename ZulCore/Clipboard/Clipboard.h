@@ -15,7 +15,7 @@ namespace zul {
 // how much of each.
 inline constexpr std::string_view clipboardTextType = "text/plain;charset=utf-8";
 inline constexpr std::string_view clipboardImageType = "image/png";
-inline constexpr std::size_t maxClipboardTextBytes = std::size_t(1) << 20;   // 1 MiB
+inline constexpr std::size_t maxClipboardTextBytes = std::size_t(1) << 20;    // 1 MiB
 inline constexpr std::size_t maxClipboardImageBytes = std::size_t(16) << 20;  // 16 MiB
 
 // The most a clipboard of this type may hold; 0 for a type the phone does

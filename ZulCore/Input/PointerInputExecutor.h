@@ -31,9 +31,9 @@ struct ScrollAction {
   friend bool operator==(const ScrollAction&, const ScrollAction&) = default;
 };
 
-// Performs the phone's pointer and wheel requests on one display. Wire coordinates are video pixels, measured from the video's
-// top-left corner; they land on that display only, clamped to its edges.
-// At most one button is held at a time, and none once a session ends
+// Performs the phone's pointer and wheel requests on one display. Wire coordinates are video
+// pixels, measured from the video's top-left corner; they land on that display only, clamped to its
+// edges. At most one button is held at a time, and none once a session ends
 // (`releaseAll`).
 class PointerInputExecutor {
  public:

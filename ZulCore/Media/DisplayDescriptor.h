@@ -20,7 +20,7 @@ struct DisplayDescriptor {
   // (their accessibility rectangles): the scale where the desktop counts in
   // physical pixels (mutter's physical layout), else 1.
   double elementScale = 1.0;
-  std::string name;    // the platform's name for it ("DP-1"), empty when it has none
+  std::string name;  // the platform's name for it ("DP-1"), empty when it has none
 
   friend bool operator==(const DisplayDescriptor&, const DisplayDescriptor&) = default;
 };

@@ -59,8 +59,7 @@ class TrustedDeviceStore {
   void revoke(const std::string& deviceId) const;
   // Grants or withdraws one permission of a device, at the computer (the way
   // `shell` and `unattended` are given); false when no record has the id.
-  bool setPermission(const std::string& deviceId, DevicePermission permission,
-                     bool granted) const;
+  bool setPermission(const std::string& deviceId, DevicePermission permission, bool granted) const;
   // Drops any entry with the device's id and appends it (re-pairing a revoked
   // phone makes it trusted again and moves it last).
   void addOrReplace(const TrustedDevice& device) const;

@@ -348,8 +348,8 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
                  {{"shell", shell}, {"data", Base64Url::encode(toBytes(line + "\n"))}});
   };
   type("stty size; echo marker-$((6*7)); sleep 12345 &");
-  EXPECT_TRUE(phone_->waitFor(output + ".includes('24 80') && " + output +
-                              ".includes('marker-42')"))
+  EXPECT_TRUE(
+      phone_->waitFor(output + ".includes('24 80') && " + output + ".includes('marker-42')"))
       << phone_->eval(output);
   phone_->send("shell.resize", sessionId, {{"shell", shell}, {"columns", 100}, {"rows", 30}});
   type("stty size");
@@ -367,8 +367,8 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   // The computer's record of it all, in order, never a shell's content.
   const std::string log = commandOutput(tool + "log --device " + deviceId);
   std::size_t at = 0;
-  for (const char* step : {"session.started", "granted", "shell.opened", "revoked",
-                           "session.ended", "how=revoked"}) {
+  for (const char* step :
+       {"session.started", "granted", "shell.opened", "revoked", "session.ended", "how=revoked"}) {
     at = log.find(step, at);
     EXPECT_NE(at, std::string::npos) << step << " is missing from\n" << log;
   }
@@ -441,7 +441,8 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
 
   // A was allowed neither the clipboard nor files: refused, saying which.
   phone_->send("files.list", sessionA);
-  ASSERT_TRUE(phone_->waitFor(std::string(Phone::replies) + ".some(m => m.permission === 'files')"));
+  ASSERT_TRUE(
+      phone_->waitFor(std::string(Phone::replies) + ".some(m => m.permission === 'files')"));
   phone_->send("control.clipboard.get", sessionA, {{"mimeType", "text/plain;charset=utf-8"}});
   ASSERT_TRUE(phone_->waitFor(std::string(Phone::replies) + ".some(m => m.reason === 'denied')"));
   EXPECT_EQ(phone_->eval(std::string(Phone::replies) + ".filter(m => m.reason === 'denied')[1]")
@@ -748,8 +749,8 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   EXPECT_TRUE(app.waitForLine("text " + nlohmann::json(fromPhone).dump(), 30s)) << app.tail();
 
   // Monitors are named by their place, as on X11; mutter's connector goes beside.
-  ASSERT_TRUE(phone_->waitFor(
-      "zulPhone.controlMessages().some(m => m.type === 'control.monitor.list')"));
+  ASSERT_TRUE(
+      phone_->waitFor("zulPhone.controlMessages().some(m => m.type === 'control.monitor.list')"));
   const auto list = phone_->eval(
       "zulPhone.controlMessages().find(m => m.type === 'control.monitor.list').monitors");
   ASSERT_EQ(list.size(), 2u) << list.dump();
@@ -767,8 +768,9 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   const std::size_t mark = agent_->lines().size();
   gnome.restartCompositor();
   EXPECT_TRUE(agent_->waitForLine("desktop lost: ", 10s, mark)) << agent_->tail();
-  EXPECT_TRUE(phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
-                              "'control.notice' && m.reason === 'desktopLost')"));
+  EXPECT_TRUE(
+      phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
+                      "'control.notice' && m.reason === 'desktopLost')"));
   EXPECT_TRUE(agent_->waitForLine("desktop back: ", 60s, mark)) << agent_->tail();
   const int decoded = phone_->stats()["framesDecoded"].get<int>();
   EXPECT_TRUE(phone_->framesDecodedAbove(decoded + 3)) << phone_->stats().dump();
@@ -779,18 +781,20 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   // The screen locks: the phone, not allowed unattended access, is sent away
   // and kept out, told why; allowed it at the computer, it comes back.
   std::ofstream(locked) << "locked";
-  EXPECT_TRUE(phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
-                              "'control.notice' && m.reason === 'computerLocked')"))
+  EXPECT_TRUE(
+      phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
+                      "'control.notice' && m.reason === 'computerLocked')"))
       << agent_->tail();
   std::size_t replies = phone_->eval(Phone::replies).size();
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "computerLocked");
   const std::string deviceId = phone_->eval("zulPhone.state.device.id");
-  ASSERT_EQ(std::system(("ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() + "' HOME='" +
-                         (dataHome_ / "home").string() + "' " ZUL_TRUSTED_DEVICES_PATH " grant " +
-                         deviceId + " unattended >/dev/null")
-                            .c_str()),
-            0);
+  ASSERT_EQ(
+      std::system(("ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() + "' HOME='" +
+                   (dataHome_ / "home").string() + "' " ZUL_TRUSTED_DEVICES_PATH " grant " +
+                   deviceId + " unattended >/dev/null")
+                      .c_str()),
+      0);
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
 }

@@ -32,8 +32,8 @@ namespace {
 using nlohmann::json;
 using namespace std::chrono_literals;
 using test::ChildProcess;
-using test::drivePointer;
 using test::Desktop;
+using test::drivePointer;
 using test::TestApp;
 
 const DesktopRect screen{0, 0, 1280, 720};

@@ -129,7 +129,7 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   }
   ASSERT_TRUE(button && entry) << "the scene lacks the button or the entry";
   EXPECT_TRUE(roles.count("checkbox"));
-    PointerInputExecutor pointer(video, injector);
+  PointerInputExecutor pointer(video, injector);
   const auto tap = [&](const SceneElement& element) {
     const double x = element.rect.x + element.rect.width / 2;
     const double y = element.rect.y + element.rect.height / 2;

@@ -29,17 +29,17 @@ AuditLog::AuditLog(std::filesystem::path path, std::size_t rotateBytes, int keep
     : path_(std::move(path)), rotateBytes_(rotateBytes), keep_(keep) {}
 
 void AuditLog::record(const std::string& event, nlohmann::json fields) const {
-  nlohmann::json line = {
-      {"time", formatIso8601(std::chrono::time_point_cast<std::chrono::seconds>(
-                   std::chrono::system_clock::now()))},
-      {"event", event}};
+  nlohmann::json line = {{"time", formatIso8601(std::chrono::time_point_cast<std::chrono::seconds>(
+                                      std::chrono::system_clock::now()))},
+                         {"event", event}};
   line.update(fields);
   const std::string text =
       line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   std::error_code ignored;
   std::filesystem::create_directories(path_.parent_path(), ignored);
   ::chmod(path_.parent_path().c_str(), 0700);
-  const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int fd =
+      ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return;
   // One writer at a time across processes, so rotation never splits a line.
   ::flock(fd, LOCK_EX);

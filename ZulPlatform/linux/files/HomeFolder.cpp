@@ -218,9 +218,10 @@ std::string HomeFolder::finishPart(std::string_view folder, std::string_view nam
   const bool extension = dot != std::string::npos && dot > 0;
   for (int n = 1; n < 1000; ++n) {
     const std::string candidate =
-        n == 1 ? whole
-               : (extension ? whole.substr(0, dot) + " (" + std::to_string(n) + ")" + whole.substr(dot)
-                            : whole + " (" + std::to_string(n) + ")");
+        n == 1
+            ? whole
+            : (extension ? whole.substr(0, dot) + " (" + std::to_string(n) + ")" + whole.substr(dot)
+                         : whole + " (" + std::to_string(n) + ")");
     // Never over another file.
     if (::renameat2(dir, part.c_str(), dir, candidate.c_str(), RENAME_NOREPLACE) == 0) {
       return candidate;

@@ -77,7 +77,8 @@ class HomeFolder {
                std::int64_t expected, std::int64_t& size) const;
   // The part becomes "<folder>/<name>", or "<name> (2).<ext>"… when that is
   // taken; returns the name it got.
-  std::string finishPart(std::string_view folder, std::string_view name, std::string_view tag) const;
+  std::string finishPart(std::string_view folder, std::string_view name,
+                         std::string_view tag) const;
   void removePart(std::string_view folder, std::string_view name, std::string_view tag) const;
 
   const std::filesystem::path& root() const { return root_; }

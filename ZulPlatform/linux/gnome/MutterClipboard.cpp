@@ -113,7 +113,8 @@ struct MutterClipboard::Impl : std::enable_shared_from_this<Impl> {
       auto self = weak.lock();
       if (!self) return;
       // Off the bus thread: the client may read slowly.
-      self->transfers.post([self, current, mime, serial] { self->transfer(*current, mime, serial); });
+      self->transfers.post(
+          [self, current, mime, serial] { self->transfer(*current, mime, serial); });
     };
     try {
       current->enableClipboard();
@@ -132,8 +133,8 @@ struct MutterClipboard::Impl : std::enable_shared_from_this<Impl> {
     std::shared_ptr<const Bytes> data;
     {
       std::lock_guard lock(mutex);
-      if (owned && (owned->first == clipboardImageType ? mime == clipboardImageType
-                                                       : isText(mime))) {
+      if (owned &&
+          (owned->first == clipboardImageType ? mime == clipboardImageType : isText(mime))) {
         data = owned->second;
       }
     }

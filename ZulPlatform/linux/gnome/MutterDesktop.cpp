@@ -478,8 +478,9 @@ class Desktop final : public MutterDesktop, public std::enable_shared_from_this<
     try {
       call(bus_.get(), "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
            "org.freedesktop.Notifications", "Notify",
-           g_variant_new("(susssasa{sv}i)", "Velto", guint32(0), "preferences-desktop-remote-desktop",
-                         summary.c_str(), body.c_str(), &actions, &hints, gint32(-1)),
+           g_variant_new("(susssasa{sv}i)", "Velto", guint32(0),
+                         "preferences-desktop-remote-desktop", summary.c_str(), body.c_str(),
+                         &actions, &hints, gint32(-1)),
            G_VARIANT_TYPE("(u)"), 2000);
       return true;
     } catch (const MutterError&) {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Media/DisplayDescriptor.h"
+#include "ZulCore/Support/Callback.h"
 #include "ZulCore/Support/Error.h"
 
 namespace zul {

@@ -79,7 +79,8 @@ ShellProcess::ShellProcess(const std::string& shell, int columns, int rows) {
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD, SIGQUIT}) ::signal(signal, SIG_DFL);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD, SIGQUIT})
+      ::signal(signal, SIG_DFL);
     if (::chdir(home.c_str()) != 0 && ::chdir("/") != 0) ::_exit(127);
     ::execve(shell.c_str(), argv, envp.data());
     ::_exit(127);

@@ -194,8 +194,9 @@ struct X11Clipboard::Impl : std::enable_shared_from_this<Impl> {
     }
     if (!incoming || notice.target != incoming->target) return;
     if (notice.property == None) {
-      failRead(ClipboardError::empty(incoming->target == atom.png ? std::string(clipboardImageType)
-                                                                  : std::string(clipboardTextType)));
+      failRead(ClipboardError::empty(incoming->target == atom.png
+                                         ? std::string(clipboardImageType)
+                                         : std::string(clipboardTextType)));
       return;
     }
     auto taken = takeProperty(atom.dataProperty);
@@ -284,8 +285,8 @@ struct X11Clipboard::Impl : std::enable_shared_from_this<Impl> {
         const long size = long(data.size());
         XChangeProperty(display, request.requestor, property, atom.incr, 32, PropModeReplace,
                         reinterpret_cast<const unsigned char*>(&size), 1);
-        outgoing.push_back({request.requestor, property, request.target,
-                            std::make_shared<const Bytes>(data), 0});
+        outgoing.push_back(
+            {request.requestor, property, request.target, std::make_shared<const Bytes>(data), 0});
       }
       reply.property = property;
     }
@@ -314,16 +315,24 @@ void X11Clipboard::start() {
   }
   impl.name = DisplayString(display);
   auto intern = [&](const char* name) { return XInternAtom(display, name, False); };
-  impl.atom = {intern("CLIPBOARD"),  intern("TARGETS"),    intern("INCR"),
-               intern("UTF8_STRING"), intern("text/plain;charset=utf-8"),
-               intern("image/png"),  intern("TEXT"),       intern("MULTIPLE"),
-               intern("TIMESTAMP"),  intern("ZUL_TARGETS"), intern("ZUL_CLIPBOARD")};
+  impl.atom = {intern("CLIPBOARD"),
+               intern("TARGETS"),
+               intern("INCR"),
+               intern("UTF8_STRING"),
+               intern("text/plain;charset=utf-8"),
+               intern("image/png"),
+               intern("TEXT"),
+               intern("MULTIPLE"),
+               intern("TIMESTAMP"),
+               intern("ZUL_TARGETS"),
+               intern("ZUL_CLIPBOARD")};
   impl.window = XCreateSimpleWindow(display, DefaultRootWindow(display), 0, 0, 1, 1, 0, 0, 0);
   XSelectInput(display, impl.window, PropertyChangeMask);
   XFixesSelectSelectionInput(display, impl.window, impl.atom.clipboard,
                              XFixesSetSelectionOwnerNotifyMask);
   // Pieces of INCR stay well below the largest request the server takes.
-  impl.chunkBytes = std::min<std::size_t>(std::size_t(XMaxRequestSize(display)) * 4 / 2, 256 * 1024);
+  impl.chunkBytes =
+      std::min<std::size_t>(std::size_t(XMaxRequestSize(display)) * 4 / 2, 256 * 1024);
   // What is on the clipboard already.
   XConvertSelection(display, impl.atom.clipboard, impl.atom.targets, impl.atom.targetsProperty,
                     impl.window, CurrentTime);

@@ -2,10 +2,10 @@
 // the buttons do.
 #include <gtest/gtest.h>
 
-#include <QFile>
 #include <QApplication>
 #include <QClipboard>
 #include <QCoreApplication>
+#include <QFile>
 #include <QImage>
 #include <QLineEdit>
 #include <QPushButton>

@@ -67,9 +67,8 @@ TEST(PhoneRequestDispatcher, CarriesOutRefusesOrReportsEachRequest) {
       {"unknown control message", true, false, R"({"type":"control.unknown"})",
        "[control] control.unknown (not handled yet)", ""},
   };
-  for (std::string type :
-       {"input.cursor", "input.scroll", "input.text", "input.key", "input.invoke",
-        "control.monitor.select"}) {
+  for (std::string type : {"input.cursor", "input.scroll", "input.text", "input.key",
+                           "input.invoke", "control.monitor.select"}) {
     const std::string printed = type == "control.monitor.select" ? "monitor switch rejected:"
                                 : type == "input.invoke"         ? "[input.invoke]"
                                                                  : "[input]";
@@ -89,12 +88,14 @@ TEST(PhoneRequestDispatcher, CarriesOutRefusesOrReportsEachRequest) {
         .injector = injector,
         .publishScene = [&] { handled.push_back("scene"); },
         .sendMonitorList = [&] { handled.push_back("list"); },
-        .selectMonitor = [&](std::int64_t index) { handled.push_back("select " + std::to_string(index)); },
+        .selectMonitor =
+            [&](std::int64_t index) { handled.push_back("select " + std::to_string(index)); },
         .forgetDevice = [&] { handled.push_back("forget"); },
         .print = [&](std::string_view line) { printed.emplace_back(line); },
-        .refuse = [&](const RoutedMessage& m, const std::exception& error) {
-          refused.push_back(m.type + ": " + error.what());
-        },
+        .refuse =
+            [&](const RoutedMessage& m, const std::exception& error) {
+              refused.push_back(m.type + ": " + error.what());
+            },
     });
     if (c.pointerReady) {
       requests.setPointerExecutor(std::make_shared<PointerInputExecutor>(
@@ -249,12 +250,16 @@ TEST(RealAgent, CapturesDisplaysAtTheirOwnSizeUpTo1080p) {
   // A monitor at scale 2 counted in physical pixels: an application's
   // rectangle (logical pixels) lands in the video where a tap at its middle
   // reaches the middle of what is drawn.
-  const DisplayDescriptor scaled{
-      .displayID = 1, .width = 2560, .height = 1440, .originX = 2560, .scale = 2, .elementScale = 2};
+  const DisplayDescriptor scaled{.displayID = 1,
+                                 .width = 2560,
+                                 .height = 1440,
+                                 .originX = 2560,
+                                 .scale = 2,
+                                 .elementScale = 2};
   const DesktopRect inVideo = sceneMappingFor(scaled).toVideo({1280 + 100, 100, 50, 20});
   EXPECT_EQ(inVideo, (DesktopRect{150, 150, 75, 30}));
   EXPECT_EQ(videoMappingFor(scaled).toDesktop(inVideo.x + inVideo.width / 2,
-                                             inVideo.y + inVideo.height / 2),
+                                              inVideo.y + inVideo.height / 2),
             (DesktopPoint{2560 + 250, 220}));
 }
 
@@ -368,8 +373,8 @@ TEST(DisplaySwitcher, SwitchesFollowsOrExplainsWhyNot) {
     std::int64_t selected;
   };
   const Case cases[] = {
-      {"another display", 1, no, two,
-       "restart 1|on 72|list 1/2|selected display 1: 72, 1280x1024", 1},
+      {"another display", 1, no, two, "restart 1|on 72|list 1/2|selected display 1: 72, 1280x1024",
+       1},
       {"the same display again", 0, no, two,
        "restart 0|on 71|list 0/2|selected display 0: 71, 1920x1080", 0},
       {"no such display", 5, no, two,

@@ -164,9 +164,8 @@ TEST(KeyboardExecutor, RejectsBadCombinationsWithTheirCase) {
   };
   for (const auto& c : cases) {
     Keyboard k;
-    EXPECT_EQ(
-        test::outcome<KeyboardExecutorError>([&] { k.executor.sendHotkey(c.combo); }),
-        c.expected.text());
+    EXPECT_EQ(test::outcome<KeyboardExecutorError>([&] { k.executor.sendHotkey(c.combo); }),
+              c.expected.text());
     EXPECT_TRUE(k.injector->events.empty()) << c.combo;
   }
 }

@@ -14,11 +14,11 @@
 #include "ZulCore/Trust/SecretStore.h"
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
+#include "ZulPlatform/linux/audit/AuditLog.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/H264AnnexB.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
-#include "ZulPlatform/linux/audit/AuditLog.h"
 #include "ZulPlatform/linux/files/HomeFolder.h"
 #include "ZulPlatform/linux/secrets/FileSecretBackend.h"
 #include "ZulPlatform/linux/secrets/SecretBackendSelection.h"
@@ -655,11 +655,11 @@ TEST(HomeFolderTest, KeepsEveryPathBeneathAndNeverReplaces) {
     std::string path;
     std::string outcome;  // "file", "folder" or the error's case
   } cases[] = {
-      {"Docs/a.txt", "file"},          {"Docs", "folder"},
-      {"Docs/in", "folder"},           {"Docs/out/passwd", "outside"},
-      {"/etc/passwd", "outside"},      {"Docs/../../etc/passwd", "badName"},
-      {"Docs/./a.txt", "badName"},     {"Docs/a\x01.txt", "badName"},
-      {"pipe", "notAFile"},            {"nothing", "notFound"},
+      {"Docs/a.txt", "file"},         {"Docs", "folder"},
+      {"Docs/in", "folder"},          {"Docs/out/passwd", "outside"},
+      {"/etc/passwd", "outside"},     {"Docs/../../etc/passwd", "badName"},
+      {"Docs/./a.txt", "badName"},    {"Docs/a\x01.txt", "badName"},
+      {"pipe", "notAFile"},           {"nothing", "notFound"},
       {"Docs/a.txt/x", "notAFolder"},
   };
   for (const auto& c : cases) {
@@ -723,7 +723,8 @@ TEST(AuditLogTest, AppendsWholeRecordsRotatesAndFilters) {
     EXPECT_EQ(all[i]["n"].get<int>(), all[i - 1]["n"].get<int>() + 1);  // in order, none lost
   }
   EXPECT_EQ(all.back()["n"], 11);
-  for (const auto& record : log.read(std::string("device_b"))) EXPECT_EQ(record["device"], "device_b");
+  for (const auto& record : log.read(std::string("device_b")))
+    EXPECT_EQ(record["device"], "device_b");
   EXPECT_TRUE(log.read(std::nullopt, std::string("2999-01-01T00:00:00Z")).empty());
   fs::remove_all(dir);
 }

@@ -156,13 +156,13 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
       if (!channel.empty()) EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
     }
     const std::string type(rule.type);
-    const auto needed = type.starts_with("files.")                ? DevicePermission::files
+    const auto needed = type.starts_with("files.")               ? DevicePermission::files
                         : type.starts_with("control.clipboard.") ? DevicePermission::clipboard
                         : type.starts_with("shell.")             ? DevicePermission::shell
-                                                                  : DevicePermission::control;
+                                                                 : DevicePermission::control;
     // A shell also needs control.
-    EXPECT_EQ(rule.alsoNeeds, type.starts_with("shell.") ? std::optional(DevicePermission::control)
-                                                          : std::nullopt)
+    EXPECT_EQ(rule.alsoNeeds,
+              type.starts_with("shell.") ? std::optional(DevicePermission::control) : std::nullopt)
         << rule.type;
     const bool asks = type == "scene.request_snapshot" || type == "control.monitor.list" ||
                       type == "control.device.forget";
