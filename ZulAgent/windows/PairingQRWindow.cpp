@@ -34,6 +34,11 @@ PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
   qr_->setAlignment(Qt::AlignCenter);
   qr_->setAccessibleName("QR-код для подключения телефона");
   layout->addWidget(qr_);
+  phoneApp_ = new QLabel;
+  phoneApp_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  phoneApp_->setWordWrap(true);
+  phoneApp_->hide();
+  layout->addWidget(phoneApp_);
   status_ = new QLabel("●  Ожидание телефона");
   status_->setTextFormat(Qt::PlainText);  // a phone's name is text, never markup
   layout->addWidget(status_);
@@ -119,6 +124,15 @@ void PairingQRWindowController::endSession() {
 }
 
 QString PairingQRWindowController::statusText() const { return status_->text(); }
+
+void PairingQRWindowController::setPhoneAppAddress(const std::string& address) {
+  phoneApp_->setText(QString::fromStdString(
+      "Нет приложения? Откройте на телефоне " + address +
+      " — это приложение Velto; «Копировать ссылку» даёт ссылку для вставки в него."));
+  phoneApp_->setVisible(!address.empty());
+}
+
+QString PairingQRWindowController::phoneAppText() const { return phoneApp_->text(); }
 bool PairingQRWindowController::showsCode() const { return !qr_->pixmap().isNull(); }
 bool PairingQRWindowController::canEndSession() const { return endSession_->isEnabled(); }
 

@@ -48,6 +48,10 @@ class PairingQRWindowController : public QWidget {
 
   // For tests.
   QString countdownText() const;
+  // Where the phone app lives (the server the agent uses serves it): shown
+  // under the code, for a phone whose camera does not open the link.
+  void setPhoneAppAddress(const std::string& address);
+  QString phoneAppText() const;
   // Whether a code is on show (an expired one is taken away).
   bool showsCode() const;
   // The person asked for the window again: the next link brings it back
@@ -70,6 +74,7 @@ class PairingQRWindowController : public QWidget {
   std::string link_;
   std::string deviceCode_;
   QLabel* qr_;
+  QLabel* phoneApp_;
   QLabel* code_;
   QLabel* countdown_;
   QLabel* status_;

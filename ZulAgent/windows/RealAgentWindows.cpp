@@ -112,6 +112,8 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   setup.show(
       [&](const std::string& url) {
         cancelAgent();  // a retry replaces the agent that is still trying
+        // The server the agent uses serves the phone app too.
+        pairing.setPhoneAppAddress(url);
         control = std::make_shared<RealAgentControl>();
         agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
                              previous = std::move(agent)]() mutable {

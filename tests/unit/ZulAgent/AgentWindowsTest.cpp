@@ -216,6 +216,8 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   EXPECT_TRUE(window.showsCode());
   EXPECT_TRUE(window.counting());
   EXPECT_EQ(window.deviceCode(), "VELTO-PC-IJKLMNOP");
+  window.setPhoneAppAddress("https://rv.example.com");  // where the phone app lives
+  EXPECT_TRUE(window.phoneAppText().contains("https://rv.example.com"));
   window.refresh();
   EXPECT_EQ(refreshes, 1);
   EXPECT_TRUE(window.isVisible());
