@@ -7,7 +7,8 @@
 // Environment: ZUL_AGENT_PATH and ZUL_TRUSTED_DEVICES_PATH (set by CTest).
 
 import { spawn, spawnSync } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { randomBytes } from 'node:crypto';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
 import { createInterface } from 'node:readline';
@@ -57,7 +58,9 @@ const env = {
   ZUL_SECRET_BACKEND: 'file',
   ZUL_VERBOSE: '1', // the checks read the agent's detailed lines
   GDK_BACKEND: 'x11',
+  HOME: path.join(work, 'home'), // the files the phone reaches
 };
+mkdirSync(env.HOME);
 delete process.env.NO_AT_BRIDGE; // the GTK window must be accessible
 delete process.env.GTK_MODULES;
 let xvfb;
@@ -192,9 +195,10 @@ test('pairs from the QR link and shows the screen', async () => {
   await agent.waitFor('signaling: connected', { timeout: 60 * SECONDS });
   await page.goto('about:blank'); // the link after "#" is read when the app opens
   await page.goto(`${env.ZUL_SIGNALING_URL}/#${link}`);
-  // A link opened from outside asks first, the clipboard allowed unless unticked.
+  // A link opened from outside asks first, the clipboard and files allowed unless unticked.
   await noticeSays(page, 'pair-ask');
-  assert.ok(await page.locator('#notice-extra input[type=checkbox]').isChecked());
+  assert.deepEqual(await page.locator('#notice-extra input[type=checkbox]')
+    .evaluateAll((boxes) => boxes.map((b) => b.checked)), [true, true]);
   await page.locator('#notice-actions button', { hasText: 'Сопрячь' }).tap();
   await connected();
   await page.waitForFunction(() => zulApp.video().width > 0);
@@ -361,6 +365,54 @@ test('the clipboard goes both ways between the app and the desktop, in pieces', 
   toDesktop('из xclip');
   await received('из xclip');
   await page.locator('#close-clipboard').tap();
+});
+
+test('a file goes up into the upload folder and comes back down the same', async () => {
+  const bytes = randomBytes(300000); // several pieces each way
+  await page.locator('#open-files').tap();
+  // No shell granted yet: the sheet says where the terminal is allowed.
+  assert.match(await page.locator('#terminal-hint').textContent(), /разрешить на компьютере/);
+  await page.locator('#crumbs button').first().waitFor();
+  await page.locator('#upload-input').setInputFiles({ name: 'velto-test.bin',
+    mimeType: 'application/octet-stream', buffer: bytes });
+  const ended = (kind) => page.waitForFunction((k) => zulApp.transfers().find((t) =>
+    t.kind === k && ['finished', 'failed', 'cancelled'].includes(t.state)), kind,
+  { timeout: 30 * SECONDS }).then((handle) => handle.jsonValue());
+  const up = await ended('upload');
+  assert.equal(up.state, 'finished', up.error);
+  assert.ok(readFileSync(path.join(env.HOME, up.folder, up.name)).equals(bytes));
+  await page.locator('#files-status', { hasText: 'сохранён в' }).waitFor();
+  for (const name of up.folder.split('/')) {
+    await page.locator(`#file-list button[data-name="${name}"]`).tap();
+  }
+  const [download] = await Promise.all([page.waitForEvent('download'),
+    page.locator(`#file-list button[data-name="${up.name}"]`).tap()]);
+  assert.equal((await ended('download')).state, 'finished');
+  assert.equal(download.suggestedFilename(), up.name);
+  assert.ok(readFileSync(await download.path()).equals(bytes), 'the download has other bytes');
+  await page.locator('#close-files').tap();
+});
+
+test('a terminal, once allowed at the computer, runs what is typed into it', async () => {
+  assert.ok(await page.locator('#open-terminal').isHidden());
+  const deviceId = await page.evaluate(() => zulApp.deviceId());
+  assert.equal(spawnSync(process.env.ZUL_TRUSTED_DEVICES_PATH, ['grant', deviceId, 'shell'],
+    { env: { ...process.env, ...env } }).status, 0);
+  // The shells are told at hello: connected again.
+  await page.locator('[data-action=disconnect]').tap();
+  await page.locator('#computers li .connect').tap();
+  await connected();
+  await page.locator('#open-terminal').tap();
+  const typing = page.locator('#term-host .xterm-helper-textarea');
+  await typing.waitFor({ state: 'attached' });
+  await typing.focus();
+  await page.keyboard.type('echo velto-$((6*7))');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => /^velto-42\s*$/m.test(zulApp.terminalText()), null,
+    { timeout: 30 * SECONDS });
+  await page.locator('#term-close-shell').tap();
+  await page.locator('#term-host .term').waitFor({ state: 'detached' });
+  await page.locator('#close-terminal').tap();
 });
 
 test('an element from the list is invoked in the window', async () => {

@@ -22,6 +22,7 @@ const TYPES = {
 const MOUNTS = [
   ['/phone/', path.join(__dirname, 'phone')],
   ['/vendor/jsqr/', path.join(ROOT, 'phone', 'node_modules', 'jsqr', 'dist')],
+  ['/vendor/xterm/', path.join(ROOT, 'phone', 'node_modules', '@xterm', 'xterm')],
   ['/', path.join(ROOT, 'phone', 'app')],
 ];
 

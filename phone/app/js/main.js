@@ -4,11 +4,13 @@
 
 import { t, translate } from './i18n.js';
 import { PNG, RemoteClipboard, TEXT } from './clipboard.js';
+import { RemoteFiles } from './files.js';
 import { Gestures } from './gestures.js';
 import { Keyboard } from './keyboard.js';
 import { errorReason, pair, parseLink, reachableSignalUrl, Session } from './protocol.js';
 import { startScanner } from './scanner.js';
 import { computers, settings } from './store.js';
+import { MOST, Terminals } from './terminal.js';
 import { Viewport } from './viewport.js';
 
 const $ = (id) => document.getElementById(id);
@@ -23,6 +25,10 @@ const app = {
   fetched: null, // { type, blob, url } last fetched from the computer
   picked: null, // a PNG Blob to send
   shared: null, // text shared from another app, for the clipboard sheet
+  files: null, // the computer's home folder, while in session with the permission
+  folder: '', // the folder the files sheet shows, relative to home
+  terminals: null, // the shells, while in session with "shell" and "control"
+  shellPaths: [],
 };
 
 // ---- small pieces of UI ---------------------------------------------------
@@ -197,17 +203,24 @@ const computerName = (payload) => payload.name || payload.hostName || computerCo
 // A link opened from outside (the phone's camera read the QR code) asks
 // first, with the choice the scan screen offers: the clipboard too or not.
 function askToPair(payload) {
-  const choice = $('pair-clipboard').closest('label').cloneNode(true);
-  const box = choice.querySelector('input');
-  box.removeAttribute('id');
-  box.checked = $('pair-clipboard').checked;
+  const choice = document.createElement('div');
+  const boxes = ['pair-clipboard', 'pair-files'].map((id) => {
+    const label = $(id).closest('label').cloneNode(true);
+    const box = label.querySelector('input');
+    box.removeAttribute('id');
+    box.checked = $(id).checked;
+    choice.append(label);
+    return box;
+  });
   notice(t('pairAsk', { name: computerName(payload) }), [
-    { label: t('pairButton'), primary: true, action: () => pairWith(payload, box.checked) },
+    { label: t('pairButton'), primary: true,
+      action: () => pairWith(payload, boxes[0].checked, boxes[1].checked) },
     { label: t('cancel'), action: () => { show('home'); renderHome(); } },
   ], 'pair-ask', choice);
 }
 
-async function pairWith(payload, clipboard = $('pair-clipboard').checked) {
+async function pairWith(payload, clipboard = $('pair-clipboard').checked,
+  files = $('pair-files').checked) {
   // Where a failure's notice goes back to when closed.
   const from = document.body.dataset.screen;
   if (app.scanner) {
@@ -221,7 +234,8 @@ async function pairWith(payload, clipboard = $('pair-clipboard').checked) {
   let result;
   try {
     result = await pair(payload, { device: existing?.device,
-      permissions: ['view', 'control', ...(clipboard ? ['clipboard'] : [])] });
+      permissions: ['view', 'control', ...(clipboard ? ['clipboard'] : []),
+        ...(files ? ['files'] : [])] });
   } catch (error) {
     const code = error.code || 'refused';
     const back = from === 'scan' ? openScanner : () => { show('home'); renderHome(); };
@@ -280,6 +294,27 @@ async function openSession(computer, { replaceSession = false } = {}) {
   const clipboard = new RemoteClipboard(session);
   app.clipboard = clipboard;
   clipboard.addEventListener('changed', () => clipboardChanged(clipboard));
+  const files = new RemoteFiles(session);
+  app.files = files;
+  app.folder = '';
+  files.addEventListener('listing', ({ detail }) => renderListing(detail));
+  files.addEventListener('transfer', ({ detail }) => renderTransfer(detail.transfer));
+  files.addEventListener('failed', ({ detail }) => filesStatus(t('tr-failed',
+    { why: filesReason(detail.reason) })));
+  files.addEventListener('saved', ({ detail }) => saveBlob(detail.name, detail.blob));
+  session.addEventListener('open', ({ detail }) => {
+    if (detail.channel === 'files') filesReady(session, files);
+  });
+  session.addEventListener('binary', ({ detail }) => {
+    if (detail.channel === 'files') files.take(detail.data);
+  });
+  $('transfers').replaceChildren();
+  const terminals = new Terminals(session, $('term-host'));
+  app.terminals = terminals;
+  terminals.addEventListener('changed', renderTabs);
+  terminals.addEventListener('error', ({ detail }) => {
+    $('term-status').textContent = t('shell-error', { reason: detail.reason || detail.message });
+  });
   session.addEventListener('state', ({ detail }) => {
     if (session === app.session) setState(detail.state);
     if (detail.state === 'connected') {
@@ -302,6 +337,20 @@ async function openSession(computer, { replaceSession = false } = {}) {
     const withClipboard = granted.includes('clipboard') && detail.ok.host?.clipboardCopy === true;
     $('open-clipboard').hidden = !withClipboard;
     if (!withClipboard) toggleClipboard(false);
+    const withFiles = granted.includes('files');
+    $('open-files').hidden = !withFiles;
+    if (withFiles) {
+      filesReady(session, files);
+    } else {
+      toggleFiles(false);
+    }
+    const withShell = granted.includes('shell') && granted.includes('control') &&
+      detail.ok.host?.shellKeyCombos === true;
+    app.shellPaths = withShell && Array.isArray(detail.ok.host?.shells) ? detail.ok.host.shells : [];
+    $('open-terminal').hidden = !withShell;
+    $('terminal-hint').hidden = withShell;
+    if (!withShell) toggleTerminal(false);
+    renderShellPaths();
     if (app.shared) {
       if (withClipboard) {
         $('clip-out').value = app.shared;
@@ -325,11 +374,19 @@ function closeSession() {
   if (app.session) app.session.close();
   app.clipboard?.cancel();
   app.clipboard = null;
+  app.files?.stop();
+  app.files = null;
+  app.terminals?.dispose();
+  app.terminals = null;
   app.session = null;
   app.computer = null;
   $('screen').srcObject = null;
   $('open-clipboard').hidden = true;
+  $('open-files').hidden = true;
+  $('open-terminal').hidden = true;
   toggleClipboard(false);
+  toggleFiles(false);
+  toggleTerminal(false);
   hideNotice();
 }
 
@@ -429,6 +486,7 @@ function reconnectTakingOver() {
 
 function onMessage(message) {
   if (app.clipboard?.take(message)) return;
+  if (app.terminals?.take(message)) return;
   if (message.type === 'control.monitor.list') {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
@@ -547,6 +605,8 @@ function toggleElements(open = $('elements').hidden) {
   $('open-elements').setAttribute('aria-pressed', String(open));
   if (open) {
     toggleClipboard(false);
+    toggleFiles(false);
+    toggleTerminal(false);
     app.scene = null;
     renderElements();
     requestScene();
@@ -560,6 +620,8 @@ function toggleClipboard(open = $('clipboard').hidden) {
   $('open-clipboard').setAttribute('aria-pressed', String(open));
   if (open) {
     toggleElements(false);
+    toggleFiles(false);
+    toggleTerminal(false);
     renderClipboardTypes();
   }
 }
@@ -710,6 +772,223 @@ async function sendClipboard() {
   }
 }
 
+// ---- files ---------------------------------------------------------------------
+
+function toggleFiles(open = $('files').hidden) {
+  $('files').hidden = !open;
+  $('open-files').setAttribute('aria-pressed', String(open));
+  if (open) {
+    toggleElements(false);
+    toggleClipboard(false);
+    toggleTerminal(false);
+    openFolder(app.folder);
+  }
+}
+
+// In session with the files channel open (whichever came last): what was
+// under way goes on, once per connection.
+function filesReady(session, files) {
+  if (!session.established || session.channels.files?.readyState !== 'open' ||
+      files.readyFor === session.pc) return;
+  files.readyFor = session.pc;
+  files.resume();
+  if (!$('files').hidden) files.list(app.folder);
+}
+
+function filesStatus(text) {
+  $('files-status').textContent = text;
+}
+
+function filesReason(reason) {
+  const key = `files-${reason}`;
+  return t(key) === key ? String(reason || '?') : t(key);
+}
+
+const joinPath = (folder, name) => (folder ? `${folder}/${name}` : name);
+
+function openFolder(folder) {
+  app.folder = folder;
+  filesStatus('');
+  renderCrumbs();
+  app.files?.list(folder);
+}
+
+function renderCrumbs() {
+  const parts = app.folder ? app.folder.split('/') : [];
+  const crumb = (label, folder) => {
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.textContent = label;
+    button.dataset.folder = folder;
+    button.onclick = () => openFolder(folder);
+    return button;
+  };
+  $('crumbs').replaceChildren(crumb(`🏠 ${t('home')}`, ''),
+    ...parts.map((name, i) => crumb(name, parts.slice(0, i + 1).join('/'))));
+}
+
+function formatSize(bytes) {
+  const units = ['B', 'KiB', 'MiB', 'GiB', 'TiB'];
+  let value = bytes;
+  let unit = 0;
+  while (value >= 1024 && unit < units.length - 1) {
+    value /= 1024;
+    unit += 1;
+  }
+  return `${unit ? value.toFixed(1) : value} ${units[unit]}`;
+}
+
+function renderListing(listing) {
+  if ((listing.path || '') !== app.folder) return;
+  app.uploadFolder = listing.uploadFolder;
+  const entries = [...(listing.entries || [])].sort((a, b) =>
+    (b.folder - a.folder) || a.name.localeCompare(b.name));
+  if (entries.length === 0) {
+    const li = document.createElement('li');
+    li.className = 'none';
+    li.textContent = t('emptyFolder');
+    $('file-list').replaceChildren(li);
+    return;
+  }
+  const format = new Intl.DateTimeFormat(document.documentElement.lang,
+    { dateStyle: 'short', timeStyle: 'short' });
+  $('file-list').replaceChildren(...entries.map((entry) => {
+    const li = document.createElement('li');
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.dataset.name = entry.name;
+    const name = document.createElement('span');
+    name.className = 'label';
+    name.textContent = `${entry.folder ? '📁' : '📄'} ${entry.name}`;
+    const meta = document.createElement('span');
+    meta.className = 'role';
+    const when = entry.modified ? format.format(new Date(entry.modified * 1000)) : '';
+    meta.textContent = entry.folder ? when : `${formatSize(entry.size)} · ${when}`;
+    button.append(name, meta);
+    const path = joinPath(app.folder, entry.name);
+    button.onclick = () => (entry.folder ? openFolder(path)
+      : app.files?.download(path, entry.name, entry.size));
+    li.append(button);
+    return li;
+  }));
+}
+
+// One line per transfer: name, progress and speed, Cancel while under way.
+function renderTransfer(transfer) {
+  let li = $('transfers').querySelector(`[data-transfer="${transfer.number}"]`);
+  if (!li) {
+    li = document.createElement('li');
+    li.dataset.transfer = transfer.number;
+    li.innerHTML = '<span class="label"></span><progress max="1" value="0"></progress>' +
+      '<span class="role"></span><button type="button" class="icon cancel">✕</button>';
+    li.querySelector('.cancel').onclick = () => app.files?.cancel(transfer.number);
+    li.querySelector('.cancel').setAttribute('aria-label', t('cancel'));
+    $('transfers').prepend(li);
+  }
+  li.dataset.state = transfer.state;
+  li.dataset.kind = transfer.kind;
+  li.querySelector('.label').textContent = `${transfer.kind === 'upload' ? '⬆' : '⬇'} ${transfer.name}`;
+  const share = transfer.size ? transfer.done / transfer.size : 0;
+  li.querySelector('progress').value = transfer.state === 'finished' ? 1 : share;
+  const seconds = Math.max(0.001, (performance.now() - transfer.started) / 1000);
+  li.querySelector('.role').textContent = t(`tr-${transfer.state}`, {
+    percent: Math.floor(100 * share), speed: formatSize(Math.round(transfer.done / seconds)),
+    why: filesReason(transfer.error) });
+  li.querySelector('.cancel').hidden = !['starting', 'running'].includes(transfer.state);
+  if (transfer.kind === 'upload' && transfer.state === 'finished') {
+    filesStatus(t('uploaded', { name: transfer.name, folder: transfer.folder || '~' }));
+    if (!$('files').hidden) app.files?.list(app.folder);
+  }
+}
+
+function saveBlob(name, blob) {
+  const link = document.createElement('a');
+  link.href = URL.createObjectURL(blob);
+  link.download = name;
+  document.body.append(link);
+  link.click();
+  link.remove();
+  setTimeout(() => URL.revokeObjectURL(link.href), 60000);
+}
+
+function uploadPicked() {
+  const files = [...$('upload-input').files];
+  $('upload-input').value = '';
+  for (const file of files) {
+    app.files?.upload(file, app.folder).catch(() => filesStatus(t('tr-failed',
+      { why: filesReason('unavailable') })));
+  }
+}
+
+// ---- the terminal ---------------------------------------------------------------
+
+function toggleTerminal(open = $('terminal').hidden) {
+  $('terminal').hidden = !open;
+  $('open-terminal').setAttribute('aria-pressed', String(open));
+  document.body.dataset.terminal = open ? 'open' : '';
+  if (!open) return;
+  toggleElements(false);
+  toggleClipboard(false);
+  toggleFiles(false);
+  $('term-status').textContent = '';
+  const terminals = app.terminals;
+  if (!terminals) return;
+  if (terminals.shells.size === 0) terminals.open($('term-path').value);
+  else terminals.show(terminals.current?.id ?? [...terminals.shells.keys()][0]);
+}
+
+function renderShellPaths() {
+  const select = $('term-path');
+  select.replaceChildren(...app.shellPaths.map((path) => {
+    const option = document.createElement('option');
+    option.value = path;
+    option.textContent = path.split('/').pop();
+    return option;
+  }));
+  select.hidden = app.shellPaths.length < 2;
+}
+
+function renderTabs() {
+  const terminals = app.terminals;
+  if (!terminals) return;
+  $('term-tabs').replaceChildren(...[...terminals.shells.values()].map((shell, i) => {
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.setAttribute('role', 'tab');
+    button.setAttribute('aria-selected', String(shell === terminals.current));
+    button.textContent = `${i + 1} ${String(shell.path || '').split('/').pop()}`;
+    button.onclick = () => terminals.show(shell.id);
+    return button;
+  }));
+  $('term-new').disabled = terminals.shells.size >= MOST;
+  for (const button of document.querySelectorAll('#term-keys [data-mod]')) {
+    button.setAttribute('aria-pressed', String(terminals.modifiers[button.dataset.mod]));
+  }
+}
+
+async function copyTerminal() {
+  const term = app.terminals?.current?.term;
+  if (!term) return;
+  const text = term.hasSelection() ? term.getSelection() : '';
+  try {
+    await navigator.clipboard.writeText(text);
+    toast(t('copied'));
+  } catch {
+    toast(t('copyFailed'));
+  }
+}
+
+async function pasteTerminal() {
+  const shell = app.terminals?.current;
+  if (!shell) return;
+  try {
+    const text = await navigator.clipboard.readText();
+    if (text) shell.term.paste(text);
+  } catch {
+    toast(t('copyFailed'));
+  }
+}
+
 // ---- wiring ---------------------------------------------------------------------
 
 function setMode(mode) {
@@ -787,6 +1066,28 @@ function wire() {
   $('clip-file').onchange = () => pickImage($('clip-file').files[0])
     .catch(() => clipStatus(t('clip-unsupportedType')));
   $('clip-unpick').onclick = unpickImage;
+  $('open-files').onclick = () => toggleFiles();
+  $('close-files').onclick = () => toggleFiles(false);
+  $('files-refresh').onclick = () => openFolder(app.folder);
+  $('upload-input').onchange = uploadPicked;
+  $('open-terminal').onclick = () => toggleTerminal();
+  $('close-terminal').onclick = () => toggleTerminal(false);
+  $('term-new').onclick = () => {
+    if (!app.terminals?.open($('term-path').value)) $('term-status').textContent = t('shell-limit');
+  };
+  $('term-close-shell').onclick = () => app.terminals?.close();
+  $('term-copy').onclick = copyTerminal;
+  $('term-paste').onclick = pasteTerminal;
+  for (const button of document.querySelectorAll('#term-keys [data-seq]')) {
+    button.onclick = () => app.terminals?.key(button.dataset.seq);
+  }
+  for (const button of document.querySelectorAll('#term-keys [data-mod]')) {
+    button.onclick = () => app.terminals?.toggle(button.dataset.mod);
+  }
+  // The key bar's taps leave the focus in the terminal.
+  $('term-keys').addEventListener('pointerdown', (event) => event.preventDefault());
+  $('pair-files').onchange = () => settings.set('pairFiles', $('pair-files').checked)
+    .catch(() => {});
   $('clip-sync').onchange = () => settings.set('clipboardSync', $('clip-sync').checked)
     .catch(() => {});
   $('pair-clipboard').onchange = () => settings.set('pairClipboard',
@@ -836,6 +1137,7 @@ async function start() {
   setMode((await settings.get('mode').catch(() => null)) || 'direct');
   $('clip-sync').checked = (await settings.get('clipboardSync').catch(() => false)) === true;
   $('pair-clipboard').checked = (await settings.get('pairClipboard').catch(() => null)) !== false;
+  $('pair-files').checked = (await settings.get('pairFiles').catch(() => null)) !== false;
   const params = new URLSearchParams(location.search);
   // A QR code's "#zul://pair?payload=…" (or "?link=…") asks to pair.
   const linkText = location.hash.startsWith('#zul://') ? location.hash.slice(1) : params.get('link');
@@ -883,6 +1185,17 @@ window.zulApp = {
   retrying: () => app.retry.timer !== 0,
   // A control message as if the computer had sent it.
   receive: (message) => app.session?.onMessage('control', message),
+  // The text of the terminal shown, line by line.
+  terminalText: () => {
+    const buffer = app.terminals?.current?.term.buffer.active;
+    if (!buffer) return '';
+    const lines = [];
+    for (let i = 0; i < buffer.length; i += 1) lines.push(buffer.getLine(i)?.translateToString(true));
+    return lines.join('\n');
+  },
+  transfers: () => [...(app.files?.transfers.values() || [])].map(
+    ({ number, kind, name, folder, state, done, size, error }) =>
+      ({ number, kind, name, folder, state, done, size, error })),
 };
 
 start();

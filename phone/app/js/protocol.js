@@ -212,6 +212,8 @@ const SILENCE_MS = 2000;
 //   failure { code } – a refusal, see ZulError codes and HELLO_REFUSALS
 //   video   { stream }
 //   message { channel, message } – every parsed data-channel message
+//   open    { channel } – a data channel opened
+//   binary  { channel, data } – every binary data-channel message (an ArrayBuffer)
 //   hello   { ok } – the agent's control.hello.ok
 //   notice  { reason, message } – the agent's control.notice (see onMessage)
 //   lost    {} – the connection broke or went silent; connect() again restarts it
@@ -348,7 +350,14 @@ export class Session extends EventTarget {
     };
     pc.ondatachannel = ({ channel }) => {
       this.channels[channel.label] = channel;
+      // The files channel carries binary messages both ways.
+      if (channel.label === 'files') channel.binaryType = 'arraybuffer';
       channel.onmessage = (event) => {
+        if (event.data instanceof ArrayBuffer) {
+          this.heardAt = performance.now();
+          this.emit('binary', { channel: channel.label, data: event.data });
+          return;
+        }
         let message;
         try {
           message = JSON.parse(String(event.data));
@@ -357,6 +366,7 @@ export class Session extends EventTarget {
         }
         this.onMessage(channel.label, message);
       };
+      channel.addEventListener('open', () => this.emit('open', { channel: channel.label }));
       if (channel.label !== 'control') return;
       channel.onopen = () => this.hello().catch(() => {});
       // The agent closes the connection of a phone that was taken over or
@@ -470,6 +480,14 @@ export class Session extends EventTarget {
     const dc = this.channels[channel];
     if (!dc || dc.readyState !== 'open') return false;
     dc.send(JSON.stringify({ protoVersion: '1.0', sessionId: this.sessionId, ...message }));
+    return true;
+  }
+
+  // Bytes as they are; false when the channel is not open.
+  sendBinary(channel, bytes) {
+    const dc = this.channels[channel];
+    if (!dc || dc.readyState !== 'open') return false;
+    dc.send(bytes);
     return true;
   }
 
