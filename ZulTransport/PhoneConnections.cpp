@@ -365,7 +365,14 @@ void PhoneConnections::drop(std::uint64_t id, const std::string& why) {
   }
   print("connection to " + shortId(connection->deviceId) + " dropped: " + why);
   connection->dispatcher->releaseActiveSession();
-  close(connection);
+  // Closed and let go on the worker: this may be the library's signalling
+  // thread (a request of the phone's own ends its session), whose own
+  // tear-down would wait for itself.
+  {
+    std::lock_guard lock(mutex_);
+    retired_.push_back(std::move(connection));
+  }
+  worker_.post([this] { closeRetired(); });
 }
 
 void PhoneConnections::close(const std::shared_ptr<Connection>& connection) {
@@ -456,8 +463,8 @@ void PhoneConnections::closeAll() {
 
 void PhoneConnections::shutdown() {
   worker_.shutdown();
-  closeRetired();
   closeAll();
+  closeRetired();
 }
 
 }  // namespace zul

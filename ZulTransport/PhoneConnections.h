@@ -95,7 +95,7 @@ class PhoneConnections final : public PhoneSessions,
   // Removes the connection, ends its session if it has one, and closes it.
   void drop(std::uint64_t id, const std::string& why);
   void close(const std::shared_ptr<Connection>& connection);
-  // Closes the connections replaced by another phone's (on the worker).
+  // Closes the connections dropped or replaced (on the worker).
   void closeRetired();
   std::shared_ptr<Connection> sessionConnection() const;
   void print(const std::string& line) const;

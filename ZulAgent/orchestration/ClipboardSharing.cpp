@@ -20,13 +20,28 @@ ClipboardSharing::ClipboardSharing(Hooks hooks) : hooks_(std::move(hooks)) {
   }
 }
 
-ClipboardSharing::~ClipboardSharing() {
-  sessionEnded();
+ClipboardSharing::~ClipboardSharing() { shutdown(); }
+
+void ClipboardSharing::shutdown() {
+  lifecycle_.shutdown();
+  stopWatching();
   if (hooks_.clipboard) hooks_.clipboard->onChanged = nullptr;
 }
 
 void ClipboardSharing::sessionStarted(bool allowed) {
-  sessionEnded();
+  lifecycle_.post([this, allowed] { startWatching(allowed); });
+}
+
+void ClipboardSharing::sessionEnded() {
+  {
+    std::lock_guard lock(mutex_);
+    incoming_.reset();
+  }
+  lifecycle_.post([this] { stopWatching(); });
+}
+
+void ClipboardSharing::startWatching(bool allowed) {
+  stopWatching();
   if (!allowed || !hooks_.clipboard) return;
   try {
     hooks_.clipboard->start();
@@ -37,7 +52,7 @@ void ClipboardSharing::sessionStarted(bool allowed) {
   }
 }
 
-void ClipboardSharing::sessionEnded() {
+void ClipboardSharing::stopWatching() {
   bool watched;
   {
     std::lock_guard lock(mutex_);

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "ZulCore/Clipboard/Clipboard.h"
+#include "ZulCore/Support/TaskQueue.h"
 #include "ZulTransport/PhoneRequests.h"
 
 namespace zul {
@@ -46,11 +47,16 @@ class ClipboardSharing {
   ClipboardSharing(const ClipboardSharing&) = delete;
   ClipboardSharing& operator=(const ClipboardSharing&) = delete;
 
-  // A phone came into session; `allowed`: it holds `clipboard`.
+  // A phone came into session; `allowed`: it holds `clipboard`. Both are
+  // carried out on a thread of this object's: they are called on the
+  // library's signalling thread, and stopping the clipboard waits for a
+  // send that needs that thread.
   void sessionStarted(bool allowed);
   // Its session ended: the clipboard is no longer watched, and content it
   // was sending is dropped.
   void sessionEnded();
+  // Waits for the starts and ends asked for so far; then ends the watch.
+  void shutdown();
 
   // On the clipboard's request queue. Throw ClipboardError or
   // PhoneRequestError, which the phone is answered with.
@@ -58,6 +64,8 @@ class ClipboardSharing {
   void set(const ClipboardSetRequest& request);
 
  private:
+  void startWatching(bool allowed);
+  void stopWatching();
   void changed(const std::vector<std::string>& types);
   void send(nlohmann::json message);
 
@@ -70,6 +78,7 @@ class ClipboardSharing {
     Bytes data;
   };
   std::optional<Incoming> incoming_;
+  TaskQueue lifecycle_{16};  // last: its thread ends before the fields above go
 };
 
 }  // namespace zul

@@ -682,7 +682,7 @@ class RealAgent {
     requests_->shutdown();
     if (files_) files_->shutdown();
     shells_->shutdown();
-    clipboard_->sessionEnded();
+    clipboard_->shutdown();
     screen_->setDisplaysChanged(nullptr);
     capture_->shutdown();
     // Nothing the agent pressed stays down after it stops.

@@ -490,7 +490,14 @@ test('a revoked phone is told so, pairs again as the same phone, and a forget re
 
 test('with the server gone: the live connection takes over, a new one is refused in words, the app still opens', async () => {
   server.child.kill('SIGTERM');
-  await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap();
+  await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap({ timeout: 20 * SECONDS })
+    .catch(async (error) => {
+      const shown = await first.evaluate(() => ({ state: document.body.dataset.state,
+        code: document.querySelector('#notice')?.dataset.code,
+        hidden: document.querySelector('#notice')?.hidden,
+        text: document.querySelector('#notice-text')?.textContent }));
+      throw new Error(`${error.message}\nthe first phone: ${JSON.stringify(shown)}`);
+    });
   await connected(first);
   await first.locator('[data-action=disconnect]').tap();
   await first.locator('#computers li .connect').tap();
