@@ -478,7 +478,11 @@ TEST_F(RealAgentE2eTest, SecondPhoneTakesOverOnlyWithItsOwnHello) {
   EXPECT_EQ(phoneB.received("control.clipboard.changed").back()["mimeTypes"],
             nlohmann::json({"text/plain;charset=utf-8"}));
   phoneB.send("control.clipboard.get", sessionB, {{"mimeType", "text/plain;charset=utf-8"}});
-  ASSERT_TRUE(phoneB.receivedAtLeast("control.clipboard.content", 2)) << agent_->tail();
+  // Waits for the piece that ends the text (a base64url character carries 6 bits).
+  ASSERT_TRUE(phoneB.waitFor(
+      "zulPhone.controlMessages().some(m => m.type === 'control.clipboard.content' && "
+      "m.offset + Math.floor(m.data.length * 3 / 4) === m.total)"))
+      << agent_->tail();
   std::string fetched;
   for (const auto& piece : phoneB.received("control.clipboard.content")) {
     EXPECT_EQ(piece["offset"], fetched.size());

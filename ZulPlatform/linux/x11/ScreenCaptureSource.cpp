@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <future>
@@ -217,7 +218,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   // The pointer moves without damage (a hardware cursor draws nothing): its
   // position is looked at once per active interval.
   auto nextPointerLook = Clock::now();
-  std::optional<std::pair<int, int>> lastPointer;
+  // Where the pointer was last seen; a failed look counts as no move.
+  std::pair<int, int> lastPointer{INT_MIN, INT_MIN};
   auto readNotBefore = Clock::time_point::min();  // after a failed read
   bool busyCounted = false;  // the due frame that is waiting for the consumer was counted
   bool monitorsNoticed = false;
@@ -262,7 +264,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       nextPointerLook = now + gate.activeInterval();
       if (!reported) {
         gate.noticeChange();
-      } else if (auto pointer = run.connection->pointer(); pointer != lastPointer) {
+      } else if (auto pointer = run.connection->pointer().value_or(lastPointer);
+                 pointer != lastPointer) {
         lastPointer = pointer;
         gate.noticeChange();
       }
