@@ -83,12 +83,15 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
   const bool listing = command == "list" && arguments.size() <= 1;
   const bool revoking = command == "revoke" && arguments.size() == 2;
   const bool granting = (command == "grant" || command == "deny") && arguments.size() == 3;
-  const auto permission =
-      granting ? devicePermissionFromRaw(arguments[2]) : std::optional<DevicePermission>();
-  if (granting && !permission) {
-    err << "no such permission: " << escapeControlCharacters(arguments[2])
-        << " (view, control, clipboard, files, shell, unattended)\n";
-    return 2;
+  DevicePermission permission{};
+  if (granting) {
+    const auto parsed = devicePermissionFromRaw(arguments[2]);
+    if (!parsed) {
+      err << "no such permission: " << escapeControlCharacters(arguments[2])
+          << " (view, control, clipboard, files, shell, unattended)\n";
+      return 2;
+    }
+    permission = *parsed;
   }
   if (!listing && !revoking && !granting) {
     err << usage;
@@ -132,13 +135,13 @@ int runTrustedDevicesTool(const std::vector<std::string>& arguments,
     const std::string shownId = escapeControlCharacters(deviceId);
     if (granting) {
       const bool grant = command == "grant";
-      store.setPermission(deviceId, *permission, grant);
+      store.setPermission(deviceId, permission, grant);
       if (log) {
         log->record(
             grant ? "granted" : "withdrawn",
-            {{"device", deviceId}, {"permission", rawValue(*permission)}, {"by", "terminal"}});
+            {{"device", deviceId}, {"permission", rawValue(permission)}, {"by", "terminal"}});
       }
-      out << (grant ? "granted " : "withdrew ") << rawValue(*permission)
+      out << (grant ? "granted " : "withdrew ") << rawValue(permission)
           << (grant ? " to " : " from ") << shownId << " (" << escapeControlCharacters(found->name)
           << ")\n";
       return 0;
