@@ -24,6 +24,23 @@ QString pairedAtText(const TrustedDevice& device) {
          locale.toString(local.time(), "HH:mm");
 }
 
+// A question whose default answer, on Enter or Escape, is «Отмена»; `text`
+// names a phone, whose name the phone chose, so it is shown as plain text.
+bool askWithCancelAsDefault(QWidget* parent, const std::string& text, const char* detail,
+                            const char* action, QMessageBox::ButtonRole role) {
+  QMessageBox box(parent);
+  box.setWindowTitle("Velto");
+  box.setTextFormat(Qt::PlainText);
+  box.setText(QString::fromStdString(text));
+  box.setInformativeText(detail);
+  auto* chosen = box.addButton(action, role);
+  auto* cancel = box.addButton("Отмена", QMessageBox::RejectRole);
+  box.setDefaultButton(cancel);
+  box.setEscapeButton(cancel);
+  box.exec();
+  return box.clickedButton() == chosen;
+}
+
 }  // namespace
 
 TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStore store,
@@ -50,38 +67,22 @@ TrustedDevicesWindowController::TrustedDevicesWindowController(TrustedDeviceStor
   layout->addWidget(logButton);
   if (!confirmGrant_) {
     confirmGrant_ = [this](const std::string& phoneName, DevicePermission permission) {
-      QMessageBox box(this);
-      box.setWindowTitle("Velto");
-      box.setTextFormat(Qt::PlainText);
       const bool shell = permission == DevicePermission::shell;
-      box.setText(QString::fromStdString(
-          std::string(shell ? "Разрешить телефону «" : "Разрешить телефону «") + phoneName +
-          (shell ? "» открывать терминал?" : "» подключаться без присмотра?")));
-      box.setInformativeText(
+      return askWithCancelAsDefault(
+          this,
+          "Разрешить телефону «" + phoneName +
+              (shell ? "» открывать терминал?" : "» подключаться без присмотра?"),
           shell ? "Телефон сможет выполнять на этом компьютере любые команды от вашего имени."
-                : "Телефон сможет подключаться, когда за компьютером никого нет.");
-      auto* allow = box.addButton("Разрешить", QMessageBox::AcceptRole);
-      auto* cancel = box.addButton("Отмена", QMessageBox::RejectRole);
-      box.setDefaultButton(cancel);
-      box.setEscapeButton(cancel);
-      box.exec();
-      return box.clickedButton() == allow;
+                : "Телефон сможет подключаться, когда за компьютером никого нет.",
+          "Разрешить", QMessageBox::AcceptRole);
     };
   }
   if (!confirm_) {
     confirm_ = [this](const std::string& phoneName) {
-      QMessageBox box(this);
-      box.setWindowTitle("Velto");
-      box.setTextFormat(Qt::PlainText);  // the phone chose its name
-      box.setText(QString::fromStdString("Отозвать доступ телефона «" + phoneName + "»?"));
-      box.setInformativeText("Этот телефон больше не сможет открыть новые сессии с компьютером.");
-      auto* revoke = box.addButton("Отозвать", QMessageBox::DestructiveRole);
-      auto* cancel = box.addButton("Отмена", QMessageBox::RejectRole);
-      // Enter keeps the phone.
-      box.setDefaultButton(cancel);
-      box.setEscapeButton(cancel);
-      box.exec();
-      return box.clickedButton() == revoke;
+      return askWithCancelAsDefault(
+          this, "Отозвать доступ телефона «" + phoneName + "»?",
+          "Этот телефон больше не сможет открыть новые сессии с компьютером.", "Отозвать",
+          QMessageBox::DestructiveRole);
     };
   }
 }
