@@ -153,7 +153,8 @@ class RealAgentE2eTest : public testing::Test {
   }
 
   void startServer(std::vector<std::string> extra = {}, int port = 0) {
-    std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--port", std::to_string(port)};
+    std::vector<std::string> argv = {"node", ZUL_RENDEZVOUS_SERVER, "--dev", "--port",
+                                     std::to_string(port)};
     argv.insert(argv.end(), extra.begin(), extra.end());
     server_ = std::make_unique<ChildProcess>(argv, ChildProcess::Options{.captureStdout = true});
     auto line = server_->waitForLine("listening on", 30s);

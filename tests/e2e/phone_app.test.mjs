@@ -95,7 +95,7 @@ before(async () => {
     env);
   await testApp.waitFor(/^ready /);
 
-  server = start('node', [path.join(root, 'tools/rendezvous/server.js'), '--port', '0']);
+  server = start('node', [path.join(root, 'server/server.js'), '--dev', '--port', '0']);
   const port = (await server.waitFor('listening on')).split(':').pop();
   env.ZUL_SIGNALING_URL = `http://localhost:${port}`;
   agent = start(process.env.ZUL_AGENT_PATH, ['--real-agent'], env);
@@ -512,7 +512,7 @@ test('with the server gone: the live connection takes over, a new one is refused
 
 test('an offer with another certificate than the paired one is refused in words, with no hello', async () => {
   const mark = agent.lines.length;
-  server = start('node', [path.join(root, 'tools/rendezvous/server.js'), '--port',
+  server = start('node', [path.join(root, 'server/server.js'), '--dev', '--port',
     new URL(env.ZUL_SIGNALING_URL).port, '--tamper-offer-fingerprint']);
   await agent.waitFor('signaling: connected', { from: mark, timeout: 60 * SECONDS });
   await first.locator('#computers li .connect').tap();

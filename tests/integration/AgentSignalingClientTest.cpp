@@ -1,5 +1,5 @@
 // The signalling client against the real development rendezvous server
-// (tools/rendezvous/server.js under Node), with a scripted phone that speaks
+// (server/server.js under Node, in its development mode), with a scripted phone that speaks
 // the server's phone protocol over its own WebSocket.
 #include <utility>  // before Asio, which needs std::exchange
 //
@@ -104,8 +104,9 @@ class AgentSignalingClientTest : public testing::Test {
   void startServer(std::vector<std::string> extraArgs = {}) {
     if (!test::haveProgram("node")) GTEST_SKIP() << "node is not installed";
     std::vector<std::string> argv = {
-        "node",       ZUL_RENDEZVOUS_SERVER, "--port",        "0",
-        "--turn-url", "turn:127.0.0.1:3478", "--turn-secret", "test-secret"};
+        "node",       ZUL_RENDEZVOUS_SERVER, "--dev",         "--port",
+        "0",          "--turn-url",          "turn:127.0.0.1:3478", "--turn-secret",
+        "test-secret"};
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     server_ = std::make_unique<test::ChildProcess>(
         argv, test::ChildProcess::Options{.captureStdout = true, .quiet = false});
