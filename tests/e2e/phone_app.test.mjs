@@ -1,13 +1,16 @@
 // The phone web app (phone/app) as a person uses it, in Debian's Chromium at
 // a phone's size with touch, against the real agent on a private 1920x1080
 // X server with two monitors, a session bus with the accessibility registry,
-// the GTK test window and the development rendezvous server, all started once.
+// the GTK test window and the rendezvous service (two instances sharing Redis
+// behind HAProxy, one of which dies on the way), all started once.
 // The checks run in order; each builds on the state the previous one left.
 //
 // Environment: ZUL_AGENT_PATH and ZUL_TRUSTED_DEVICES_PATH (set by CTest).
 
 import { spawn, spawnSync } from 'node:child_process';
-import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { once } from 'node:events';
+import { createServer } from 'node:net';
 import { randomBytes } from 'node:crypto';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
@@ -95,9 +98,7 @@ before(async () => {
     env);
   await testApp.waitFor(/^ready /);
 
-  server = start('node', [path.join(root, 'server/server.js'), '--dev', '--port', '0']);
-  const port = (await server.waitFor('listening on')).split(':').pop();
-  env.ZUL_SIGNALING_URL = `http://localhost:${port}`;
+  env.ZUL_SIGNALING_URL = `http://localhost:${await startCluster()}`;
   agent = start(process.env.ZUL_AGENT_PATH, ['--real-agent'], env);
 
   page = await newPhone(await launch());
@@ -109,6 +110,60 @@ after(async () => {
   for (const child of children.reverse()) child.kill('SIGTERM');
   rmSync(work, { recursive: true, force: true });
 });
+
+// ---- the service: two instances sharing Redis behind HAProxy --------------------
+//
+// HAProxy sends agents to instance a and phones to instance b (each the
+// other's backup), so that every message between them crosses Redis.
+
+const cluster = { instances: {}, ports: {} };
+
+async function freePort() {
+  const probe = createServer().listen(0, '127.0.0.1');
+  await once(probe, 'listening');
+  const { port } = probe.address();
+  probe.close();
+  return port;
+}
+
+async function startInstance(name) {
+  const instance = start('node', [path.join(root, 'server/server.js'), '--port',
+    String(cluster.ports[name] ?? 0), '--log-format', 'text', '--trusted-proxy', '127.0.0.1'],
+  { REDIS_URL: `redis://127.0.0.1:${cluster.redisPort}` });
+  cluster.ports[name] = Number((await instance.waitFor('listening on')).split(':').pop());
+  cluster.instances[name] = instance;
+}
+
+// The port agents and phones use.
+async function startCluster() {
+  cluster.redisPort = await freePort();
+  cluster.redis = start('redis-server', ['--port', String(cluster.redisPort), '--bind', '127.0.0.1',
+    '--save', '', '--appendonly', 'no']);
+  await cluster.redis.waitFor('Ready to accept');
+  await startInstance('a');
+  await startInstance('b');
+  const port = await freePort();
+  const server = (name) => `  server ${name} 127.0.0.1:${cluster.ports[name]} check inter 250 fall 1 rise 1`;
+  const config = path.join(work, 'haproxy.cfg');
+  writeFileSync(config, ['defaults', '  mode http', '  option forwardfor', '  timeout connect 2s',
+    '  timeout client 60s', '  timeout server 60s', '  timeout tunnel 1h',
+    'frontend velto', `  bind 127.0.0.1:${port}`, '  acl phone url_param(role) -m str phone',
+    '  use_backend phones if phone', '  default_backend agents',
+    'backend agents', '  option httpchk GET /healthz', server('a'), `${server('b')} backup`,
+    'backend phones', '  option httpchk GET /healthz', server('b'), `${server('a')} backup`, ''].join('\n'));
+  cluster.haproxy = start('haproxy', ['-db', '-f', config]);
+  for (const end = Date.now() + 30 * SECONDS; ; await sleep(50)) {
+    if (await fetch(`http://127.0.0.1:${port}/healthz`).then((r) => r.ok, () => false)) break;
+    assert.ok(Date.now() < end, 'HAProxy did not come up');
+  }
+  return port;
+}
+
+function stopCluster() {
+  for (const child of [cluster.haproxy, cluster.instances.a, cluster.instances.b]) {
+    child.child.kill('SIGKILL');
+  }
+}
 
 // ---- the phone -----------------------------------------------------------------
 
@@ -215,6 +270,29 @@ test('comes back after a reload with one tap, without pairing', async () => {
   assert.equal(await page.locator('#computers li').count(), 1);
   await page.locator('#computers li .connect').tap();
   await connected();
+  await page.waitForFunction(() => zulApp.video().width > 0);
+});
+
+test('the instance holding the agent dies: the agent is back through the other within 5 s, and so is the phone', async () => {
+  const agentId = JSON.parse(new URLSearchParams(agent.lines.find((l) =>
+    l.startsWith('zul://pair?payload=')).split('?')[1]).get('payload')).agentId;
+  await cluster.instances.a.waitFor(`agent ${agentId} connected`);
+  await cluster.instances.b.waitFor(/^rendezvous: phone .* connected to /);
+  // First the agents' instance, then (the agent now on a) the phones'.
+  for (const [dying, other] of [['a', 'b'], ['b', 'a']]) {
+    const mark = agent.lines.length;
+    const otherMark = cluster.instances[other].lines.length;
+    const killedAt = Date.now();
+    cluster.instances[dying].child.kill('SIGKILL');
+    await agent.waitFor('signaling: connected', { from: mark, timeout: 5 * SECONDS });
+    assert.ok(Date.now() - killedAt < 5 * SECONDS, `back after ${Date.now() - killedAt} ms`);
+    await cluster.instances[other].waitFor(`agent ${agentId} connected`, { from: otherMark });
+    await page.locator('[data-action=disconnect]').tap();
+    await page.locator('#computers li .connect').tap();
+    await connected();
+    await cluster.instances[other].waitFor(`session for `, { from: otherMark });
+    await startInstance(dying);
+  }
   await page.waitForFunction(() => zulApp.video().width > 0);
 });
 
@@ -489,7 +567,7 @@ test('a revoked phone is told so, pairs again as the same phone, and a forget re
 });
 
 test('with the server gone: the live connection takes over, a new one is refused in words, the app still opens', async () => {
-  server.child.kill('SIGTERM');
+  stopCluster();
   await first.locator('#notice-actions button', { hasText: 'Перехватить' }).tap({ timeout: 20 * SECONDS })
     .catch(async (error) => {
       const shown = await first.evaluate(() => ({ state: document.body.dataset.state,
