@@ -36,7 +36,7 @@ async function main() {
   }
   const log = makeLogger(config);
   const fail = (what, error) => {
-    log.fatal(`${what}: ${error.message}`);
+    if (config.logFormat === 'json') log.fatal(`${what}: ${error.message}`);
     process.stderr.write(`rendezvous: ${what}: ${error.message}\n`);
     process.exit(1);
   };

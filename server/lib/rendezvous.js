@@ -131,7 +131,24 @@ class Rendezvous {
       this.log.info(`${role} ${subjectId} refused: replayed-nonce`);
       return this.refuse(401, 'replayed-nonce');
     }
-    if (role === 'agent') return (ws) => this.attachAgent(agentId, this.wrap(ws, 'agent'));
+    if (role === 'agent') {
+      // Locatable before the agent hears it is connected, so that no phone
+      // that comes right after it is told that it is offline.
+      const [previous, revoked] = await Promise.all([this.bus.claimAgent(agentId),
+        this.bus.revokedDevices(agentId)]);
+      if (previous && previous !== this.bus.instanceId) {
+        await this.bus.deliver(previous, { kind: 'agent.replaced', agentId });
+      }
+      // A handshake that fails after this leaves no presence behind.
+      const attached = { done: false };
+      setTimeout(() => {
+        if (!attached.done && !this.rooms.has(agentId)) this.bus.releaseAgent(agentId).catch(() => {});
+      }, this.config.handshakeSeconds * 1000).unref();
+      return (ws) => {
+        attached.done = true;
+        this.attachAgent(agentId, this.wrap(ws, 'agent'), revoked);
+      };
+    }
     if (!await this.bus.locateAgent(agentId)) return this.refuse(503, 'agent-offline', 'Agent Offline');
     return (ws) => this.attachPhone(agentId, query.deviceId, query.publicKey, this.wrap(ws, 'phone'));
   }
@@ -164,7 +181,7 @@ class Rendezvous {
 
   // ---- agents --------------------------------------------------------------------
 
-  async attachAgent(agentId, connection) {
+  attachAgent(agentId, connection, revoked) {
     const earlier = this.rooms.get(agentId);
     if (earlier) {
       this.log.info(`agent ${agentId} replaces its previous connection`);
@@ -178,7 +195,7 @@ class Rendezvous {
       latestPhone: null,
       pendingPairings: [],
       phones: new Map(), // phone id -> address
-      revoked: new Set(),
+      revoked,
       queue: Promise.resolve(),
     };
     this.rooms.set(agentId, room);
@@ -189,14 +206,6 @@ class Rendezvous {
       this.log.info(`agent ${agentId} disconnected`);
       this.closeRoom(room);
       this.bus.releaseAgent(agentId).catch(() => {});
-    });
-    // Its room is served in order: the revoked list first, then phones.
-    this.inRoom(room, async () => {
-      room.revoked = await this.bus.revokedDevices(agentId);
-      const previous = await this.bus.claimAgent(agentId);
-      if (previous && previous !== this.bus.instanceId) {
-        await this.bus.deliver(previous, { kind: 'agent.replaced', agentId });
-      }
     });
     const credentials = turnCredentials(this.config, agentId);
     if (credentials) connection.sendJson(credentials);
