@@ -53,6 +53,7 @@ function connect(url, onMessage) {
   return new Promise((resolve, reject) => {
     const ws = new WebSocket(url, { perMessageDeflate: false });
     ws.on('message', (data) => onMessage(data));
+    ws.on('error', () => {});
     ws.once('open', () => resolve(ws));
     ws.once('error', reject);
     ws.once('unexpected-response', (request, response) => reject(new Error(`HTTP ${response.statusCode}`)));
@@ -75,7 +76,7 @@ async function worker() {
             let ready;
             const sessionReady = new Promise((resolve) => { ready = resolve; });
             const agentWs = await connect(socketUrl(agentPort, 'agent', agent, agent.id), (data) => {
-              if (data.includes('"peer.ready"')) ready();
+              if (data.includes('"peer.ready"')) ready(true);
             });
             const phoneWs = await connect(socketUrl(phonePort, 'phone', phone, agent.id), (data) => {
               if (!counting) return;
@@ -83,12 +84,15 @@ async function worker() {
               if (at) latencies.push(performance.now() - Number(at[1]));
             });
             phoneWs.send('{"type":"session.request"}');
-            await sessionReady;
+            const late = setTimeout(() => ready(false), 30000);
+            if (await sessionReady === false) throw new Error('no session');
+            clearTimeout(late);
             pairs.push({ agentWs, phoneWs, peerId: phone.id });
           } catch {
             failed += 1;
           }
         }));
+        process.send({ progress: pairs.length + failed });
       }
       process.send({ held: pairs.length, failed });
     } else if (command.cmd === 'relay') {
@@ -219,16 +223,34 @@ async function run(label, { redis, pairs, rate, seconds, workers }) {
 
   const clients = [];
   for (let i = 0; i < workers; i += 1) {
-    const child = fork(self, ['--worker'], { execArgv: canRaise ? [] : [] });
+    const child = fork(self, ['--worker']);
     await once(child, 'message');
     clients.push(child);
   }
   const rampStarted = performance.now();
   const cpuBeforeRamp = total(processes, 'cpu');
+  const done = new Array(workers).fill(0);
+  let shown = 0;
   const slices = clients.map((child, i) => {
     const count = Math.floor(pairs / workers) + (i < pairs % workers ? 1 : 0);
     child.send({ cmd: 'connect', agentPort: agentsAt.port, phonePort: phonesAt.port, count });
-    return once(child, 'message').then(([m]) => m);
+    return new Promise((resolve) => {
+      const listen = (m) => {
+        if (m.progress === undefined) {
+          child.off('message', listen);
+          resolve(m);
+          return;
+        }
+        done[i] = m.progress;
+        const sum = done.reduce((a, b) => a + b, 0);
+        if (sum - shown >= pairs / 10) {
+          shown = sum;
+          process.stderr.write(`bench: ${label}: ${sum} of ${pairs} pairs set up\n`);
+        }
+      };
+      child.on('message', listen);
+      child.once('exit', (code) => resolve({ held: 0, failed: count, exited: code }));
+    });
   });
   const connected = await Promise.all(slices);
   const rampSeconds = (performance.now() - rampStarted) / 1000;

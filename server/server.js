@@ -113,6 +113,8 @@ async function main() {
     if (stopping) return;
     stopping = true;
     log.info('stopping');
+    // Whatever hangs (an unreachable Redis), the process ends.
+    setTimeout(() => process.exit(0), 5000).unref();
     for (const server of servers) server.close();
     await rendezvous.shutdown();
     await bus.close();

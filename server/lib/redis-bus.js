@@ -14,9 +14,11 @@ const PRESENCE_SECONDS = 30;
 const HEARTBEAT_SECONDS = 6;
 
 const SCRIPTS = {
-  // KEYS[1] presence key; ARGV[1] instance: refresh it only while it is ours.
-  refreshAgent: [1, `if redis.call('GET', KEYS[1]) == ARGV[1] then
-      return redis.call('EXPIRE', KEYS[1], ARGV[2]) end return 0`],
+  // KEYS[1] presence key; ARGV[1] instance: refresh it while it is ours, and
+  // set it again if it expired meanwhile (Redis was away), never over another's.
+  refreshAgent: [1, `local v = redis.call('GET', KEYS[1])
+      if v == ARGV[1] or not v then return redis.call('SET', KEYS[1], ARGV[1], 'EX', ARGV[2]) end
+      return 0`],
   releaseAgent: [1, `if redis.call('GET', KEYS[1]) == ARGV[1] then
       return redis.call('DEL', KEYS[1]) end return 0`],
   // The holder of an agent, if its instance is alive.

@@ -483,11 +483,13 @@ class Rendezvous {
   // Agents are told to come back (they reconnect, through another instance
   // when there is one); phones hear that the agent left.
   async shutdown() {
+    const released = [];
     for (const room of [...this.rooms.values()]) {
       this.closeRoom(room, 1012, 'service restart');
-      await this.bus.releaseAgent(room.agentId).catch(() => {});
+      released.push(this.bus.releaseAgent(room.agentId).catch(() => {}));
     }
     for (const phone of this.phones.values()) phone.connection.close(1012, 'service restart');
+    await Promise.all(released);
   }
 }
 
