@@ -154,6 +154,27 @@ const postPairing = (body, headers = freshAddress()) => request('POST', '/v1/pai
 
 // ---- the rules ----------------------------------------------------------------------
 
+test('bad settings and a damaged state file stop the start with a line that names them', () => {
+  const damaged = path.join(work, 'damaged.json');
+  writeFileSync(damaged, '{"version":1,"revoked":');
+  const rows = [
+    [['--port', '70000'], {}, /port must be a port/],
+    [['--host', '0.0.0.0'], {}, /plain HTTP on 0\.0\.0\.0/],
+    [['--turn-url', 'turn:x'], {}, /turnUrls need turnSecret/],
+    [['--config', path.join(work, 'none.json')], {}, /config file .*none\.json/],
+    [['--bogus'], {}, /unknown option --bogus/],
+    [[], { ZUL_RENDEZVOUS_SESSION_LIMIT: 'many' }, /ZUL_RENDEZVOUS_SESSION_LIMIT: sessionLimit must be a whole number/],
+    [['--state-file', damaged], {}, /state file .*damaged\.json is damaged/],
+  ];
+  for (const [args, env, message] of rows) {
+    const result = spawnSync('node', [path.join(root, 'server', 'server.js'), '--port', '0', ...args],
+      { env: { ...process.env, ...env }, timeout: 10000 });
+    assert.notEqual(result.status, 0, args.join(' '));
+    assert.match(String(result.stderr), message);
+  }
+  assert.equal(readFileSync(damaged, 'utf8'), '{"version":1,"revoked":', 'the damaged file was rewritten');
+});
+
 const agent = identity('agent_');
 const phone = identity('device_');
 const stranger = identity('device_');
