@@ -11,6 +11,7 @@ const path = require('node:path');
 
 const MAX_NONCES = 500000;
 const MAX_OFFERS = 100000;
+const MAX_AGENTS_WITH_REVOKED = 100000;
 
 class LocalBus {
   constructor({ stateFile = null, log }) {
@@ -143,7 +144,14 @@ class LocalBus {
   async setRevoked(agentId, ids) {
     const before = this.revoked.get(agentId) ?? new Set();
     const next = new Set(ids);
-    this.revoked.set(agentId, next);
+    if (next.size === 0) this.revoked.delete(agentId);
+    else if (this.revoked.has(agentId) || this.revoked.size < MAX_AGENTS_WITH_REVOKED) {
+      this.revoked.set(agentId, next);
+    } else {
+      this.log.error(`revoked devices of ${agentId} not kept: ${MAX_AGENTS_WITH_REVOKED} agents ` +
+        'have some already (more agents than one process should serve: use Redis)');
+      return before;
+    }
     if (next.size !== before.size || ids.some((id) => !before.has(id))) this.save();
     return before;
   }

@@ -14,6 +14,8 @@ const { checkProof, checkPairingBody, turnCredentials } = require('./proofs');
 const MAX_PENDING_PER_PHONE = 64;
 const MAX_BUFFERED_BYTES = 4 << 20;
 const MAX_PENDING_PAIRINGS = 8;
+// Revoked phones kept per agent (a person revokes a handful).
+const MAX_REVOKED = 256;
 
 function parseJsonObject(text) {
   try {
@@ -258,7 +260,7 @@ class Rendezvous {
     }
     if (message.type === 'devices.revoked') {
       const ids = Array.isArray(message.deviceIds)
-        ? message.deviceIds.filter((id) => typeof id === 'string' && id.length <= 64).slice(0, 4096) : [];
+        ? message.deviceIds.filter((id) => typeof id === 'string' && id.length <= 64).slice(0, MAX_REVOKED) : [];
       this.inRoom(room, async () => {
         const before = await this.bus.setRevoked(room.agentId, ids);
         const next = new Set(ids);
