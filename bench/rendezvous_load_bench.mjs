@@ -51,7 +51,7 @@ function socketUrl(port, role, who, agentId) {
 
 function connect(url, onMessage) {
   return new Promise((resolve, reject) => {
-    const ws = new WebSocket(url, { perMessageDeflate: false });
+    const ws = new WebSocket(url, { perMessageDeflate: false, handshakeTimeout: 30000 });
     ws.on('message', (data) => onMessage(data));
     ws.on('error', () => {});
     ws.once('open', () => resolve(ws));
