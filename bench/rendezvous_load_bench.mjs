@@ -231,27 +231,55 @@ async function run(label, { redis, pairs, rate, seconds, workers }) {
   const cpuBeforeRamp = total(processes, 'cpu');
   const done = new Array(workers).fill(0);
   let shown = 0;
-  const slices = clients.map((child, i) => {
+  // A client process that makes no progress for a minute is replaced (its
+  // slice starts again), so that a stuck one never stalls the run.
+  const slice = (i, attempt = 1) => {
+    const child = clients[i];
     const count = Math.floor(pairs / workers) + (i < pairs % workers ? 1 : 0);
     child.send({ cmd: 'connect', agentPort: agentsAt.port, phonePort: phonesAt.port, count });
     return new Promise((resolve) => {
+      let watchdog;
+      const arm = () => {
+        clearTimeout(watchdog);
+        watchdog = setTimeout(async () => {
+          child.removeAllListeners('message');
+          child.removeAllListeners('exit');
+          child.kill('SIGKILL');
+          done[i] = 0;
+          if (attempt >= 3) {
+            resolve({ held: 0, failed: count });
+            return;
+          }
+          process.stderr.write(`bench: ${label}: client process ${i + 1} stalled; starting it again\n`);
+          clients[i] = fork(self, ['--worker']);
+          await once(clients[i], 'message');
+          resolve(slice(i, attempt + 1));
+        }, 60000);
+      };
+      arm();
       const listen = (m) => {
+        arm();
         if (m.progress === undefined) {
+          clearTimeout(watchdog);
           child.off('message', listen);
           resolve(m);
           return;
         }
         done[i] = m.progress;
-        const sum = done.reduce((a, b) => a + b, 0);
+        const sum = done.reduce((x, y) => x + y, 0);
         if (sum - shown >= pairs / 10) {
           shown = sum;
           process.stderr.write(`bench: ${label}: ${sum} of ${pairs} pairs set up\n`);
         }
       };
       child.on('message', listen);
-      child.once('exit', (code) => resolve({ held: 0, failed: count, exited: code }));
+      child.once('exit', (code) => {
+        clearTimeout(watchdog);
+        resolve({ held: 0, failed: count, exited: code });
+      });
     });
-  });
+  };
+  const slices = clients.map((child, i) => slice(i));
   const connected = await Promise.all(slices);
   const rampSeconds = (performance.now() - rampStarted) / 1000;
   const rampCpu = total(processes, 'cpu') - cpuBeforeRamp;
