@@ -10,8 +10,13 @@
 const crypto = require('node:crypto');
 const Redis = require('ioredis');
 
-const PRESENCE_SECONDS = 30;
+// Presence is believed only while its instance's heartbeat (6 s) lives, so
+// its own expiry only bounds what a dead instance leaves behind; it is
+// renewed a few hundred keys per heartbeat, never all at once (a burst of
+// thousands of scripts would hold Redis and delay relayed messages).
+const PRESENCE_SECONDS = 86400;
 const HEARTBEAT_SECONDS = 6;
+const REFRESH_PER_BEAT = 500;
 
 const SCRIPTS = {
   // KEYS[1] presence key; ARGV[1] instance: refresh it while it is ours, and
@@ -96,13 +101,17 @@ class RedisBus {
   async heartbeat() {
     const pipeline = this.redis.pipeline();
     pipeline.set(this.key('instance', this.instanceId), '1', 'EX', HEARTBEAT_SECONDS);
-    // Presence is refreshed a third of the way through its life.
-    const now = Date.now();
-    if (!this.refreshedAt || now - this.refreshedAt > (PRESENCE_SECONDS * 1000) / 3) {
-      this.refreshedAt = now;
-      for (const agentId of this.held) {
-        pipeline.refreshAgent(this.key('agent', agentId), this.instanceId, PRESENCE_SECONDS);
+    if (!this.refreshing || this.refreshing.done) {
+      this.refreshing = this.held.values();
+      this.refreshing.done = false;
+    }
+    for (let i = 0; i < REFRESH_PER_BEAT; i += 1) {
+      const next = this.refreshing.next();
+      if (next.done) {
+        this.refreshing.done = true;
+        break;
       }
+      pipeline.refreshAgent(this.key('agent', next.value), this.instanceId, PRESENCE_SECONDS);
     }
     await pipeline.exec();
   }
