@@ -57,12 +57,16 @@ function securityHeaders(config, secure) {
     'X-Content-Type-Options': 'nosniff',
     'Referrer-Policy': 'no-referrer',
     'X-Frame-Options': 'DENY',
-    'Cross-Origin-Opener-Policy': 'same-origin',
     'Cross-Origin-Resource-Policy': 'same-origin',
     'Permissions-Policy': 'camera=(self), microphone=(), geolocation=(), payment=()',
   };
-  // Not on a development certificate: HSTS would make its warning impossible to pass.
-  if (secure && !config.dev) headers['Strict-Transport-Security'] = 'max-age=31536000';
+  if (!config.dev) {
+    // A page of its own browsing group (development tools drive the page
+    // through DevTools, which loses it when the group changes under them).
+    headers['Cross-Origin-Opener-Policy'] = 'same-origin';
+    // Not on a development certificate: HSTS would make its warning impossible to pass.
+    if (secure) headers['Strict-Transport-Security'] = 'max-age=31536000';
+  }
   return headers;
 }
 
