@@ -162,19 +162,22 @@ using PhoneRequest =
                  ShellAttachRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
-// long text never holds up pointer moves, nor an accessibility scan either
-// (scenes and displays are queued by the publisher and switcher themselves).
+// long text never holds up pointer moves, nor an accessibility scan either.
+// The kinds before `scene` have a queue of the dispatcher's own; scenes and
+// displays are queued by the publisher and switcher themselves, and trust
+// requests are done at once.
 enum class RequestQueue {
   pointer,
   keyboard,
   element,
-  scene,
-  display,
-  trust,
   clipboard,
   files,
-  shell
+  shell,
+  scene,
+  display,
+  trust
 };
+inline constexpr std::size_t kDispatcherQueues = static_cast<std::size_t>(RequestQueue::scene);
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
