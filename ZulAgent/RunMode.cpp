@@ -48,6 +48,11 @@ Environment:
                        fingerprint (a development server's own)
   ZUL_DESKTOP          x11 or gnome: the desktop to drive, instead of the one
                        the session says (gnome: mutter's remote desktop)
+  ZUL_PHONE_APP_URL    where the pairing window says the phone app lives
+                       (default: the server's address)
+  ZUL_PAIRING_SHORT_URL  a short address that opens the phone app with the
+                       current link (a development server keeps one), shown
+                       with its own QR code in the pairing window
   DISPLAY              the X display that is shown and controlled
 
 Every mode exits with status 0; its outcome is what it prints.

@@ -63,6 +63,7 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   auto* permissionsCard = new QFrame;
   permissionsCard->setFrameShape(QFrame::StyledPanel);
   auto* grid = new QGridLayout(permissionsCard);
+  grid->setColumnStretch(0, 1);
   // On X11 the X server of the session grants both; there is no settings
   // page, so the button explains what is missing.
   auto addRow = [this, grid](int row, const QString& title, const QString& detail,
@@ -72,6 +73,9 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
     auto* status = label("");
     grid->addWidget(status, row * 2, 1);
     *settings = new QPushButton("Открыть настройки");
+    // Its whole text, with room to spare, even when disabled; the texts at
+    // the left wrap instead.
+    (*settings)->setMinimumWidth((*settings)->sizeHint().width() + 24);
     connect(*settings, &QPushButton::clicked, this, [this, hint] { showError(hint); });
     grid->addWidget(*settings, row * 2, 2);
     return status;

@@ -89,10 +89,19 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   QApplication::setApplicationName("zul-agent");
 
   AgentSetupWindowController setup({screenReadable, inputInjectable});
-  // The agent's own store, chosen when first used: a store that cannot be
-  // had fails the agent's start with its reason, not the windows.
-  PairingQRWindowController pairing(
-      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, deferredSecretBackend())));
+  // The agent's own store, looked for on a thread of its own (a Secret
+  // Service that does not answer takes seconds): the windows never wait for
+  // it, and a store that cannot be had fails the agent's start with its
+  // reason, not the windows.
+  std::thread findStore([] {
+    try {
+      makeSecretBackend();
+    } catch (const std::exception&) {
+      // The agent's start says why.
+    }
+  });
+  PairingQRWindowController pairing(TrustedDeviceStore(SecretStore(
+      TrustedDeviceStore::account, deferredSecretBackend(/*waitForChoice=*/false))));
   auto control = std::make_shared<RealAgentControl>();
   // The latest agent; each one first waits for the one it replaced to wind
   // down, so the window never waits for an agent that is stopping.
@@ -112,8 +121,11 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   setup.show(
       [&](const std::string& url) {
         cancelAgent();  // a retry replaces the agent that is still trying
-        // The server the agent uses serves the phone app too.
-        pairing.setPhoneAppAddress(url);
+        // The server the agent uses serves the phone app too; a development
+        // server may serve it at another address and keep a short one.
+        const char* appUrl = std::getenv("ZUL_PHONE_APP_URL");
+        const char* shortUrl = std::getenv("ZUL_PAIRING_SHORT_URL");
+        pairing.setPhoneAppAddress(appUrl && *appUrl ? appUrl : url, shortUrl ? shortUrl : "");
         control = std::make_shared<RealAgentControl>();
         agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
                              previous = std::move(agent)]() mutable {
@@ -171,6 +183,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   if (agent.joinable()) agent.join();
   finished = true;
   signalWaiter.join();
+  findStore.join();
   pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
 }
 
