@@ -145,8 +145,10 @@ void PairingQRWindowController::setPhoneAppAddress(const std::string& address,
           ? "Нет приложения? Откройте на телефоне " + address +
                 " — это приложение Velto; «Копировать ссылку» даёт ссылку для вставки в него."
           : "Камера телефона не открывает код? Наведите её на этот код или откройте " +
-                shortAddress + " — приложение Velto откроется сразу с этой ссылкой. "
-                "Само приложение: " + address;
+                shortAddress +
+                " — приложение Velto откроется сразу с этой ссылкой. "
+                "Само приложение: " +
+                address;
   phoneApp_->setText(QString::fromStdString(text));
   phoneApp_->setVisible(!address.empty());
   if (shortAddress.empty()) shortQr_->hide();

@@ -100,8 +100,8 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
       // The agent's start says why.
     }
   });
-  PairingQRWindowController pairing(TrustedDeviceStore(SecretStore(
-      TrustedDeviceStore::account, deferredSecretBackend(/*waitForChoice=*/false))));
+  PairingQRWindowController pairing(TrustedDeviceStore(
+      SecretStore(TrustedDeviceStore::account, deferredSecretBackend(/*waitForChoice=*/false))));
   auto control = std::make_shared<RealAgentControl>();
   // The latest agent; each one first waits for the one it replaced to wind
   // down, so the window never waits for an agent that is stopping.
