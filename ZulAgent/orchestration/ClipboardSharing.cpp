@@ -43,11 +43,19 @@ void ClipboardSharing::sessionEnded() {
 void ClipboardSharing::startWatching(bool allowed) {
   stopWatching();
   if (!allowed || !hooks_.clipboard) return;
-  try {
-    hooks_.clipboard->start();
+  // Watching before the start: the backend may report what the clipboard
+  // holds from its own thread before start() returns.
+  {
     std::lock_guard lock(mutex_);
     watching_ = true;
+  }
+  try {
+    hooks_.clipboard->start();
   } catch (const std::exception& error) {
+    {
+      std::lock_guard lock(mutex_);
+      watching_ = false;
+    }
     hooks_.print(std::string("[clipboard] not shared: ") + error.what());
   }
 }
