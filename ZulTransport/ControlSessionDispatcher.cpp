@@ -36,6 +36,9 @@ ControlSessionError ControlSessionError::noActiveSession() {
 ControlSessionError ControlSessionError::computerLocked() {
   return {Case::computerLocked, "computerLocked"};
 }
+ControlSessionError ControlSessionError::agentPaused() {
+  return {Case::agentPaused, "agentPaused"};
+}
 
 namespace {
 
@@ -135,6 +138,7 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
     throw ControlSessionError::invalidSignature();
   }
 
+  if (shared_->paused && shared_->paused()) throw ControlSessionError::agentPaused();
   // Nobody at a locked computer to see the phone take it: only a device
   // allowed to connect unattended does.
   if (shared_->screenLocked && shared_->screenLocked() &&

@@ -29,6 +29,7 @@ class ControlSessionError : public Error {
     anotherSessionActive,
     noActiveSession,
     computerLocked,  // the screen is locked and the device lacks `unattended`
+    agentPaused,     // paused at the computer: no phone connects
   };
 
   static ControlSessionError missingField(std::string_view key);
@@ -39,6 +40,7 @@ class ControlSessionError : public Error {
   static ControlSessionError anotherSessionActive();
   static ControlSessionError noActiveSession();
   static ControlSessionError computerLocked();
+  static ControlSessionError agentPaused();
 
   Case kind() const { return kind_; }
 
@@ -69,6 +71,9 @@ class ControlSessionShared {
   // Whether the screen is locked now: only a device holding `unattended`
   // connects then. Set before the first phone.
   std::function<bool()> screenLocked;
+  // Whether the person at the computer paused the agent: no device connects
+  // then. Set before the first phone.
+  std::function<bool()> paused;
   // False when this device already used this nonce.
   bool useNonce(const std::string& deviceId, const std::string& nonce);
 

@@ -71,6 +71,8 @@ class PhoneConnections final : public PhoneSessions,
   // Whether the screen is locked now (hellos of devices without `unattended`
   // are refused then).
   void setScreenLocked(std::function<bool()> locked) { shared_->screenLocked = std::move(locked); }
+  // Whether the agent is paused now (every hello is refused then).
+  void setPaused(std::function<bool()> paused) { shared_->paused = std::move(paused); }
   void peerLeft(const std::string& deviceId) override;
   void closeAll() override;
 

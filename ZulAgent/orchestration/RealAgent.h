@@ -44,6 +44,10 @@ class RealAgentControl {
   void requestPairingRefresh() { refresh_ = true; }
   // Ends the session of the phone in session, if any.
   void requestSessionEnd() { endSession_ = true; }
+  // Paused, the agent refuses every phone and sends the one in session
+  // away, until resumed.
+  void setPaused(bool paused) { paused_ = paused; }
+  bool paused() const { return paused_; }
   bool stopRequested() const { return stop_; }
   bool takePairingRefresh() { return refresh_.exchange(false); }
   bool takeSessionEnd() { return endSession_.exchange(false); }
@@ -52,6 +56,7 @@ class RealAgentControl {
   std::atomic<bool> stop_{false};
   std::atomic<bool> refresh_{false};
   std::atomic<bool> endSession_{false};
+  std::atomic<bool> paused_{false};
 };
 
 // What a user interface adds to the real agent. Callbacks run on the agent's
@@ -61,6 +66,10 @@ struct RealAgentUi {
                      std::int64_t expiresInSeconds)>
       onPairingLink;
   std::shared_ptr<RealAgentControl> control;
+  // The interface shows the agent's state and its disconnect and pause
+  // buttons itself (a tray icon); otherwise the agent keeps a desktop
+  // notification with them while it runs, where the session has one.
+  bool showsIndicator = false;
 };
 
 // The real agent: identity, pairing, the peer session, screen capture, the

@@ -164,4 +164,13 @@ std::optional<std::string> pairingStatus(std::string_view status) {
   return std::nullopt;
 }
 
+IndicatorView indicatorView(bool paused, const std::string& phoneName) {
+  if (paused) {
+    return {"Velto приостановлен", "Телефоны не подключатся, пока вы не возобновите работу", false,
+            "Возобновить"};
+  }
+  if (phoneName.empty()) return {"Velto работает", "Телефон не подключён", false, "Приостановить"};
+  return {"Velto работает", "Подключён телефон: " + shownName(phoneName), true, "Приостановить"};
+}
+
 }  // namespace zul::windows

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "ZulAgent/windows/AgentSetupWindow.h"
+#include "ZulAgent/windows/AgentTrayIcon.h"
 #include "ZulAgent/windows/PairingQRWindow.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
@@ -99,6 +100,25 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   std::thread agent;
 
   pairing.onEndSession = [&control] { control->requestSessionEnd(); };
+  // The status area, where the desktop has one: the agent then goes on with
+  // its windows closed, until quit there. Elsewhere the agent keeps a
+  // desktop notification with the same buttons.
+  std::unique_ptr<AgentTrayIcon> tray;
+  if (AgentTrayIcon::available()) {
+    tray = std::make_unique<AgentTrayIcon>(AgentTrayIcon::Actions{
+        .disconnect = [&control] { control->requestSessionEnd(); },
+        .pause = [&control](bool paused) { control->setPaused(paused); },
+        .openWindow =
+            [&setup] {
+              QWidget& window = setup;
+              window.show();
+              window.raise();
+              window.activateWindow();
+            },
+        .quit = [] { QCoreApplication::quit(); },
+    });
+    QApplication::setQuitOnLastWindowClosed(false);
+  }
   setup.onPairPhone = [&control, &pairing] {
     pairing.showWithNextLink();
     control->requestPairingRefresh();
@@ -115,8 +135,12 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
         // The server the agent uses serves the phone app too.
         pairing.setPhoneAppAddress(url);
         control = std::make_shared<RealAgentControl>();
+        if (tray) {
+          control->setPaused(tray->paused());
+          tray->updateStatus("phone-left: ");
+        }
         agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
-                             previous = std::move(agent)]() mutable {
+                             trayShown = tray.get(), previous = std::move(agent)]() mutable {
           if (previous.joinable()) previous.join();
           if (control->stopRequested()) return;
           RealAgentSettings settings = RealAgentSettings::fromEnvironment();
@@ -124,6 +148,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           settings.videoEncoding = videoEncoding;
           RealAgentUi ui;
           ui.control = control;
+          ui.showsIndicator = trayShown != nullptr;
           ui.onPairingLink = [&pairing, control](const std::string& link,
                                                  const std::string& agentId, std::int64_t seconds) {
             onGui(&pairing, [&pairing, control, link, agentId, seconds] {
@@ -134,8 +159,8 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           try {
             runRealAgent(
                 settings,
-                [&setup, &pairing, control](const std::string& status) {
-                  onGui(&setup, [&setup, &pairing, control, status] {
+                [&setup, &pairing, control, trayShown](const std::string& status) {
+                  onGui(&setup, [&setup, &pairing, control, trayShown, status] {
                     // A stopped agent's last statuses are not news.
                     if (control->stopRequested()) return;
                     if (status.rfind("note: ", 0) == 0) {
@@ -144,6 +169,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
                     }
                     setup.updateTransportStatus(status);
                     pairing.updateStatus(status);
+                    if (trayShown) trayShown->updateStatus(status);
                   });
                 },
                 print, ui);
