@@ -39,6 +39,9 @@ ControlSessionError ControlSessionError::computerLocked() {
 ControlSessionError ControlSessionError::agentPaused() {
   return {Case::agentPaused, "agentPaused"};
 }
+ControlSessionError ControlSessionError::connectionDenied() {
+  return {Case::connectionDenied, "connectionDenied"};
+}
 
 namespace {
 
@@ -144,6 +147,15 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
   if (shared_->screenLocked && shared_->screenLocked() &&
       !record->permissions.count(DevicePermission::unattended)) {
     throw ControlSessionError::computerLocked();
+  }
+  // A phone repeating its hello on the session it holds is not asked again.
+  if (shared_->admit && !record->permissions.count(DevicePermission::unattended)) {
+    bool repeated;
+    {
+      std::lock_guard lock(mutex_);
+      repeated = sessionId_ == hello.sessionId && deviceId_ == *deviceId;
+    }
+    if (!repeated && !shared_->admit(*deviceId)) throw ControlSessionError::connectionDenied();
   }
 
   auto replaceSession = json.find("replaceSession");

@@ -28,8 +28,9 @@ class ControlSessionError : public Error {
     invalidSignature,
     anotherSessionActive,
     noActiveSession,
-    computerLocked,  // the screen is locked and the device lacks `unattended`
-    agentPaused,     // paused at the computer: no phone connects
+    computerLocked,    // the screen is locked and the device lacks `unattended`
+    agentPaused,       // paused at the computer: no phone connects
+    connectionDenied,  // the person at the computer did not let the phone in
   };
 
   static ControlSessionError missingField(std::string_view key);
@@ -41,6 +42,7 @@ class ControlSessionError : public Error {
   static ControlSessionError noActiveSession();
   static ControlSessionError computerLocked();
   static ControlSessionError agentPaused();
+  static ControlSessionError connectionDenied();
 
   Case kind() const { return kind_; }
 
@@ -74,6 +76,9 @@ class ControlSessionShared {
   // Whether the person at the computer paused the agent: no device connects
   // then. Set before the first phone.
   std::function<bool()> paused;
+  // Whether the person at the computer lets a device without `unattended`
+  // in (the agent may ask them first, and wait); unset: every device.
+  std::function<bool(const std::string& deviceId)> admit;
   // False when this device already used this nonce.
   bool useNonce(const std::string& deviceId, const std::string& nonce);
 

@@ -13,6 +13,7 @@
 #include "ZulAgent/orchestration/AgentIndicator.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/ClipboardSharing.h"
+#include "ZulAgent/orchestration/ConnectionQuestions.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/FileTransfers.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
@@ -52,6 +53,9 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
   settings.framesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"));
   if (const char* pin = std::getenv("ZUL_SERVER_CERT_SHA256"); pin && *pin) {
     settings.trustedServerCertificate = pin;
+  }
+  if (const char* ask = std::getenv("ZUL_ASK_BEFORE_CONNECTING"); ask && std::string(ask) == "1") {
+    settings.askBeforeConnecting = true;
   }
   return settings;
 }
@@ -108,7 +112,9 @@ class RealAgent {
         print_(verboseOutput() ? print : PrintLine([](std::string_view) {})),
         ui_(ui),
         // Alone, the agent's own: its notification's buttons reach it there.
-        control_(ui.control ? ui.control : std::make_shared<RealAgentControl>()) {}
+        control_(ui.control ? ui.control : std::make_shared<RealAgentControl>()) {
+    if (settings.askBeforeConnecting) control_->setAskBeforeConnecting(true);
+  }
 
   void run() {
     loadTrust();
@@ -322,6 +328,7 @@ class RealAgent {
     phones_->setHostShells(ShellProcess::availableShells());
     phones_->setScreenLocked([this] { return screenLocked_.load(); });
     phones_->setPaused([control = control_] { return control->paused(); });
+    phones_->setAdmission([this](const std::string& deviceId) { return admit(deviceId); });
     phones_->onBinaryMessage = [files = std::weak_ptr(files_)](const std::string& channel,
                                                                const Bytes& data,
                                                                const PermissionGate& permissions) {
@@ -634,6 +641,17 @@ class RealAgent {
     phones_->endSession();
   }
 
+  // Asked before each connection: the person at the computer lets the phone
+  // in, or not. On that phone's connection, which waits.
+  bool admit(const std::string& deviceId) {
+    if (!control_->askBeforeConnecting()) return true;
+    const std::string name = trust_->deviceName(deviceId);
+    event_("asking at the computer whether " + name + " may connect");
+    const bool yes = ui_.askToConnect ? ui_.askToConnect(name) : questions_.ask(name);
+    event_(name + (yes ? " was let in at the computer" : " was not let in at the computer"));
+    return yes;
+  }
+
   // Paused at the computer: every phone is kept out, and the one in session
   // leaves, told why.
   void followPause() {
@@ -695,6 +713,7 @@ class RealAgent {
   void tearDown() {
     print_("stopping\u2026");
     indicator_.reset();
+    questions_.cancelAll();
     *endReason_.lock() = "agent stopped";
     server_->stop();
     links_->stop();
@@ -725,6 +744,7 @@ class RealAgent {
   const std::shared_ptr<RealAgentControl> control_;
   bool paused_ = false;  // as the tick last saw it
   std::optional<AgentIndicator> indicator_;
+  ConnectionQuestions questions_;
 
   std::shared_ptr<SecretBackend> secrets_;
   std::shared_ptr<const IdentityKeyStore> identity_;

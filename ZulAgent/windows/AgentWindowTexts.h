@@ -69,5 +69,8 @@ struct IndicatorView {
 // `phoneName`: the phone in session as the agent names it; empty: none.
 IndicatorView indicatorView(bool paused, const std::string& phoneName);
 inline constexpr const char* disconnectLabel = "Отключить телефон";
+// The question before a phone connects, when the agent asks.
+inline constexpr const char* connectQuestionTitle = "Подключение телефона";
+std::string connectQuestion(const std::string& phoneName);
 
 }  // namespace zul::windows

@@ -3,15 +3,21 @@
 #include <signal.h>
 
 #include <QApplication>
+#include <QMessageBox>
 #include <QMetaObject>
+#include <QPushButton>
+#include <QTimer>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <thread>
 
 #include "ZulAgent/windows/AgentSetupWindow.h"
 #include "ZulAgent/windows/AgentTrayIcon.h"
+#include "ZulAgent/windows/AgentWindowTexts.h"
 #include "ZulAgent/windows/PairingQRWindow.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
@@ -61,6 +67,31 @@ void onGui(QObject* context, Action action) {
   QMetaObject::invokeMethod(context, std::move(action), Qt::QueuedConnection);
 }
 
+// Asks on the GUI thread whether the phone may connect: «Разрешить» or
+// «Отклонить» (the default), no after 30 s. Waits on the caller's thread,
+// and gives up when the agent is asked to stop.
+bool askToConnect(QObject* context, const RealAgentControl& control, const std::string& name) {
+  auto answer = std::make_shared<std::promise<bool>>();
+  auto future = answer->get_future();
+  onGui(context, [answer, name] {
+    auto* box = new QMessageBox(QMessageBox::Question, "Velto — подключение телефона",
+                                QString::fromStdString(windows::connectQuestion(name)));
+    auto* allow = box->addButton("Разрешить", QMessageBox::AcceptRole);
+    box->setDefaultButton(box->addButton("Отклонить", QMessageBox::RejectRole));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(box, &QMessageBox::finished, box,
+                     [answer, box, allow] { answer->set_value(box->clickedButton() == allow); });
+    QTimer::singleShot(std::chrono::seconds(30), box, [box] { box->reject(); });
+    box->show();
+    box->raise();
+    box->activateWindow();
+  });
+  while (future.wait_for(std::chrono::milliseconds(250)) != std::future_status::ready) {
+    if (control.stopRequested()) return false;
+  }
+  return future.get();
+}
+
 }  // namespace
 
 void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print) {
@@ -100,6 +131,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   std::thread agent;
 
   pairing.onEndSession = [&control] { control->requestSessionEnd(); };
+  setup.onAskBeforeConnecting = [&control](bool ask) { control->setAskBeforeConnecting(ask); };
   // The status area, where the desktop has one: the agent then goes on with
   // its windows closed, until quit there. Elsewhere the agent keeps a
   // desktop notification with the same buttons.
@@ -135,6 +167,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
         // The server the agent uses serves the phone app too.
         pairing.setPhoneAppAddress(url);
         control = std::make_shared<RealAgentControl>();
+        control->setAskBeforeConnecting(AgentSetupWindowController::asksBeforeConnecting());
         if (tray) {
           control->setPaused(tray->paused());
           tray->updateStatus("phone-left: ");
@@ -149,6 +182,9 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           RealAgentUi ui;
           ui.control = control;
           ui.showsIndicator = trayShown != nullptr;
+          ui.askToConnect = [&setup, control](const std::string& name) {
+            return askToConnect(&setup, *control, name);
+          };
           ui.onPairingLink = [&pairing, control](const std::string& link,
                                                  const std::string& agentId, std::int64_t seconds) {
             onGui(&pairing, [&pairing, control, link, agentId, seconds] {

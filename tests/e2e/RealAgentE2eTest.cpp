@@ -903,7 +903,8 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
     agent_ = std::make_unique<ChildProcess>(
         asUser({"DISPLAY=" + xvfb_->display(),
                 "ZUL_SIGNALING_URL=http://localhost:" + std::to_string(serverPort_),
-                "ZUL_VERBOSE=1", "dbus-run-session", "--", "sh", "-c",
+                "ZUL_VERBOSE=1", "ZUL_ASK_BEFORE_CONNECTING=1", "dbus-run-session", "--", "sh",
+                "-c",
                 "python3 \"$0\" \"$1\" & "
                 "until gdbus introspect --session --dest org.freedesktop.ScreenSaver "
                 "--object-path /org/freedesktop/ScreenSaver >/dev/null 2>&1; do sleep 0.1; done; "
@@ -912,8 +913,22 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
         options);
   };
   startInstalledAgent();
-  const std::string sessionId = pairAndConnect();
-  ASSERT_EQ(phone_->waitForControl(1)["type"], "control.hello.ok") << agent_->tail();
+  // Asked before each connection: refused, then let in, from the question's
+  // notification.
+  const fs::path press = locked.string() + ".press";
+  auto answer = [&](const std::string& key, std::size_t from) {
+    const bool asked = bool(agent_->waitForLine("notify Подключение телефона | ", 30s, from));
+    std::ofstream(press) << key;
+    return asked;
+  };
+  std::size_t asked = agent_->lines().size();
+  pairAndConnect();
+  EXPECT_TRUE(answer("deny", asked)) << agent_->tail();
+  EXPECT_EQ(phone_->waitForControl(1).value("reason", ""), "connectionDenied");
+  asked = agent_->lines().size();
+  const std::string sessionId = phone_->connect();
+  EXPECT_TRUE(answer("allow", asked)) << agent_->tail();
+  ASSERT_EQ(phone_->waitForControl(2)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_TRUE(phone_->framesDecodedAbove(5)) << phone_->stats().dump() << agent_->tail();
   phone_->sendCursor(sessionId, 640, 360);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=640 y=360", 30s)) << agent_->tail();

@@ -6,13 +6,18 @@ set -eu
 closure=$(apt-cache depends --recurse --installed --no-recommends --no-suggests \
   --no-conflicts --no-breaks --no-replaces --no-enhances zul-agent | grep -v '^ ' |
   sed 's/:amd64$//' | sort -u)
+libraries=$(ldd /usr/bin/zul-agent /usr/bin/zul-trusted-devices |
+  awk '$2 == "=>" && $3 ~ /^\// {print $3}' | sort -u)
+# dpkg knows a library under /lib or /usr/lib, whichever its package ships
+# (merged /usr): ask for both, once.
+owners=$(for lib in $libraries; do echo "$lib"; echo "/usr${lib#/usr}"; echo "${lib#/usr}"; done |
+  sort -u | xargs dpkg -S 2>/dev/null || true)
 missing=0
-for lib in $(ldd /usr/bin/zul-agent /usr/bin/zul-trusted-devices | awk '$2 == "=>" && $3 ~ /^\// {print $3}' | sort -u); do
-  owner=$(dpkg -S "$lib" 2>/dev/null || dpkg -S "/usr$lib" 2>/dev/null ||
-    dpkg -S "${lib#/usr}" 2>/dev/null || echo "?: $lib")
-  package=${owner%%:*}
-  if ! printf '%s\n' "$closure" | grep -qx "$package"; then
-    echo "not among zul-agent's dependencies: $package ($lib)"
+for lib in $libraries; do
+  name=${lib##*/}
+  package=$(printf '%s\n' "$owners" | awk -v n="/$name" 'substr($2, length($2) - length(n) + 1) == n {sub(/:.*/, "", $1); print $1; exit}')
+  if [ -z "$package" ] || ! printf '%s\n' "$closure" | grep -qx "$package"; then
+    echo "not among zul-agent's dependencies: ${package:-no package} ($lib)"
     missing=1
   fi
 done

@@ -202,6 +202,7 @@ const HELLO_REFUSALS = {
   invalidSignature: 'not-paired',
   computerLocked: 'computer-locked',
   agentPaused: 'computer-paused',
+  connectionDenied: 'connection-denied',
 };
 
 // Neither a video frame nor a data-channel message for this long while in

@@ -4,7 +4,8 @@ on the session bus and prints "notify SUMMARY | BODY | ACTION-KEYS" for each
 notification, and org.gnome.ScreenSaver and org.freedesktop.ScreenSaver, active
 while the file named by the first argument exists (a locked screen). A person
 pressing a notification's button: the test writes the action's key to that
-name + ".press", and the latest notification's ActionInvoked follows."""
+name + ".press", and ActionInvoked follows for the latest notification with that
+action."""
 import os
 import sys
 
@@ -21,15 +22,21 @@ SCREENSAVER = """<node><interface name="%s">
 <method name="GetActive"><arg type="b" direction="out"/></method></interface></node>"""
 LOCKED = sys.argv[1] if len(sys.argv) > 1 else ""
 PATH = "/org/freedesktop/Notifications"
-latest = [0, None]  # the last notification's id, and the bus
+bus = []
+ids = [0]
+offering = {}  # action key: the latest notification that offers it
 
 
 def on_notify(connection, sender, path, interface, method, parameters, invocation):
     if method == "CloseNotification":
         invocation.return_value(None)
         return
-    notification = parameters[1] or latest[0] + 1
-    latest[:] = [notification, connection]
+    if not parameters[1]:
+        ids[0] += 1
+    notification = parameters[1] or ids[0]
+    bus[:] = [connection]
+    for key in parameters[5][::2]:
+        offering[key] = notification
     print("notify", parameters[3], "|", parameters[4], "|", " ".join(parameters[5][::2]),
           flush=True)
     invocation.return_value(GLib.Variant("(u)", (notification,)))
@@ -41,12 +48,12 @@ def on_screensaver(connection, sender, path, interface, method, parameters, invo
 
 def pressed():
     press = LOCKED + ".press"
-    if LOCKED and latest[1] and os.path.exists(press):
+    if LOCKED and bus and os.path.exists(press):
         with open(press) as f:
             key = f.read().strip()
         os.remove(press)
-        latest[1].emit_signal(None, PATH, "org.freedesktop.Notifications", "ActionInvoked",
-                              GLib.Variant("(us)", (latest[0], key)))
+        bus[0].emit_signal(None, PATH, "org.freedesktop.Notifications", "ActionInvoked",
+                           GLib.Variant("(us)", (offering.get(key, 0), key)))
     return True
 
 
