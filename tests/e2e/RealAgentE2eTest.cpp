@@ -867,6 +867,9 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   const std::string deb = commandOutput("ls '" + work.string() + "'/package/zul-agent_*.deb");
   ASSERT_TRUE(shell("dpkg --purge zul-agent && " + apt + "install '" + deb + "'"));
   EXPECT_TRUE(shell(ZUL_INSTALLED_DEPENDENCIES_CHECK));
+  // The user unit as systemd reads it, with its program and manual pages.
+  EXPECT_TRUE(shell("XDG_RUNTIME_DIR='" + work.string() +
+                    "' systemd-analyze --user verify /usr/lib/systemd/user/zul-agent.service"));
   for (const char* program : {"/usr/bin/zul-agent", "/usr/bin/zul-trusted-devices"}) {
     EXPECT_EQ(fs::status(program).permissions() & (fs::perms::set_uid | fs::perms::set_gid),
               fs::perms::none)
