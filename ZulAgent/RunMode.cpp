@@ -46,6 +46,8 @@ Environment:
   ZUL_WEBRTC_LOG       WebRTC's own log: verbose, info, warning or error
   ZUL_SERVER_CERT_SHA256  trust the server's certificate with this SHA-256
                        fingerprint (a development server's own)
+  ZUL_ASK_BEFORE_CONNECTING  1: a phone without unattended access waits for
+                       the person at the computer to allow it (30 s)
   ZUL_DESKTOP          x11 or gnome: the desktop to drive, instead of the one
                        the session says (gnome: mutter's remote desktop)
   ZUL_PHONE_APP_URL    where the pairing window says the phone app lives

@@ -25,6 +25,7 @@ namespace {
 // No public rendezvous server exists yet: the field starts empty.
 constexpr const char* defaultServerURL = "";
 constexpr const char* settingsKey = "ZulSignalingURL";
+constexpr const char* askSettingsKey = "AskBeforeConnecting";
 constexpr const char* accent = "#2f6fed";
 constexpr const char* green = "#1f9d55";
 constexpr const char* neutral = "#8a8f98";
@@ -105,6 +106,15 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
     }
   });
   layout->addWidget(autostart_);
+  askFirst_ = new QCheckBox("Спрашивать перед каждым подключением");
+  askFirst_->setToolTip(
+      "Телефон без доступа «Без присмотра» подключится, только когда вы разрешите это здесь");
+  askFirst_->setChecked(asksBeforeConnecting());
+  connect(askFirst_, &QCheckBox::toggled, this, [this](bool on) {
+    QSettings().setValue(askSettingsKey, on);
+    if (onAskBeforeConnecting) onAskBeforeConnecting(on);
+  });
+  layout->addWidget(askFirst_);
   pairButton_ = new QPushButton("Добавить телефон");
   pairButton_->hide();
   layout->addWidget(pairButton_);
@@ -118,6 +128,10 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   layout->addWidget(label("Прямое зашифрованное соединение • данные экрана не хранятся в облаке",
                           "color: #8a8f98; font-size: 11px;"));
   connect(startButton_, &QPushButton::clicked, this, [this] { buttonPressed(); });
+}
+
+bool AgentSetupWindowController::asksBeforeConnecting() {
+  return QSettings().value(askSettingsKey, false).toBool();
 }
 
 std::string AgentSetupWindowController::autostartPath() {

@@ -332,6 +332,7 @@ test('the computer\'s notices show in words; a session ended there is not resume
   for (const [reason, shown, words] of [
     ['desktopLost', '#desktop-lost:not([hidden])', /Экран компьютера пропал/],
     ['desktopBack', '#desktop-lost[hidden]', /./],
+    ['agentPaused', '#notice:not([hidden])[data-code=computer-paused]', /Velto приостановлен/],
     ['sessionEnded', '#notice:not([hidden])[data-code=session-ended]', /Сеанс завершён на компьютере/],
   ]) {
     await page.evaluate((r) => zulApp.receive({ type: 'control.notice', reason: r, message: '' }),

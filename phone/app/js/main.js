@@ -454,15 +454,20 @@ function onFailure(code) {
 }
 
 // The agent's notices. The session ended at the computer (or its screen
-// locked): no retry until the person connects again. The computer's screen
-// went away and came back.
+// locked, or Velto was paused there): no retry until the person connects
+// again. The computer's screen went away and came back.
+const ENDING_NOTICES = {
+  sessionEnded: 'session-ended',
+  computerLocked: 'computer-locked',
+  agentPaused: 'computer-paused',
+};
 function onNotice(reason) {
-  if (reason === 'sessionEnded' || reason === 'computerLocked') {
+  if (ENDING_NOTICES[reason]) {
     stopRetrying();
     app.clipboard?.cancel();
     const computer = app.computer;
     setState('closed');
-    const code = reason === 'sessionEnded' ? 'session-ended' : 'computer-locked';
+    const code = ENDING_NOTICES[reason];
     notice(t(`fail-${code}`), [
       { label: t('connect'), primary: true, action: () => openSession(computer) },
       { label: t('back'), action: () => { closeSession(); show('home'); renderHome(); } },

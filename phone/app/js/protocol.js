@@ -201,6 +201,8 @@ const HELLO_REFUSALS = {
   fingerprintMismatch: 'fingerprint',
   invalidSignature: 'not-paired',
   computerLocked: 'computer-locked',
+  agentPaused: 'computer-paused',
+  connectionDenied: 'connection-denied',
 };
 
 // Neither a video frame nor a data-channel message for this long while in
@@ -444,14 +446,14 @@ export class Session extends EventTarget {
   }
 
   // The agent's word on the session. "sessionEnded": the person at the
-  // computer ended it, or "computerLocked": its screen locked and this phone
-  // may not use it unattended; this phone stays away until its user connects
-  // again.
+  // computer ended it, "computerLocked": its screen locked and this phone
+  // may not use it unattended, or "agentPaused": Velto was paused there;
+  // this phone stays away until its user connects again.
   // "revoked": the computer no longer trusts this phone. "desktopLost" /
   // "desktopBack": the computer's screen went away (the picture may freeze,
   // which is no lost connection) and came back.
   onNotice(reason) {
-    if (reason === 'sessionEnded' || reason === 'computerLocked') {
+    if (['sessionEnded', 'computerLocked', 'agentPaused'].includes(reason)) {
       this.close();
     } else if (reason === 'revoked') {
       this.fail('device-revoked');
