@@ -15,7 +15,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // While this much waits on the control channel, terminals are not read.
 constexpr std::uint64_t backedUpBytes = 1024 * 1024;
-// Output goes when this much is in, or when the first of it waited this long.
+// Output goes when this much is in, or when the first of it waited this long
+// (at once after a pause).
 constexpr std::size_t coalesceBytes = 8 * 1024;
 constexpr auto coalesceTime = std::chrono::milliseconds(4);
 // A message's raw output: base64url and the envelope stay well inside the
@@ -273,8 +274,12 @@ void ShellSessions::loop() {
           continue;
         }
       }
+      // An echo after a pause goes at once; a stream of output in fewer, larger messages.
+      const auto now = Clock::now();
       if (shell.pending.size() >= coalesceBytes ||
-          (!shell.pending.empty() && Clock::now() - shell.pendingSince >= coalesceTime)) {
+          (!shell.pending.empty() && (now - shell.pendingSince >= coalesceTime ||
+                                      now - shell.lastSent >= 4 * coalesceTime))) {
+        shell.lastSent = now;
         flush(shell, attached);
       }
     }

@@ -66,6 +66,7 @@ class ShellSessions {
     std::string replay;   // the last output, for a phone that comes back
     std::string pending;  // read and not sent yet
     std::chrono::steady_clock::time_point pendingSince;
+    std::chrono::steady_clock::time_point lastSent;  // output after a pause goes at once
   };
   void open(const ShellOpenRequest& request);
   void loop();

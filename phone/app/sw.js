@@ -2,12 +2,12 @@
 // first (so a new version shows at once) and from the cache when offline.
 // The rendezvous and agent traffic is never touched.
 
-const CACHE = 'zul-shell-3';
+const CACHE = 'zul-shell-4';
 const SHELL = ['./', 'index.html', 'style.css', 'manifest.webmanifest', 'icon.svg',
   'js/main.js', 'js/protocol.js', 'js/store.js', 'js/i18n.js', 'js/gestures.js',
   'js/keyboard.js', 'js/viewport.js', 'js/scanner.js', 'js/clipboard.js', 'js/files.js',
   'js/terminal.js', 'vendor/jsqr/jsQR.js', 'vendor/xterm/lib/xterm.mjs',
-  'vendor/xterm/css/xterm.css'];
+  'vendor/xterm/css/xterm.css', 'vendor/hash-wasm/sha256.umd.min.js'];
 
 self.addEventListener('install', (event) => {
   event.waitUntil(caches.open(CACHE).then((cache) => cache.addAll(SHELL))

@@ -1185,6 +1185,20 @@ window.zulApp = {
   retrying: () => app.retry.timer !== 0,
   // A control message as if the computer had sent it.
   receive: (message) => app.session?.onMessage('control', message),
+  // The way the connection took: the selected candidate pair's protocol and types.
+  route: async () => {
+    const stats = await app.session?.pc?.getStats();
+    let route = null;
+    stats?.forEach((s) => {
+      if (s.type !== 'transport' || !s.selectedCandidatePairId) return;
+      const pair = stats.get(s.selectedCandidatePairId);
+      const [local, remote] = [stats.get(pair.localCandidateId), stats.get(pair.remoteCandidateId)];
+      route = `${local.protocol} ${local.candidateType} -> ${remote.candidateType}`;
+    });
+    return route;
+  },
+  // The xterm.js terminal shown (for the benchmark's timings).
+  terminal: () => app.terminals?.current?.term,
   // The text of the terminal shown, line by line.
   terminalText: () => {
     const buffer = app.terminals?.current?.term.buffer.active;
