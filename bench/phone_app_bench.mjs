@@ -143,6 +143,7 @@ const env = {
 mkdirSync(env.HOME);
 const browsers = [];
 let netns = '';
+let dropped = 0;
 
 async function cleanUp() {
   for (const b of browsers) await b.close().catch(() => {});
@@ -230,7 +231,10 @@ async function phone() {
     hasTouch: true, isMobile: true, locale: 'ru-RU', acceptDownloads: true });
   const page = await context.newPage();
   page.on('pageerror', (error) => console.error(`page: ${error.message}`));
-  page.on('console', (m) => m.type() === 'error' && console.error(`page: ${m.text()}`));
+  page.on('console', (m) => {
+    if (/write data discarded/.test(m.text())) dropped += 1; // xterm.js could not keep up
+    else if (m.type() === 'error') console.error(`page: ${m.text()}`);
+  });
   return page;
 }
 
@@ -480,7 +484,8 @@ async function shellBench(page, pid, idle) {
   const cpu = cpuSeconds(pid) - cpu0;
   say(`\nshell: cat of ${(outBytes / MiB).toFixed(0)} MiB until drawn: ${rate(outBytes, ms).toFixed(1)} MB/s ` +
     `(${(ms / 1000).toFixed(1)} s; target at least 20 MB/s); agent CPU ${(100 * cpu / (ms / 1000)).toFixed(0)} % of a core, ` +
-    `memory peak ${mib(drawn.peak)} MiB (idle ${mib(idle)} MiB)`);
+    `memory peak ${mib(drawn.peak)} MiB (idle ${mib(idle)} MiB)` +
+    (dropped ? `; xterm.js dropped output ${dropped} times` : ''));
 
   // yes for 20 s: the agent's memory stays put.
   await page.keyboard.type('yes');

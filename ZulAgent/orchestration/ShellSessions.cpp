@@ -22,6 +22,9 @@ constexpr auto coalesceTime = std::chrono::milliseconds(4);
 // A message's raw output: base64url and the envelope stay well inside the
 // 256 KiB a browser's data channel takes.
 constexpr std::size_t outputBytes = 48 * 1024;
+// Output the phone has not drawn yet: beyond this the terminal is not read
+// (a browser's terminal drops what it cannot draw in time).
+constexpr std::uint64_t unackedBytes = 2 * 1024 * 1024;
 
 }  // namespace
 
@@ -166,12 +169,19 @@ void ShellSessions::handle(const PhoneRequest& request) {
       }
       hangUpLater({{id, shell}});
       send({{"type", "shell.closed"}, {"shell", id}, {"status", nullptr}});
+    } else if (auto* ack = std::get_if<ShellAckRequest>(&request)) {
+      if (ack->bytes > shell->acked) shell->acked = ack->bytes;
+      const std::uint64_t one = 1;
+      [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
     } else if (std::get_if<ShellAttachRequest>(&request)) {
       std::string replay;
       {
         std::lock_guard lock(mutex_);
         replay = shell->replay;
       }
+      // The phone counts what it draws from here on.
+      shell->acked = 0;
+      shell->sent = replay.size();
       for (std::size_t at = 0; at < replay.size(); at += outputBytes) {
         send({{"type", "shell.output"},
               {"shell", id},
@@ -200,9 +210,9 @@ void ShellSessions::flush(Shell& shell, bool attached) {
   if (!attached) return;  // kept in the replay for when the phone is back
   for (std::size_t at = 0; at < out.size(); at += outputBytes) {
     try {
-      send({{"type", "shell.output"},
-            {"shell", shell.id},
-            {"data", Base64Url::encode(toBytes(std::string_view(out).substr(at, outputBytes)))}});
+      const auto piece = std::string_view(out).substr(at, outputBytes);
+      send({{"type", "shell.output"}, {"shell", shell.id}, {"data", Base64Url::encode(toBytes(piece))}});
+      shell.sent += piece.size();
     } catch (const std::exception&) {
       return;  // the phone is gone: the replay has it
     }
@@ -236,7 +246,8 @@ void ShellSessions::loop() {
     std::vector<pollfd> fds{{wakeFd_, POLLIN, 0}};
     bool waiting = false;
     for (auto& shell : shells) {
-      fds.push_back({shell->process->fd(), short(backedUp ? 0 : POLLIN), 0});
+      const bool unacked = attached && shell->sent - shell->acked >= unackedBytes;
+      fds.push_back({shell->process->fd(), short(backedUp || unacked ? 0 : POLLIN), 0});
       waiting = waiting || !shell->pending.empty();
     }
     const int timeout = waiting ? int(coalesceTime.count()) : backedUp ? 5 : 500;

@@ -11,6 +11,7 @@ const PIECE = 65523; // data bytes a binary message may carry
 const HEADER = 13; // byte 2, the transfer (4), the offset (8)
 const LOW = 1 << 20; // the channel's send buffer is topped up below this
 const READ = 16 * PIECE; // bytes of a file read at once
+const PAGE = 200; // a folder's entries asked at once
 const decoder = new TextDecoder();
 
 // A fresh incremental SHA-256 (hash-wasm's, served under /vendor/; Web Crypto
@@ -31,7 +32,7 @@ function sha256() {
 }
 
 // Events (CustomEvent detail):
-//   listing  { path, entries, uploadFolder, total }
+//   listing  { path, offset, entries, uploadFolder, total }
 //   transfer { transfer } – one transfer changed (state, done bytes, error)
 //   saved    { name, blob } – a checked download, to be saved
 export class RemoteFiles extends EventTarget {
@@ -50,8 +51,9 @@ export class RemoteFiles extends EventTarget {
     return this.session.send('files', message);
   }
 
-  list(path = '', hidden = false) {
-    return this.send({ type: 'files.list', path, hidden, offset: 0, limit: 1000 });
+  // A page of a folder's entries (folders first, then by name).
+  list(path = '', { hidden = false, offset = 0 } = {}) {
+    return this.send({ type: 'files.list', path, hidden, offset, limit: PAGE });
   }
 
   newTransfer(fields) {
@@ -194,6 +196,7 @@ export class RemoteFiles extends EventTarget {
       transfer.state = 'running';
       transfer.folder = m.folder;
       transfer.done = m.offset;
+      transfer.from = m.offset; // where this run starts
       this.changed(transfer);
       this.pump(transfer, m.offset).catch(() => {});
     } else if (m.type === 'files.progress') {
