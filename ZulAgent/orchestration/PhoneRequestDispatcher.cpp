@@ -126,7 +126,8 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                                           std::is_same_v<Family, ShellInputRequest> ||
                                           std::is_same_v<Family, ShellResizeRequest> ||
                                           std::is_same_v<Family, ShellCloseRequest> ||
-                                          std::is_same_v<Family, ShellAttachRequest>;
+                                          std::is_same_v<Family, ShellAttachRequest> ||
+                                          std::is_same_v<Family, ShellAckRequest>;
                    const auto& target = shell ? targets_.shells : targets_.files;
                    if (target) {
                      target(PhoneRequest(request));

@@ -23,6 +23,7 @@ const MOUNTS = [
   ['/phone/', path.join(__dirname, 'phone')],
   ['/vendor/jsqr/', path.join(ROOT, 'phone', 'node_modules', 'jsqr', 'dist')],
   ['/vendor/xterm/', path.join(ROOT, 'phone', 'node_modules', '@xterm', 'xterm')],
+  ['/vendor/hash-wasm/', path.join(ROOT, 'phone', 'node_modules', 'hash-wasm', 'dist')],
   ['/', path.join(ROOT, 'phone', 'app')],
 ];
 

@@ -40,6 +40,8 @@ const TEXTS = {
     home: 'Home',
     upload: 'Upload here',
     emptyFolder: 'This folder is empty.',
+    showHidden: 'Hidden files',
+    more: 'More ({left} left)',
     terminal: 'Terminal',
     terminalNotAllowed: 'The terminal must be allowed at the computer: tick «Terminal» for this phone in the trusted devices window, or run zul-trusted-devices grant DEVICE_ID shell there, then connect again.',
     newShell: 'New shell',
@@ -143,7 +145,7 @@ const TEXTS = {
     'clip-denied': 'This phone was not allowed the clipboard when it was paired.',
     'clip-failed': 'The clipboard exchange failed ({reason}).',
     'clip-unsupportedType': 'That cannot go on the computer’s clipboard: text and images only.',
-    shareNoComputer: 'Pair a computer first: shared text goes to its clipboard.',
+    shareNoComputer: 'Pair a computer first: shared text goes to its clipboard, files to its upload folder.',
   },
   ru: {
     title: 'Velto',
@@ -184,6 +186,8 @@ const TEXTS = {
     home: 'Домой',
     upload: 'Загрузить сюда',
     emptyFolder: 'Папка пуста.',
+    showHidden: 'Скрытые файлы',
+    more: 'Ещё (осталось {left})',
     terminal: 'Терминал',
     terminalNotAllowed: 'Терминал нужно разрешить на компьютере: отметьте «Терминал» для этого телефона в окне доверенных устройств или выполните там zul-trusted-devices grant ID_УСТРОЙСТВА shell, затем подключитесь снова.',
     newShell: 'Новая оболочка',
@@ -283,7 +287,7 @@ const TEXTS = {
     'clip-denied': 'Этому телефону при сопряжении не разрешили буфер обмена.',
     'clip-failed': 'Обмен с буфером не удался ({reason}).',
     'clip-unsupportedType': 'Это нельзя положить в буфер обмена компьютера: только текст и изображения.',
-    shareNoComputer: 'Сначала сопрягите компьютер: текст попадёт в его буфер обмена.',
+    shareNoComputer: 'Сначала сопрягите компьютер: текст попадёт в его буфер обмена, файлы — в папку загрузок.',
   },
 };
 

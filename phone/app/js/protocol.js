@@ -15,9 +15,15 @@ export function b64url(bytes) {
   return btoa(text).replace(/\+/g, '-').replace(/\//g, '_').replace(/=+$/, '');
 }
 
+// A shell's output comes this way at tens of MB/s: the browser's own decoder
+// where there is one, else a plain loop (a callback per byte is ten times slower).
 export function unb64url(text) {
+  if (Uint8Array.fromBase64) return Uint8Array.fromBase64(text, { alphabet: 'base64url' });
   const b64 = text.replace(/-/g, '+').replace(/_/g, '/');
-  return Uint8Array.from(atob(b64 + '==='.slice((b64.length + 3) % 4)), (c) => c.charCodeAt(0));
+  const binary = atob(b64 + '==='.slice((b64.length + 3) % 4));
+  const bytes = new Uint8Array(binary.length);
+  for (let i = 0; i < binary.length; i += 1) bytes[i] = binary.charCodeAt(i);
+  return bytes;
 }
 
 export function randomText(count) {
