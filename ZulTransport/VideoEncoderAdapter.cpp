@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <mutex>
 
 #include "ZulCore/Media/Nv12Surface.h"
@@ -33,6 +34,9 @@ class FrameBufferSurface : public Nv12Surface {
 };
 
 constexpr std::int64_t kDefaultStartKbps = 1000;
+// How long after the start a rise of the estimate still earns a sharper key
+// frame.
+constexpr auto sharpeningWindow = std::chrono::seconds(3);
 
 }  // namespace
 
@@ -43,10 +47,8 @@ webrtc::SdpVideoFormat constrainedBaselineH264() {
 }
 
 VideoEncoderAdapter::VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print,
-                                         std::int64_t sourceFramesPerSecond)
-    : encoder_(std::move(encoder)),
-      print_(std::move(print)),
-      sourceFramesPerSecond_(sourceFramesPerSecond) {}
+                                         std::shared_ptr<FrameRateChoice> frameRate)
+    : encoder_(std::move(encoder)), print_(std::move(print)), rateChoice_(std::move(frameRate)) {}
 
 VideoEncoderAdapter::~VideoEncoderAdapter() = default;
 
@@ -85,12 +87,29 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
   settings_ = settings;
   frameRate_ = double(settings.framesPerSecond);
   configured_ = true;
+  startKbps_ = settings.bitrateKbps;
+  startedAt_ = std::chrono::steady_clock::now();
+  sharpKeyFrameAsked_ = false;
+  keyFrameDue_ = false;
+  // The rate capture runs at now, and when it changes.
+  std::int64_t rate = settings.framesPerSecond;
+  std::string adapts;
+  if (rateChoice_) {
+    const std::int64_t highest = std::min(rateChoice_->highest(), settings.framesPerSecond);
+    const std::int64_t lower = std::min(rateChoice_->lower(), highest);
+    rate = std::min(rateChoice_->framesPerSecond(), highest);
+    if (lower < highest) {
+      adapts = rate == highest ? "; " + std::to_string(lower) +
+                                     " fps while a frame takes longer to encode than " +
+                                     std::to_string(highest) + " fps allow"
+                               : "; " + std::to_string(highest) +
+                                     " fps again once encoding keeps up";
+    }
+  }
   say("video encoder: " + encoder_->name() + " (" +
       (encoder_->isHardwareAccelerated() ? "hardware" : "software") + "), " + size + " at up to " +
-      std::to_string(sourceFramesPerSecond_ > 0
-                         ? std::min(sourceFramesPerSecond_, settings.framesPerSecond)
-                         : settings.framesPerSecond) +
-      " fps, starting at " + std::to_string(settings.bitrateKbps) + " kbps");
+      std::to_string(rate) + " fps, starting at " + std::to_string(settings.bitrateKbps) +
+      " kbps" + adapts);
   return WEBRTC_VIDEO_CODEC_OK;
 }
 
@@ -111,8 +130,10 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
   if (!configured_ || !callback_) return WEBRTC_VIDEO_CODEC_UNINITIALIZED;
   if (paused_) return WEBRTC_VIDEO_CODEC_OK;
   const bool keyFrame =
-      frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
-                              webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end();
+      keyFrameDue_ ||
+      (frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
+                               webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end());
+  keyFrameDue_ = false;
 
   // NV12 goes in as it is; anything else (a scaled or converted picture) is
   // made NV12 once here.
@@ -162,7 +183,9 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
 
   std::optional<EncodedVideoFrame> unit;
   try {
+    const auto encodeStart = std::chrono::steady_clock::now();
     unit = encoder_->encode(captured, keyFrame);
+    if (rateChoice_) noteEncodeTime(std::chrono::steady_clock::now() - encodeStart);
   } catch (const std::exception& error) {
     inFlight_.erase(pts);
     say("video encoder: " + encoder_->name() + " failed a frame (" + error.what() +
@@ -171,6 +194,20 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
   }
   if (!unit) return WEBRTC_VIDEO_CODEC_OK;  // the encoder holds it for now
   return deliver(*unit);
+}
+
+void VideoEncoderAdapter::noteEncodeTime(std::chrono::nanoseconds took) {
+  const auto change = rateChoice_->encoded(took);
+  if (change == FrameRateChoice::Change::none) return;
+  char typical[32];
+  std::snprintf(typical, sizeof typical, "%.1f",
+                double(rateChoice_->typicalEncodeTime().count()) / 1e6);
+  const std::string highest = std::to_string(rateChoice_->highest());
+  say(change == FrameRateChoice::Change::lowered
+          ? "video: " + std::to_string(rateChoice_->framesPerSecond()) +
+                " fps from now on (a frame takes " + typical + " ms to encode, more than " +
+                highest + " fps allow)"
+          : "video: " + highest + " fps again (a frame takes " + typical + " ms to encode)");
 }
 
 int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
@@ -211,6 +248,13 @@ void VideoEncoderAdapter::SetRates(const RateControlParameters& parameters) {
   const std::int64_t kbps = std::int64_t(parameters.bitrate.get_sum_bps() / 1000);
   paused_ = kbps <= 0;
   if (paused_) return;
+  // The link carries twice the starting rate within the first seconds: the
+  // first picture, made at the cautious start, is made again at this rate.
+  if (!sharpKeyFrameAsked_ && kbps >= 2 * startKbps_ &&
+      std::chrono::steady_clock::now() - startedAt_ < sharpeningWindow) {
+    sharpKeyFrameAsked_ = true;
+    keyFrameDue_ = true;
+  }
   if (kbps != settings_.bitrateKbps) {
     try {
       encoder_->setBitrate(kbps);
@@ -249,10 +293,10 @@ webrtc::VideoEncoder::EncoderInfo VideoEncoderAdapter::GetEncoderInfo() const {
 
 AgentVideoEncoderFactory::AgentVideoEncoderFactory(
     std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder,
-    VideoEncoderAdapter::Print print, std::int64_t sourceFramesPerSecond)
+    VideoEncoderAdapter::Print print, std::shared_ptr<FrameRateChoice> frameRate)
     : makeEncoder_(std::move(makeEncoder)),
       print_(std::move(print)),
-      sourceFramesPerSecond_(sourceFramesPerSecond),
+      rateChoice_(std::move(frameRate)),
       builtin_(webrtc::CreateBuiltinVideoEncoderFactory()) {}
 
 AgentVideoEncoderFactory::~AgentVideoEncoderFactory() = default;
@@ -281,7 +325,7 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
     return openH264;
   }
   auto ours =
-      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, sourceFramesPerSecond_);
+      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, rateChoice_);
   if (!openH264) return ours;
   return webrtc::CreateVideoEncoderSoftwareFallbackWrapper(std::move(openH264), std::move(ours));
 }
@@ -290,7 +334,7 @@ std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory(
     const PeerVideoEncoding& encoding) {
   if (!encoding.makeEncoder) return webrtc::CreateBuiltinVideoEncoderFactory();
   return std::make_unique<AgentVideoEncoderFactory>(encoding.makeEncoder, encoding.print,
-                                                    encoding.sourceFramesPerSecond);
+                                                    encoding.frameRate);
 }
 
 }  // namespace zul::webrtc_support
