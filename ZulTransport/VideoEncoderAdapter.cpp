@@ -282,7 +282,11 @@ webrtc::VideoEncoder::EncoderInfo VideoEncoderAdapter::GetEncoderInfo() const {
   info.implementation_name = encoder_->name();
   info.is_hardware_accelerated = encoder_->isHardwareAccelerated();
   info.supports_native_handle = false;
-  info.has_trusted_rate_controller = false;
+  // Our rate control is libx264's buffer model (or the hardware's), which
+  // keeps the average at the target: WebRTC's frame dropper would otherwise
+  // drop the frames after a whole new page, each of which is a change the
+  // phone waits for.
+  info.has_trusted_rate_controller = true;
   // A screen is read, not watched: WebRTC must not shrink it on its own.
   info.scaling_settings = ScalingSettings::kOff;
   info.requested_resolution_alignment = 2;

@@ -63,6 +63,16 @@ constexpr const char* installProbe = R"js((() => {
   c.width = 8; c.height = 8;
   const g = c.getContext("2d", { willReadFrequently: true });
   window.probe = { want: null, resolve: null, bytesBefore: 0 };
+  window.probeLosses = async () => {
+    const out = { lost: 0, nacks: 0, plis: 0, keyFrames: 0 };
+    (await (PEER).getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") {
+        out.lost = s.packetsLost || 0; out.nacks = s.nackCount || 0;
+        out.plis = s.pliCount || 0; out.keyFrames = s.keyFramesDecoded || 0;
+      }
+    });
+    return out;
+  };
   window.probeBytes = async () => {
     let b = 0;
     (await (PEER).getStats()).forEach((s) => {
@@ -99,6 +109,7 @@ const char* nameOf(Content c) {
 struct Changes {
   std::vector<double> ms;  // sorted
   std::vector<double> kb;  // sorted: kilobytes received from the change until it showed
+  nlohmann::json losses;   // packets lost, NACKs and PLIs sent, key frames while changing
   static double at(const std::vector<double>& v, double q) {
     return v.empty() ? 0 : v[std::min(v.size() - 1, std::size_t(q * double(v.size())))];
   }
@@ -113,7 +124,9 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
   for (auto [name, value] : {std::pair{"SCREEN_W", pattern.width()}, {"SCREEN_H", pattern.height()}}) {
     probe.replace(probe.find(name), std::string(name).size(), std::to_string(value));
   }
-  probe.replace(probe.find("PEER"), 4, peer);
+  for (auto at = probe.find("PEER"); at != std::string::npos; at = probe.find("PEER", at)) {
+    probe.replace(at, 4, peer);
+  }
   browser.evaluate(page, probe);
   std::vector<Changes> out;
   std::mt19937 random(7);
@@ -122,6 +135,7 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
     Changes figures;
     pattern.fillSquare(32, 32, 96, Rgb{40, 40, 40});
     std::this_thread::sleep_for(400ms);
+    const auto lossesBefore = browser.evaluate(page, "probeLosses()");
     for (int i = 0; i < changes; ++i) {
       const bool bright = i % 2 == 0;
       browser.evaluate(page, std::string("(async () => { probe.bytesBefore = await probeBytes(); "
@@ -141,6 +155,10 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
           browser.evaluate(page, "probeBytes().then((b) => b - probe.bytesBefore)").get<double>() /
           1000);
       std::this_thread::sleep_for(std::chrono::milliseconds(gap(random)));
+    }
+    const auto lossesAfter = browser.evaluate(page, "probeLosses()");
+    for (const char* key : {"lost", "nacks", "plis", "keyFrames"}) {
+      figures.losses[key] = lossesAfter[key].get<int>() - lossesBefore[key].get<int>();
     }
     std::sort(figures.ms.begin(), figures.ms.end());
     std::sort(figures.kb.begin(), figures.kb.end());
@@ -365,7 +383,7 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
   options.captureStdout = true;
   ChildProcess agent({agentPath, "--real-agent"}, options);
   const auto link = agent.waitForLine("zul://pair?payload=", 60s);
-  if (!link || !agent.waitForLine("signaling: connected", 60s)) {
+  if (!link || !agent.waitForLine("connected to the server", 60s)) {
     throw std::runtime_error("the agent did not offer pairing: " + agent.tail());
   }
 
@@ -393,10 +411,12 @@ std::string loadNow() {
 void printChanges(const std::string& size, const char* through, const std::vector<Changes>& all) {
   for (std::size_t k = 0; k < all.size(); ++k) {
     const Changes& c = all[k];
-    std::printf("%-10s %-6s %-13s %7.1f %7.1f %7.1f | %7.1f %7.1f %7.1f\n", size.c_str(), through,
-                nameOf(contents[k]), Changes::at(c.ms, 0.5), Changes::at(c.ms, 0.95),
-                c.ms.empty() ? 0 : c.ms.back(), Changes::at(c.kb, 0.5), Changes::at(c.kb, 0.95),
-                c.kb.empty() ? 0 : c.kb.back());
+    std::printf("%-10s %-6s %-13s %7.1f %7.1f %7.1f | %7.1f %7.1f %7.1f | %d/%d/%d/%d\n",
+                size.c_str(), through, nameOf(contents[k]), Changes::at(c.ms, 0.5),
+                Changes::at(c.ms, 0.95), c.ms.empty() ? 0 : c.ms.back(), Changes::at(c.kb, 0.5),
+                Changes::at(c.kb, 0.95), c.kb.empty() ? 0 : c.kb.back(),
+                c.losses.value("lost", 0), c.losses.value("nacks", 0), c.losses.value("plis", 0),
+                c.losses.value("keyFrames", 0));
   }
 }
 
@@ -440,8 +460,8 @@ int main(int argc, char** argv) {
               maxFps ? maxFps : "default", agentPath);
   int failures = 0;
   std::vector<Figures> demo;
-  std::printf("%-10s %-6s %-13s %7s %7s %7s | %7s %7s %7s   load\n", "screen", "via", "change",
-              "g2g p50", "p95", "max", "kB p50", "p95", "max");
+  std::printf("%-10s %-6s %-13s %7s %7s %7s | %7s %7s %7s | %s\n", "screen", "via", "change",
+              "g2g p50", "p95", "max", "kB p50", "p95", "max", "lost/NACK/PLI/key");
   for (const auto& [width, height] : sizes) {
     const std::string size = std::to_string(width) + "x" + std::to_string(height);
     if (only != "agent") {
@@ -491,6 +511,7 @@ int main(int argc, char** argv) {
       "g2g: a change drawn on the screen until Chromium presents a decoded frame showing it\n"
       "(ms, %d changes of each kind); kB: video bytes received from the change until 100 ms\n"
       "after it showed (the frame that carried it, and little else on the still screen);\n"
+      "lost/NACK/PLI/key: packets lost, NACKs and PLIs the phone sent, key frames it decoded;\n"
       "via: the LAN phone demo or the real agent with a paired phone in session; fps: frames\n"
       "Chromium decoded per second; agent and ffmpeg: CPU time per streamed frame on the same\n"
       "moving screen (ffmpeg: x11grab + libx264 ultrafast/zerolatency/baseline at the same\n"
