@@ -34,9 +34,6 @@ class FrameBufferSurface : public Nv12Surface {
 };
 
 constexpr std::int64_t kDefaultStartKbps = 1000;
-// How long after the start a rise of the estimate still earns a sharper key
-// frame.
-constexpr auto sharpeningWindow = std::chrono::seconds(3);
 
 }  // namespace
 
@@ -87,10 +84,6 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
   settings_ = settings;
   frameRate_ = double(settings.framesPerSecond);
   configured_ = true;
-  startKbps_ = settings.bitrateKbps;
-  startedAt_ = std::chrono::steady_clock::now();
-  sharpKeyFrameAsked_ = false;
-  keyFrameDue_ = false;
   // The rate capture runs at now, and when it changes.
   std::int64_t rate = settings.framesPerSecond;
   std::string adapts;
@@ -130,10 +123,8 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
   if (!configured_ || !callback_) return WEBRTC_VIDEO_CODEC_UNINITIALIZED;
   if (paused_) return WEBRTC_VIDEO_CODEC_OK;
   const bool keyFrame =
-      keyFrameDue_ ||
-      (frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
-                               webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end());
-  keyFrameDue_ = false;
+      frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
+                              webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end();
 
   // NV12 goes in as it is; anything else (a scaled or converted picture) is
   // made NV12 once here.
@@ -248,13 +239,6 @@ void VideoEncoderAdapter::SetRates(const RateControlParameters& parameters) {
   const std::int64_t kbps = std::int64_t(parameters.bitrate.get_sum_bps() / 1000);
   paused_ = kbps <= 0;
   if (paused_) return;
-  // The link carries twice the starting rate within the first seconds: the
-  // first picture, made at the cautious start, is made again at this rate.
-  if (!sharpKeyFrameAsked_ && kbps >= 2 * startKbps_ &&
-      std::chrono::steady_clock::now() - startedAt_ < sharpeningWindow) {
-    sharpKeyFrameAsked_ = true;
-    keyFrameDue_ = true;
-  }
   if (kbps != settings_.bitrateKbps) {
     try {
       encoder_->setBitrate(kbps);

@@ -64,12 +64,6 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
   VideoEncoderSettings settings_;
   double frameRate_ = 0;
   std::int64_t lastPts_ = -1;
-  // The first key frame is made at the cautious starting rate; once the
-  // estimate has doubled early on, one more key frame shows the screen sharp.
-  std::int64_t startKbps_ = 0;
-  std::chrono::steady_clock::time_point startedAt_{};
-  bool sharpKeyFrameAsked_ = false;
-  bool keyFrameDue_ = false;
   // Frames inside the encoder, by time stamp, until their unit comes out.
   std::map<std::int64_t, FrameTimes> inFlight_;
 };

@@ -353,11 +353,13 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
 // The same changes through the real agent: the development rendezvous
 // server, the agent paired with the development phone page, in session.
 std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes,
-                                  const char* agentPath, const char* maxFps) {
+                                  const char* agentPath, const char* maxFps,
+                                  std::string& firstSecond) {
   namespace fs = std::filesystem;
   zul::test::XvfbServer xvfb(screenWidth, screenHeight);
   zul::test::ScreenPattern pattern(xvfb.display());
   pattern.show({Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}});
+  pattern.paintTextPages(1000, 160);  // a first picture with detail to show
   const fs::path home = fs::temp_directory_path() / ("zul-bench-" + std::to_string(::getpid()));
   fs::remove_all(home);
   fs::create_directories(home / "home");
@@ -395,6 +397,25 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
   browser.evaluate(page, "zulPhone.pair(" + nlohmann::json(*link).dump() +
                              ", ['view', 'control']).then(() => true)");
   browser.evaluate(page, "zulPhone.connect({}).then(() => true)");
+  // The first second of video on a still screen of text: how many key
+  // frames and bytes made the first picture.
+  const std::string firstStats = R"js((async () => {
+    const out = { keyFrames: 0, frames: 0, bytes: 0 };
+    (await zulPhone.state.session.pc.getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") {
+        out.keyFrames = s.keyFramesDecoded || 0; out.frames = s.framesDecoded || 0;
+        out.bytes = s.bytesReceived || 0;
+      }
+    });
+    return out;
+  })())js";
+  for (int second = 1; second <= 3; second += 2) {
+    std::this_thread::sleep_for(std::chrono::seconds(second == 1 ? 1 : 2));
+    const auto first = browser.evaluate(page, firstStats);
+    firstSecond += (second == 1 ? "" : "; in 3 s: ") + std::to_string(first["keyFrames"].get<int>()) +
+                   " key frames of " + std::to_string(first["frames"].get<int>()) + " decoded, " +
+                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB";
+  }
   if (!browser.waitFor(page, "zulPhone.videoStats().then(s => s.framesDecoded > 10)", 60s)) {
     throw std::runtime_error("no video reached the phone: " + agent.tail());
   }
@@ -479,8 +500,11 @@ int main(int argc, char** argv) {
     if (only != "demo" && !netem) {
       try {
         const std::string load = loadNow();
-        printChanges(size, "agent", measureAgent(width, height, changes, agentPath, maxFps));
-        std::printf("%-10s (load %s at the start)\n", "", load.c_str());
+        std::string firstSecond;
+        printChanges(size, "agent",
+                     measureAgent(width, height, changes, agentPath, maxFps, firstSecond));
+        std::printf("%-10s (load %s at the start; the first second after connecting: %s)\n", "",
+                    load.c_str(), firstSecond.c_str());
       } catch (const std::exception& error) {
         std::printf("%s agent: failed: %s\n", size.c_str(), error.what());
         ++failures;
