@@ -111,6 +111,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
   Pixels working;
   std::shared_ptr<Nv12FrameSurface> lastSurface;
   int lastSourceWidth = 0, lastSourceHeight = 0;
+  Clock::time_point lastTaken{};
   auto nextSample = Clock::now();
   const auto firstPictureDeadline = Clock::now() + firstPictureTimeout;
 
@@ -144,8 +145,11 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
     followAdaptiveRate(gate, run.options);
     {
       std::unique_lock lock(mutex);
+      // A new picture is taken at once when the active interval since the
+      // last one has passed; else at the next sample.
       wake.wait_until(lock, reportedStart ? nextSample : firstPictureDeadline, [&] {
-        return stopRequested || ended || monitorsChanged || (!reportedStart && fresh);
+        return stopRequested || ended || monitorsChanged ||
+               (fresh && (!reportedStart || Clock::now() >= lastTaken + gate.activeInterval()));
       });
       if (stopRequested) break;
       if (monitorsChanged) {
@@ -191,6 +195,8 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
         std::swap(working, incoming);
         fresh = false;
         changed = true;
+        lastTaken = now;
+        nextSample = now + gate.activeInterval();
       }
       if (working.bytes.empty()) continue;
       if (!reportedStart) {
