@@ -387,8 +387,10 @@ class RealAgent {
     screen_->setCaptureFailed([this](const CaptureError& error) { desktopLost(error.what()); });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
         .start =
-            [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond](
-                std::int64_t index) { return startScreenCapture(*desktop, *screen, index, fps); },
+            [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond,
+             rate = settings_.videoEncoding.frameRate](std::int64_t index) {
+              return startScreenCapture(*desktop, *screen, index, fps, rate);
+            },
         .stop = [screen = screen_] { screen->stop(); },
         .print = print_,
         .indexOf = [desktop = desktop_](std::uint32_t displayID) -> std::optional<std::int64_t> {
@@ -438,7 +440,8 @@ class RealAgent {
   // capture resolved. The pointer then targets it at the same reference size.
   static DisplayDescriptor startScreenCapture(DesktopBackend& desktop,
                                               DesktopCaptureSource& capture, std::int64_t index,
-                                              std::int64_t framesPerSecond) {
+                                              std::int64_t framesPerSecond,
+                                              std::shared_ptr<const FrameRateChoice> rate) {
     const std::vector<DisplayDescriptor> displays = desktop.availableDisplays();
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
@@ -450,6 +453,7 @@ class RealAgent {
     options.height = size.height;
     options.framesPerSecond = framesPerSecond;
     options.idleFramesPerSecond = zul::idleFramesPerSecond;
+    options.adaptiveRate = std::move(rate);
     capture.stop();
     capture.start(options);
     const auto resolved = capture.resolvedDisplayID();

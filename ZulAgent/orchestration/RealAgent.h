@@ -22,7 +22,7 @@ struct RealAgentSettings {
   // Run this long, then tear down; nothing: until SIGINT or SIGTERM.
   std::optional<double> seconds;
   // The video's frame rate while the screen changes (ZUL_MAX_FPS).
-  std::int64_t framesPerSecond = 30;
+  std::int64_t framesPerSecond = 60;
   // The encoder of the phones' video; the library's own when unset.
   PeerVideoEncoding videoEncoding;
   // One server certificate trusted by its SHA-256 fingerprint
