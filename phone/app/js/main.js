@@ -507,9 +507,8 @@ function onMessage(message) {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
     clearTimeout(app.sceneTimer);
-    if (message.source === 'none' && app.sceneRetry) {
-      app.sceneRetry = false;
-      app.sceneTimer = setTimeout(() => requestScene(false), 700);
+    if (message.source === 'none' && app.sceneTries > 0 && !$('elements').hidden) {
+      app.sceneTimer = setTimeout(() => requestScene(app.sceneTries - 1), 1000);
       return;
     }
     app.scene = message;
@@ -563,13 +562,14 @@ function renderMonitors(message) {
 // ---- elements ---------------------------------------------------------------
 
 // Asks for the focused window's elements. A scan that found no window (focus
-// moving at that moment) or an answer that does not come is tried once more.
-function requestScene(again = true) {
+// moving at that moment, or a busy application not answering in time) or an
+// answer that does not come is tried again a few times while the list is open.
+function requestScene(tries = 5) {
   clearTimeout(app.sceneTimer);
-  app.sceneRetry = again;
+  app.sceneTries = tries;
   if (!app.session?.send('scene', { type: 'scene.request_snapshot' })) return;
   app.sceneTimer = setTimeout(() => {
-    if (!app.scene && app.sceneRetry) requestScene(false);
+    if (!app.scene && tries > 0) requestScene(tries - 1);
   }, 3000);
 }
 
