@@ -76,7 +76,8 @@ PeerVideoEncoding agentVideoEncoding() {
                 const bool routine = line.find(" fps, starting at ") != std::string::npos;
                 if (!routine || verboseOutput() || !saidWhich.exchange(true)) printLine(line);
               },
-          .sourceFramesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"))};
+          .frameRate = std::make_shared<FrameRateChoice>(
+              framesPerSecondFrom(std::getenv("ZUL_MAX_FPS")), lowerFramesPerSecond)};
 }
 
 void runRealAgentMode(const WindowedRealAgent& windowed) {

@@ -46,8 +46,15 @@ Environment:
   ZUL_WEBRTC_LOG       WebRTC's own log: verbose, info, warning or error
   ZUL_SERVER_CERT_SHA256  trust the server's certificate with this SHA-256
                        fingerprint (a development server's own)
+  ZUL_ASK_BEFORE_CONNECTING  1: a phone without unattended access waits for
+                       the person at the computer to allow it (30 s)
   ZUL_DESKTOP          x11 or gnome: the desktop to drive, instead of the one
                        the session says (gnome: mutter's remote desktop)
+  ZUL_PHONE_APP_URL    where the pairing window says the phone app lives
+                       (default: the server's address)
+  ZUL_PAIRING_SHORT_URL  a short address that opens the phone app with the
+                       current link (a development server keeps one), shown
+                       with its own QR code in the pairing window
   DISPLAY              the X display that is shown and controlled
 
 Every mode exits with status 0; its outcome is what it prints.

@@ -36,6 +36,12 @@ ControlSessionError ControlSessionError::noActiveSession() {
 ControlSessionError ControlSessionError::computerLocked() {
   return {Case::computerLocked, "computerLocked"};
 }
+ControlSessionError ControlSessionError::agentPaused() {
+  return {Case::agentPaused, "agentPaused"};
+}
+ControlSessionError ControlSessionError::connectionDenied() {
+  return {Case::connectionDenied, "connectionDenied"};
+}
 
 namespace {
 
@@ -135,11 +141,21 @@ void ControlSessionDispatcher::authenticate(const RoutedMessage& hello) {
     throw ControlSessionError::invalidSignature();
   }
 
+  if (shared_->paused && shared_->paused()) throw ControlSessionError::agentPaused();
   // Nobody at a locked computer to see the phone take it: only a device
   // allowed to connect unattended does.
   if (shared_->screenLocked && shared_->screenLocked() &&
       !record->permissions.count(DevicePermission::unattended)) {
     throw ControlSessionError::computerLocked();
+  }
+  // A phone repeating its hello on the session it holds is not asked again.
+  if (shared_->admit && !record->permissions.count(DevicePermission::unattended)) {
+    bool repeated;
+    {
+      std::lock_guard lock(mutex_);
+      repeated = sessionId_ == hello.sessionId && deviceId_ == *deviceId;
+    }
+    if (!repeated && !shared_->admit(*deviceId)) throw ControlSessionError::connectionDenied();
   }
 
   auto replaceSession = json.find("replaceSession");

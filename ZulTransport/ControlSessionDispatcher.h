@@ -28,7 +28,9 @@ class ControlSessionError : public Error {
     invalidSignature,
     anotherSessionActive,
     noActiveSession,
-    computerLocked,  // the screen is locked and the device lacks `unattended`
+    computerLocked,    // the screen is locked and the device lacks `unattended`
+    agentPaused,       // paused at the computer: no phone connects
+    connectionDenied,  // the person at the computer did not let the phone in
   };
 
   static ControlSessionError missingField(std::string_view key);
@@ -39,6 +41,8 @@ class ControlSessionError : public Error {
   static ControlSessionError anotherSessionActive();
   static ControlSessionError noActiveSession();
   static ControlSessionError computerLocked();
+  static ControlSessionError agentPaused();
+  static ControlSessionError connectionDenied();
 
   Case kind() const { return kind_; }
 
@@ -69,6 +73,12 @@ class ControlSessionShared {
   // Whether the screen is locked now: only a device holding `unattended`
   // connects then. Set before the first phone.
   std::function<bool()> screenLocked;
+  // Whether the person at the computer paused the agent: no device connects
+  // then. Set before the first phone.
+  std::function<bool()> paused;
+  // Whether the person at the computer lets a device without `unattended`
+  // in (the agent may ask them first, and wait); unset: every device.
+  std::function<bool(const std::string& deviceId)> admit;
   // False when this device already used this nonce.
   bool useNonce(const std::string& deviceId, const std::string& nonce);
 

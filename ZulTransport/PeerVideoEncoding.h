@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "ZulCore/Media/FrameRateChoice.h"
 #include "ZulCore/Media/VideoEncoder.h"
 
 namespace zul {
@@ -17,9 +18,10 @@ namespace zul {
 struct PeerVideoEncoding {
   std::function<std::unique_ptr<VideoEncoder>()> makeEncoder;
   std::function<void(const std::string&)> print;
-  // The most frames per second the source pushes (0: unknown); what the
-  // encoder's line says the stream runs at.
-  std::int64_t sourceFramesPerSecond = 0;
+  // The frame rate the source pushes at, shared with capture: the encoder
+  // tells it how long each frame took, and its line says the rates it runs
+  // at. None: the encoder's own rate, not adapted.
+  std::shared_ptr<FrameRateChoice> frameRate;
 };
 
 }  // namespace zul

@@ -71,6 +71,13 @@ class PhoneConnections final : public PhoneSessions,
   // Whether the screen is locked now (hellos of devices without `unattended`
   // are refused then).
   void setScreenLocked(std::function<bool()> locked) { shared_->screenLocked = std::move(locked); }
+  // Whether the agent is paused now (every hello is refused then).
+  void setPaused(std::function<bool()> paused) { shared_->paused = std::move(paused); }
+  // Whether a device without `unattended` may connect now; called on that
+  // phone's connection, which waits for the answer.
+  void setAdmission(std::function<bool(const std::string& deviceId)> admit) {
+    shared_->admit = std::move(admit);
+  }
   void peerLeft(const std::string& deviceId) override;
   void closeAll() override;
 

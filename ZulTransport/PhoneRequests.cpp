@@ -45,7 +45,7 @@ constexpr auto filesQueue = RequestQueue::files;
 constexpr auto shell = DevicePermission::shell;
 constexpr auto shellQueue = RequestQueue::shell;
 
-constexpr std::array<PhoneRequestRule, 21> table = {{
+constexpr std::array<PhoneRequestRule, 22> table = {{
     {"input.cursor", control, std::nullopt, {"input-fast", "input"}, pointer},
     {"input.scroll", control, std::nullopt, {"input-fast", "input"}, pointer},
     {"input.text", control, std::nullopt, {"input"}, keyboard},
@@ -67,6 +67,7 @@ constexpr std::array<PhoneRequestRule, 21> table = {{
     {"shell.resize", shell, control, {"control"}, shellQueue},
     {"shell.close", shell, control, {"control"}, shellQueue},
     {"shell.attach", shell, control, {"control"}, shellQueue},
+    {"shell.ack", shell, control, {"control"}, shellQueue},
 }};
 
 const nlohmann::json* at(const nlohmann::json& json, const char* key) {
@@ -192,12 +193,17 @@ PhoneRequest shellRequest(std::string_view type, const nlohmann::json& json) {
   }
   if (type == "shell.resize") return ShellResizeRequest{*id, columns, rows};
   if (type == "shell.close") return ShellCloseRequest{*id};
+  if (type == "shell.ack") {
+    const auto bytes = wholeAt(json, "bytes");
+    if (!bytes || *bytes < 0) throw PhoneRequestError::invalidShellRequest();
+    return ShellAckRequest{*id, std::uint64_t(*bytes)};
+  }
   return ShellAttachRequest{*id};
 }
 
 }  // namespace
 
-const std::array<PhoneRequestRule, 21>& rules() { return table; }
+const std::array<PhoneRequestRule, 22>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {

@@ -152,6 +152,13 @@ struct ShellAttachRequest {
   std::string shell;
   friend bool operator==(const ShellAttachRequest&, const ShellAttachRequest&) = default;
 };
+// The phone has drawn `bytes` of a shell's output since it opened or was
+// attached: the agent keeps only so much more on its way.
+struct ShellAckRequest {
+  std::string shell;
+  std::uint64_t bytes = 0;
+  friend bool operator==(const ShellAckRequest&, const ShellAckRequest&) = default;
+};
 
 using PhoneRequest =
     std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest, InvokeRequest,
@@ -159,22 +166,25 @@ using PhoneRequest =
                  ForgetDeviceRequest, ClipboardGetRequest, ClipboardSetRequest, FilesListRequest,
                  FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesCancelRequest,
                  ShellOpenRequest, ShellInputRequest, ShellResizeRequest, ShellCloseRequest,
-                 ShellAttachRequest>;
+                 ShellAttachRequest, ShellAckRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
-// long text never holds up pointer moves, nor an accessibility scan either
-// (scenes and displays are queued by the publisher and switcher themselves).
+// long text never holds up pointer moves, nor an accessibility scan either.
+// The kinds before `scene` have a queue of the dispatcher's own; scenes and
+// displays are queued by the publisher and switcher themselves, and trust
+// requests are done at once.
 enum class RequestQueue {
   pointer,
   keyboard,
   element,
-  scene,
-  display,
-  trust,
   clipboard,
   files,
-  shell
+  shell,
+  scene,
+  display,
+  trust
 };
+inline constexpr std::size_t kDispatcherQueues = static_cast<std::size_t>(RequestQueue::scene);
 
 // What one message type needs before anything is done for it.
 struct PhoneRequestRule {
@@ -193,7 +203,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 21>& rules();
+const std::array<PhoneRequestRule, 22>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

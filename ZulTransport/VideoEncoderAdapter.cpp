@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <mutex>
 
 #include "ZulCore/Media/Nv12Surface.h"
@@ -43,10 +44,8 @@ webrtc::SdpVideoFormat constrainedBaselineH264() {
 }
 
 VideoEncoderAdapter::VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print,
-                                         std::int64_t sourceFramesPerSecond)
-    : encoder_(std::move(encoder)),
-      print_(std::move(print)),
-      sourceFramesPerSecond_(sourceFramesPerSecond) {}
+                                         std::shared_ptr<FrameRateChoice> frameRate)
+    : encoder_(std::move(encoder)), print_(std::move(print)), rateChoice_(std::move(frameRate)) {}
 
 VideoEncoderAdapter::~VideoEncoderAdapter() = default;
 
@@ -85,12 +84,25 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
   settings_ = settings;
   frameRate_ = double(settings.framesPerSecond);
   configured_ = true;
+  // The rate capture runs at now, and when it changes.
+  std::int64_t rate = settings.framesPerSecond;
+  std::string adapts;
+  if (rateChoice_) {
+    const std::int64_t highest = std::min(rateChoice_->highest(), settings.framesPerSecond);
+    const std::int64_t lower = std::min(rateChoice_->lower(), highest);
+    rate = std::min(rateChoice_->framesPerSecond(), highest);
+    if (lower < highest) {
+      adapts = rate == highest ? "; " + std::to_string(lower) +
+                                     " fps while a frame takes longer to encode than " +
+                                     std::to_string(highest) + " fps allow"
+                               : "; " + std::to_string(highest) +
+                                     " fps again once encoding keeps up";
+    }
+  }
   say("video encoder: " + encoder_->name() + " (" +
       (encoder_->isHardwareAccelerated() ? "hardware" : "software") + "), " + size + " at up to " +
-      std::to_string(sourceFramesPerSecond_ > 0
-                         ? std::min(sourceFramesPerSecond_, settings.framesPerSecond)
-                         : settings.framesPerSecond) +
-      " fps, starting at " + std::to_string(settings.bitrateKbps) + " kbps");
+      std::to_string(rate) + " fps, starting at " + std::to_string(settings.bitrateKbps) +
+      " kbps" + adapts);
   return WEBRTC_VIDEO_CODEC_OK;
 }
 
@@ -162,7 +174,9 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
 
   std::optional<EncodedVideoFrame> unit;
   try {
+    const auto encodeStart = std::chrono::steady_clock::now();
     unit = encoder_->encode(captured, keyFrame);
+    if (rateChoice_) noteEncodeTime(std::chrono::steady_clock::now() - encodeStart);
   } catch (const std::exception& error) {
     inFlight_.erase(pts);
     say("video encoder: " + encoder_->name() + " failed a frame (" + error.what() +
@@ -171,6 +185,20 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
   }
   if (!unit) return WEBRTC_VIDEO_CODEC_OK;  // the encoder holds it for now
   return deliver(*unit);
+}
+
+void VideoEncoderAdapter::noteEncodeTime(std::chrono::nanoseconds took) {
+  const auto change = rateChoice_->encoded(took);
+  if (change == FrameRateChoice::Change::none) return;
+  char typical[32];
+  std::snprintf(typical, sizeof typical, "%.1f",
+                double(rateChoice_->typicalEncodeTime().count()) / 1e6);
+  const std::string highest = std::to_string(rateChoice_->highest());
+  say(change == FrameRateChoice::Change::lowered
+          ? "video: " + std::to_string(rateChoice_->framesPerSecond()) +
+                " fps from now on (a frame takes " + typical + " ms to encode, more than " +
+                highest + " fps allow)"
+          : "video: " + highest + " fps again (a frame takes " + typical + " ms to encode)");
 }
 
 int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
@@ -238,7 +266,11 @@ webrtc::VideoEncoder::EncoderInfo VideoEncoderAdapter::GetEncoderInfo() const {
   info.implementation_name = encoder_->name();
   info.is_hardware_accelerated = encoder_->isHardwareAccelerated();
   info.supports_native_handle = false;
-  info.has_trusted_rate_controller = false;
+  // Our rate control is libx264's buffer model (or the hardware's), which
+  // keeps the average at the target: WebRTC's frame dropper would otherwise
+  // drop the frames after a whole new page, each of which is a change the
+  // phone waits for.
+  info.has_trusted_rate_controller = true;
   // A screen is read, not watched: WebRTC must not shrink it on its own.
   info.scaling_settings = ScalingSettings::kOff;
   info.requested_resolution_alignment = 2;
@@ -249,10 +281,10 @@ webrtc::VideoEncoder::EncoderInfo VideoEncoderAdapter::GetEncoderInfo() const {
 
 AgentVideoEncoderFactory::AgentVideoEncoderFactory(
     std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder,
-    VideoEncoderAdapter::Print print, std::int64_t sourceFramesPerSecond)
+    VideoEncoderAdapter::Print print, std::shared_ptr<FrameRateChoice> frameRate)
     : makeEncoder_(std::move(makeEncoder)),
       print_(std::move(print)),
-      sourceFramesPerSecond_(sourceFramesPerSecond),
+      rateChoice_(std::move(frameRate)),
       builtin_(webrtc::CreateBuiltinVideoEncoderFactory()) {}
 
 AgentVideoEncoderFactory::~AgentVideoEncoderFactory() = default;
@@ -281,7 +313,7 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
     return openH264;
   }
   auto ours =
-      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, sourceFramesPerSecond_);
+      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, rateChoice_);
   if (!openH264) return ours;
   return webrtc::CreateVideoEncoderSoftwareFallbackWrapper(std::move(openH264), std::move(ours));
 }
@@ -290,7 +322,7 @@ std::unique_ptr<webrtc::VideoEncoderFactory> makeVideoEncoderFactory(
     const PeerVideoEncoding& encoding) {
   if (!encoding.makeEncoder) return webrtc::CreateBuiltinVideoEncoderFactory();
   return std::make_unique<AgentVideoEncoderFactory>(encoding.makeEncoder, encoding.print,
-                                                    encoding.sourceFramesPerSecond);
+                                                    encoding.frameRate);
 }
 
 }  // namespace zul::webrtc_support

@@ -3,6 +3,7 @@
 // Private to ZulTransport: our H.264 encoders behind WebRTC's encoder
 // interfaces. Never included by a public header.
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,7 +27,7 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
  public:
   using Print = std::function<void(const std::string&)>;
   VideoEncoderAdapter(std::unique_ptr<zul::VideoEncoder> encoder, Print print,
-                      std::int64_t sourceFramesPerSecond = 0);
+                      std::shared_ptr<FrameRateChoice> frameRate = nullptr);
   ~VideoEncoderAdapter() override;
 
   int InitEncode(const webrtc::VideoCodec* codec, const Settings& settings) override;
@@ -50,11 +51,13 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
     webrtc::VideoRotation rotation = webrtc::kVideoRotation_0;
   };
   int32_t deliver(const EncodedVideoFrame& unit);
+  // Tells the frame rate choice, and says when it changes the rate.
+  void noteEncodeTime(std::chrono::nanoseconds took);
   void say(const std::string& line) const;
 
   std::unique_ptr<zul::VideoEncoder> encoder_;
   Print print_;
-  std::int64_t sourceFramesPerSecond_ = 0;
+  std::shared_ptr<FrameRateChoice> rateChoice_;
   webrtc::EncodedImageCallback* callback_ = nullptr;
   bool configured_ = false;
   bool paused_ = false;  // WebRTC gives the stream no bits
@@ -71,7 +74,7 @@ class AgentVideoEncoderFactory : public webrtc::VideoEncoderFactory {
  public:
   AgentVideoEncoderFactory(std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder,
                            VideoEncoderAdapter::Print print,
-                           std::int64_t sourceFramesPerSecond = 0);
+                           std::shared_ptr<FrameRateChoice> frameRate = nullptr);
   ~AgentVideoEncoderFactory() override;
 
   std::vector<webrtc::SdpVideoFormat> GetSupportedFormats() const override;
@@ -81,7 +84,7 @@ class AgentVideoEncoderFactory : public webrtc::VideoEncoderFactory {
  private:
   std::function<std::unique_ptr<zul::VideoEncoder>()> makeEncoder_;
   VideoEncoderAdapter::Print print_;
-  std::int64_t sourceFramesPerSecond_ = 0;
+  std::shared_ptr<FrameRateChoice> rateChoice_;
   std::unique_ptr<webrtc::VideoEncoderFactory> builtin_;
 };
 

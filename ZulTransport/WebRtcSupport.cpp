@@ -24,6 +24,7 @@
 #include "rtc_base/logging.h"
 #include "rtc_base/ref_counted_object.h"
 #include "rtc_base/ssl_adapter.h"
+#include "system_wrappers/include/field_trial.h"
 
 namespace zul::webrtc_support {
 namespace {
@@ -37,6 +38,17 @@ rtc::LoggingSeverity logLevelFromEnvironment() {
   if (level == "error") return rtc::LS_ERROR;
   return rtc::LS_NONE;
 }
+
+// How the library sends a screen. A screen share probes the path now and
+// then while it is idle (application-limited), so that the bandwidth
+// estimate a still screen leaves behind is still the link's when a whole new
+// page comes; and the pacer lets no frame wait in its queue much longer than
+// 10 ms, so that a large frame leaves at once rather than spread over tens of
+// milliseconds at the estimate (the estimate still shapes the frames' sizes
+// through the encoder's rate). The figures of the screen-share experiment are
+// its pacing factor, queue time limit in ms, and the ALR thresholds of the
+// library's own screen-share setting.
+constexpr const char* screenFieldTrials = "WebRTC-ProbingScreenshareBwe/2.5,10,80,40,-60,3/";
 
 WebRtcError toError(const webrtc::RTCError& error) {
   return WebRtcError(webrtc::ToString(error.type()), error.message());
@@ -76,6 +88,13 @@ void initialize() {
   static std::once_flag once;
   std::call_once(once, [] {
     rtc::LogMessage::LogToDebug(logLevelFromEnvironment());
+    // ZUL_WEBRTC_FIELD_TRIALS replaces them, for experiments. The library
+    // keeps the pointer: the text lives as long as the process.
+    static const std::string trials = [] {
+      const char* asked = std::getenv("ZUL_WEBRTC_FIELD_TRIALS");
+      return std::string(asked ? asked : screenFieldTrials);
+    }();
+    webrtc::field_trial::InitFieldTrialsFromString(trials.c_str());
     rtc::LogMessage::LogTimestamps(false);
     rtc::InitializeSSL();
   });
@@ -299,6 +318,14 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
   for (auto& encoding : parameters.encodings) encoding.max_bitrate_bps = 8'000'000;
   if (auto error = sender->SetParameters(parameters); !error.ok()) {
     return "could not keep the resolution: " + std::string(error.message());
+  }
+  // The library starts at 300 kbit/s, which makes the first picture of a
+  // 1080p screen a blur; the estimate still falls at once where the link is
+  // slower.
+  webrtc::BitrateSettings bitrates;
+  bitrates.start_bitrate_bps = startBitrateBps;
+  if (auto error = connection.SetBitrate(bitrates); !error.ok()) {
+    return "could not set the starting bit rate: " + std::string(error.message());
   }
   for (const auto& transceiver : connection.GetTransceivers()) {
     if (transceiver->sender() != sender) continue;

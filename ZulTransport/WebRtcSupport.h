@@ -98,8 +98,12 @@ void setRemoteAnswer(webrtc::PeerConnectionInterface& connection, const std::str
 std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
                                                webrtc::PeerConnectionInterface& connection);
 
+// Where the bandwidth estimate of a new connection starts.
+inline constexpr int startBitrateBps = 2'000'000;
+
 // Adds a video track with id "zul-video0" in stream "zul-stream0" and puts
-// H.264 first among its codecs (the default factory offers VP8 first).
+// H.264 first among its codecs (the default factory offers VP8 first); the
+// connection's estimate starts at startBitrateBps.
 // Returns a problem text, or nothing.
 std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface& factory,
                                          webrtc::PeerConnectionInterface& connection,

@@ -3,7 +3,9 @@
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
+#include <random>
 #include <stdexcept>
+#include <vector>
 
 namespace zul::test {
 namespace {
@@ -56,6 +58,52 @@ void ScreenPattern::fillSquare(int x, int y, int size, Rgb colour) {
   auto* gc = static_cast<GC>(gc_);
   XSetForeground(display, gc, pixelOf(colour));
   XFillRectangle(display, window_, gc, x, y, size, size);
+  XSync(display, False);
+}
+
+void ScreenPattern::paintScreen(unsigned seed) {
+  auto* display = static_cast<Display*>(display_);
+  auto* gc = static_cast<GC>(gc_);
+  std::mt19937 random(seed);
+  XSetForeground(display, gc, random() & 0xffffff);
+  XFillRectangle(display, window_, gc, 0, 0, width_, height_);
+  for (int i = 0; i < 300; ++i) {
+    const int w = 40 + int(random() % 360), h = 20 + int(random() % 200);
+    XSetForeground(display, gc, random() & 0xffffff);
+    XFillRectangle(display, window_, gc, int(random() % unsigned(width_)) - w / 2,
+                   int(random() % unsigned(height_)) - h / 2, w, h);
+  }
+  XSync(display, False);
+}
+
+void ScreenPattern::paintTextPages(unsigned seed, int margin) {
+  auto* display = static_cast<Display*>(display_);
+  auto* gc = static_cast<GC>(gc_);
+  std::mt19937 random(seed);
+  XSetForeground(display, gc, 0xffffff);
+  XFillRectangle(display, window_, gc, margin, 0, width_ - margin, height_);
+  std::vector<XRectangle> glyphs;
+  const int pageWidth = (width_ - margin) / 2 - 24;
+  for (int page = 0; page < 2; ++page) {
+    const int left = margin + 12 + page * (pageWidth + 24);
+    for (int y = 16; y + 12 < height_ - 8; y += 18) {
+      for (int x = left; x < left + pageWidth - 10;) {
+        const int letters = 2 + int(random() % 8);
+        for (int l = 0; l < letters && x < left + pageWidth - 10; ++l) {
+          const int w = 5 + int(random() % 4), h = 7 + int(random() % 5);
+          glyphs.push_back({short(x), short(y + 11 - h), static_cast<unsigned short>(w),
+                            static_cast<unsigned short>(h)});
+          x += w + 2;
+        }
+        x += 6;
+      }
+    }
+  }
+  XSetForeground(display, gc, 0x202020);
+  for (std::size_t at = 0; at < glyphs.size(); at += 4000) {
+    XFillRectangles(display, window_, gc, glyphs.data() + at,
+                    int(std::min<std::size_t>(4000, glyphs.size() - at)));
+  }
   XSync(display, False);
 }
 

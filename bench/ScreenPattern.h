@@ -24,6 +24,13 @@ class ScreenPattern {
   void show(const std::array<Rgb, 4>& quadrants);
   // Paints one small square (for latency probes) and waits for the server.
   void fillSquare(int x, int y, int size, Rgb colour);
+  // A whole new screen: a page of large blocks in many colours (`seed`
+  // picks which), painted in one go; waits for the server.
+  void paintScreen(unsigned seed);
+  // Two pages of text-like content: lines of small glyph-like blocks in dark
+  // ink on white, left of the middle and right of it, beside a margin of
+  // `margin` pixels that stays as it is; `seed` picks the text.
+  void paintTextPages(unsigned seed, int margin);
   int width() const { return width_; }
   int height() const { return height_; }
 

@@ -2,7 +2,9 @@
 // (ScreenCaptureSource + LibavH264Encoder) against ffmpeg (x11grab + libx264,
 // ultrafast, zerolatency, baseline) on the same screen in the same run.
 //
-//   zul-capture-encode-bench [--seconds N] [--size WxH]...
+//   zul-capture-encode-bench [--seconds N] [--size WxH]... [--fps N]
+//
+// --fps: the rate both pipelines are asked for (60 by default, the agent's).
 //
 // Figures per size: how soon a change on a still screen reaches the capture's
 // consumer (median and p99); achieved frames per second, per-frame latency of capture
@@ -168,6 +170,9 @@ int paint(const std::string& displayName, int width, int height) {
   }
 }
 
+// The frame rate both pipelines are asked for.
+int askedFps = 60;
+
 struct Figures {
   std::string label;
   double fps = 0;
@@ -187,7 +192,7 @@ Figures runOurs(const Xvfb& server, int width, int height, int seconds) {
   encoder.configure(zul::VideoEncoderSettings{.codec = zul::VideoCodec::h264,
                                               .width = width,
                                               .height = height,
-                                              .framesPerSecond = 30,
+                                              .framesPerSecond = askedFps,
                                               .bitrateKbps = bitrateFor(width, height),
                                               .hardwareRequired = false,
                                               .lowLatency = true,
@@ -213,8 +218,8 @@ Figures runOurs(const Xvfb& server, int width, int height, int seconds) {
   source.start(zul::CaptureOptions{.displayIndex = 0,
                                    .width = width,
                                    .height = height,
-                                   .framesPerSecond = 30,
-                                   .idleFramesPerSecond = 30});
+                                   .framesPerSecond = askedFps,
+                                   .idleFramesPerSecond = askedFps});
   // Counted from the first frame, as ffmpeg's -t counts from its first.
   const auto started = Clock::now();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
@@ -262,7 +267,7 @@ Percentiles changeToFrame(const Xvfb& server, int changes) {
     }
   });
   source.start(zul::CaptureOptions{
-      .displayIndex = 0, .width = 0, .height = 0, .framesPerSecond = 30, .idleFramesPerSecond = 2});
+      .displayIndex = 0, .width = 0, .height = 0, .framesPerSecond = askedFps, .idleFramesPerSecond = 2});
   std::vector<double> latencies;
   for (int i = 0; i < changes; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(120 + (i * 37) % 150));
@@ -341,7 +346,7 @@ Figures runFfmpeg(const Xvfb& server, int width, int height, int seconds) {
   pid_t pid = spawn({"ffmpeg",       "-nostdin",
                      "-hide_banner", "-benchmark_all",
                      "-f",           "x11grab",
-                     "-framerate",   "30",
+                     "-framerate",   std::to_string(askedFps),
                      "-video_size",  size,
                      "-i",           server.display,
                      "-t",           std::to_string(seconds),
@@ -439,16 +444,18 @@ int main(int argc, char** argv) {
     } else if (arg == "--size" && i + 1 < argc) {
       int w = 0, h = 0;
       if (std::sscanf(argv[++i], "%dx%d", &w, &h) == 2 && w > 0 && h > 0) sizes.emplace_back(w, h);
+    } else if (arg == "--fps" && i + 1 < argc) {
+      askedFps = std::clamp(std::atoi(argv[++i]), 1, 240);
     } else {
-      std::fprintf(stderr, "usage: %s [--seconds N] [--size WxH]...\n", argv[0]);
+      std::fprintf(stderr, "usage: %s [--seconds N] [--size WxH]... [--fps N]\n", argv[0]);
       return 2;
     }
   }
   if (sizes.empty()) sizes = {{1280, 720}, {1920, 1080}};
   std::setvbuf(stdout, nullptr, _IONBF, 0);
   std::printf(
-      "capture -> convert -> encode, 30 fps asked, %d s per pipeline, Xvfb with moving content\n",
-      seconds);
+      "capture -> convert -> encode, %d fps asked, %d s per pipeline, Xvfb with moving content\n",
+      askedFps, seconds);
   std::printf("%-10s %-36s %6s %8s %8s %8s %8s %10s %9s\n", "size", "pipeline", "fps", "cap p50",
               "cap p99", "enc p50", "enc p99", "cpu ms/fr", "X ms/fr");
 

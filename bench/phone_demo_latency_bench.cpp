@@ -1,12 +1,17 @@
-// The phone's view of the LAN phone demo, on private X screens of 1280x720
-// and 1920x1080 with headless Chromium as the phone, 30 frames per second
-// asked: glass-to-glass latency (a change drawn on the screen until the
-// browser's decoded frame shows it, median and 95th percentile), then, while
+// The phone's view of the agent, on private X screens of 1280x720 and
+// 1920x1080 with headless Chromium as the phone: glass-to-glass latency (a
+// change drawn on the screen until the browser's decoded frame shows it;
+// median, 95th percentile and worst) for three kinds of change: a small
+// square, a whole new screen, and two new pages of text-like content (many
+// small glyph-like blocks), with the bytes that reached the phone from the
+// change until it showed. First through the LAN phone demo, then through the
+// real agent (rendezvous server, a paired phone page in session). Then, while
 // the screen moves without pause, the decoded resolution and frame rate and
-// the agent's CPU time per streamed frame, beside ffmpeg's x11grab + libx264
+// the demo's CPU time per streamed frame, beside ffmpeg's x11grab + libx264
 // (ultrafast, zerolatency, baseline) grabbing the same moving screen.
 //
 //   zul-phone-demo-latency-bench [--changes N] [--size WxH]... [--netem]
+//                                [--only demo|agent]
 //
 // --netem puts the agent in a network namespace of its own behind a veth pair
 // limited to 4 Mbit/s with 25 ms of delay each way (50 ms round trip; a
@@ -22,6 +27,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -48,13 +54,32 @@ double wallMs() {
 }
 
 // In the page: watch every presented video frame and note, in wall-clock
-// milliseconds, when the probe square turns bright or dark.
+// milliseconds, when the probe square turns bright or dark; probeBytes() are
+// the video bytes received so far (the browser renews its statistics at most
+// every 50 ms). PEER is the page's peer connection.
 constexpr const char* installProbe = R"js((() => {
   const v = document.getElementById("video");
   const c = document.createElement("canvas");
   c.width = 8; c.height = 8;
   const g = c.getContext("2d", { willReadFrequently: true });
-  window.probe = { want: null, resolve: null };
+  window.probe = { want: null, resolve: null, bytesBefore: 0 };
+  window.probeLosses = async () => {
+    const out = { lost: 0, nacks: 0, plis: 0, keyFrames: 0 };
+    (await (PEER).getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") {
+        out.lost = s.packetsLost || 0; out.nacks = s.nackCount || 0;
+        out.plis = s.pliCount || 0; out.keyFrames = s.keyFramesDecoded || 0;
+      }
+    });
+    return out;
+  };
+  window.probeBytes = async () => {
+    let b = 0;
+    (await (PEER).getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") b = s.bytesReceived || 0;
+    });
+    return b;
+  };
   const onFrame = () => {
     if (probe.want !== null && v.videoWidth) {
       const sx = Math.floor(v.videoWidth * 64 / SCREEN_W), sy = Math.floor(v.videoHeight * 64 / SCREEN_H);
@@ -72,6 +97,76 @@ constexpr const char* installProbe = R"js((() => {
   v.requestVideoFrameCallback(onFrame);
   return true;
 })())js";
+
+// The kinds of change the phone is timed on.
+enum class Content { square, screen, text };
+constexpr Content contents[] = {Content::square, Content::screen, Content::text};
+const char* nameOf(Content c) {
+  return c == Content::square ? "square 96px" : c == Content::screen ? "whole screen" : "text pages";
+}
+
+// Glass-to-glass figures of one kind of change.
+struct Changes {
+  std::vector<double> ms;  // sorted
+  std::vector<double> kb;  // sorted: kilobytes received from the change until it showed
+  nlohmann::json losses;   // packets lost, NACKs and PLIs sent, key frames while changing
+  static double at(const std::vector<double>& v, double q) {
+    return v.empty() ? 0 : v[std::min(v.size() - 1, std::size_t(q * double(v.size())))];
+  }
+};
+
+// Draws `changes` changes of each kind on the screen and times them in the
+// page's video, which `peer` (a JavaScript expression) sends through.
+std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& page,
+                                 zul::test::ScreenPattern& pattern, int changes,
+                                 const std::string& peer) {
+  std::string probe = installProbe;
+  for (auto [name, value] : {std::pair{"SCREEN_W", pattern.width()}, {"SCREEN_H", pattern.height()}}) {
+    probe.replace(probe.find(name), std::string(name).size(), std::to_string(value));
+  }
+  for (auto at = probe.find("PEER"); at != std::string::npos; at = probe.find("PEER", at)) {
+    probe.replace(at, 4, peer);
+  }
+  browser.evaluate(page, probe);
+  std::vector<Changes> out;
+  std::mt19937 random(7);
+  std::uniform_int_distribution<int> gap(150, 350);
+  for (const Content content : contents) {
+    Changes figures;
+    pattern.fillSquare(32, 32, 96, Rgb{40, 40, 40});
+    std::this_thread::sleep_for(400ms);
+    const auto lossesBefore = browser.evaluate(page, "probeLosses()");
+    for (int i = 0; i < changes; ++i) {
+      const bool bright = i % 2 == 0;
+      browser.evaluate(page, std::string("(async () => { probe.bytesBefore = await probeBytes(); "
+                                         "probe.want = '") +
+                                 (bright ? "bright" : "dark") +
+                                 "'; window.seen = new Promise((r) => probe.resolve = r); "
+                                 "return true; })()");
+      const double drawnAt = wallMs();
+      if (content == Content::screen) pattern.paintScreen(unsigned(i + 1));
+      if (content == Content::text) pattern.paintTextPages(unsigned(i + 1), 160);
+      pattern.fillSquare(32, 32, 96, bright ? Rgb{240, 240, 240} : Rgb{40, 40, 40});
+      figures.ms.push_back(browser.evaluate(page, "window.seen", 10s).get<double>() - drawnAt);
+      // The frame that carried the change, and on the still screen after it
+      // little else, once the browser's statistics are fresh.
+      std::this_thread::sleep_for(100ms);
+      figures.kb.push_back(
+          browser.evaluate(page, "probeBytes().then((b) => b - probe.bytesBefore)").get<double>() /
+          1000);
+      std::this_thread::sleep_for(std::chrono::milliseconds(gap(random)));
+    }
+    const auto lossesAfter = browser.evaluate(page, "probeLosses()");
+    for (const char* key : {"lost", "nacks", "plis", "keyFrames"}) {
+      figures.losses[key] = lossesAfter[key].get<int>() - lossesBefore[key].get<int>();
+    }
+    std::sort(figures.ms.begin(), figures.ms.end());
+    std::sort(figures.kb.begin(), figures.kb.end());
+    out.push_back(std::move(figures));
+  }
+  pattern.show({Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}});
+  return out;
+}
 
 // CPU seconds (user + system) that process `pid` has used so far.
 double cpuSecondsOf(pid_t pid) {
@@ -129,7 +224,7 @@ int waitForPort(ChildProcess& agent) {
 
 struct Figures {
   std::string size;
-  std::vector<double> latencies;  // sorted
+  std::vector<Changes> changes;  // one per Content
   double decodedDuringChanges = 0;
   int width = 0, height = 0;
   double movingFps = 0;
@@ -137,14 +232,10 @@ struct Figures {
   int movingFrames = 0;
   double agentCoreShare = 0;
   double ffmpegCpuPerFrameMs = 0;
+  std::string rateLines;    // the agent's words on lowering or raising its frame rate
   std::string busyDecoded;  // a screen busier than the link: what the phone gets
   double busyFps = 0;
   double busyKbps = 0;
-  double at(double q) const {
-    return latencies.empty() ? 0
-                             : latencies[std::min(latencies.size() - 1,
-                                                  std::size_t(q * double(latencies.size())))];
-  }
 };
 
 Figures measure(int screenWidth, int screenHeight, int changes, const char* agentPath,
@@ -186,32 +277,13 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
   }
   // Under a throttle the bandwidth estimate needs a while to settle.
   if (link) keepMoving(pattern, 10);
-  std::string probe = installProbe;
-  for (auto [name, value] : {std::pair{"SCREEN_W", screenWidth}, {"SCREEN_H", screenHeight}}) {
-    probe.replace(probe.find(name), std::string(name).size(), std::to_string(value));
-  }
-  browser.evaluate(page, probe);
-
-  std::mt19937 random(7);
-  std::uniform_int_distribution<int> gap(150, 350);
   const int framesBefore = browser.evaluate(page, decoded).get<int>();
   const auto started = std::chrono::steady_clock::now();
-  for (int i = 0; i < changes; ++i) {
-    const bool bright = i % 2 == 0;
-    browser.evaluate(page, std::string("(() => { probe.want = '") + (bright ? "bright" : "dark") +
-                               "'; window.seen = new Promise((r) => probe.resolve = r); "
-                               "return true; })()");
-    const double drawnAt = wallMs();
-    pattern.fillSquare(32, 32, 96, bright ? Rgb{240, 240, 240} : Rgb{40, 40, 40});
-    const double seenAt = browser.evaluate(page, "window.seen", 10s).get<double>();
-    figures.latencies.push_back(seenAt - drawnAt);
-    std::this_thread::sleep_for(std::chrono::milliseconds(gap(random)));
-  }
+  figures.changes = timeChanges(browser, page, pattern, changes, "pc");
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   figures.decodedDuringChanges =
       (browser.evaluate(page, decoded).get<int>() - framesBefore) / seconds;
-  std::sort(figures.latencies.begin(), figures.latencies.end());
 
   // A screen that never stops moving: what the phone decodes, and what each
   // streamed frame costs the agent.
@@ -259,7 +331,7 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
   }
 
   // The reference: ffmpeg grabbing and encoding the same moving screen.
-  const int referenceFps = maxFps ? std::max(1, std::atoi(maxFps)) : 30;
+  const int referenceFps = maxFps ? std::max(1, std::atoi(maxFps)) : 60;
   const std::string ffmpeg =
       "ffmpeg -hide_banner -nostats -loglevel error -f x11grab -framerate " +
       std::to_string(referenceFps) + " -video_size " + figures.size + " -i " + xvfb.display() +
@@ -272,7 +344,101 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
   reference.join();
   figures.ffmpegCpuPerFrameMs =
       (childrenCpuSeconds() - referenceCpuBefore) * 1000 / (movingSeconds * referenceFps);
+  for (const auto& line : agent.lines()) {
+    if (line.find("video: ") != std::string::npos) figures.rateLines += "           " + line + "\n";
+  }
   return figures;
+}
+
+// The same changes through the real agent: the development rendezvous
+// server, the agent paired with the development phone page, in session.
+std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes,
+                                  const char* agentPath, const char* maxFps,
+                                  std::string& firstSecond) {
+  namespace fs = std::filesystem;
+  zul::test::XvfbServer xvfb(screenWidth, screenHeight);
+  zul::test::ScreenPattern pattern(xvfb.display());
+  pattern.show({Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}, Rgb{40, 40, 40}});
+  pattern.paintTextPages(1000, 160);  // a first picture with detail to show
+  const fs::path home = fs::temp_directory_path() / ("zul-bench-" + std::to_string(::getpid()));
+  fs::remove_all(home);
+  fs::create_directories(home / "home");
+  struct Cleanup {
+    fs::path path;
+    ~Cleanup() { fs::remove_all(path); }
+  } cleanup{home};
+
+  ChildProcess server({"node", ZUL_RENDEZVOUS_SERVER, "--dev", "--port", "0"},
+                      ChildProcess::Options{.captureStdout = true});
+  const auto listening = server.waitForLine("listening on", 30s);
+  if (!listening) throw std::runtime_error("the rendezvous server did not start");
+  const std::string port = listening->substr(listening->rfind(':') + 1);
+
+  ChildProcess::Options options;
+  options.env = {{"DISPLAY", xvfb.display()},
+                 {"ZUL_SECRET_BACKEND", "file"},
+                 {"XDG_DATA_HOME", home.string()},
+                 {"HOME", (home / "home").string()},
+                 {"ZUL_SIGNALING_URL", "http://localhost:" + port}};
+  if (maxFps) options.env["ZUL_MAX_FPS"] = maxFps;
+  options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS", "ZUL_DESKTOP"};
+  options.captureStdout = true;
+  ChildProcess agent({agentPath, "--real-agent"}, options);
+  const auto link = agent.waitForLine("zul://pair?payload=", 60s);
+  if (!link || !agent.waitForLine("connected to the server", 60s)) {
+    throw std::runtime_error("the agent did not offer pairing: " + agent.tail());
+  }
+
+  HeadlessChromium browser;
+  const std::string page = browser.openPage("http://localhost:" + port + "/phone/");
+  if (!browser.waitFor(page, "document.body?.dataset.ready === '1'", 60s)) {
+    throw std::runtime_error("the phone page did not load");
+  }
+  browser.evaluate(page, "zulPhone.pair(" + nlohmann::json(*link).dump() +
+                             ", ['view', 'control']).then(() => true)");
+  browser.evaluate(page, "zulPhone.connect({}).then(() => true)");
+  // The first second of video on a still screen of text: how many key
+  // frames and bytes made the first picture.
+  const std::string firstStats = R"js((async () => {
+    const out = { keyFrames: 0, frames: 0, bytes: 0 };
+    (await zulPhone.state.session.pc.getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") {
+        out.keyFrames = s.keyFramesDecoded || 0; out.frames = s.framesDecoded || 0;
+        out.bytes = s.bytesReceived || 0;
+      }
+    });
+    return out;
+  })())js";
+  for (int second = 1; second <= 3; second += 2) {
+    std::this_thread::sleep_for(std::chrono::seconds(second == 1 ? 1 : 2));
+    const auto first = browser.evaluate(page, firstStats);
+    firstSecond += (second == 1 ? "" : "; in 3 s: ") + std::to_string(first["keyFrames"].get<int>()) +
+                   " key frames of " + std::to_string(first["frames"].get<int>()) + " decoded, " +
+                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB";
+  }
+  if (!browser.waitFor(page, "zulPhone.videoStats().then(s => s.framesDecoded > 10)", 60s)) {
+    throw std::runtime_error("no video reached the phone: " + agent.tail());
+  }
+  return timeChanges(browser, page, pattern, changes, "zulPhone.state.session.pc");
+}
+
+std::string loadNow() {
+  std::ifstream in("/proc/loadavg");
+  std::string one;
+  in >> one;
+  return one;
+}
+
+void printChanges(const std::string& size, const char* through, const std::vector<Changes>& all) {
+  for (std::size_t k = 0; k < all.size(); ++k) {
+    const Changes& c = all[k];
+    std::printf("%-10s %-6s %-13s %7.1f %7.1f %7.1f | %7.1f %7.1f %7.1f | %d/%d/%d/%d\n",
+                size.c_str(), through, nameOf(contents[k]), Changes::at(c.ms, 0.5),
+                Changes::at(c.ms, 0.95), c.ms.empty() ? 0 : c.ms.back(), Changes::at(c.kb, 0.5),
+                Changes::at(c.kb, 0.95), c.kb.empty() ? 0 : c.kb.back(),
+                c.losses.value("lost", 0), c.losses.value("nacks", 0), c.losses.value("plis", 0),
+                c.losses.value("keyFrames", 0));
+  }
 }
 
 }  // namespace
@@ -280,6 +446,7 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
 int main(int argc, char** argv) {
   int changes = 60;
   bool netem = false;
+  std::string only;
   std::vector<std::pair<int, int>> sizes;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -291,8 +458,13 @@ int main(int argc, char** argv) {
       sizes.emplace_back(width, height);
     } else if (arg == "--netem") {
       netem = true;
+    } else if (arg == "--only" && i + 1 < argc &&
+               (std::string(argv[i + 1]) == "demo" || std::string(argv[i + 1]) == "agent")) {
+      only = argv[++i];
     } else {
-      std::fprintf(stderr, "usage: %s [--changes N] [--size WxH]... [--netem]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--changes N] [--size WxH]... [--netem] [--only demo|agent]\n",
+                   argv[0]);
       return 2;
     }
   }
@@ -304,37 +476,70 @@ int main(int argc, char** argv) {
     std::printf("phone-demo latency: skipped (no %s)\n", HeadlessChromium::program);
     return 0;
   }
-  std::printf("phone demo, %s, %s fps asked, agent %s\n",
-              netem ? "agent behind a 4 Mbit/s link" : "on loopback", maxFps ? maxFps : "30",
-              agentPath);
-  std::printf("%-10s %7s %7s %7s %7s | %-10s %7s %9s %9s %7s\n", "screen", "g2g p50", "g2g p95",
-              "g2g max", "fps", "decoded", "fps", "agent ms", "ffmpeg ms", "ratio");
-  std::printf("%-10s %7s %7s %7s %7s | %-10s %7s %9s %9s %7s\n", "", "(changes)", "", "", "(chg)",
-              "(moving)", "", "/frame", "/frame", "");
+  std::printf("%s, %s fps asked, agent %s\n",
+              netem ? "agent behind a 4 Mbit/s link" : "on loopback",
+              maxFps ? maxFps : "default", agentPath);
   int failures = 0;
+  std::vector<Figures> demo;
+  std::printf("%-10s %-6s %-13s %7s %7s %7s | %7s %7s %7s | %s\n", "screen", "via", "change",
+              "g2g p50", "p95", "max", "kB p50", "p95", "max", "lost/NACK/PLI/key");
   for (const auto& [width, height] : sizes) {
-    try {
-      const Figures f = measure(width, height, changes, agentPath, maxFps, netem);
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    if (only != "agent") {
+      try {
+        const std::string load = loadNow();
+        demo.push_back(measure(width, height, changes, agentPath, maxFps, netem));
+        printChanges(size, "demo", demo.back().changes);
+        std::printf("%-10s (load %s at the start)\n", "", load.c_str());
+      } catch (const std::exception& error) {
+        std::printf("%s demo: failed: %s\n", size.c_str(), error.what());
+        ++failures;
+      }
+      std::fflush(stdout);
+    }
+    if (only != "demo" && !netem) {
+      try {
+        const std::string load = loadNow();
+        std::string firstSecond;
+        printChanges(size, "agent",
+                     measureAgent(width, height, changes, agentPath, maxFps, firstSecond));
+        std::printf("%-10s (load %s at the start; the first second after connecting: %s)\n", "",
+                    load.c_str(), firstSecond.c_str());
+      } catch (const std::exception& error) {
+        std::printf("%s agent: failed: %s\n", size.c_str(), error.what());
+        ++failures;
+      }
+      std::fflush(stdout);
+    }
+  }
+  if (!demo.empty()) {
+    std::printf("\n%-10s %7s | %-10s %7s %9s %9s %7s %7s\n", "screen", "fps", "decoded", "fps",
+                "agent ms", "ffmpeg ms", "ratio", "core %");
+    std::printf("%-10s %7s | %-10s %7s %9s %9s %7s %7s\n", "", "(chg)", "(moving)", "", "/frame",
+                "/frame", "", "");
+    for (const Figures& f : demo) {
       const std::string decoded = std::to_string(f.width) + "x" + std::to_string(f.height);
-      std::printf("%-10s %7.1f %7.1f %7.1f %7.1f | %-10s %7.1f %9.2f %9.2f %6.2fx\n",
-                  f.size.c_str(), f.at(0.5), f.at(0.95),
-                  f.latencies.empty() ? 0 : f.latencies.back(), f.decodedDuringChanges,
-                  decoded.c_str(), f.movingFps, f.agentCpuPerFrameMs, f.ffmpegCpuPerFrameMs,
-                  f.ffmpegCpuPerFrameMs > 0 ? f.agentCpuPerFrameMs / f.ffmpegCpuPerFrameMs : 0.0);
+      std::printf("%-10s %7.1f | %-10s %7.1f %9.2f %9.2f %6.2fx %7.0f\n", f.size.c_str(),
+                  f.decodedDuringChanges, decoded.c_str(), f.movingFps, f.agentCpuPerFrameMs,
+                  f.ffmpegCpuPerFrameMs,
+                  f.ffmpegCpuPerFrameMs > 0 ? f.agentCpuPerFrameMs / f.ffmpegCpuPerFrameMs : 0.0,
+                  f.agentCoreShare);
       std::printf(
           "%-10s busy screen (random squares everywhere): decoded %s at %.1f fps, %.0f kbit/s\n",
           "", f.busyDecoded.c_str(), f.busyFps, f.busyKbps);
-      std::fflush(stdout);
-    } catch (const std::exception& error) {
-      std::printf("%dx%d: failed: %s\n", width, height, error.what());
-      ++failures;
+      std::printf("%s", f.rateLines.empty() ? "           the frame rate never changed\n"
+                                            : f.rateLines.c_str());
     }
   }
   std::printf(
       "g2g: a change drawn on the screen until Chromium presents a decoded frame showing it\n"
-      "(ms, %d changes); fps: frames Chromium decoded per second; agent and ffmpeg: CPU\n"
-      "time per streamed frame on the same moving screen (ffmpeg: x11grab + libx264\n"
-      "ultrafast/zerolatency/baseline), ratio = agent / ffmpeg\n",
+      "(ms, %d changes of each kind); kB: video bytes received from the change until 100 ms\n"
+      "after it showed (the frame that carried it, and little else on the still screen);\n"
+      "lost/NACK/PLI/key: packets lost, NACKs and PLIs the phone sent, key frames it decoded;\n"
+      "via: the LAN phone demo or the real agent with a paired phone in session; fps: frames\n"
+      "Chromium decoded per second; agent and ffmpeg: CPU time per streamed frame on the same\n"
+      "moving screen (ffmpeg: x11grab + libx264 ultrafast/zerolatency/baseline at the same\n"
+      "rate), ratio = agent / ffmpeg; core %%: the agent's share of one core while moving\n",
       changes);
   return failures == 0 ? 0 : 1;
 }

@@ -231,6 +231,7 @@ void runPhoneDemo(const PhoneDemoSettings& settings, const CaptureSourceFactory&
   options.displayIndex = 0;
   options.framesPerSecond = settings.framesPerSecond;
   options.idleFramesPerSecond = std::min(settings.framesPerSecond, idleFramesPerSecond);
+  options.adaptiveRate = settings.videoEncoding.frameRate;
   capture->start(options);
 
   try {

@@ -19,7 +19,7 @@ namespace zul {
 struct PhoneDemoSettings {
   double seconds = 300;
   std::int64_t port = 8787;
-  std::int64_t framesPerSecond = 30;  // ZUL_MAX_FPS
+  std::int64_t framesPerSecond = 60;  // ZUL_MAX_FPS
   // The encoder of the page's video; the library's own when unset.
   PeerVideoEncoding videoEncoding;
 

@@ -21,8 +21,10 @@ inline constexpr std::int64_t maxCaptureWidth = 1920;
 inline constexpr std::int64_t maxCaptureHeight = 1080;
 
 // Frames per second while the screen changes, unless ZUL_MAX_FPS asks for
-// another rate up to the highest; a still screen sends the idle rate.
-inline constexpr std::int64_t defaultFramesPerSecond = 30;
+// another rate up to the highest; the lower rate while encoding a frame takes
+// longer than that rate allows; a still screen sends the idle rate.
+inline constexpr std::int64_t defaultFramesPerSecond = 60;
+inline constexpr std::int64_t lowerFramesPerSecond = 30;
 inline constexpr std::int64_t highestFramesPerSecond = 60;
 inline constexpr std::int64_t idleFramesPerSecond = 2;
 

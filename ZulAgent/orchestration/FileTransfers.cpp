@@ -38,9 +38,8 @@ std::string sizeText(std::int64_t bytes) {
   return text;
 }
 
-// The SHA-256 of a file's first `size` bytes.
-std::string hashOf(int fd, std::int64_t size) {
-  Sha256 hash;
+// `hash` takes a file's first `size` bytes.
+void hashInto(Sha256& hash, int fd, std::int64_t size) {
   std::vector<std::uint8_t> buffer(1 << 16);
   std::int64_t at = 0;
   while (at < size) {
@@ -50,7 +49,6 @@ std::string hashOf(int fd, std::int64_t size) {
     hash.update(buffer.data(), std::size_t(n));
     at += n;
   }
-  return hash.hexDigest();
 }
 
 }  // namespace
@@ -251,11 +249,14 @@ void FileTransfers::upload(const FilesUploadRequest& request) {
     hooks_.home->removePart(folder, request.name, tagOf(request.transfer));
     throw PhoneRequestError::invalidFilesRequest();
   }
+  // The hash goes along with the pieces; a resumed upload's starts with what the part holds.
+  auto hash = std::make_shared<Sha256>();
+  hashInto(*hash, fd, held);
   {
     std::lock_guard lock(mutex_);
     Upload& upload = uploads_[request.transfer];
     if (upload.fd >= 0) ::close(upload.fd);
-    upload = {folder, request.name, request.size, held, held, fd};
+    upload = {folder, request.name, request.size, held, held, fd, std::move(hash)};
   }
   // The phone sends from what the part already holds.
   sendJson({{"type", "files.accepted"},
@@ -287,6 +288,7 @@ void FileTransfers::received(const Bytes& message) {
       if (n <= 0) throw FileAccessError::failed(upload.name, errno);
       done += std::size_t(n);
     }
+    upload.hash->update(message.data() + headerBytes, length);
     upload.written += std::int64_t(length);
     if (upload.written - upload.confirmed >= confirmEvery || upload.written == upload.size) {
       upload.confirmed = upload.written;
@@ -316,7 +318,7 @@ void FileTransfers::done(const FilesDoneRequest& request) {
     uploads_.erase(it);
   }
   const std::string tag = tagOf(request.transfer);
-  const std::string sha256 = hashOf(upload.fd, upload.size);
+  const std::string sha256 = upload.hash->hexDigest();
   ::fsync(upload.fd);
   ::close(upload.fd);
   if (sha256 != request.sha256) {

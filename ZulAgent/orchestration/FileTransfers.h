@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "ZulCore/Support/Bytes.h"
+#include "ZulCore/Support/Sha256.h"
 #include "ZulCore/Support/TaskQueue.h"
 #include "ZulPlatform/linux/files/HomeFolder.h"
 #include "ZulTransport/PhoneRequests.h"
@@ -82,6 +83,7 @@ class FileTransfers {
     std::int64_t written = 0;
     std::int64_t confirmed = 0;
     int fd = -1;
+    std::shared_ptr<Sha256> hash;  // of what is written so far
   };
   void sendJson(nlohmann::json message);
   void fail(std::uint32_t transfer, const std::exception& error);

@@ -79,37 +79,16 @@ void PhoneRequestDispatcher::dispatch(const RoutedMessage& message,
 
 void PhoneRequestDispatcher::queue(RequestQueue which, const RoutedMessage& message,
                                    std::function<void()> work) {
-  TaskQueue* queue = nullptr;
-  switch (which) {
-    case RequestQueue::pointer:
-      queue = &pointerQueue_;
-      break;
-    case RequestQueue::keyboard:
-      queue = &keyboardQueue_;
-      break;
-    case RequestQueue::element:
-      queue = &elementQueue_;
-      break;
-    case RequestQueue::clipboard:
-      queue = &clipboardQueue_;
-      break;
-    case RequestQueue::files:
-      queue = &filesQueue_;
-      break;
-    case RequestQueue::shell:
-      queue = &shellQueue_;
-      break;
-    case RequestQueue::scene:
-    case RequestQueue::display:
-    case RequestQueue::trust:
-      // The scene publisher and the display switcher queue their own work.
-      try {
-        work();
-      } catch (const std::exception& error) {
-        failed(failurePrefix(message.type), message, error);
-      }
-      return;
+  if (static_cast<std::size_t>(which) >= queues_.size()) {
+    // The scene publisher and the display switcher queue their own work.
+    try {
+      work();
+    } catch (const std::exception& error) {
+      failed(failurePrefix(message.type), message, error);
+    }
+    return;
   }
+  TaskQueue* queue = &queues_[static_cast<std::size_t>(which)];
   if (!queue->post(std::move(work))) {
     targets_.print("[input] dropped " + message.type + ": too many requests waiting");
   }
@@ -147,7 +126,8 @@ void PhoneRequestDispatcher::carryOut(const RoutedMessage& message, const PhoneR
                                           std::is_same_v<Family, ShellInputRequest> ||
                                           std::is_same_v<Family, ShellResizeRequest> ||
                                           std::is_same_v<Family, ShellCloseRequest> ||
-                                          std::is_same_v<Family, ShellAttachRequest>;
+                                          std::is_same_v<Family, ShellAttachRequest> ||
+                                          std::is_same_v<Family, ShellAckRequest>;
                    const auto& target = shell ? targets_.shells : targets_.files;
                    if (target) {
                      target(PhoneRequest(request));
@@ -252,21 +232,11 @@ void PhoneRequestDispatcher::clipboard(const RoutedMessage& message,
 }
 
 void PhoneRequestDispatcher::waitUntilIdle() {
-  pointerQueue_.waitUntilIdle();
-  keyboardQueue_.waitUntilIdle();
-  elementQueue_.waitUntilIdle();
-  clipboardQueue_.waitUntilIdle();
-  filesQueue_.waitUntilIdle();
-  shellQueue_.waitUntilIdle();
+  for (auto& queue : queues_) queue.waitUntilIdle();
 }
 
 void PhoneRequestDispatcher::shutdown() {
-  pointerQueue_.shutdown();
-  keyboardQueue_.shutdown();
-  elementQueue_.shutdown();
-  clipboardQueue_.shutdown();
-  filesQueue_.shutdown();
-  shellQueue_.shutdown();
+  for (auto& queue : queues_) queue.shutdown();
 }
 
 }  // namespace zul

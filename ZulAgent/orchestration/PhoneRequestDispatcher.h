@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -90,12 +91,9 @@ class PhoneRequestDispatcher {
   mutable std::mutex pointerMutex_;
   std::shared_ptr<PointerInputExecutor> pointer_;
   // Last: their threads end before the fields above go.
-  TaskQueue pointerQueue_{512};
-  TaskQueue keyboardQueue_{64};
-  TaskQueue elementQueue_{16};
-  TaskQueue clipboardQueue_{32};
-  TaskQueue filesQueue_{64};
-  TaskQueue shellQueue_{256};
+  // Indexed by RequestQueue: pointer, keyboard, element, clipboard, files, shell.
+  std::array<TaskQueue, kDispatcherQueues> queues_{TaskQueue{512}, TaskQueue{64}, TaskQueue{16},
+                                                   TaskQueue{32},  TaskQueue{64}, TaskQueue{256}};
 };
 
 }  // namespace zul

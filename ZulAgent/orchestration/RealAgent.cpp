@@ -10,8 +10,10 @@
 #include <utility>
 
 #include "ZulAgent/orchestration/AccessibilityScenePublisher.h"
+#include "ZulAgent/orchestration/AgentIndicator.h"
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/ClipboardSharing.h"
+#include "ZulAgent/orchestration/ConnectionQuestions.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulAgent/orchestration/FileTransfers.h"
 #include "ZulAgent/orchestration/PairingLinks.h"
@@ -51,6 +53,9 @@ RealAgentSettings RealAgentSettings::fromEnvironment() {
   settings.framesPerSecond = framesPerSecondFrom(std::getenv("ZUL_MAX_FPS"));
   if (const char* pin = std::getenv("ZUL_SERVER_CERT_SHA256"); pin && *pin) {
     settings.trustedServerCertificate = pin;
+  }
+  if (const char* ask = std::getenv("ZUL_ASK_BEFORE_CONNECTING"); ask && std::string(ask) == "1") {
+    settings.askBeforeConnecting = true;
   }
   return settings;
 }
@@ -105,7 +110,11 @@ class RealAgent {
         onStatusChanged_(onStatusChanged),
         event_(print),
         print_(verboseOutput() ? print : PrintLine([](std::string_view) {})),
-        ui_(ui) {}
+        ui_(ui),
+        // Alone, the agent's own: its notification's buttons reach it there.
+        control_(ui.control ? ui.control : std::make_shared<RealAgentControl>()) {
+    if (settings.askBeforeConnecting) control_->setAskBeforeConnecting(true);
+  }
 
   void run() {
     loadTrust();
@@ -318,6 +327,8 @@ class RealAgent {
     });
     phones_->setHostShells(ShellProcess::availableShells());
     phones_->setScreenLocked([this] { return screenLocked_.load(); });
+    phones_->setPaused([control = control_] { return control->paused(); });
+    phones_->setAdmission([this](const std::string& deviceId) { return admit(deviceId); });
     phones_->onBinaryMessage = [files = std::weak_ptr(files_)](const std::string& channel,
                                                                const Bytes& data,
                                                                const PermissionGate& permissions) {
@@ -376,8 +387,10 @@ class RealAgent {
     screen_->setCaptureFailed([this](const CaptureError& error) { desktopLost(error.what()); });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
         .start =
-            [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond](
-                std::int64_t index) { return startScreenCapture(*desktop, *screen, index, fps); },
+            [desktop = desktop_, screen = screen_, fps = settings_.framesPerSecond,
+             rate = settings_.videoEncoding.frameRate](std::int64_t index) {
+              return startScreenCapture(*desktop, *screen, index, fps, rate);
+            },
         .stop = [screen = screen_] { screen->stop(); },
         .print = print_,
         .indexOf = [desktop = desktop_](std::uint32_t displayID) -> std::optional<std::int64_t> {
@@ -427,7 +440,8 @@ class RealAgent {
   // capture resolved. The pointer then targets it at the same reference size.
   static DisplayDescriptor startScreenCapture(DesktopBackend& desktop,
                                               DesktopCaptureSource& capture, std::int64_t index,
-                                              std::int64_t framesPerSecond) {
+                                              std::int64_t framesPerSecond,
+                                              std::shared_ptr<const FrameRateChoice> rate) {
     const std::vector<DisplayDescriptor> displays = desktop.availableDisplays();
     if (index < 0 || index >= std::int64_t(displays.size())) {
       throw CaptureError::displayUnavailable(index);
@@ -439,6 +453,7 @@ class RealAgent {
     options.height = size.height;
     options.framesPerSecond = framesPerSecond;
     options.idleFramesPerSecond = zul::idleFramesPerSecond;
+    options.adaptiveRate = std::move(rate);
     capture.stop();
     capture.start(options);
     const auto resolved = capture.resolvedDisplayID();
@@ -503,6 +518,7 @@ class RealAgent {
     };
     links_->refresh();
     server_->start();
+    if (!ui_.showsIndicator) indicator_.emplace(control_, print_);
   }
 
   // Capture ended by itself: the X server or the compositor went away. On
@@ -582,14 +598,16 @@ class RealAgent {
       }
       stopIfOutputClosed();
       if (deadline && SteadyClock::now() >= *deadline) return;
-      if (ui_.control && ui_.control->stopRequested()) return;
-      if (ui_.control && ui_.control->takeSessionEnd()) {
+      if (control_->stopRequested()) return;
+      if (control_->takeSessionEnd()) {
         // The app stays away until its user connects again, and says why.
         tellPhone("sessionEnded", "the session was ended at the computer");
         *endReason_.lock() = "ended at the computer";
         phones_->endSession();
       }
-      if (ui_.control && ui_.control->takePairingRefresh()) {
+      followPause();
+      if (indicator_) indicator_->show(control_->paused(), *sessionDevice_.lock());
+      if (control_->takePairingRefresh()) {
         links_->refresh();
         continue;
       }
@@ -624,6 +642,33 @@ class RealAgent {
     event_("phone forgot this computer: " + (name.empty() ? *deviceId : name) +
            " (revoked here too)");
     trust_->noteChanges(trust_->list(), /*sayRevoked=*/false);
+    phones_->endSession();
+  }
+
+  // Asked before each connection: the person at the computer lets the phone
+  // in, or not. On that phone's connection, which waits.
+  bool admit(const std::string& deviceId) {
+    if (!control_->askBeforeConnecting()) return true;
+    const std::string name = trust_->deviceName(deviceId);
+    event_("asking at the computer whether " + name + " may connect");
+    const bool yes = ui_.askToConnect ? ui_.askToConnect(name) : questions_.ask(name);
+    event_(name + (yes ? " was let in at the computer" : " was not let in at the computer"));
+    return yes;
+  }
+
+  // Paused at the computer: every phone is kept out, and the one in session
+  // leaves, told why.
+  void followPause() {
+    const bool paused = control_->paused();
+    if (paused_ != paused) {
+      paused_ = paused;
+      event_(paused ? "paused at the computer: every phone is refused until resumed"
+                    : "resumed: phones connect again");
+      status(paused ? "paused" : "resumed");
+    }
+    if (!paused || !phones_->activeDeviceId()) return;
+    tellPhone("agentPaused", "Velto приостановлен на компьютере");
+    *endReason_.lock() = "paused at the computer";
     phones_->endSession();
   }
 
@@ -671,6 +716,8 @@ class RealAgent {
 
   void tearDown() {
     print_("stopping\u2026");
+    indicator_.reset();
+    questions_.cancelAll();
     *endReason_.lock() = "agent stopped";
     server_->stop();
     links_->stop();
@@ -698,6 +745,10 @@ class RealAgent {
   const PrintLine& event_;
   const PrintLine print_;
   const RealAgentUi& ui_;
+  const std::shared_ptr<RealAgentControl> control_;
+  bool paused_ = false;  // as the tick last saw it
+  std::optional<AgentIndicator> indicator_;
+  ConnectionQuestions questions_;
 
   std::shared_ptr<SecretBackend> secrets_;
   std::shared_ptr<const IdentityKeyStore> identity_;

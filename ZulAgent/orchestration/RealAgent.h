@@ -22,16 +22,19 @@ struct RealAgentSettings {
   // Run this long, then tear down; nothing: until SIGINT or SIGTERM.
   std::optional<double> seconds;
   // The video's frame rate while the screen changes (ZUL_MAX_FPS).
-  std::int64_t framesPerSecond = 30;
+  std::int64_t framesPerSecond = 60;
   // The encoder of the phones' video; the library's own when unset.
   PeerVideoEncoding videoEncoding;
   // One server certificate trusted by its SHA-256 fingerprint
   // (ZUL_SERVER_CERT_SHA256): a development server's own.
   std::string trustedServerCertificate;
+  // Ask before each connection of a phone without `unattended`
+  // (ZUL_ASK_BEFORE_CONNECTING=1; the setup window has its own switch).
+  bool askBeforeConnecting = false;
 
   // ZUL_SIGNALING_URL (the rendezvous server's address), ZUL_DEMO_SECONDS
   // (an unparsable or negative value counts as absent), ZUL_MAX_FPS and
-  // ZUL_SERVER_CERT_SHA256.
+  // ZUL_SERVER_CERT_SHA256, ZUL_ASK_BEFORE_CONNECTING.
   static RealAgentSettings fromEnvironment();
 };
 
@@ -44,6 +47,14 @@ class RealAgentControl {
   void requestPairingRefresh() { refresh_ = true; }
   // Ends the session of the phone in session, if any.
   void requestSessionEnd() { endSession_ = true; }
+  // Paused, the agent refuses every phone and sends the one in session
+  // away, until resumed.
+  void setPaused(bool paused) { paused_ = paused; }
+  bool paused() const { return paused_; }
+  // A phone without `unattended` waits for the person at the computer to
+  // let it in.
+  void setAskBeforeConnecting(bool ask) { ask_ = ask; }
+  bool askBeforeConnecting() const { return ask_; }
   bool stopRequested() const { return stop_; }
   bool takePairingRefresh() { return refresh_.exchange(false); }
   bool takeSessionEnd() { return endSession_.exchange(false); }
@@ -52,6 +63,8 @@ class RealAgentControl {
   std::atomic<bool> stop_{false};
   std::atomic<bool> refresh_{false};
   std::atomic<bool> endSession_{false};
+  std::atomic<bool> paused_{false};
+  std::atomic<bool> ask_{false};
 };
 
 // What a user interface adds to the real agent. Callbacks run on the agent's
@@ -61,6 +74,13 @@ struct RealAgentUi {
                      std::int64_t expiresInSeconds)>
       onPairingLink;
   std::shared_ptr<RealAgentControl> control;
+  // The interface shows the agent's state and its disconnect and pause
+  // buttons itself (a tray icon); otherwise the agent keeps a desktop
+  // notification with them while it runs, where the session has one.
+  bool showsIndicator = false;
+  // Asks the person at the computer whether the named phone may connect;
+  // false after 30 s without an answer. Unset: a desktop notification asks.
+  std::function<bool(const std::string& phoneName)> askToConnect;
 };
 
 // The real agent: identity, pairing, the peer session, screen capture, the

@@ -15,12 +15,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // While this much waits on the control channel, terminals are not read.
 constexpr std::uint64_t backedUpBytes = 1024 * 1024;
-// Output goes when this much is in, or when the first of it waited this long.
+// Output goes when this much is in, or when the first of it waited this long
+// (at once after a pause).
 constexpr std::size_t coalesceBytes = 8 * 1024;
 constexpr auto coalesceTime = std::chrono::milliseconds(4);
 // A message's raw output: base64url and the envelope stay well inside the
 // 256 KiB a browser's data channel takes.
 constexpr std::size_t outputBytes = 48 * 1024;
+// Output the phone has not drawn yet: beyond this the terminal is not read
+// (a browser's terminal drops what it cannot draw in time).
+constexpr std::uint64_t unackedBytes = 2 * 1024 * 1024;
 
 }  // namespace
 
@@ -165,12 +169,19 @@ void ShellSessions::handle(const PhoneRequest& request) {
       }
       hangUpLater({{id, shell}});
       send({{"type", "shell.closed"}, {"shell", id}, {"status", nullptr}});
+    } else if (auto* ack = std::get_if<ShellAckRequest>(&request)) {
+      if (ack->bytes > shell->acked) shell->acked = ack->bytes;
+      const std::uint64_t one = 1;
+      [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
     } else if (std::get_if<ShellAttachRequest>(&request)) {
       std::string replay;
       {
         std::lock_guard lock(mutex_);
         replay = shell->replay;
       }
+      // The phone counts what it draws from here on.
+      shell->acked = 0;
+      shell->sent = replay.size();
       for (std::size_t at = 0; at < replay.size(); at += outputBytes) {
         send({{"type", "shell.output"},
               {"shell", id},
@@ -199,9 +210,9 @@ void ShellSessions::flush(Shell& shell, bool attached) {
   if (!attached) return;  // kept in the replay for when the phone is back
   for (std::size_t at = 0; at < out.size(); at += outputBytes) {
     try {
-      send({{"type", "shell.output"},
-            {"shell", shell.id},
-            {"data", Base64Url::encode(toBytes(std::string_view(out).substr(at, outputBytes)))}});
+      const auto piece = std::string_view(out).substr(at, outputBytes);
+      send({{"type", "shell.output"}, {"shell", shell.id}, {"data", Base64Url::encode(toBytes(piece))}});
+      shell.sent += piece.size();
     } catch (const std::exception&) {
       return;  // the phone is gone: the replay has it
     }
@@ -235,7 +246,8 @@ void ShellSessions::loop() {
     std::vector<pollfd> fds{{wakeFd_, POLLIN, 0}};
     bool waiting = false;
     for (auto& shell : shells) {
-      fds.push_back({shell->process->fd(), short(backedUp ? 0 : POLLIN), 0});
+      const bool unacked = attached && shell->sent - shell->acked >= unackedBytes;
+      fds.push_back({shell->process->fd(), short(backedUp || unacked ? 0 : POLLIN), 0});
       waiting = waiting || !shell->pending.empty();
     }
     const int timeout = waiting ? int(coalesceTime.count()) : backedUp ? 5 : 500;
@@ -273,8 +285,12 @@ void ShellSessions::loop() {
           continue;
         }
       }
+      // An echo after a pause goes at once; a stream of output in fewer, larger messages.
+      const auto now = Clock::now();
       if (shell.pending.size() >= coalesceBytes ||
-          (!shell.pending.empty() && Clock::now() - shell.pendingSince >= coalesceTime)) {
+          (!shell.pending.empty() && (now - shell.pendingSince >= coalesceTime ||
+                                      now - shell.lastSent >= 4 * coalesceTime))) {
+        shell.lastSent = now;
         flush(shell, attached);
       }
     }

@@ -66,6 +66,11 @@ class ShellSessions {
     std::string replay;   // the last output, for a phone that comes back
     std::string pending;  // read and not sent yet
     std::chrono::steady_clock::time_point pendingSince;
+    std::chrono::steady_clock::time_point lastSent;  // output after a pause goes at once
+    // Output sent since the shell opened or was attached, and what the phone
+    // has drawn of it: the terminal is not read while too much is unacknowledged.
+    std::atomic<std::uint64_t> sent{0};
+    std::atomic<std::uint64_t> acked{0};
   };
   void open(const ShellOpenRequest& request);
   void loop();

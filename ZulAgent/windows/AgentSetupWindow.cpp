@@ -25,6 +25,7 @@ namespace {
 // No public rendezvous server exists yet: the field starts empty.
 constexpr const char* defaultServerURL = "";
 constexpr const char* settingsKey = "ZulSignalingURL";
+constexpr const char* askSettingsKey = "AskBeforeConnecting";
 constexpr const char* accent = "#2f6fed";
 constexpr const char* green = "#1f9d55";
 constexpr const char* neutral = "#8a8f98";
@@ -63,6 +64,7 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   auto* permissionsCard = new QFrame;
   permissionsCard->setFrameShape(QFrame::StyledPanel);
   auto* grid = new QGridLayout(permissionsCard);
+  grid->setColumnStretch(0, 1);
   // On X11 the X server of the session grants both; there is no settings
   // page, so the button explains what is missing.
   auto addRow = [this, grid](int row, const QString& title, const QString& detail,
@@ -72,6 +74,9 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
     auto* status = label("");
     grid->addWidget(status, row * 2, 1);
     *settings = new QPushButton("Открыть настройки");
+    // Its whole text, with room to spare, even when disabled; the texts at
+    // the left wrap instead.
+    (*settings)->setMinimumWidth((*settings)->sizeHint().width() + 24);
     connect(*settings, &QPushButton::clicked, this, [this, hint] { showError(hint); });
     grid->addWidget(*settings, row * 2, 2);
     return status;
@@ -101,6 +106,15 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
     }
   });
   layout->addWidget(autostart_);
+  askFirst_ = new QCheckBox("Спрашивать перед каждым подключением");
+  askFirst_->setToolTip(
+      "Телефон без доступа «Без присмотра» подключится, только когда вы разрешите это здесь");
+  askFirst_->setChecked(asksBeforeConnecting());
+  connect(askFirst_, &QCheckBox::toggled, this, [this](bool on) {
+    QSettings().setValue(askSettingsKey, on);
+    if (onAskBeforeConnecting) onAskBeforeConnecting(on);
+  });
+  layout->addWidget(askFirst_);
   pairButton_ = new QPushButton("Добавить телефон");
   pairButton_->hide();
   layout->addWidget(pairButton_);
@@ -114,6 +128,10 @@ AgentSetupWindowController::AgentSetupWindowController(Permissions permissions)
   layout->addWidget(label("Прямое зашифрованное соединение • данные экрана не хранятся в облаке",
                           "color: #8a8f98; font-size: 11px;"));
   connect(startButton_, &QPushButton::clicked, this, [this] { buttonPressed(); });
+}
+
+bool AgentSetupWindowController::asksBeforeConnecting() {
+  return QSettings().value(askSettingsKey, false).toBool();
 }
 
 std::string AgentSetupWindowController::autostartPath() {

@@ -37,6 +37,10 @@ class AgentSetupWindowController : public QWidget {
   // While the agent is online, a button opens the pairing window again with
   // a fresh link (after the person closed it).
   std::function<void()> onPairPhone;
+  // «Спрашивать перед подключением» turned on or off (remembered in the
+  // settings; off until turned on).
+  std::function<void(bool ask)> onAskBeforeConnecting;
+  static bool asksBeforeConnecting();
 
   // For tests.
   QLineEdit* serverField() const { return serverField_; }
@@ -80,6 +84,7 @@ class AgentSetupWindowController : public QWidget {
   QPushButton* startButton_;
   QPushButton* pairButton_;
   QCheckBox* autostart_;
+  QCheckBox* askFirst_;
   QProgressBar* progress_;
   QLabel* errorCallout_;
 };

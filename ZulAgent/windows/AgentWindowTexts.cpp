@@ -164,4 +164,18 @@ std::optional<std::string> pairingStatus(std::string_view status) {
   return std::nullopt;
 }
 
+std::string connectQuestion(const std::string& phoneName) {
+  return shownName(phoneName) + " хочет подключиться к этому компьютеру и управлять им. " +
+         "Без ответа за 30 секунд подключение будет отклонено.";
+}
+
+IndicatorView indicatorView(bool paused, const std::string& phoneName) {
+  if (paused) {
+    return {"Velto приостановлен", "Телефоны не подключатся, пока вы не возобновите работу", false,
+            "Возобновить"};
+  }
+  if (phoneName.empty()) return {"Velto работает", "Телефон не подключён", false, "Приостановить"};
+  return {"Velto работает", "Подключён телефон: " + shownName(phoneName), true, "Приостановить"};
+}
+
 }  // namespace zul::windows

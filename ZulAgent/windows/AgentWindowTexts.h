@@ -57,4 +57,20 @@ std::string deviceName(const TrustedDevice& device);
 // leaves the line as it is.
 std::optional<std::string> pairingStatus(std::string_view status);
 
+// The status-area indicator (a tray icon, else a lasting desktop
+// notification): whether Velto runs or is paused, which phone is connected,
+// and its buttons.
+struct IndicatorView {
+  std::string title;   // "Velto работает", "Velto приостановлен"
+  std::string detail;  // the phone connected, or why none can connect
+  bool canDisconnect = false;
+  std::string pauseLabel;  // "Приостановить" or "Возобновить"
+};
+// `phoneName`: the phone in session as the agent names it; empty: none.
+IndicatorView indicatorView(bool paused, const std::string& phoneName);
+inline constexpr const char* disconnectLabel = "Отключить телефон";
+// The question before a phone connects, when the agent asks.
+inline constexpr const char* connectQuestionTitle = "Подключение телефона";
+std::string connectQuestion(const std::string& phoneName);
+
 }  // namespace zul::windows

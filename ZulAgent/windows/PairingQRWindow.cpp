@@ -21,7 +21,7 @@ namespace zul {
 PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
     : store_(std::move(devices)) {
   setWindowTitle("Velto — Подключение");
-  resize(600, 590);
+  resize(600, 720);
   auto* layout = new QVBoxLayout(this);
   auto* heading = new QLabel("VELTO • БЕЗОПАСНОЕ СОПРЯЖЕНИЕ");
   heading->setStyleSheet("color: #8a8f98; font-size: 11px;");
@@ -34,11 +34,19 @@ PairingQRWindowController::PairingQRWindowController(TrustedDeviceStore devices)
   qr_->setAlignment(Qt::AlignCenter);
   qr_->setAccessibleName("QR-код для подключения телефона");
   layout->addWidget(qr_);
+  // A short https address that opens the phone app with the same link: a
+  // phone's camera opens it, where it cannot open the code above.
+  auto* phoneAppRow = new QHBoxLayout;
+  shortQr_ = new QLabel;
+  shortQr_->setAccessibleName("QR-код адреса приложения Velto");
+  shortQr_->hide();
+  phoneAppRow->addWidget(shortQr_);
   phoneApp_ = new QLabel;
   phoneApp_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   phoneApp_->setWordWrap(true);
   phoneApp_->hide();
-  layout->addWidget(phoneApp_);
+  phoneAppRow->addWidget(phoneApp_, 1);
+  layout->addLayout(phoneAppRow);
   status_ = new QLabel("●  Ожидание телефона");
   status_->setTextFormat(Qt::PlainText);  // a phone's name is text, never markup
   layout->addWidget(status_);
@@ -89,6 +97,10 @@ void PairingQRWindowController::show(const std::string& link, const std::string&
   code_->setText(QString::fromStdString(deviceCode_));
   // Long links make dense codes: more pixels than a short one needs.
   qr_->setPixmap(QPixmap::fromImage(qrCodeImage(link, 360)));
+  if (!shortAddress_.empty()) {
+    shortQr_->setPixmap(QPixmap::fromImage(qrCodeImage(shortAddress_, 132)));
+    shortQr_->show();
+  }
   progress_->setRange(0, int(std::max<std::int64_t>(expiresInSeconds, 1)));
   timer_.start();
   updateCountdown();
@@ -125,11 +137,21 @@ void PairingQRWindowController::endSession() {
 
 QString PairingQRWindowController::statusText() const { return status_->text(); }
 
-void PairingQRWindowController::setPhoneAppAddress(const std::string& address) {
-  phoneApp_->setText(QString::fromStdString(
-      "Нет приложения? Откройте на телефоне " + address +
-      " — это приложение Velto; «Копировать ссылку» даёт ссылку для вставки в него."));
+void PairingQRWindowController::setPhoneAppAddress(const std::string& address,
+                                                   const std::string& shortAddress) {
+  shortAddress_ = shortAddress;
+  std::string text =
+      shortAddress.empty()
+          ? "Нет приложения? Откройте на телефоне " + address +
+                " — это приложение Velto; «Копировать ссылку» даёт ссылку для вставки в него."
+          : "Камера телефона не открывает код? Наведите её на этот код или откройте " +
+                shortAddress +
+                " — приложение Velto откроется сразу с этой ссылкой. "
+                "Само приложение: " +
+                address;
+  phoneApp_->setText(QString::fromStdString(text));
   phoneApp_->setVisible(!address.empty());
+  if (shortAddress.empty()) shortQr_->hide();
 }
 
 QString PairingQRWindowController::phoneAppText() const { return phoneApp_->text(); }
@@ -151,6 +173,7 @@ void PairingQRWindowController::updateCountdown() {
     // is the link.
     qr_->setPixmap(QPixmap());
     qr_->setText("Код устарел. Нажмите «Обновить QR», чтобы получить новый.");
+    shortQr_->hide();
     link_.clear();
   }
 }

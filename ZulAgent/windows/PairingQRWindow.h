@@ -49,8 +49,10 @@ class PairingQRWindowController : public QWidget {
   // For tests.
   QString countdownText() const;
   // Where the phone app lives (the server the agent uses serves it): shown
-  // under the code, for a phone whose camera does not open the link.
-  void setPhoneAppAddress(const std::string& address);
+  // under the code, for a phone whose camera does not open the link; with a
+  // short address that opens the app with the current link (a development
+  // server keeps one), that address and its own small code.
+  void setPhoneAppAddress(const std::string& address, const std::string& shortAddress = {});
   QString phoneAppText() const;
   // Whether a code is on show (an expired one is taken away).
   bool showsCode() const;
@@ -75,6 +77,8 @@ class PairingQRWindowController : public QWidget {
   std::string deviceCode_;
   QLabel* qr_;
   QLabel* phoneApp_;
+  QLabel* shortQr_;
+  std::string shortAddress_;
   QLabel* code_;
   QLabel* countdown_;
   QLabel* status_;

@@ -3,14 +3,21 @@
 #include <signal.h>
 
 #include <QApplication>
+#include <QMessageBox>
 #include <QMetaObject>
+#include <QPushButton>
+#include <QTimer>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <thread>
 
 #include "ZulAgent/windows/AgentSetupWindow.h"
+#include "ZulAgent/windows/AgentTrayIcon.h"
+#include "ZulAgent/windows/AgentWindowTexts.h"
 #include "ZulAgent/windows/PairingQRWindow.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
@@ -60,6 +67,31 @@ void onGui(QObject* context, Action action) {
   QMetaObject::invokeMethod(context, std::move(action), Qt::QueuedConnection);
 }
 
+// Asks on the GUI thread whether the phone may connect: «Разрешить» or
+// «Отклонить» (the default), no after 30 s. Waits on the caller's thread,
+// and gives up when the agent is asked to stop.
+bool askToConnect(QObject* context, const RealAgentControl& control, const std::string& name) {
+  auto answer = std::make_shared<std::promise<bool>>();
+  auto future = answer->get_future();
+  onGui(context, [answer, name] {
+    auto* box = new QMessageBox(QMessageBox::Question, "Velto — подключение телефона",
+                                QString::fromStdString(windows::connectQuestion(name)));
+    auto* allow = box->addButton("Разрешить", QMessageBox::AcceptRole);
+    box->setDefaultButton(box->addButton("Отклонить", QMessageBox::RejectRole));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(box, &QMessageBox::finished, box,
+                     [answer, box, allow] { answer->set_value(box->clickedButton() == allow); });
+    QTimer::singleShot(std::chrono::seconds(30), box, [box] { box->reject(); });
+    box->show();
+    box->raise();
+    box->activateWindow();
+  });
+  while (future.wait_for(std::chrono::milliseconds(250)) != std::future_status::ready) {
+    if (control.stopRequested()) return false;
+  }
+  return future.get();
+}
+
 }  // namespace
 
 void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print) {
@@ -89,16 +121,45 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   QApplication::setApplicationName("zul-agent");
 
   AgentSetupWindowController setup({screenReadable, inputInjectable});
-  // The agent's own store, chosen when first used: a store that cannot be
-  // had fails the agent's start with its reason, not the windows.
-  PairingQRWindowController pairing(
-      TrustedDeviceStore(SecretStore(TrustedDeviceStore::account, deferredSecretBackend())));
+  // The agent's own store, looked for on a thread of its own (a Secret
+  // Service that does not answer takes seconds): the windows never wait for
+  // it, and a store that cannot be had fails the agent's start with its
+  // reason, not the windows.
+  std::thread findStore([] {
+    try {
+      makeSecretBackend();
+    } catch (const std::exception&) {
+      // The agent's start says why.
+    }
+  });
+  PairingQRWindowController pairing(TrustedDeviceStore(
+      SecretStore(TrustedDeviceStore::account, deferredSecretBackend(/*waitForChoice=*/false))));
   auto control = std::make_shared<RealAgentControl>();
   // The latest agent; each one first waits for the one it replaced to wind
   // down, so the window never waits for an agent that is stopping.
   std::thread agent;
 
   pairing.onEndSession = [&control] { control->requestSessionEnd(); };
+  setup.onAskBeforeConnecting = [&control](bool ask) { control->setAskBeforeConnecting(ask); };
+  // The status area, where the desktop has one: the agent then goes on with
+  // its windows closed, until quit there. Elsewhere the agent keeps a
+  // desktop notification with the same buttons.
+  std::unique_ptr<AgentTrayIcon> tray;
+  if (AgentTrayIcon::available()) {
+    tray = std::make_unique<AgentTrayIcon>(AgentTrayIcon::Actions{
+        .disconnect = [&control] { control->requestSessionEnd(); },
+        .pause = [&control](bool paused) { control->setPaused(paused); },
+        .openWindow =
+            [&setup] {
+              QWidget& window = setup;
+              window.show();
+              window.raise();
+              window.activateWindow();
+            },
+        .quit = [] { QCoreApplication::quit(); },
+    });
+    QApplication::setQuitOnLastWindowClosed(false);
+  }
   setup.onPairPhone = [&control, &pairing] {
     pairing.showWithNextLink();
     control->requestPairingRefresh();
@@ -112,11 +173,19 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   setup.show(
       [&](const std::string& url) {
         cancelAgent();  // a retry replaces the agent that is still trying
-        // The server the agent uses serves the phone app too.
-        pairing.setPhoneAppAddress(url);
+        // The server the agent uses serves the phone app too; a development
+        // server may serve it at another address and keep a short one.
+        const char* appUrl = std::getenv("ZUL_PHONE_APP_URL");
+        const char* shortUrl = std::getenv("ZUL_PAIRING_SHORT_URL");
+        pairing.setPhoneAppAddress(appUrl && *appUrl ? appUrl : url, shortUrl ? shortUrl : "");
         control = std::make_shared<RealAgentControl>();
+        control->setAskBeforeConnecting(AgentSetupWindowController::asksBeforeConnecting());
+        if (tray) {
+          control->setPaused(tray->paused());
+          tray->updateStatus("phone-left: ");
+        }
         agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
-                             previous = std::move(agent)]() mutable {
+                             trayShown = tray.get(), previous = std::move(agent)]() mutable {
           if (previous.joinable()) previous.join();
           if (control->stopRequested()) return;
           RealAgentSettings settings = RealAgentSettings::fromEnvironment();
@@ -124,6 +193,10 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           settings.videoEncoding = videoEncoding;
           RealAgentUi ui;
           ui.control = control;
+          ui.showsIndicator = trayShown != nullptr;
+          ui.askToConnect = [&setup, control](const std::string& name) {
+            return askToConnect(&setup, *control, name);
+          };
           ui.onPairingLink = [&pairing, control](const std::string& link,
                                                  const std::string& agentId, std::int64_t seconds) {
             onGui(&pairing, [&pairing, control, link, agentId, seconds] {
@@ -134,8 +207,8 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           try {
             runRealAgent(
                 settings,
-                [&setup, &pairing, control](const std::string& status) {
-                  onGui(&setup, [&setup, &pairing, control, status] {
+                [&setup, &pairing, control, trayShown](const std::string& status) {
+                  onGui(&setup, [&setup, &pairing, control, trayShown, status] {
                     // A stopped agent's last statuses are not news.
                     if (control->stopRequested()) return;
                     if (status.rfind("note: ", 0) == 0) {
@@ -144,6 +217,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
                     }
                     setup.updateTransportStatus(status);
                     pairing.updateStatus(status);
+                    if (trayShown) trayShown->updateStatus(status);
                   });
                 },
                 print, ui);
@@ -171,6 +245,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   if (agent.joinable()) agent.join();
   finished = true;
   signalWaiter.join();
+  findStore.join();
   pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
 }
 

@@ -8,20 +8,36 @@
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QTimer>
 #include <QVBoxLayout>
+#include <algorithm>
+#include <map>
 
 #include "ZulAgent/windows/AgentWindowTexts.h"
+#include "ZulCore/Trust/Iso8601.h"
 
 namespace zul {
 namespace {
 
-QString pairedAtText(const TrustedDevice& device) {
-  const auto seconds = device.pairedAt.time_since_epoch().count();
-  const QDateTime local = QDateTime::fromSecsSinceEpoch(seconds);
+QString localTimeText(UtcSeconds time) {
+  const QDateTime local = QDateTime::fromSecsSinceEpoch(time.time_since_epoch().count());
   // The window speaks Russian, whatever the system's locale.
   static const QLocale locale(QLocale::Russian, QLocale::Russia);
   return locale.toString(local.date(), "d MMMM yyyy") + " " +
          locale.toString(local.time(), "HH:mm");
+}
+
+// When each phone was last in session, from the log's session records.
+std::map<std::string, UtcSeconds> lastSessions(const AuditLog& log) {
+  std::map<std::string, UtcSeconds> last;
+  for (const auto& record : log.read()) {
+    const std::string event = record.value("event", "");
+    if (event != "session.started" && event != "session.ended") continue;
+    const auto time = parseIso8601(record.value("time", ""));
+    const std::string device = record.value("device", "");
+    if (time && !device.empty()) last[device] = std::max(last[device], *time);
+  }
+  return last;
 }
 
 // A question whose default answer, on Enter or Escape, is «Отмена»; `text`
@@ -105,13 +121,24 @@ void TrustedDevicesWindowController::refresh() {
   std::vector<TrustedDevice> devices;
   try {
     devices = store_.load();
+  } catch (const SecretStoreError& error) {
+    // Still being looked for, or not answering: asked again shortly, never
+    // waited for here. Unreadable counts as empty.
+    if (error.kind() == SecretStoreError::Case::unavailable) {
+      list_->addWidget(
+          new QLabel("Список телефонов пока недоступен: хранилище ключей не отвечает"));
+      QTimer::singleShot(2000, this, [this] {
+        if (isVisible()) refresh();
+      });
+      return;
+    }
   } catch (const std::exception&) {
-    // Unreadable counts as empty.
   }
   if (devices.empty()) {
     list_->addWidget(new QLabel("Пока нет сопряжённых телефонов"));
     return;
   }
+  const auto lastSeen = lastSessions(log_);
   for (const auto& device : windows::devicesNewestFirst(devices)) {
     auto* row = new QWidget;
     row->setObjectName(QString::fromStdString(device.deviceId));
@@ -122,9 +149,14 @@ void TrustedDevicesWindowController::refresh() {
     name->setObjectName("name");
     const bool connected =
         !device.revoked && !connectedPhone_.empty() && device.name == connectedPhone_;
-    auto* detail = new QLabel(
-        QString::fromStdString(windows::deviceDetail(device, pairedAtText(device).toStdString()) +
-                               (connected ? " · подключён сейчас" : "")));
+    QString detailText = QString::fromStdString(
+        windows::deviceDetail(device, localTimeText(device.pairedAt).toStdString()));
+    if (connected) {
+      detailText += " · подключён сейчас";
+    } else if (auto seen = lastSeen.find(device.deviceId); seen != lastSeen.end()) {
+      detailText += " · был на связи " + localTimeText(seen->second);
+    }
+    auto* detail = new QLabel(detailText);
     detail->setObjectName("detail");
     texts->addWidget(name);
     texts->addWidget(detail);

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "ZulCore/Media/CapturedFrame.h"
+#include "ZulCore/Media/FrameRateChoice.h"
 #include "ZulCore/Support/Error.h"
 
 namespace zul {
@@ -15,6 +17,9 @@ struct CaptureOptions {
   std::int64_t height = 0;
   std::int64_t framesPerSecond = 0;      // while the screen changes
   std::int64_t idleFramesPerSecond = 0;  // while nothing changes
+  // When set, the rate while the screen changes follows it as the encoder
+  // keeps up or falls behind, never above framesPerSecond.
+  std::shared_ptr<const FrameRateChoice> adaptiveRate;
 };
 
 class CaptureError : public Error {

@@ -27,6 +27,7 @@ function mounts(dev) {
     ...(dev ? [['/phone/', path.join(__dirname, '..', 'phone')]] : []),
     ['/vendor/jsqr/', path.join(ROOT, 'phone', 'node_modules', 'jsqr', 'dist')],
     ['/vendor/xterm/', path.join(ROOT, 'phone', 'node_modules', '@xterm', 'xterm')],
+    ['/vendor/hash-wasm/', path.join(ROOT, 'phone', 'node_modules', 'hash-wasm', 'dist')],
     ['/', path.join(ROOT, 'phone', 'app')],
   ];
 }
@@ -44,13 +45,14 @@ function resolveStatic(pathname, dev) {
   return null;
 }
 
-// Headers of every answer. The app loads nothing but its own files and
-// talks to rendezvous servers over TLS (plain ws/http only in development).
+// Headers of every answer. The app loads nothing but its own files (and
+// compiles hash-wasm's WebAssembly, no script text) and talks to rendezvous
+// servers over TLS (plain ws/http only in development).
 function securityHeaders(config, secure) {
   const connect = config.dev ? "'self' https: wss: http: ws:" : "'self' https: wss:";
   const headers = {
     'Content-Security-Policy': [
-      "default-src 'self'", "script-src 'self'", "style-src 'self'", "img-src 'self' data: blob:",
+      "default-src 'self'", "script-src 'self' 'wasm-unsafe-eval'", "style-src 'self'", "img-src 'self' data: blob:",
       "media-src 'self' blob:", `connect-src ${connect}`, "worker-src 'self'", "manifest-src 'self'",
       "object-src 'none'", "base-uri 'none'", "frame-ancestors 'none'", "form-action 'none'",
     ].join('; '),

@@ -410,6 +410,7 @@ test('the computer\'s notices show in words; a session ended there is not resume
   for (const [reason, shown, words] of [
     ['desktopLost', '#desktop-lost:not([hidden])', /Экран компьютера пропал/],
     ['desktopBack', '#desktop-lost[hidden]', /./],
+    ['agentPaused', '#notice:not([hidden])[data-code=computer-paused]', /Velto приостановлен/],
     ['sessionEnded', '#notice:not([hidden])[data-code=session-ended]', /Сеанс завершён на компьютере/],
   ]) {
     await page.evaluate((r) => zulApp.receive({ type: 'control.notice', reason: r, message: '' }),
@@ -447,10 +448,27 @@ test('the clipboard goes both ways between the app and the desktop, in pieces', 
 
 test('a file goes up into the upload folder and comes back down the same', async () => {
   const bytes = randomBytes(300000); // several pieces each way
+  mkdirSync(path.join(env.HOME, 'many'));
+  for (let i = 0; i < 205; i += 1) {
+    writeFileSync(path.join(env.HOME, 'many', `f${String(i).padStart(3, '0')}`), '');
+  }
+  writeFileSync(path.join(env.HOME, '.velto-hidden'), '');
   await page.locator('#open-files').tap();
   // No shell granted yet: the sheet says where the terminal is allowed.
   assert.match(await page.locator('#terminal-hint').textContent(), /разрешить на компьютере/);
-  await page.locator('#crumbs button').first().waitFor();
+  // Hidden entries on request; a large folder in pages.
+  const entry = (name) => page.locator(`#file-list button[data-name="${name}"]`);
+  await entry('many').waitFor();
+  assert.equal(await entry('.velto-hidden').count(), 0);
+  await page.locator('#files-hidden').check();
+  await entry('.velto-hidden').waitFor();
+  await entry('many').tap();
+  await page.locator('#files-more', { hasText: 'осталось 5' }).tap();
+  await entry('f204').waitFor();
+  assert.equal(await page.locator('#file-list li').count(), 205);
+  assert.ok(await page.locator('#files-more').isHidden());
+  await page.locator('#crumbs button').first().tap();
+  await entry('many').waitFor();
   await page.locator('#upload-input').setInputFiles({ name: 'velto-test.bin',
     mimeType: 'application/octet-stream', buffer: bytes });
   const ended = (kind) => page.waitForFunction((k) => zulApp.transfers().find((t) =>
@@ -468,6 +486,41 @@ test('a file goes up into the upload folder and comes back down the same', async
   assert.equal((await ended('download')).state, 'finished');
   assert.equal(download.suggestedFilename(), up.name);
   assert.ok(readFileSync(await download.path()).equals(bytes), 'the download has other bytes');
+
+  // An upload cut by a lost connection goes on from what the computer holds.
+  const big = path.join(work, 'resumed.bin');
+  writeFileSync(big, randomBytes(24 << 20));
+  await page.locator('#upload-input').setInputFiles(big);
+  const confirmed = await (await page.waitForFunction(() => zulApp.transfers().find((t) =>
+    t.name === 'resumed.bin' && t.done >= 1 << 20)?.done, null, { timeout: 60 * SECONDS })).jsonValue();
+  await page.evaluate(() => zulApp.dropConnection());
+  await connected();
+  const resumed = await (await page.waitForFunction(() => zulApp.transfers().find((t) =>
+    t.name === 'resumed.bin' && ['finished', 'failed', 'cancelled'].includes(t.state)), null,
+  { timeout: 120 * SECONDS })).jsonValue();
+  assert.equal(resumed.state, 'finished', resumed.error);
+  assert.ok(resumed.from >= confirmed, `started again at ${resumed.from}, below ${confirmed}`);
+  assert.ok(readFileSync(path.join(env.HOME, resumed.folder, resumed.name))
+    .equals(readFileSync(big)), 'the resumed upload has other bytes');
+  await page.locator('#close-files').tap();
+});
+
+test('a photo shared from another app goes to the upload folder', async () => {
+  const photo = randomBytes(5000);
+  await page.waitForFunction(() => navigator.serviceWorker.controller !== null);
+  // What the phone's share sheet posts to the manifest's share target.
+  const url = await page.evaluate(async (bytes) => {
+    const form = new FormData();
+    form.append('share-files', new File([new Uint8Array(bytes)], 'photo.jpg', { type: 'image/jpeg' }));
+    return (await fetch('share', { method: 'POST', body: form })).url;
+  }, [...photo]);
+  assert.match(url, /share-files=1/);
+  await page.goto(url);
+  const shared = await (await page.waitForFunction(() => zulApp.transfers().find((t) =>
+    t.name === 'photo.jpg' && ['finished', 'failed'].includes(t.state)), null,
+  { timeout: 60 * SECONDS })).jsonValue();
+  assert.equal(shared.state, 'finished', shared.error);
+  assert.ok(readFileSync(path.join(env.HOME, shared.folder, shared.name)).equals(photo));
   await page.locator('#close-files').tap();
 });
 
@@ -488,6 +541,16 @@ test('a terminal, once allowed at the computer, runs what is typed into it', asy
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => /^velto-42\s*$/m.test(zulApp.terminalText()), null,
     { timeout: 30 * SECONDS });
+  // A lost connection: the shell is found again, with what it wrote meanwhile.
+  await page.keyboard.type('sleep 1; echo later-$((5*5))');
+  await page.keyboard.press('Enter');
+  await page.evaluate(() => {
+    zulApp.terminal().reset();
+    zulApp.dropConnection();
+  });
+  await connected();
+  await page.waitForFunction(() => /^velto-42\s*$/m.test(zulApp.terminalText()) &&
+    /^later-25\s*$/m.test(zulApp.terminalText()), null, { timeout: 30 * SECONDS });
   await page.locator('#term-close-shell').tap();
   await page.locator('#term-host .term').waitFor({ state: 'detached' });
   await page.locator('#close-terminal').tap();

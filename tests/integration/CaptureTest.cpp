@@ -17,6 +17,7 @@
 
 #include "ZulAgent/orchestration/CaptureGeometry.h"
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
+#include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
@@ -113,9 +114,29 @@ TEST(CaptureTest, CapturesEachMonitorsPatternAtTheRequestedSize) {
     FrameLog sink;
     source.setFrameReady(std::ref(sink));
     source.start(options(c.monitor, c.requestedWidth, c.requestedHeight));
-    ASSERT_TRUE(sink.waitFor(1));
+    ASSERT_TRUE(sink.waitFor(3));  // past the damage the server reports at the start
     EXPECT_EQ(source.resolvedDisplayID(), displays[c.monitor].displayID);
+    // A small change in the first quadrant is converted alone: it shows, and
+    // the rest of the picture is the previous one's.
+    const int left = int(displays[c.monitor].originX) + 200;
+    const unsigned spot = quadrants[c.monitor][0] == kWhite ? kBlue : kWhite;
+    painter.fill(left, 200, 40, 40, spot);
+    const auto moved = sink.waitFor([&](const CapturedFrame& f) {
+      auto* s = dynamic_cast<Nv12FrameSurface*>(f.nativeSurface.get());
+      const int x = 220 * c.width / 960, y = 220 * c.height / 1080;
+      return s && std::abs(s->luma()[y * s->lumaStride() + x] - (spot == kWhite ? 255 : 29)) <= 4;
+    });
+    painter.fill(left, 200, 40, 40, quadrants[c.monitor][0]);
     source.stop();
+    ASSERT_TRUE(moved) << "the change never showed";
+    // (The library reports a monitor away from the origin as changed whole.)
+    if (c.monitor == 0) {
+      EXPECT_LT(areaOf(moved->dirtyRegions), std::int64_t(c.width) * c.height / 4);
+    }
+    for (int q = 1; q < 4; ++q) {
+      expectColour(*moved, (q % 2 * 2 + 1) * c.width / 4, (q / 2 * 2 + 1) * c.height / 4,
+                   quadrants[c.monitor][q]);
+    }
     const CapturedFrame frame = sink.frames().front();
     EXPECT_EQ(frame.width, c.width);
     EXPECT_EQ(frame.height, c.height);

@@ -49,7 +49,9 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   if (const std::string missing = GnomeSession::whyMissing(); !missing.empty()) {
     GTEST_SKIP() << missing;
   }
-  auto session = std::make_unique<GnomeSession>(std::vector<std::string>{"1920x1080", "1280x720"});
+  // The primary monitor at scale 2: windows draw twice their own size.
+  auto session =
+      std::make_unique<GnomeSession>(std::vector<std::string>{"1920x1080@2", "1280x720"});
   session->bus().startAccessibility();
 
   // The session picks the GNOME backend by itself.
@@ -65,6 +67,8 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   };
   EXPECT_EQ(geometry(displays[0]), (std::vector<std::int64_t>{0, 1920, 1080, 0, 0}));
   EXPECT_EQ(geometry(displays[1]), (std::vector<std::int64_t>{1, 1280, 720, 1920, 0}));
+  EXPECT_EQ(displays[0].elementScale, 2.0);
+  EXPECT_EQ(displays[1].elementScale, 1.0);
   EXPECT_EQ(backend->primaryDisplayID(), displays[0].displayID);
   EXPECT_NE(displays[0].displayID, displays[1].displayID);
 
@@ -111,14 +115,16 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
   }
 
   // The scene lists the window's elements; a tap in the middle of the
-  // button's rectangle (video pixels) presses it.
+  // button's rectangle (video pixels) presses it, though the window counts
+  // in half the monitor's pixels.
   auto injector = backend->makeInputInjector();
   const VideoMapping video = videoMappingFor(displays[0]);
+  const VideoMapping sceneVideo = sceneMappingFor(displays[0]);
   AccessibilitySceneSource scene(std::make_shared<AtspiAccessibilityBackend>());
   std::optional<SceneElement> button, entry;
   std::set<std::string> roles;
   for (int i = 0; i < 100 && !(button && entry); ++i) {
-    if (auto found = scene.scan(1, video, 10)) {
+    if (auto found = scene.scan(1, sceneVideo, 10)) {
       for (const auto& element : found->elements) {
         roles.insert(element.role);
         if (element.text == "Press me") button = element;
@@ -153,7 +159,8 @@ TEST(GnomeDesktopTest, CapturesTypesClicksReadsTheSceneAndSwitchesMonitorsOnHead
       << app.last;
   keyboard.sendHotkey("Ctrl+A");
   EXPECT_TRUE(app.waitFor("key a 4")) << app.last;
-  injector->movePointer({app.pad.x + app.pad.width / 2.0, app.pad.y + app.pad.height / 2.0});
+  injector->movePointer(
+      {(app.pad.x + app.pad.width / 2.0) * 2, (app.pad.y + app.pad.height / 2.0) * 2});
   injector->scroll(0, 1);
   EXPECT_TRUE(app.waitFor("scroll down")) << app.last;
   injector->setKey(keysym::shiftL, true);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace zul::test {
@@ -30,6 +31,32 @@ GnomeSession::GnomeSession(std::vector<std::string> monitors) : monitors_(std::m
 
   ChildProcess::Options& options = options_;
   options.env = environment();
+  // Scales come from a monitors.xml in mutter's configuration folder; its
+  // virtual monitors are named Meta-0, Meta-1, … by mutter.
+  std::string layout;
+  int x = 0;
+  for (std::size_t i = 0; i < monitors_.size(); ++i) {
+    std::string& monitor = monitors_[i];
+    const auto at = monitor.find('@');
+    const std::string scale = at == std::string::npos ? "1" : monitor.substr(at + 1);
+    if (at != std::string::npos) monitor.resize(at);
+    const auto by = monitor.find('x');
+    const std::string width = monitor.substr(0, by), height = monitor.substr(by + 1);
+    const std::string index = std::to_string(i);
+    layout += "<logicalmonitor><x>" + std::to_string(x) + "</x><y>0</y><scale>" + scale +
+              "</scale>" + (i == 0 ? "<primary>yes</primary>" : "") +
+              "<monitor><monitorspec><connector>Meta-" + index +
+              "</connector><vendor>MetaVendor</vendor><product>MetaVirtualMonitor</product>"
+              "<serial>0x0" +
+              index + "</serial></monitorspec><mode><width>" + width + "</width><height>" + height +
+              "</height><rate>60.000</rate></mode></monitor>"
+              "</logicalmonitor>";
+    x += std::stoi(width);
+  }
+  std::filesystem::create_directories(runtimeDir_ + "/config");
+  std::ofstream(runtimeDir_ + "/config/monitors.xml")
+      << "<monitors version=\"2\"><configuration>" << layout << "</configuration></monitors>\n";
+  options.env["XDG_CONFIG_HOME"] = runtimeDir_ + "/config";
   // mutter keeps its settings in memory: nothing of the machine's leaks in.
   options.env["GSETTINGS_BACKEND"] = "memory";
   options.unsetEnv = {"DISPLAY", "WAYLAND_DISPLAY"};

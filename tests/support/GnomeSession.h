@@ -19,7 +19,8 @@ class GnomeSession {
   // Empty when everything needed is installed, else what is missing.
   static std::string whyMissing();
 
-  // Monitors as "WxH", laid out left to right, the first primary. Points
+  // Monitors as "WxH" or "WxH@SCALE" (a whole scale mutter offers for that
+  // size), laid out left to right, the first primary. Points
   // this process's environment at the session (DISPLAY unset). Throws when
   // the session does not come up.
   explicit GnomeSession(std::vector<std::string> monitors);

@@ -15,7 +15,20 @@ FrameGate::Clock::duration intervalFor(std::int64_t framesPerSecond) {
 
 FrameGate::FrameGate(std::int64_t framesPerSecond, std::int64_t idleFramesPerSecond)
     : active_(intervalFor(framesPerSecond)),
-      idle_(std::max(intervalFor(idleFramesPerSecond), intervalFor(framesPerSecond))) {}
+      idle_(std::max(intervalFor(idleFramesPerSecond), intervalFor(framesPerSecond))),
+      idleAsked_(intervalFor(idleFramesPerSecond)) {}
+
+void FrameGate::setFramesPerSecond(std::int64_t framesPerSecond) {
+  active_ = intervalFor(framesPerSecond);
+  idle_ = std::max(idleAsked_, active_);
+}
+
+void followAdaptiveRate(FrameGate& gate, const CaptureOptions& options) {
+  if (!options.adaptiveRate) return;
+  const std::int64_t chosen = options.adaptiveRate->framesPerSecond();
+  gate.setFramesPerSecond(options.framesPerSecond > 0 ? std::min(chosen, options.framesPerSecond)
+                                                      : chosen);
+}
 
 FrameGate::Clock::time_point FrameGate::nextReadAt() const {
   if (!read_) return Clock::time_point::min();

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "ZulCore/Media/CaptureSource.h"
+
 namespace zul {
 
 // Decides when the capture loop reads the screen and whether a picture goes
@@ -27,6 +29,9 @@ class FrameGate {
   FrameGate(std::int64_t framesPerSecond, std::int64_t idleFramesPerSecond);
 
   Clock::duration activeInterval() const { return active_; }
+  // A new rate while the screen changes (the encoder fell behind or caught
+  // up); the idle rate stays, as long as it does not exceed it.
+  void setFramesPerSecond(std::int64_t framesPerSecond);
   Clock::duration idleInterval() const { return idle_; }
 
   // The screen or the pointer changed (or may have: a server that reports
@@ -52,6 +57,7 @@ class FrameGate {
  private:
   Clock::duration active_;
   Clock::duration idle_;
+  Clock::duration idleAsked_;
   bool delivered_ = false;
   bool changeNoticed_ = true;  // nothing read yet
   bool read_ = false;
@@ -60,5 +66,9 @@ class FrameGate {
   Clock::time_point lastDelivery_{};
   std::int64_t dropped_ = 0;
 };
+
+// Sets the gate's rate to what the options' adaptive rate chooses now, never
+// above their own rate; nothing without an adaptive rate.
+void followAdaptiveRate(FrameGate& gate, const CaptureOptions& options);
 
 }  // namespace zul

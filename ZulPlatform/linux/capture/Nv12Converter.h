@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "ZulCore/Media/CapturedFrame.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 
 namespace zul {
@@ -16,8 +17,17 @@ class Nv12Converter {
   // `rgbOrder`.
   void convert(const std::uint8_t* pixels, int stride, int width, int height, bool rgbOrder,
                Nv12FrameSurface& out);
+  // Converts only `rects` (in `out`'s pixels, at even coordinates, inside
+  // it, as rectsToConvert gives them); `out` holds the conversion of the
+  // previous picture everywhere else.
+  void convertRects(const std::uint8_t* pixels, int stride, int width, int height, bool rgbOrder,
+                    Nv12FrameSurface& out, const std::vector<RectPx>& rects);
 
  private:
+  // One rectangle of 32-bit pixels at the output's size into `out`.
+  void convertRect(const std::uint8_t* pixels, int stride, const RectPx& rect,
+                   Nv12FrameSurface& out);
+
   std::vector<std::uint8_t> reordered_;
   std::vector<std::uint8_t> scaled_;
   std::vector<std::uint8_t> u_;

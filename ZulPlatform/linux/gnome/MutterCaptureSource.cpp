@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "ZulPlatform/linux/capture/CaptureCallbacks.h"
+#include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12Converter.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
@@ -29,6 +30,8 @@ struct Pixels {
   int height = 0;
   int stride = 0;
   bool rgbOrder = false;
+  // What changed since the picture converted last; unknown: all of it.
+  std::optional<std::vector<RectPx>> damage;
 };
 
 std::vector<DisplayDescriptor> descriptorsOf(const std::vector<MutterMonitor>& monitors) {
@@ -78,6 +81,13 @@ struct MutterCaptureSource::Impl {
     incoming.height = picture.height;
     incoming.stride = picture.stride;
     incoming.rgbOrder = picture.rgbOrder;
+    // A picture not taken yet is replaced: its changes count for this one.
+    if (!fresh || !picture.damage || !incoming.damage) {
+      incoming.damage = fresh ? std::nullopt : picture.damage;
+    } else {
+      incoming.damage->insert(incoming.damage->end(), picture.damage->begin(),
+                              picture.damage->end());
+    }
     fresh = true;
     wake.notify_all();
   }
@@ -100,6 +110,8 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
   Nv12Converter converter;
   Pixels working;
   std::shared_ptr<Nv12FrameSurface> lastSurface;
+  int lastSourceWidth = 0, lastSourceHeight = 0;
+  Clock::time_point lastTaken{};
   auto nextSample = Clock::now();
   const auto firstPictureDeadline = Clock::now() + firstPictureTimeout;
 
@@ -130,10 +142,14 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
     bool changed = false;
     std::int64_t number = 0;
     FrameReady handler;
+    followAdaptiveRate(gate, run.options);
     {
       std::unique_lock lock(mutex);
+      // A new picture is taken at once when the active interval since the
+      // last one has passed; else at the next sample.
       wake.wait_until(lock, reportedStart ? nextSample : firstPictureDeadline, [&] {
-        return stopRequested || ended || monitorsChanged || (!reportedStart && fresh);
+        return stopRequested || ended || monitorsChanged ||
+               (fresh && (!reportedStart || Clock::now() >= lastTaken + gate.activeInterval()));
       });
       if (stopRequested) break;
       if (monitorsChanged) {
@@ -179,6 +195,8 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
         std::swap(working, incoming);
         fresh = false;
         changed = true;
+        lastTaken = now;
+        nextSample = now + gate.activeInterval();
       }
       if (working.bytes.empty()) continue;
       if (!reportedStart) {
@@ -190,11 +208,34 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
       handler = callbacks.frameReady.handler();
       gate.delivered(now);
     }
+    std::vector<RectPx> converted;
     if (changed || !lastSurface) {
-      auto surface = Nv12FrameSurface::allocate(run.width, run.height);
-      converter.convert(working.bytes.data(), working.stride, working.width, working.height,
-                        working.rgbOrder, *surface);
-      lastSurface = std::move(surface);
+      // Only what mutter says changed, where it says so and the previous
+      // picture had this size; else all of it.
+      if (lastSurface && working.damage && working.width == lastSourceWidth &&
+          working.height == lastSourceHeight) {
+        converted =
+            rectsToConvert(*working.damage, working.width, working.height, run.width, run.height);
+      }
+      if (converted.empty()) {
+        auto surface = Nv12FrameSurface::allocate(run.width, run.height);
+        converter.convert(working.bytes.data(), working.stride, working.width, working.height,
+                          working.rgbOrder, *surface);
+        lastSurface = std::move(surface);
+        converted = {RectPx{0, 0, run.width, run.height}};
+      } else {
+        // A surface nobody else holds any more is updated where it is.
+        if (lastSurface.use_count() > 1) {
+          auto surface = Nv12FrameSurface::allocate(run.width, run.height);
+          std::memcpy(surface->luma(), lastSurface->luma(),
+                      Nv12FrameSurface::bytesFor(run.width, run.height));
+          lastSurface = std::move(surface);
+        }
+        converter.convertRects(working.bytes.data(), working.stride, working.width,
+                               working.height, working.rgbOrder, *lastSurface, converted);
+      }
+      lastSourceWidth = working.width;
+      lastSourceHeight = working.height;
     }
     CapturedFrame frame{
         .sequence = number,
@@ -203,7 +244,7 @@ void MutterCaptureSource::Impl::captureLoop(Run& run) {
         .height = run.height,
         .pixelFormat = PixelFormat::nv12,
         .data = nullptr,
-        .dirtyRegions = {RectPx{0, 0, run.width, run.height}},
+        .dirtyRegions = std::move(converted),
         .isHdr = false,
         .displayIndex = run.options.displayIndex,
         .nativeSurface = lastSurface,

@@ -1,6 +1,7 @@
 #include "ZulPlatform/linux/gnome/PipeWireStream.h"
 
 #include <pipewire/pipewire.h>
+#include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 #include <spa/utils/result.h>
@@ -74,22 +75,31 @@ struct PipeWireStream::Impl {
     if (spa_format_video_raw_parse(param, &info) < 0) return;
     self->format = info;
     // Pictures in shared memory, mapped by PipeWire: no DMA-BUF, no GPU.
-    std::uint8_t buffer[256];
+    std::uint8_t buffer[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof buffer);
-    const spa_pod* params[1];
+    const spa_pod* params[2];
     params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
         &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_dataType,
         SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemFd) | (1 << SPA_DATA_MemPtr))));
-    pw_stream_update_params(self->stream, params, 1);
+    // Where each picture changed, so that only that is converted again.
+    constexpr int region = int(sizeof(spa_meta_region));
+    params[1] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+        &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
+        SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
+        SPA_POD_CHOICE_RANGE_Int(region * 16, region, region * 16)));
+    pw_stream_update_params(self->stream, params, 2);
   }
 
   static void onProcess(void* data) {
     auto* self = static_cast<Impl*>(data);
-    // Only the newest picture matters; older ones go straight back.
+    // Only the newest picture matters; older ones go straight back, and
+    // what changed in them counts as changed in it.
     pw_buffer* newest = nullptr;
+    std::optional<std::vector<RectPx>> damage = std::vector<RectPx>{};
     while (pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream)) {
       if (newest) pw_stream_queue_buffer(self->stream, newest);
       newest = buffer;
+      addDamage(buffer->buffer, damage);
     }
     if (!newest) return;
     spa_buffer* buffer = newest->buffer;
@@ -105,6 +115,7 @@ struct PipeWireStream::Impl {
       picture.pixels = static_cast<const std::uint8_t*>(plane.data) + plane.chunk->offset;
       picture.rgbOrder = self->format.format == SPA_VIDEO_FORMAT_RGBx ||
                          self->format.format == SPA_VIDEO_FORMAT_RGBA;
+      picture.damage = std::move(damage);
       const std::size_t needed = std::size_t(picture.stride) * std::size_t(picture.height);
       if (picture.width > 0 && picture.height > 0 &&
           plane.chunk->offset + needed <= plane.maxsize && self->onPicture) {
@@ -116,6 +127,28 @@ struct PipeWireStream::Impl {
       }
     }
     pw_stream_queue_buffer(self->stream, newest);
+  }
+
+  // The damage a buffer carries joins `damage`; a buffer without any makes
+  // it unknown.
+  static void addDamage(spa_buffer* buffer, std::optional<std::vector<RectPx>>& damage) {
+    auto* meta = static_cast<spa_meta*>(spa_buffer_find_meta(buffer, SPA_META_VideoDamage));
+    if (!meta) {
+      damage.reset();
+      return;
+    }
+    bool any = false;
+    spa_meta_region* region = nullptr;
+    spa_meta_for_each(region, meta) {
+      if (!spa_meta_region_is_valid(region)) break;
+      any = true;
+      if (damage) {
+        damage->push_back({region->region.position.x, region->region.position.y,
+                           std::int64_t(region->region.size.width),
+                           std::int64_t(region->region.size.height)});
+      }
+    }
+    if (!any) damage.reset();
   }
 
   static void onCoreError(void* data, uint32_t id, int, int res, const char* message) {

@@ -2,10 +2,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <vector>
 #include <memory>
 #include <string>
 
 #include "ZulCore/Support/Error.h"
+
+#include "ZulCore/Media/CapturedFrame.h"
 
 namespace zul {
 
@@ -32,6 +36,9 @@ class PipeWireStream {
     int height = 0;
     int stride = 0;
     bool rgbOrder = false;  // RGBx/RGBA bytes; else BGRx/BGRA
+    // What changed since the previous picture handed out, where the
+    // compositor says (mutter's damage metadata); unknown: all of it.
+    std::optional<std::vector<RectPx>> damage;
   };
   // The picture is valid only during the call.
   using OnPicture = std::function<void(const Picture&)>;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -54,11 +55,19 @@ bool holdsIdentity(SecretBackend& backend) {
   }
 }
 
+// A store that does not answer is not asked again for a while: each use
+// would wait for the probe's time-out.
+constexpr std::chrono::seconds kFailureKept{30};
+
 struct Memo {
   std::mutex mutex;
+  std::condition_variable chosen;
   std::string environment;
   std::shared_ptr<SecretBackend> backend;
   std::string fallbackReason;
+  bool choosing = false;
+  std::optional<SecretStoreError> failure;
+  std::chrono::steady_clock::time_point failedAt;
 };
 
 Memo& memo() {
@@ -125,10 +134,23 @@ SecretBackendChoice chooseSecretBackend(const SecretBackendCandidates& c) {
 }
 
 std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice) {
+  return makeSecretBackend(rememberChoice, /*waitForChoice=*/true);
+}
+
+std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice, bool waitForChoice) {
   Memo& m = memo();
-  std::lock_guard lock(m.mutex);
+  std::unique_lock lock(m.mutex);
   const std::string environment = environmentKey();
-  if (m.backend && m.environment == environment) return m.backend;
+  if (m.choosing && !waitForChoice) {
+    throw SecretStoreError::unavailable("the secret store is still being looked for");
+  }
+  m.chosen.wait(lock, [&] { return !m.choosing; });
+  if (m.environment == environment) {
+    if (m.backend) return m.backend;
+    if (m.failure && std::chrono::steady_clock::now() - m.failedAt < kFailureKept) {
+      throw *m.failure;
+    }
+  }
   const char* setting = std::getenv("ZUL_SECRET_BACKEND");
   SecretBackendCandidates candidates{
       .setting = setting ? setting : "",
@@ -141,41 +163,69 @@ std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice) {
       .remembered = FileSecretBackend::defaultRoot().parent_path() / "secret-store",
       .rememberChoice = rememberChoice,
   };
-  SecretBackendChoice chosen = chooseSecretBackend(candidates);
+  // The probe may take seconds: other users wait for it, or fail at once.
+  m.choosing = true;
+  lock.unlock();
+  std::optional<SecretBackendChoice> chosen;
+  std::optional<SecretStoreError> failure;
+  try {
+    chosen = chooseSecretBackend(candidates);
+  } catch (const SecretStoreError& error) {
+    failure = error;
+  } catch (...) {
+    lock.lock();
+    m.choosing = false;
+    m.chosen.notify_all();
+    throw;
+  }
+  lock.lock();
+  m.choosing = false;
+  m.chosen.notify_all();
   m.environment = environment;
-  m.backend = chosen.backend;
-  m.fallbackReason = chosen.fallbackReason;
-  return chosen.backend;
+  m.backend = chosen ? chosen->backend : nullptr;
+  m.fallbackReason = chosen ? chosen->fallbackReason : std::string();
+  m.failure = failure;
+  m.failedAt = std::chrono::steady_clock::now();
+  if (failure) throw *failure;
+  return m.backend;
 }
 
 namespace {
 
 class DeferredSecretBackend final : public SecretBackend {
  public:
-  std::string name() const override { return makeSecretBackend()->name(); }
+  // Waiting, or failing at once while another thread looks for the store.
+  explicit DeferredSecretBackend(bool waitForChoice) : waitForChoice_(waitForChoice) {}
+  std::string name() const override { return chosen()->name(); }
   std::optional<Bytes> load(const std::string& service, const std::string& account) override {
-    return makeSecretBackend()->load(service, account);
+    return chosen()->load(service, account);
   }
   void save(const std::string& service, const std::string& account, const Bytes& secret) override {
-    makeSecretBackend()->save(service, account, secret);
+    chosen()->save(service, account, secret);
   }
   void remove(const std::string& service, const std::string& account) noexcept override {
     try {
-      makeSecretBackend()->remove(service, account);
+      chosen()->remove(service, account);
     } catch (...) {
       // Removing never fails: with no store there is nothing to remove.
     }
   }
   std::unique_ptr<SecretUpdateLock> lockForUpdate(const std::string& service,
                                                   const std::string& account) override {
-    return makeSecretBackend()->lockForUpdate(service, account);
+    return chosen()->lockForUpdate(service, account);
   }
+
+ private:
+  std::shared_ptr<SecretBackend> chosen() const {
+    return makeSecretBackend(/*rememberChoice=*/true, waitForChoice_);
+  }
+  bool waitForChoice_;
 };
 
 }  // namespace
 
-std::shared_ptr<SecretBackend> deferredSecretBackend() {
-  return std::make_shared<DeferredSecretBackend>();
+std::shared_ptr<SecretBackend> deferredSecretBackend(bool waitForChoice) {
+  return std::make_shared<DeferredSecretBackend>(waitForChoice);
 }
 
 std::string describeSecretBackendChoice(const SecretBackend& backend) {

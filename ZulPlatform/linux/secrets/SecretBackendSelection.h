@@ -27,14 +27,19 @@ namespace zul {
 //                     SecretStoreError::unavailable, not the file store.
 // Any other value fails with SecretStoreError::unavailable naming the
 // allowed values. Calls with the same environment return the same backend,
-// so the windows and the agent of one process share it.
+// so the windows and the agent of one process share it; a failure is
+// repeated without asking again for 30 s. While another thread is choosing,
+// a call waits for it, or with waitForChoice false fails at once with
+// SecretStoreError::unavailable.
 std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice = true);
+std::shared_ptr<SecretBackend> makeSecretBackend(bool rememberChoice, bool waitForChoice);
 
 // A backend that makes the choice above on each use and forwards to the
 // chosen store (the same object the agent gets); a failed choice is that
 // use's error. For windows that open before the agent and must not fail
-// with it.
-std::shared_ptr<SecretBackend> deferredSecretBackend();
+// with it; with waitForChoice false, a use while the store is being looked
+// for fails at once instead of holding up the windows.
+std::shared_ptr<SecretBackend> deferredSecretBackend(bool waitForChoice = true);
 
 // One line saying which store a backend is and why it was chosen, e.g.
 // "secret store: file (/home/u/.local/share/zul-agent/secrets; no session bus ...)".

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <condition_variable>
 #include <cstdio>
 #include <future>
@@ -17,6 +18,7 @@
 
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/capture/CaptureCallbacks.h"
+#include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12Converter.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
@@ -213,6 +215,9 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   auto pool = std::make_shared<SurfacePool>(run.width, run.height);
   Nv12Converter converter;
   std::shared_ptr<Nv12FrameSurface> lastSurface;
+  // What changed on the screen since the last conversion, as the server
+  // reported it (the pointer's old and new place included).
+  webrtc::DesktopRegion damage;
   auto lastLiveness = Clock::now();
   auto lastMonitorCheck = Clock::now();
   // The pointer moves without damage (a hardware cursor draws nothing): its
@@ -234,6 +239,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       monitorsNoticed = monitorsNoticed || notices.monitors;
     };
     takeNotices();
+    followAdaptiveRate(gate, run.options);
     // Wait for the next due moment, a notice from the server or a wake-up
     // (stop, the consumer done with its frame).
     {
@@ -346,6 +352,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     std::int64_t number = 0;
     std::int64_t displayIndex = 0;
     const bool changed = !frame->updated_region().is_empty();
+    damage.AddRegion(frame->updated_region());
     {
       std::lock_guard lock(mutex);
       ++statistics.captured;
@@ -356,11 +363,37 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     }
     const bool convert = gate.contentChanged() || !lastSurface;
     const auto convertStart = Clock::now();
+    std::vector<RectPx> converted;
     if (convert) {
-      auto surface = pool->take();
-      converter.convert(frame->data(), frame->stride(), frame->size().width(),
-                        frame->size().height(), /*rgbOrder=*/false, *surface);
-      lastSurface = std::move(surface);
+      const int sourceWidth = frame->size().width(), sourceHeight = frame->size().height();
+      if (lastSurface) {
+        std::vector<RectPx> changedRects;
+        for (webrtc::DesktopRegion::Iterator it(damage); !it.IsAtEnd(); it.Advance()) {
+          const auto& r = it.rect();
+          changedRects.push_back({r.left(), r.top(), r.width(), r.height()});
+        }
+        converted = rectsToConvert(changedRects, sourceWidth, sourceHeight, run.width, run.height);
+      }
+      if (!lastSurface || converted.empty()) {
+        // The first picture, or one the server said nothing about: all of it.
+        auto surface = pool->take();
+        converter.convert(frame->data(), frame->stride(), sourceWidth, sourceHeight,
+                          /*rgbOrder=*/false, *surface);
+        lastSurface = std::move(surface);
+        converted = {RectPx{0, 0, run.width, run.height}};
+      } else {
+        // Only what changed; the rest is the previous picture's. A surface
+        // nobody else holds any more is updated where it is.
+        if (lastSurface.use_count() > 1) {
+          auto surface = pool->take();
+          const std::size_t bytes = Nv12FrameSurface::bytesFor(run.width, run.height);
+          std::memcpy(surface->luma(), lastSurface->luma(), bytes);
+          lastSurface = std::move(surface);
+        }
+        converter.convertRects(frame->data(), frame->stride(), sourceWidth, sourceHeight,
+                               /*rgbOrder=*/false, *lastSurface, converted);
+      }
+      damage.Clear();
     }
     const auto convertTime = Clock::now() - convertStart;
     gate.delivered(now);
@@ -372,7 +405,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         .height = run.height,
         .pixelFormat = PixelFormat::nv12,
         .data = nullptr,
-        .dirtyRegions = {RectPx{0, 0, run.width, run.height}},
+        .dirtyRegions = std::move(converted),
         .isHdr = false,
         .displayIndex = displayIndex,
         .nativeSurface = lastSurface,

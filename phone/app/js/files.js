@@ -3,20 +3,36 @@
 // against the SHA-256 the computer sends) and uploads (sent in pieces paced
 // by the channel's buffer, then checked there against the phone's SHA-256).
 // An upload cut off by a lost connection goes on after the next hello from
-// the offset the computer already holds.
+// the offset the computer already holds. SHA-256 is worked out piece by
+// piece as the bytes go by, so no file is ever held whole for it.
+
 
 const PIECE = 65523; // data bytes a binary message may carry
 const HEADER = 13; // byte 2, the transfer (4), the offset (8)
 const LOW = 1 << 20; // the channel's send buffer is topped up below this
+const READ = 16 * PIECE; // bytes of a file read at once
+const PAGE = 200; // a folder's entries asked at once
 const decoder = new TextDecoder();
 
-export async function sha256Hex(bytes) {
-  const digest = new Uint8Array(await crypto.subtle.digest('SHA-256', bytes));
-  return Array.from(digest, (b) => b.toString(16).padStart(2, '0')).join('');
+// A fresh incremental SHA-256 (hash-wasm's, served under /vendor/; Web Crypto
+// hashes only whole buffers).
+let hashWasm;
+function sha256() {
+  hashWasm ??= new Promise((resolve, reject) => {
+    const script = document.createElement('script');
+    script.src = new URL('vendor/hash-wasm/sha256.umd.min.js', document.baseURI).href;
+    script.onload = () => resolve(globalThis.hashwasm);
+    script.onerror = () => {
+      hashWasm = null;
+      reject(new Error('hash-wasm did not load'));
+    };
+    document.head.append(script);
+  });
+  return hashWasm.then((module) => module.createSHA256());
 }
 
 // Events (CustomEvent detail):
-//   listing  { path, entries, uploadFolder, total }
+//   listing  { path, offset, entries, uploadFolder, total }
 //   transfer { transfer } – one transfer changed (state, done bytes, error)
 //   saved    { name, blob } – a checked download, to be saved
 export class RemoteFiles extends EventTarget {
@@ -35,8 +51,9 @@ export class RemoteFiles extends EventTarget {
     return this.session.send('files', message);
   }
 
-  list(path = '', hidden = false) {
-    return this.send({ type: 'files.list', path, hidden, offset: 0, limit: 1000 });
+  // A page of a folder's entries (folders first, then by name).
+  list(path = '', { hidden = false, offset = 0 } = {}) {
+    return this.send({ type: 'files.list', path, hidden, offset, limit: PAGE });
   }
 
   newTransfer(fields) {
@@ -54,16 +71,38 @@ export class RemoteFiles extends EventTarget {
 
   download(path, name, size = 0) {
     const transfer = this.newTransfer({ kind: 'download', path, name, size, parts: [] });
-    this.send({ type: 'files.download', transfer: transfer.number, path });
+    sha256().then((hash) => {
+      transfer.hash = hash;
+      if (transfer.state === 'starting') {
+        this.send({ type: 'files.download', transfer: transfer.number, path });
+      }
+    }, (error) => this.end(transfer, 'failed', error.message));
     return transfer;
   }
 
   async upload(file, folder = '') {
     const transfer = this.newTransfer({ kind: 'upload', file, folder, name: file.name,
-      size: file.size, sent: 0, run: 0 });
-    transfer.sha256 = await sha256Hex(await file.arrayBuffer());
+      size: file.size, sent: 0, run: 0, hashed: 0 });
+    transfer.hash = await sha256();
     this.askUpload(transfer);
     return transfer;
+  }
+
+  // An upload's hash takes `data` read at `at` once every byte before it is in.
+  async hashed(transfer, at, data) {
+    while (transfer.hashed < at) { // bytes the computer had before this run
+      const end = Math.min(at, transfer.hashed + PIECE * 16);
+      const gap = new Uint8Array(await transfer.file.slice(transfer.hashed, end).arrayBuffer());
+      transfer.hash.update(gap);
+      transfer.hashed = end;
+    }
+    if (at === transfer.hashed) {
+      transfer.hash.update(data);
+      transfer.hashed += data.length;
+    }
+    if (transfer.hashed === transfer.size && !transfer.sha256) {
+      transfer.sha256 = transfer.hash.digest('hex');
+    }
   }
 
   askUpload(transfer) {
@@ -91,7 +130,8 @@ export class RemoteFiles extends EventTarget {
   resume() {
     for (const transfer of this.transfers.values()) {
       if (!['starting', 'running'].includes(transfer.state)) continue;
-      if (transfer.kind === 'upload' && transfer.sha256) {
+      if (!transfer.hash) continue; // still starting: it asks by itself
+      if (transfer.kind === 'upload') {
         transfer.run += 1;
         this.askUpload(transfer);
       } else if (transfer.kind === 'download') {
@@ -120,8 +160,14 @@ export class RemoteFiles extends EventTarget {
       if (offset !== transfer.done) return; // a piece already held (a resumed download)
       const piece = bytes.slice(HEADER);
       transfer.parts.push(piece);
+      transfer.hash.update(piece);
       transfer.done += piece.length;
-      this.changed(transfer);
+      // Progress shows a few times a second, not for every piece.
+      const now = performance.now();
+      if (now - (transfer.shownAt || 0) > 100) {
+        transfer.shownAt = now;
+        this.changed(transfer);
+      }
     }
   }
 
@@ -141,6 +187,7 @@ export class RemoteFiles extends EventTarget {
       transfer.size = m.size;
       if (m.offset !== transfer.done) {
         transfer.parts = [];
+        transfer.hash.init();
         transfer.done = 0;
       }
       transfer.state = 'running';
@@ -149,6 +196,7 @@ export class RemoteFiles extends EventTarget {
       transfer.state = 'running';
       transfer.folder = m.folder;
       transfer.done = m.offset;
+      transfer.from = m.offset; // where this run starts
       this.changed(transfer);
       this.pump(transfer, m.offset).catch(() => {});
     } else if (m.type === 'files.progress') {
@@ -170,8 +218,7 @@ export class RemoteFiles extends EventTarget {
       return;
     }
     const blob = new Blob(transfer.parts);
-    const sha256 = await sha256Hex(await blob.arrayBuffer());
-    if (blob.size !== m.size || sha256 !== m.sha256) {
+    if (blob.size !== m.size || transfer.hash.digest('hex') !== m.sha256) {
       this.end(transfer, 'failed', 'checksum');
       return;
     }
@@ -185,19 +232,26 @@ export class RemoteFiles extends EventTarget {
     const channel = this.session.channels.files;
     const live = () => transfer.run === run && channel?.readyState === 'open';
     for (let at = offset; at < transfer.size && live();) {
-      await drained(channel);
-      if (!live()) return;
-      const data = new Uint8Array(await transfer.file.slice(at, at + PIECE).arrayBuffer());
-      const message = new Uint8Array(HEADER + data.length);
-      const view = new DataView(message.buffer);
-      view.setUint8(0, 2);
-      view.setUint32(1, transfer.number);
-      view.setBigUint64(5, BigInt(at));
-      message.set(data, HEADER);
-      if (!live() || !this.session.sendBinary('files', message)) return;
-      at += data.length;
-      transfer.sent = at;
+      // Read in larger slices (each read is a trip through the browser), sent in pieces.
+      const slice = new Uint8Array(await transfer.file.slice(at, at + READ).arrayBuffer());
+      for (let i = 0; i < slice.length; i += PIECE) {
+        await drained(channel);
+        if (!live()) return;
+        const data = slice.subarray(i, i + PIECE);
+        await this.hashed(transfer, at, data);
+        const message = new Uint8Array(HEADER + data.length);
+        const view = new DataView(message.buffer);
+        view.setUint8(0, 2);
+        view.setUint32(1, transfer.number);
+        view.setBigUint64(5, BigInt(at));
+        message.set(data, HEADER);
+        if (!live() || !this.session.sendBinary('files', message)) return;
+        at += data.length;
+        transfer.sent = at;
+      }
+      if (slice.length === 0) return;
     }
+    if (live() && transfer.size === 0) await this.hashed(transfer, 0, new Uint8Array());
     if (live()) this.send({ type: 'files.done', transfer: transfer.number, sha256: transfer.sha256 });
   }
 

@@ -25,6 +25,7 @@ const app = {
   fetched: null, // { type, blob, url } last fetched from the computer
   picked: null, // a PNG Blob to send
   shared: null, // text shared from another app, for the clipboard sheet
+  sharedFiles: null, // files shared from another app, for the upload folder
   files: null, // the computer's home folder, while in session with the permission
   folder: '', // the folder the files sheet shows, relative to home
   terminals: null, // the shells, while in session with "shell" and "control"
@@ -336,29 +337,41 @@ async function openSession(computer, { replaceSession = false } = {}) {
     $('desktop-lost').hidden = !session.desktopLost;
     const withClipboard = granted.includes('clipboard') && detail.ok.host?.clipboardCopy === true;
     $('open-clipboard').hidden = !withClipboard;
-    if (!withClipboard) toggleClipboard(false);
+    if (!withClipboard) hidePanel('clipboard');
     const withFiles = granted.includes('files');
     $('open-files').hidden = !withFiles;
     if (withFiles) {
       filesReady(session, files);
     } else {
-      toggleFiles(false);
+      hidePanel('files');
     }
     const withShell = granted.includes('shell') && granted.includes('control') &&
       detail.ok.host?.shellKeyCombos === true;
     app.shellPaths = withShell && Array.isArray(detail.ok.host?.shells) ? detail.ok.host.shells : [];
     $('open-terminal').hidden = !withShell;
     $('terminal-hint').hidden = withShell;
-    if (!withShell) toggleTerminal(false);
+    if (!withShell) hidePanel('terminal');
     renderShellPaths();
     if (app.shared) {
       if (withClipboard) {
         $('clip-out').value = app.shared;
-        toggleClipboard(true);
+        showPanel('clipboard');
       } else {
         toast(t('clip-denied'));
       }
       app.shared = null;
+    }
+    if (app.sharedFiles) {
+      if (withFiles) {
+        showPanel('files');
+        for (const file of app.sharedFiles) {
+          files.upload(file, '').catch(() => filesStatus(t('tr-failed',
+            { why: filesReason('unavailable') })));
+        }
+      } else {
+        toast(t('files-denied'));
+      }
+      app.sharedFiles = null;
     }
   });
   session.addEventListener('notice', ({ detail }) => onNotice(detail.reason));
@@ -384,9 +397,7 @@ function closeSession() {
   $('open-clipboard').hidden = true;
   $('open-files').hidden = true;
   $('open-terminal').hidden = true;
-  toggleClipboard(false);
-  toggleFiles(false);
-  toggleTerminal(false);
+  showPanel(null);
   hideNotice();
 }
 
@@ -454,15 +465,20 @@ function onFailure(code) {
 }
 
 // The agent's notices. The session ended at the computer (or its screen
-// locked): no retry until the person connects again. The computer's screen
-// went away and came back.
+// locked, or Velto was paused there): no retry until the person connects
+// again. The computer's screen went away and came back.
+const ENDING_NOTICES = {
+  sessionEnded: 'session-ended',
+  computerLocked: 'computer-locked',
+  agentPaused: 'computer-paused',
+};
 function onNotice(reason) {
-  if (reason === 'sessionEnded' || reason === 'computerLocked') {
+  if (ENDING_NOTICES[reason]) {
     stopRetrying();
     app.clipboard?.cancel();
     const computer = app.computer;
     setState('closed');
-    const code = reason === 'sessionEnded' ? 'session-ended' : 'computer-locked';
+    const code = ENDING_NOTICES[reason];
     notice(t(`fail-${code}`), [
       { label: t('connect'), primary: true, action: () => openSession(computer) },
       { label: t('back'), action: () => { closeSession(); show('home'); renderHome(); } },
@@ -491,9 +507,8 @@ function onMessage(message) {
     renderMonitors(message);
   } else if (message.type === 'scene.snapshot') {
     clearTimeout(app.sceneTimer);
-    if (message.source === 'none' && app.sceneRetry) {
-      app.sceneRetry = false;
-      app.sceneTimer = setTimeout(() => requestScene(false), 700);
+    if (message.source === 'none' && app.sceneTries > 0 && !$('elements').hidden) {
+      app.sceneTimer = setTimeout(() => requestScene(app.sceneTries - 1), 1000);
       return;
     }
     app.scene = message;
@@ -547,13 +562,14 @@ function renderMonitors(message) {
 // ---- elements ---------------------------------------------------------------
 
 // Asks for the focused window's elements. A scan that found no window (focus
-// moving at that moment) or an answer that does not come is tried once more.
-function requestScene(again = true) {
+// moving at that moment, or a busy application not answering in time) or an
+// answer that does not come is tried again a few times while the list is open.
+function requestScene(tries = 5) {
   clearTimeout(app.sceneTimer);
-  app.sceneRetry = again;
+  app.sceneTries = tries;
   if (!app.session?.send('scene', { type: 'scene.request_snapshot' })) return;
   app.sceneTimer = setTimeout(() => {
-    if (!app.scene && app.sceneRetry) requestScene(false);
+    if (!app.scene && tries > 0) requestScene(tries - 1);
   }, 3000);
 }
 
@@ -600,31 +616,37 @@ function renderElements() {
   }));
 }
 
-function toggleElements(open = $('elements').hidden) {
-  $('elements').hidden = !open;
-  $('open-elements').setAttribute('aria-pressed', String(open));
-  if (open) {
-    toggleClipboard(false);
-    toggleFiles(false);
-    toggleTerminal(false);
+// ---- the sheets over the screen ---------------------------------------------------
+
+// What each sheet does as it opens; at most one is open at a time.
+const PANELS = {
+  elements: () => {
     app.scene = null;
     renderElements();
     requestScene();
+  },
+  clipboard: () => renderClipboardTypes(),
+  files: () => openFolder(app.folder),
+  terminal: () => terminalShown(),
+};
+
+// Opens the sheet `name` and closes the others (null closes them all).
+function showPanel(name) {
+  for (const panel of Object.keys(PANELS)) {
+    $(panel).hidden = panel !== name;
+    $(`open-${panel}`).setAttribute('aria-pressed', String(panel === name));
   }
+  document.body.dataset.terminal = name === 'terminal' ? 'open' : '';
+  if (name) PANELS[name]();
 }
+
+function hidePanel(name) {
+  if (!$(name).hidden) showPanel(null);
+}
+
+const togglePanel = (name) => showPanel($(name).hidden ? name : null);
 
 // ---- the clipboard ---------------------------------------------------------------
-
-function toggleClipboard(open = $('clipboard').hidden) {
-  $('clipboard').hidden = !open;
-  $('open-clipboard').setAttribute('aria-pressed', String(open));
-  if (open) {
-    toggleElements(false);
-    toggleFiles(false);
-    toggleTerminal(false);
-    renderClipboardTypes();
-  }
-}
 
 // What the computer's clipboard holds, each kind with its Fetch button.
 function renderClipboardTypes() {
@@ -774,17 +796,6 @@ async function sendClipboard() {
 
 // ---- files ---------------------------------------------------------------------
 
-function toggleFiles(open = $('files').hidden) {
-  $('files').hidden = !open;
-  $('open-files').setAttribute('aria-pressed', String(open));
-  if (open) {
-    toggleElements(false);
-    toggleClipboard(false);
-    toggleTerminal(false);
-    openFolder(app.folder);
-  }
-}
-
 // In session with the files channel open (whichever came last): what was
 // under way goes on, once per connection.
 function filesReady(session, files) {
@@ -792,7 +803,7 @@ function filesReady(session, files) {
       files.readyFor === session.pc) return;
   files.readyFor = session.pc;
   files.resume();
-  if (!$('files').hidden) files.list(app.folder);
+  if (!$('files').hidden) listFolder();
 }
 
 function filesStatus(text) {
@@ -810,7 +821,12 @@ function openFolder(folder) {
   app.folder = folder;
   filesStatus('');
   renderCrumbs();
-  app.files?.list(folder);
+  listFolder();
+}
+
+// The folder shown from its first entry, or its next page.
+function listFolder(offset = 0) {
+  app.files?.list(app.folder, { hidden: $('files-hidden').checked, offset });
 }
 
 function renderCrumbs() {
@@ -841,9 +857,16 @@ function formatSize(bytes) {
 function renderListing(listing) {
   if ((listing.path || '') !== app.folder) return;
   app.uploadFolder = listing.uploadFolder;
-  const entries = [...(listing.entries || [])].sort((a, b) =>
-    (b.folder - a.folder) || a.name.localeCompare(b.name));
-  if (entries.length === 0) {
+  const entries = listing.entries || [];
+  const offset = listing.offset || 0;
+  // A later page goes below what is shown; the computer keeps the order.
+  const shown = offset > 0 ? $('file-list').querySelectorAll('li:not(.none)').length : 0;
+  if (offset > 0 && offset !== shown) return;
+  const left = (listing.total || 0) - offset - entries.length;
+  $('files-more').hidden = left <= 0;
+  $('files-more').textContent = t('more', { left });
+  $('files-more').onclick = () => listFolder(offset + entries.length);
+  if (entries.length === 0 && offset === 0) {
     const li = document.createElement('li');
     li.className = 'none';
     li.textContent = t('emptyFolder');
@@ -852,7 +875,7 @@ function renderListing(listing) {
   }
   const format = new Intl.DateTimeFormat(document.documentElement.lang,
     { dateStyle: 'short', timeStyle: 'short' });
-  $('file-list').replaceChildren(...entries.map((entry) => {
+  const items = entries.map((entry) => {
     const li = document.createElement('li');
     const button = document.createElement('button');
     button.type = 'button';
@@ -870,7 +893,9 @@ function renderListing(listing) {
       : app.files?.download(path, entry.name, entry.size));
     li.append(button);
     return li;
-  }));
+  });
+  if (offset > 0) $('file-list').append(...items);
+  else $('file-list').replaceChildren(...items);
 }
 
 // One line per transfer: name, progress and speed, Cancel while under way.
@@ -897,7 +922,7 @@ function renderTransfer(transfer) {
   li.querySelector('.cancel').hidden = !['starting', 'running'].includes(transfer.state);
   if (transfer.kind === 'upload' && transfer.state === 'finished') {
     filesStatus(t('uploaded', { name: transfer.name, folder: transfer.folder || '~' }));
-    if (!$('files').hidden) app.files?.list(app.folder);
+    if (!$('files').hidden) listFolder();
   }
 }
 
@@ -922,14 +947,7 @@ function uploadPicked() {
 
 // ---- the terminal ---------------------------------------------------------------
 
-function toggleTerminal(open = $('terminal').hidden) {
-  $('terminal').hidden = !open;
-  $('open-terminal').setAttribute('aria-pressed', String(open));
-  document.body.dataset.terminal = open ? 'open' : '';
-  if (!open) return;
-  toggleElements(false);
-  toggleClipboard(false);
-  toggleFiles(false);
+function terminalShown() {
   $('term-status').textContent = '';
   const terminals = app.terminals;
   if (!terminals) return;
@@ -1051,27 +1069,28 @@ function wire() {
     keyboard.show(open);
     $('open-keyboard').setAttribute('aria-pressed', String(open));
   };
-  $('open-elements').onclick = () => toggleElements();
-  $('close-elements').onclick = () => toggleElements(false);
+  $('open-elements').onclick = () => togglePanel('elements');
+  $('close-elements').onclick = () => showPanel(null);
   $('refresh-elements').onclick = () => {
     app.scene = null;
     renderElements();
     requestScene();
   };
   $('element-search').oninput = renderElements;
-  $('open-clipboard').onclick = () => toggleClipboard();
-  $('close-clipboard').onclick = () => toggleClipboard(false);
+  $('open-clipboard').onclick = () => togglePanel('clipboard');
+  $('close-clipboard').onclick = () => showPanel(null);
   $('clip-copy').onclick = copyFetched;
   $('clip-send').onclick = sendClipboard;
   $('clip-file').onchange = () => pickImage($('clip-file').files[0])
     .catch(() => clipStatus(t('clip-unsupportedType')));
   $('clip-unpick').onclick = unpickImage;
-  $('open-files').onclick = () => toggleFiles();
-  $('close-files').onclick = () => toggleFiles(false);
+  $('open-files').onclick = () => togglePanel('files');
+  $('close-files').onclick = () => showPanel(null);
   $('files-refresh').onclick = () => openFolder(app.folder);
+  $('files-hidden').onchange = () => openFolder(app.folder);
   $('upload-input').onchange = uploadPicked;
-  $('open-terminal').onclick = () => toggleTerminal();
-  $('close-terminal').onclick = () => toggleTerminal(false);
+  $('open-terminal').onclick = () => togglePanel('terminal');
+  $('close-terminal').onclick = () => showPanel(null);
   $('term-new').onclick = () => {
     if (!app.terminals?.open($('term-path').value)) $('term-status').textContent = t('shell-limit');
   };
@@ -1151,19 +1170,22 @@ async function start() {
     }
     toast(t('badLink'));
   }
-  // Text shared from another app (the manifest's share target) goes to the
-  // clipboard sheet of the computer used last.
+  // What another app shared (the manifest's share target) goes to the
+  // computer used last: text to its clipboard sheet, files (kept by the
+  // service worker) to its upload folder.
   const sharedText = params.get('share-text') || params.get('share-title') || '';
   const sharedUrl = params.get('share-url') || '';
   // A shared page's text usually holds its address already.
   const shared = sharedText.includes(sharedUrl) ? sharedText
     : [sharedText, sharedUrl].filter(Boolean).join('\n');
-  if (shared) {
+  const sharedFiles = params.has('share-files') ? await takeSharedFiles() : [];
+  if (shared || sharedFiles.length) {
     history.replaceState(null, '', location.pathname);
     const last = await settings.get('lastComputer').catch(() => null);
     const computer = (last && await computers.get(last)) || (await computers.list())[0];
     if (computer) {
-      app.shared = shared;
+      app.shared = shared || null;
+      app.sharedFiles = sharedFiles.length ? sharedFiles : null;
       openSession(computer);
       document.body.dataset.ready = '1';
       return;
@@ -1173,6 +1195,24 @@ async function start() {
   await renderHome();
   show('home');
   document.body.dataset.ready = '1';
+}
+
+// The files the service worker kept from a share, taken out of its cache.
+async function takeSharedFiles() {
+  try {
+    const cache = await caches.open('zul-shared');
+    const files = [];
+    for (const request of await cache.keys()) {
+      const response = await cache.match(request);
+      const name = decodeURIComponent(response.headers.get('x-name') || 'shared');
+      files.push(new File([await response.blob()], name,
+        { type: response.headers.get('content-type') || '' }));
+      await cache.delete(request);
+    }
+    return files;
+  } catch {
+    return [];
+  }
 }
 
 // For the browser console and the tests.
@@ -1185,6 +1225,26 @@ window.zulApp = {
   retrying: () => app.retry.timer !== 0,
   // A control message as if the computer had sent it.
   receive: (message) => app.session?.onMessage('control', message),
+  // The connection cut as a lost network cuts it (for the tests).
+  dropConnection: () => {
+    app.session?.pc?.close();
+    app.session?.setState('reconnecting');
+    app.session?.emit('lost', {});
+  },
+  // The way the connection took: the selected candidate pair's protocol and types.
+  route: async () => {
+    const stats = await app.session?.pc?.getStats();
+    let route = null;
+    stats?.forEach((s) => {
+      if (s.type !== 'transport' || !s.selectedCandidatePairId) return;
+      const pair = stats.get(s.selectedCandidatePairId);
+      const [local, remote] = [stats.get(pair.localCandidateId), stats.get(pair.remoteCandidateId)];
+      route = `${local.protocol} ${local.candidateType} -> ${remote.candidateType}`;
+    });
+    return route;
+  },
+  // The xterm.js terminal shown (for the benchmark's timings).
+  terminal: () => app.terminals?.current?.term,
   // The text of the terminal shown, line by line.
   terminalText: () => {
     const buffer = app.terminals?.current?.term.buffer.active;
@@ -1194,8 +1254,8 @@ window.zulApp = {
     return lines.join('\n');
   },
   transfers: () => [...(app.files?.transfers.values() || [])].map(
-    ({ number, kind, name, folder, state, done, size, error }) =>
-      ({ number, kind, name, folder, state, done, size, error })),
+    ({ number, kind, name, folder, state, done, size, error, from }) =>
+      ({ number, kind, name, folder, state, done, size, error, from })),
 };
 
 start();

@@ -3,10 +3,13 @@
 // to the phone's width; typing goes as shell.input, the computer's output
 // comes as shell.output. After a reconnect the computer offers the shells
 // it kept (shell.sessions) and replays their recent output on shell.attach.
+// What xterm.js has drawn is acknowledged (shell.ack), so the computer sends
+// no more than the terminal can draw in time.
 
 import { b64url, unb64url } from './protocol.js';
 
 export const MOST = 4;
+const ACK_EVERY = 256 * 1024; // bytes of output drawn between two shell.ack
 const encoder = new TextEncoder();
 
 let loading;
@@ -84,7 +87,7 @@ export class Terminals extends EventTarget {
       fontFamily: 'monospace', theme: { background: '#101418' } });
     term.open(element);
     term.onData((data) => this.input(id, data));
-    const shell = { id, path, term, element };
+    const shell = { id, path, term, element, drawn: 0, acked: 0 };
     this.shells.set(id, shell);
     this.show(id);
     return shell;
@@ -157,7 +160,10 @@ export class Terminals extends EventTarget {
       this.add(m.shell, m.path, m.columns, m.rows).then(() => this.fit());
     } else if (m.type === 'shell.output') {
       const shell = this.shells.get(m.shell);
-      if (shell && typeof m.data === 'string') shell.term.write(unb64url(m.data));
+      if (shell && typeof m.data === 'string') {
+        const bytes = unb64url(m.data);
+        shell.term.write(bytes, () => this.drawn(shell, bytes.length));
+      }
     } else if (m.type === 'shell.closed') {
       this.remove(m.shell);
     } else if (m.type === 'shell.error') {
@@ -178,9 +184,18 @@ export class Terminals extends EventTarget {
     for (const { shell: id, path } of list) {
       const shell = await this.add(id, path);
       shell.term.reset();
+      shell.drawn = 0;
+      shell.acked = 0;
       this.send({ type: 'shell.attach', shell: id });
     }
     this.fit();
+  }
+
+  drawn(shell, count) {
+    shell.drawn += count;
+    if (shell.drawn - shell.acked < ACK_EVERY) return;
+    shell.acked = shell.drawn;
+    this.send({ type: 'shell.ack', shell: shell.id, bytes: shell.drawn });
   }
 
   // Every shell of a session that ended for good.

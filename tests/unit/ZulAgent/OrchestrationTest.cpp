@@ -211,11 +211,11 @@ TEST(RealAgent, ReadsItsSettingsFromTheEnvironment) {
   };
   const std::string fallback = RealAgentSettings::defaultSignalingURL;
   const Case cases[] = {
-      {nullptr, nullptr, nullptr, fallback, std::nullopt, 30},
-      {"https://rv.example", "2.5", "60", "https://rv.example", 2.5, 60},
-      {"", "ten", "fast", fallback, std::nullopt, 30},
-      {nullptr, "-1", "0", fallback, std::nullopt, 30},
-      {nullptr, "3s", "24fps", fallback, std::nullopt, 30},
+      {nullptr, nullptr, nullptr, fallback, std::nullopt, 60},
+      {"https://rv.example", "2.5", "30", "https://rv.example", 2.5, 30},
+      {"", "ten", "fast", fallback, std::nullopt, 60},
+      {nullptr, "-1", "0", fallback, std::nullopt, 60},
+      {nullptr, "3s", "24fps", fallback, std::nullopt, 60},
       {nullptr, "1e308", "99999999999999999999", fallback, 1e9, 60},  // capped, no overflow
       {nullptr, nullptr, "15", fallback, std::nullopt, 15},
       {nullptr, nullptr, "120", fallback, std::nullopt, 60},

@@ -15,6 +15,7 @@
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/DesktopBackend.h"
 #include "ZulPlatform/linux/audit/AuditLog.h"
+#include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/FrameGate.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/encoder/H264AnnexB.h"
@@ -85,6 +86,90 @@ TEST(FrameGateTest, RatesAtOrBelowZeroMeanOneSecondAndIdleNeverOutrunsActive) {
     EXPECT_EQ(gate.activeInterval(), row.active) << row.fps << "/" << row.idle;
     EXPECT_EQ(gate.idleInterval(), row.idleInterval) << row.fps << "/" << row.idle;
   }
+}
+
+// The encoder's time per frame picks the rate capture runs at: the highest
+// while a typical frame fits 80 % of its interval, the lower one beyond; back
+// up only below half of it. A lone slow key frame changes nothing. The gate
+// follows, never above the capture's own rate.
+TEST(FrameGateTest, FollowsTheRateTheEncoderKeepsUpWith) {
+  struct Row {
+    const char* what;
+    std::int64_t highest, lower, captureFps;
+    std::vector<std::pair<int, double>> frames;  // (count, ms each), in order
+    std::int64_t expected;
+    std::vector<FrameRateChoice::Change> changes;  // every change on the way
+  };
+  using C = FrameRateChoice::Change;
+  const Row rows[] = {
+      {"keeps up", 60, 30, 60, {{32, 6.0}}, 60, {}},
+      {"one slow key frame", 60, 30, 60, {{1, 40.0}, {15, 5.0}}, 60, {}},
+      {"falls behind", 60, 30, 60, {{16, 14.0}}, 30, {C::lowered}},
+      {"just inside 80 %", 60, 30, 60, {{16, 13.0}}, 60, {}},
+      {"half the interval is not enough to go back", 60, 30, 60, {{16, 15.0}, {16, 9.0}}, 30,
+       {C::lowered}},
+      {"catches up again", 60, 30, 60, {{16, 15.0}, {16, 7.0}}, 60, {C::lowered, C::raised}},
+      {"capped at 30: nothing lower", 30, 30, 30, {{16, 30.0}}, 30, {}},
+      {"ZUL_MAX_FPS 20 caps the gate", 60, 30, 20, {{16, 5.0}}, 20, {}},
+      {"lower never above highest", 24, 30, 24, {{16, 40.0}}, 24, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    auto choice = std::make_shared<FrameRateChoice>(row.highest, row.lower);
+    std::vector<C> changes;
+    for (const auto& [count, ms] : row.frames) {
+      for (int i = 0; i < count; ++i) {
+        const auto change = choice->encoded(std::chrono::microseconds(std::int64_t(ms * 1000)));
+        if (change != C::none) changes.push_back(change);
+      }
+    }
+    EXPECT_EQ(changes, row.changes);
+    FrameGate gate(row.captureFps, 2);
+    followAdaptiveRate(gate, {.framesPerSecond = row.captureFps, .adaptiveRate = choice});
+    EXPECT_EQ(gate.activeInterval(), FrameGate::Clock::duration(1s) / row.expected);
+    EXPECT_EQ(gate.idleInterval(), 500ms);
+  }
+}
+
+// Damage becomes few rectangles to convert: clipped, at even coordinates,
+// merged where near, mapped (with the filter's margin) onto a scaled picture.
+TEST(FrameGateTest, DamageBecomesFewEvenRectanglesInsideThePicture) {
+  const struct {
+    const char* what;
+    std::vector<RectPx> damage;
+    int sourceWidth, sourceHeight, width, height;
+    std::vector<RectPx> expected;
+  } cases[] = {
+      {"nothing", {}, 1920, 1080, 1920, 1080, {}},
+      {"empty and outside", {{5, 5, 0, 9}, {2000, 10, 50, 50}}, 1920, 1080, 1920, 1080, {}},
+      {"odd edges widen to even", {{33, 33, 95, 95}}, 1920, 1080, 1920, 1080,
+       {{32, 32, 96, 96}}},
+      {"clipped at the edges", {{-10, 1070, 40, 40}, {1900, -5, 40, 10}}, 1920, 1080, 1920,
+       1080, {{1900, 0, 20, 6}, {0, 1070, 30, 10}}},
+      {"near ones merge, far ones stay", {{0, 0, 10, 10}, {20, 0, 10, 10}, {500, 500, 10, 10}},
+       1920, 1080, 1920, 1080, {{0, 0, 30, 10}, {500, 500, 10, 10}}},
+      {"overlapping merge", {{100, 100, 50, 50}, {120, 120, 50, 50}}, 1920, 1080, 1920, 1080,
+       {{100, 100, 70, 70}}},
+      {"scaled to half, with margin", {{100, 100, 20, 20}}, 3840, 2160, 1920, 1080,
+       {{48, 48, 14, 14}}},
+      {"odd-sized picture", {{0, 0, 7, 7}}, 7, 7, 7, 7, {{0, 0, 7, 7}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(rectsToConvert(c.damage, c.sourceWidth, c.sourceHeight, c.width, c.height),
+              c.expected);
+  }
+  // A page of words in lines: one box.
+  std::vector<RectPx> words;
+  for (int line = 0; line < 40; ++line) {
+    for (int word = 0; word < 12; ++word) words.push_back({200 + word * 40, 40 + line * 24, 30, 10});
+  }
+  EXPECT_EQ(rectsToConvert(words, 1920, 1080, 1920, 1080),
+            (std::vector<RectPx>{{200, 40, 470, 946}}));
+  // Many scattered specks: their bounding box.
+  std::vector<RectPx> scattered;
+  for (int i = 0; i < 40; ++i) scattered.push_back({i * 47, (i * 131) % 1000, 4, 4});
+  EXPECT_EQ(rectsToConvert(scattered, 1920, 1080, 1920, 1080).size(), 1u);
 }
 
 TEST(FrameGateTest, StillScreenIsDeliveredAtTheIdleRate) {

@@ -153,7 +153,9 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
   // every request that acts on the computer needs control.
   for (const auto& rule : PhoneRequests::rules()) {
     for (auto channel : rule.channels) {
-      if (!channel.empty()) EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
+      if (!channel.empty()) {
+        EXPECT_TRUE(MessageRouter::typeBelongsToChannel(channel, rule.type));
+      }
     }
     const std::string type(rule.type);
     const auto needed = type.starts_with("files.")               ? DevicePermission::files
@@ -384,7 +386,9 @@ TEST_F(DispatcherFixture, HelloRefusals) {
     const auto& reply = f.lastReply();
     EXPECT_EQ(reply["type"], "control.error");
     EXPECT_EQ(reply["code"], c.code);
-    if (!c.message.empty()) EXPECT_EQ(reply["message"], c.message);
+    if (!c.message.empty()) {
+      EXPECT_EQ(reply["message"], c.message);
+    }
     // The case alone, for the app to act on.
     const std::string message = reply["message"];
     EXPECT_EQ(reply["reason"], message.substr(0, message.find('(')));

@@ -87,13 +87,20 @@ TEST(VideoEncoderAdapterTest, OffersConstrainedBaselineFirstAndChecksSizesAtInit
        "video encoder: libav-h264/libx264 (software), 1920x1080"},
       {641, 361, WEBRTC_VIDEO_CODEC_ERROR, "falling back to WebRTC's OpenH264"},
       {0, 0, WEBRTC_VIDEO_CODEC_ERR_PARAMETER, ""},
+      // With a rate that adapts, the line says both rates.
+      {1280, 720, WEBRTC_VIDEO_CODEC_OK,
+       "1280x720 at up to 60 fps, starting at 800 kbps; 30 fps while a frame takes longer to "
+       "encode than 60 fps allow"},
   };
   for (const auto& c : cases) {
     std::vector<std::string> lines;
+    const bool adapts = c.width == 1280;
     VideoEncoderAdapter adapter(
         std::make_unique<LibavH264Encoder>(std::vector<std::string>{"libx264"}),
-        [&](const std::string& line) { lines.push_back(line); });
-    const auto settings = codec(c.width, c.height);
+        [&](const std::string& line) { lines.push_back(line); },
+        adapts ? std::make_shared<FrameRateChoice>(60, 30) : nullptr);
+    auto settings = codec(c.width, c.height);
+    if (adapts) settings.maxFramerate = 60;
     EXPECT_EQ(adapter.InitEncode(&settings, kSettings), c.result) << c.width;
     if (!c.line.empty()) {
       ASSERT_EQ(lines.size(), 1u);
@@ -155,7 +162,7 @@ TEST(VideoEncoderAdapterTest, EncodesKeyFramesOnRequestAndFollowsTheRate) {
   // No bits for the stream: frames are dropped, not encoded.
   adapter.SetRates(
       webrtc::VideoEncoder::RateControlParameters(webrtc::VideoBitrateAllocation(), 15.0));
-  ASSERT_EQ(adapter.Encode(frame(picture(true, 320, 240, 0), 9), &delta), WEBRTC_VIDEO_CODEC_OK);
+  ASSERT_EQ(adapter.Encode(frame(picture(true, 160, 120, 0), 9), &delta), WEBRTC_VIDEO_CODEC_OK);
   EXPECT_EQ(recorder.outputs.size(), std::size(steps) + 1);
 }
 
