@@ -161,18 +161,6 @@ function send(channel, message) {
   dc.send(typeof message === 'string' ? message : JSON.stringify(message));
 }
 
-// A piece of an upload on "files": byte 2, transfer, offset, then the data.
-function sendPiece(transfer, offset, base64url) {
-  const data = unb64url(base64url);
-  const piece = new Uint8Array(13 + data.length);
-  const view = new DataView(piece.buffer);
-  piece[0] = 2;
-  view.setUint32(1, transfer);
-  view.setBigUint64(5, BigInt(offset));
-  piece.set(data, 13);
-  state.session.channels.files.send(piece);
-}
-
 // The signed hello. `options` override its fields or its signing, to show
 // what the agent refuses: sessionId, deviceId, dtlsFingerprint, nonce,
 // transcript (a function from the true transcript to the signed text).
@@ -344,7 +332,6 @@ window.zulPhone = {
   videoStats,
   // A new device key, as if another phone that never paired picked this one up.
   newDevice: () => loadDevice(true),
-  sendPiece,
   controlMessages: () => state.received.filter((m) => m.channel === 'control')
     .map((m) => JSON.parse(m.data)),
   filesMessages: () => state.received.filter((m) => m.channel === 'files')
