@@ -24,6 +24,8 @@ class Nv12Converter {
                     Nv12FrameSurface& out, const std::vector<RectPx>& rects);
 
  private:
+  // Points `pixels` at a copy in BGRx order (libyuv's "ARGB") of an RGBx picture.
+  void toBgrOrder(const std::uint8_t*& pixels, int& stride, int width, int height);
   // One rectangle of 32-bit pixels at the output's size into `out`.
   void convertRect(const std::uint8_t* pixels, int stride, const RectPx& rect,
                    Nv12FrameSurface& out);
