@@ -18,39 +18,21 @@ import { mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, wr
   from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
-import { createInterface } from 'node:readline';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
+import { children, sleep, start as startProcess } from '../tests/support/processes.mjs';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..');
 const { chromium } = createRequire(path.join(root, 'phone', 'package.json'))('playwright-core');
 const MiB = 1024 * 1024;
 const skip = new Set((process.env.ZUL_BENCH_SKIP || '').split(',').filter(Boolean));
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const say = (line) => console.log(line);
 
 // ---- processes ---------------------------------------------------------------
 
-const children = [];
-function start(command, args, env = {}) {
-  const child = spawn(command, args, { env: { ...process.env, ...env },
-    stdio: ['ignore', 'pipe', 'ignore'] });
-  children.push(child);
-  const lines = [];
-  createInterface({ input: child.stdout }).on('line', (line) => lines.push(line));
-  return {
-    child,
-    lines,
-    async waitFor(match, { from = 0, timeout = 60000 } = {}) {
-      const test = typeof match === 'string' ? (l) => l.includes(match) : (l) => match.test(l);
-      for (const end = Date.now() + timeout; Date.now() < end; await sleep(50)) {
-        const found = lines.slice(from).find(test);
-        if (found !== undefined) return found;
-      }
-      throw new Error(`${command}: no line matching ${match}; last lines:\n${lines.slice(-15).join('\n')}`);
-    },
-  };
-}
+// Processes wait a minute for a line: a loaded machine starts slowly.
+const start = (command, args, env = {}) => startProcess(command, args, env, { timeout: 60000 });
+
 function stop(proc) {
   return new Promise((resolve) => {
     if (proc.child.exitCode !== null) { resolve(); return; }

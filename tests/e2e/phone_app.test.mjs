@@ -14,45 +14,15 @@ import { createServer } from 'node:net';
 import { randomBytes } from 'node:crypto';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
-import { createInterface } from 'node:readline';
 import path from 'node:path';
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { fileURLToPath } from 'node:url';
+import { children, sleep, start } from '../support/processes.mjs';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..', '..');
 const { chromium } = createRequire(path.join(root, 'phone', 'package.json'))('playwright-core');
 const SECONDS = 1000;
-
-// ---- processes ---------------------------------------------------------------
-
-const children = [];
-
-// A child whose stdout lines are kept; `waitFor` resolves with the first
-// line (from `from` on) that matches.
-function start(command, args, env = {}) {
-  const child = spawn(command, args, { env: { ...process.env, ...env },
-    stdio: ['ignore', 'pipe', 'ignore'] });
-  children.push(child);
-  const lines = [];
-  createInterface({ input: child.stdout }).on('line', (line) => lines.push(line));
-  return {
-    child,
-    lines,
-    async waitFor(match, { from = 0, timeout = 30 * SECONDS } = {}) {
-      const test = typeof match === 'function' ? match
-        : typeof match === 'string' ? (l) => l.includes(match) : (l) => match.test(l);
-      for (const end = Date.now() + timeout; Date.now() < end; await sleep(50)) {
-        const found = lines.slice(from).find(test);
-        if (found !== undefined) return found;
-      }
-      throw new Error(`${command}: no line matching ${match}; last lines:\n` +
-        lines.slice(-15).join('\n'));
-    },
-  };
-}
-
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 const work = mkdtempSync(path.join(tmpdir(), 'zul-phone-app-'));
 const env = {
