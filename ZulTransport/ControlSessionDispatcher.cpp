@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "ZulCore/Support/Error.h"
 #include "ZulCore/Trust/Base64Url.h"
 #include "ZulCore/Trust/IdentityKeyStore.h"
 
@@ -206,8 +207,7 @@ void ControlSessionDispatcher::sendError(const std::string& sessionId,
   reply["message"] = error.what();
   // For the app to act on without reading the message: the case, and the
   // permission a refused request lacked.
-  auto* known = dynamic_cast<const Error*>(&error);
-  reply["reason"] = known ? std::string(known->caseName()) : std::string("failed");
+  reply["reason"] = errorReason(error);
   if (auto* gate = dynamic_cast<const PermissionGateError*>(&error)) {
     reply["permission"] = rawValue(gate->permission());
   }

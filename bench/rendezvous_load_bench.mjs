@@ -18,11 +18,11 @@ import crypto from 'node:crypto';
 import { once } from 'node:events';
 import { readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
-import { createServer } from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
 import { createInterface } from 'node:readline';
 import { fileURLToPath } from 'node:url';
+import { freePort } from '../tests/support/processes.mjs';
 
 const self = fileURLToPath(import.meta.url);
 const root = path.resolve(path.dirname(self), '..');
@@ -144,14 +144,6 @@ function option(name, fallback) {
     process.exit(2);
   }
   return value;
-}
-
-async function freePort() {
-  const probe = createServer().listen(0, '127.0.0.1');
-  await once(probe, 'listening');
-  const { port } = probe.address();
-  probe.close();
-  return port;
 }
 
 // Where allowed, the open-file limit of what this starts is raised; else

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "ZulCore/Support/Error.h"
 #include "ZulCore/Support/Sha256.h"
 
 namespace zul {
@@ -103,11 +104,10 @@ void FileTransfers::sendJson(nlohmann::json message) {
 }
 
 void FileTransfers::fail(std::uint32_t transfer, const std::exception& error) {
-  const auto* known = dynamic_cast<const Error*>(&error);
   try {
     sendJson({{"type", "files.error"},
               {"transfer", transfer},
-              {"reason", known ? std::string(known->caseName()) : std::string("failed")},
+              {"reason", errorReason(error)},
               {"message", error.what()}});
   } catch (const std::exception&) {
     // the phone is gone

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "ZulCore/Support/Error.h"
 #include "ZulCore/Trust/Base64Url.h"
 
 namespace zul {
@@ -191,11 +192,10 @@ void ShellSessions::handle(const PhoneRequest& request) {
       }
     }
   } catch (const std::exception& error) {
-    const auto* known = dynamic_cast<const Error*>(&error);
     try {
       send({{"type", "shell.error"},
             {"shell", id},
-            {"reason", known ? std::string(known->caseName()) : std::string("failed")},
+            {"reason", errorReason(error)},
             {"message", error.what()}});
     } catch (const std::exception&) {
     }
@@ -211,7 +211,9 @@ void ShellSessions::flush(Shell& shell, bool attached) {
   for (std::size_t at = 0; at < out.size(); at += outputBytes) {
     try {
       const auto piece = std::string_view(out).substr(at, outputBytes);
-      send({{"type", "shell.output"}, {"shell", shell.id}, {"data", Base64Url::encode(toBytes(piece))}});
+      send({{"type", "shell.output"},
+            {"shell", shell.id},
+            {"data", Base64Url::encode(toBytes(piece))}});
       shell.sent += piece.size();
     } catch (const std::exception&) {
       return;  // the phone is gone: the replay has it

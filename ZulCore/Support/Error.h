@@ -28,6 +28,13 @@ class Error : public std::exception {
   std::string text_;
 };
 
+// What a phone is told of a failure: the case name of one of our errors
+// (`badName`), else "failed".
+inline std::string errorReason(const std::exception& error) {
+  const auto* known = dynamic_cast<const Error*>(&error);
+  return known ? std::string(known->caseName()) : std::string("failed");
+}
+
 // One payload of an error case, already formatted: labelled or not, strings
 // quoted.
 struct ErrorField {

@@ -9,8 +9,6 @@
 
 import { spawn, spawnSync } from 'node:child_process';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
-import { once } from 'node:events';
-import { createServer } from 'node:net';
 import { randomBytes } from 'node:crypto';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
@@ -18,7 +16,7 @@ import path from 'node:path';
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { fileURLToPath } from 'node:url';
-import { children, sleep, start } from '../support/processes.mjs';
+import { children, freePort, sleep, start } from '../support/processes.mjs';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..', '..');
 const { chromium } = createRequire(path.join(root, 'phone', 'package.json'))('playwright-core');
@@ -87,14 +85,6 @@ after(async () => {
 // other's backup), so that every message between them crosses Redis.
 
 const cluster = { instances: {}, ports: {} };
-
-async function freePort() {
-  const probe = createServer().listen(0, '127.0.0.1');
-  await once(probe, 'listening');
-  const { port } = probe.address();
-  probe.close();
-  return port;
-}
 
 async function startInstance(name) {
   const instance = start('node', [path.join(root, 'server/server.js'), '--port',

@@ -1,7 +1,9 @@
 // Child processes for the Node test and benchmark programs: stdout lines are
 // kept, and `waitFor` resolves with the first line (from `from` on) that
-// matches a string, a regular expression or a function.
+// matches a string, a regular expression or a function. And free ports.
 import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import { createServer } from 'node:net';
 import { createInterface } from 'node:readline';
 
 export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
@@ -29,4 +31,13 @@ export function start(command, args, env = {}, { timeout: waitDefault = 30000 } 
         lines.slice(-15).join('\n'));
     },
   };
+}
+
+// A loopback port nothing listens on now.
+export async function freePort() {
+  const probe = createServer().listen(0, '127.0.0.1');
+  await once(probe, 'listening');
+  const { port } = probe.address();
+  probe.close();
+  return port;
 }
