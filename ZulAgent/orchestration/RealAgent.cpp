@@ -111,8 +111,9 @@ class RealAgent {
         event_(print),
         print_(verboseOutput() ? print : PrintLine([](std::string_view) {})),
         ui_(ui),
-        // Alone, the agent's own: its notification's buttons reach it there.
-        control_(ui.control ? ui.control : std::make_shared<RealAgentControl>()) {
+        // Alone, the agent's own: its notification's buttons reach it there,
+        // and a pause outlasts a restart.
+        control_(ui.control ? ui.control : RealAgentControl::rememberingPause(print)) {
     if (settings.askBeforeConnecting) control_->setAskBeforeConnecting(true);
   }
 

@@ -43,13 +43,19 @@ using PrintLine = std::function<void(std::string_view)>;
 // Requests from a user interface to a running real agent; any thread.
 class RealAgentControl {
  public:
+  RealAgentControl() = default;
+  // One whose pause outlasts the agent (a restart, a crash, the next login):
+  // paused while $XDG_CONFIG_HOME/zul-agent/paused (~/.config when unset)
+  // exists; `print` hears when that file cannot be changed.
+  static std::shared_ptr<RealAgentControl> rememberingPause(PrintLine print);
+
   void requestStop() { stop_ = true; }
   void requestPairingRefresh() { refresh_ = true; }
   // Ends the session of the phone in session, if any.
   void requestSessionEnd() { endSession_ = true; }
   // Paused, the agent refuses every phone and sends the one in session
   // away, until resumed.
-  void setPaused(bool paused) { paused_ = paused; }
+  void setPaused(bool paused);
   bool paused() const { return paused_; }
   // A phone without `unattended` waits for the person at the computer to
   // let it in.
@@ -65,6 +71,8 @@ class RealAgentControl {
   std::atomic<bool> endSession_{false};
   std::atomic<bool> paused_{false};
   std::atomic<bool> ask_{false};
+  std::string pauseFile_;  // empty: the pause is not kept
+  PrintLine print_;
 };
 
 // What a user interface adds to the real agent. Callbacks run on the agent's

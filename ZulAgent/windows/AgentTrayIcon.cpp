@@ -11,13 +11,14 @@ namespace zul {
 
 bool AgentTrayIcon::available() { return QSystemTrayIcon::isSystemTrayAvailable(); }
 
-AgentTrayIcon::AgentTrayIcon(Actions actions)
+AgentTrayIcon::AgentTrayIcon(bool paused, Actions actions)
     : actions_(std::move(actions)),
       icon_(new QSystemTrayIcon(this)),
       menu_(new QMenu()),
       state_(menu_->addAction(QString())),
       disconnect_(menu_->addAction(QString::fromUtf8(windows::disconnectLabel))),
-      pause_(menu_->addAction(QString())) {
+      pause_(menu_->addAction(QString())),
+      paused_(paused) {
   state_->setEnabled(false);
   menu_->addSeparator();
   QObject::connect(menu_->addAction(QString::fromUtf8("Открыть Velto")), &QAction::triggered, this,

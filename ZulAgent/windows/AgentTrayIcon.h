@@ -26,12 +26,12 @@ class AgentTrayIcon : public QObject {
   // Whether the desktop has a status area for it.
   static bool available();
 
-  explicit AgentTrayIcon(Actions actions);
+  // Starts paused or not, as the agent does.
+  AgentTrayIcon(bool paused, Actions actions);
   ~AgentTrayIcon() override;
 
   // A status the agent reports ("peer-ready: NAME", "phone-left: NAME", …).
   void updateStatus(const std::string& status);
-  bool paused() const { return paused_; }
 
  private:
   void refresh();
@@ -42,7 +42,7 @@ class AgentTrayIcon : public QObject {
   QAction* state_;
   QAction* disconnect_;
   QAction* pause_;
-  bool paused_ = false;
+  bool paused_;
   std::string phone_;  // the phone in session, as the agent names it
 };
 

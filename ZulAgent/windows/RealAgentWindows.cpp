@@ -134,7 +134,7 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   });
   PairingQRWindowController pairing(TrustedDeviceStore(
       SecretStore(TrustedDeviceStore::account, deferredSecretBackend(/*waitForChoice=*/false))));
-  auto control = std::make_shared<RealAgentControl>();
+  auto control = RealAgentControl::rememberingPause(print);
   // The latest agent; each one first waits for the one it replaced to wind
   // down, so the window never waits for an agent that is stopping.
   std::thread agent;
@@ -146,18 +146,19 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
   // desktop notification with the same buttons.
   std::unique_ptr<AgentTrayIcon> tray;
   if (AgentTrayIcon::available()) {
-    tray = std::make_unique<AgentTrayIcon>(AgentTrayIcon::Actions{
-        .disconnect = [&control] { control->requestSessionEnd(); },
-        .pause = [&control](bool paused) { control->setPaused(paused); },
-        .openWindow =
-            [&setup] {
-              QWidget& window = setup;
-              window.show();
-              window.raise();
-              window.activateWindow();
-            },
-        .quit = [] { QCoreApplication::quit(); },
-    });
+    tray = std::make_unique<AgentTrayIcon>(
+        control->paused(), AgentTrayIcon::Actions{
+                               .disconnect = [&control] { control->requestSessionEnd(); },
+                               .pause = [&control](bool paused) { control->setPaused(paused); },
+                               .openWindow =
+                                   [&setup] {
+                                     QWidget& window = setup;
+                                     window.show();
+                                     window.raise();
+                                     window.activateWindow();
+                                   },
+                               .quit = [] { QCoreApplication::quit(); },
+                           });
     QApplication::setQuitOnLastWindowClosed(false);
   }
   setup.onPairPhone = [&control, &pairing] {
@@ -178,12 +179,10 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
         const char* appUrl = std::getenv("ZUL_PHONE_APP_URL");
         const char* shortUrl = std::getenv("ZUL_PAIRING_SHORT_URL");
         pairing.setPhoneAppAddress(appUrl && *appUrl ? appUrl : url, shortUrl ? shortUrl : "");
-        control = std::make_shared<RealAgentControl>();
+        // Paused or not as last chosen, in the tray too.
+        control = RealAgentControl::rememberingPause(print);
         control->setAskBeforeConnecting(AgentSetupWindowController::asksBeforeConnecting());
-        if (tray) {
-          control->setPaused(tray->paused());
-          tray->updateStatus("phone-left: ");
-        }
+        if (tray) tray->updateStatus("phone-left: ");
         agent = std::thread([&setup, &pairing, print, url, control, videoEncoding,
                              trayShown = tray.get(), previous = std::move(agent)]() mutable {
           if (previous.joinable()) previous.join();

@@ -2,6 +2,7 @@
 // coturn and the development phone page in headless Chromium.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -170,6 +171,7 @@ class RealAgentE2eTest : public testing::Test {
                    {"ZUL_SECRET_BACKEND", "file"},
                    {"ZUL_VERBOSE", "1"},  // the test reads the detailed lines
                    {"XDG_DATA_HOME", dataHome_.string()},
+                   {"XDG_CONFIG_HOME", (dataHome_ / "config").string()},
                    {"HOME", (dataHome_ / "home").string()},
                    {"ZUL_SIGNALING_URL", "http://localhost:" + std::to_string(serverPort_)}};
     options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS", "ZUL_DESKTOP"};
@@ -785,12 +787,14 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
 }
 
 // As a person gets it: this build's package installed with apt-get (an
-// agent installed before is purged first, so no other can answer), checked
-// for the libraries its programs load, then run by a fresh ordinary user in a
-// session of their own (a session bus with a screensaver and a notification
-// service, the Xvfb screen). The phone pairs and drives it; a locked screen
-// keeps it out until it is allowed unattended access; an upgrade keeps the
-// pairing; nothing is written outside the user's home.
+// agent installed before is purged first, so no other can answer) and checked
+// for the libraries its programs load; then a fresh ordinary user enables its
+// unit under their own systemd user manager and logs in: their desktop session
+// (the Xvfb screen, a screensaver and a notification service) starts it. The
+// phone pairs and drives it; a locked screen keeps it out until it is allowed
+// unattended access; a pause, two crashes and an upgrade keep the pairing
+// (and the pause); the session's end stops it; nothing is written outside the
+// user's home.
 TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   if (::geteuid() != 0) GTEST_SKIP() << "installing a package needs root (CI runs as root)";
   const std::string user = "zul-e2e-user", home = "/home/" + user;
@@ -805,11 +809,34 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
     return status == 0;
   };
   const std::string apt = "DEBIAN_FRONTEND=noninteractive apt-get -y -o DPkg::Lock::Timeout=300 ";
+  // What a booted machine has and this one may lack, made for the user's
+  // manager and taken away after it (cgroups by rmdir, once emptied).
+  std::vector<fs::path> made;
+  auto makeDirectory = [&](const fs::path& path) {
+    fs::path outermost;
+    for (fs::path p = path; !fs::exists(p); p = p.parent_path()) outermost = p;
+    fs::create_directories(path);
+    if (!outermost.empty()) made.push_back(outermost);
+  };
+  std::unique_ptr<ChildProcess> journald, manager;
   struct Cleanup {
     std::function<void()> run;
     ~Cleanup() { run(); }
   } cleanup{[&] {
     agent_.reset();
+    if (manager) manager->terminate(30s);  // it stops the user's services first
+    journald.reset();
+    for (auto path = made.rbegin(); path != made.rend(); ++path) {
+      if (path->string().starts_with("/sys/fs/cgroup/")) {
+        const std::string tree = "find '" + path->string() + "' -depth -type d";
+        std::system((tree + " -exec cat {}/cgroup.procs ';' | xargs -r kill -9").c_str());
+        waitUntil(
+            [&] { return std::system((tree + " -exec rmdir {} + 2>/dev/null").c_str()) == 0; },
+            10s);
+      } else {
+        fs::remove_all(*path);
+      }
+    }
     std::system(
         ("userdel -rf " + user + " >/dev/null 2>&1; dpkg --purge zul-agent >/dev/null").c_str());
   }};
@@ -827,46 +854,86 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
         << program;
   }
   ASSERT_TRUE(shell("(userdel -rf " + user + " || true) && useradd -m " + user));
-  // Outside their home, an ordinary user can write only in the shared
-  // temporary and run-time folders (and the folder of this test's session).
-  const std::string writtenOutsideHome = "find /tmp /var/tmp /dev/shm /run -xdev -user " + user +
-                                         " -not -path '" + work.string() + "*' 2>/dev/null";
-
-  // Run by the user, in a clean environment.
-  const auto asUser = [&](std::vector<std::string> command) {
-    std::vector<std::string> argv = {"runuser",
-                                     "-u",
-                                     user,
-                                     "--",
-                                     "env",
-                                     "-i",
-                                     "HOME=" + home,
-                                     "USER=" + user,
-                                     "LOGNAME=" + user,
-                                     "PATH=/usr/bin:/bin",
-                                     "LANG=C.UTF-8"};
-    argv.insert(argv.end(), command.begin(), command.end());
-    return argv;
+  std::ofstream(work / "user-added");  // what the user writes is newer (their uid may be reused)
+  const std::string uid = commandOutput("id -u " + user), runtime = "/run/user/" + uid;
+  // Run by the user, in a clean environment, against their manager.
+  const std::string cleanEnvironment =
+      "env -i HOME=" + home + " USER=" + user + " LOGNAME=" + user +
+      " PATH=/usr/bin:/bin LANG=C.UTF-8 XDG_RUNTIME_DIR=" + runtime + " ";
+  const std::string asUser = "runuser -u " + user + " -- " + cleanEnvironment;
+  auto systemctl = [&](const std::string& arguments) {
+    return commandOutput(asUser + "systemctl --user " + arguments + " 2>&1");
   };
+
+  // The user's units: a desktop session of the test's own (as GNOME's binds
+  // itself to graphical-session.target) with its screensaver and
+  // notification service; no sound server, which nothing here uses.
+  const fs::path units = home + "/.config/systemd/user";
+  fs::create_directories(units);
   fs::copy_file(ZUL_NOTIFICATION_SERVICE_PATH, work / "notification_service.py");
   const fs::path locked = work / "locked";
+  std::ofstream(units / "zul-e2e-session.target")
+      << "[Unit]\nBindsTo=graphical-session.target\nBefore=graphical-session.target\n"
+         "Wants=zul-e2e-desktop.service\n";
+  std::ofstream(units / "zul-e2e-desktop.service")
+      << "[Unit]\nPartOf=graphical-session.target\nBefore=graphical-session.target\n"
+         "[Service]\nType=dbus\nBusName=org.freedesktop.ScreenSaver\nExecStart=/usr/bin/python3 "
+      << (work / "notification_service.py").string() << " " << locked.string() << "\n";
+  for (const char* unit :
+       {"pipewire.socket", "pipewire.service", "pipewire-pulse.socket", "wireplumber.service"}) {
+    fs::create_symlink("/dev/null", units / unit);
+  }
+  ASSERT_TRUE(shell("chown -R " + user + ": " + home + "/.config"));
+
+  // The user's manager as logind would start it, on a machine that looks
+  // booted with systemd: its run-time folder, a cgroup of its own in each
+  // hierarchy, and a journal (that of the machine when there is one).
+  for (const char* path : {"/run/systemd/system", "/run/log/journal", "/run/systemd/journal"}) {
+    if (!fs::exists(path)) makeDirectory(path);
+  }
+  if (!fs::exists("/run/systemd/journal/stdout")) {
+    journald =
+        std::make_unique<ChildProcess>(std::vector<std::string>{"/lib/systemd/systemd-journald"});
+  }
+  fs::remove_all(runtime);
+  makeDirectory(runtime);
+  ASSERT_TRUE(shell("chown " + user + ": " + runtime + " && chmod 0700 " + runtime));
+  std::string enter = "ulimit -c 0 && ";  // a crash leaves no core file behind
+  for (const char* hierarchy : {"/sys/fs/cgroup/systemd", "/sys/fs/cgroup/unified"}) {
+    if (!fs::exists(hierarchy)) continue;
+    const std::string cgroup =
+        std::string(hierarchy) + "/user.slice/user-" + uid + ".slice/user@" + uid + ".service";
+    makeDirectory(cgroup);
+    ASSERT_TRUE(shell("chown -R " + user + " " + cgroup));
+    enter += "echo $$ >" + cgroup + "/cgroup.procs && ";
+  }
+  ASSERT_TRUE(waitUntil([] { return fs::exists("/run/systemd/journal/stdout"); }, 30s));
+  manager = std::make_unique<ChildProcess>(std::vector<std::string>{
+      "sh", "-c",
+      enter + "exec setpriv --reuid=" + user + " --regid=" + user + " --init-groups " +
+          cleanEnvironment + "/lib/systemd/systemd --user"});
+  ASSERT_TRUE(waitUntil([&] { return systemctl("is-system-running") == "running"; }, 60s))
+      << systemctl("is-system-running") << "\n"
+      << systemctl("--failed --no-pager");
+  // The agent's lines, and those of the desktop's services, from the journal.
+  agent_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"journalctl", "-f", "-n", "all", "-o", "cat", "_UID=" + uid,
+                               "_SYSTEMD_USER_UNIT=zul-agent.service",
+                               "_SYSTEMD_USER_UNIT=zul-e2e-desktop.service"},
+      ChildProcess::Options{.captureStdout = true});
+
+  // Enabled once; started by the next login, with the environment the
+  // session hands its manager.
+  ASSERT_TRUE(shell(asUser + "systemctl --user enable zul-agent.service"));
   startServer();
-  auto startInstalledAgent = [&] {
-    ChildProcess::Options options;
-    options.captureStdout = true;
-    agent_ = std::make_unique<ChildProcess>(
-        asUser({"DISPLAY=" + xvfb_->display(),
-                "ZUL_SIGNALING_URL=http://localhost:" + std::to_string(serverPort_),
-                "ZUL_VERBOSE=1", "ZUL_ASK_BEFORE_CONNECTING=1", "dbus-run-session", "--", "sh",
-                "-c",
-                "python3 \"$0\" \"$1\" & "
-                "until gdbus introspect --session --dest org.freedesktop.ScreenSaver "
-                "--object-path /org/freedesktop/ScreenSaver >/dev/null 2>&1; do sleep 0.1; done; "
-                "exec zul-agent --real-agent",
-                (work / "notification_service.py").string(), locked.string()}),
-        options);
-  };
-  startInstalledAgent();
+  ASSERT_TRUE(shell(asUser + "DISPLAY=" + xvfb_->display() +
+                    " ZUL_SIGNALING_URL=http://localhost:" + std::to_string(serverPort_) +
+                    " ZUL_VERBOSE=1 ZUL_ASK_BEFORE_CONNECTING=1 sh -c 'systemctl --user "
+                    "import-environment DISPLAY ZUL_SIGNALING_URL ZUL_VERBOSE "
+                    "ZUL_ASK_BEFORE_CONNECTING && systemctl --user start zul-e2e-session.target'"));
+  EXPECT_TRUE(waitUntil([&] { return systemctl("is-active zul-agent.service") == "active"; }, 30s))
+      << systemctl("status zul-agent.service --no-pager");
+
   // Asked before each connection: refused, then let in, from the question's
   // notification.
   const fs::path press = locked.string() + ".press";
@@ -876,6 +943,7 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
     return asked;
   };
   std::size_t asked = agent_->lines().size();
+  const std::string agentId = linkField(pairingLink(), "agentId");
   pairAndConnect();
   EXPECT_TRUE(answer("deny", asked)) << agent_->tail();
   EXPECT_EQ(phone_->waitForControl(1).value("reason", ""), "connectionDenied");
@@ -892,40 +960,87 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
 
   // Locked: sent away and kept out, until allowed unattended access with the
   // installed tool, as the user.
+  auto toldWhy = [&](const std::string& reason) {
+    return phone_->waitFor(
+        "zulPhone.controlMessages().some(m => m.type === 'control.notice' && m.reason === '" +
+        reason + "')");
+  };
   std::ofstream(locked) << "locked";
-  EXPECT_TRUE(
-      phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
-                      "'control.notice' && m.reason === 'computerLocked')"))
-      << agent_->tail();
+  EXPECT_TRUE(toldWhy("computerLocked")) << agent_->tail();
   std::size_t replies = phone_->eval(Phone::replies).size();
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "computerLocked");
   const std::string deviceId = phone_->eval("zulPhone.state.device.id");
-  std::string grant;
-  for (const auto& word : asUser({"zul-trusted-devices", "grant", deviceId, "unattended"})) {
-    grant += "'" + word + "' ";
-  }
-  EXPECT_TRUE(shell(grant));
+  EXPECT_TRUE(shell(asUser + "zul-trusted-devices grant " + deviceId + " unattended"));
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
   EXPECT_TRUE(phone_->framesDecodedAbove(5)) << phone_->stats().dump();
 
-  // An upgrade (the package installed again) keeps the identity and the
-  // phone with its grant.
-  const std::string link = pairingLink();
-  agent_.reset();
-  ASSERT_TRUE(shell(apt + "install --reinstall '" + deb + "'"));
-  startInstalledAgent();
-  EXPECT_EQ(linkField(pairingLink(), "agentId"), linkField(link, "agentId"));
+  // Killed with `signal`, the agent is started again by systemd: the index
+  // of the new one's first line, once it is connected to the server.
+  auto crash = [&](int signal, const std::string& restarts) {
+    const std::string before = systemctl("show -P MainPID zul-agent.service");
+    const std::size_t mark = agent_->lines().size();
+    const int pid = std::atoi(before.c_str());
+    EXPECT_GT(pid, 0) << before;
+    if (pid > 0) ::kill(pid, signal);
+    EXPECT_TRUE(waitUntil(
+        [&] {
+          const std::string now = systemctl("show -P MainPID zul-agent.service");
+          return now != "0" && now != before;
+        },
+        60s))
+        << systemctl("status zul-agent.service --no-pager");
+    EXPECT_EQ(systemctl("show -P NRestarts zul-agent.service"), restarts);
+    EXPECT_TRUE(agent_->waitForLine("signaling: connected", 60s, mark)) << agent_->tail();
+    return mark;
+  };
+  // Paused from its notification: the phone is sent away, and kept out by
+  // the agent that follows a crash, until resumed; its pairing stays.
+  std::ofstream(press) << "pause";
+  EXPECT_TRUE(toldWhy("agentPaused")) << agent_->tail();
+  replies = phone_->eval(Phone::replies).size();
+  std::size_t mark = crash(SIGSEGV, "1");
+  EXPECT_TRUE(agent_->waitForLine("notify Velto приостановлен | ", 30s, mark)) << agent_->tail();
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "agentPaused");
+  std::ofstream(press) << "resume";
+  EXPECT_TRUE(agent_->waitForLine("resumed: phones connect again", 30s, mark)) << agent_->tail();
   phone_->connect();
   EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
-  agent_.reset();
 
-  // Its secrets, settings and record in the user's XDG folders, nothing
-  // elsewhere.
+  // An upgrade (the package installed again) under the running agent, then
+  // a kill: the new program keeps the identity and the phone with its grant.
+  ASSERT_TRUE(shell(apt + "install --reinstall '" + deb + "'"));
+  mark = crash(SIGKILL, "2");
+  EXPECT_EQ(
+      linkField(agent_->waitForLine("zul://pair?payload=", 30s, mark).value_or(""), "agentId"),
+      agentId);
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
+
+  // The session ends, and the agent with it, of its own accord.
+  EXPECT_TRUE(shell(asUser + "systemctl --user stop zul-e2e-session.target"));
+  EXPECT_TRUE(
+      waitUntil([&] { return systemctl("is-active zul-agent.service") == "inactive"; }, 30s));
+  EXPECT_EQ(systemctl("show -P Result zul-agent.service"), "success");
+
+  // Its secrets and settings in the user's XDG folders, and its record,
+  // which the user reads where the session has no journal: the four
+  // sessions of three agents. Outside their home, nothing but their run-time
+  // folder (and this test's session).
   EXPECT_TRUE(fs::exists(home + "/.local/share/zul-agent/secrets"));
-  EXPECT_TRUE(fs::exists(home + "/.local/state/zul-agent"));
-  EXPECT_EQ(commandOutput(writtenOutsideHome), "");
+  const std::string record = commandOutput(asUser + "zul-trusted-devices log --device " + deviceId);
+  std::size_t sessions = 0;
+  for (auto at = record.find("session.started"); at != std::string::npos;
+       at = record.find("session.started", at + 1)) {
+    ++sessions;
+  }
+  EXPECT_EQ(sessions, 4u) << record;
+  EXPECT_EQ(commandOutput("find /tmp /var/tmp /dev/shm /run -xdev -user " + user + " -newer '" +
+                          (work / "user-added").string() + "' -not -path '" + work.string() +
+                          "*' -not -path '" + runtime + "*' 2>/dev/null"),
+            "");
 }
 
 }  // namespace
