@@ -105,7 +105,7 @@ class RealAgent {
  public:
   RealAgent(const RealAgentSettings& settings,
             const std::function<void(const std::string&)>& onStatusChanged, const PrintLine& print,
-            const RealAgentUi& ui)
+            const RealAgentUi& ui, StopSignals* stopSignals)
       : settings_(settings),
         onStatusChanged_(onStatusChanged),
         event_(print),
@@ -113,7 +113,8 @@ class RealAgent {
         ui_(ui),
         // Alone, the agent's own: its notification's buttons reach it there,
         // and a pause outlasts a restart.
-        control_(ui.control ? ui.control : RealAgentControl::rememberingPause(print)) {
+        control_(ui.control ? ui.control : RealAgentControl::rememberingPause(print)),
+        stopSignals_(stopSignals) {
     if (settings.askBeforeConnecting) control_->setAskBeforeConnecting(true);
   }
 
@@ -580,10 +581,6 @@ class RealAgent {
   // Until the deadline, a signal or the interface's stop: new pairing links
   // when due, and an immediate end for a session whose device was revoked.
   void tickUntilStopped() {
-    // Alone, the agent takes SIGINT and SIGTERM itself; under a user
-    // interface, the interface does and stops the agent through its control.
-    std::optional<StopSignals> stopSignals;
-    if (!ui_.control) stopSignals.emplace();
     const std::optional<SteadyClock::time_point> deadline =
         settings_.seconds ? std::optional(SteadyClock::now() +
                                           std::chrono::duration_cast<SteadyClock::duration>(
@@ -591,9 +588,9 @@ class RealAgent {
                           : std::nullopt;
     unsigned idleTicks = 0;
     while (true) {
-      if (!stopSignals) {
+      if (!stopSignals_) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-      } else if (const int signal = stopSignals->wait(std::chrono::milliseconds(500))) {
+      } else if (const int signal = stopSignals_->wait(std::chrono::milliseconds(500))) {
         event_(std::string("stopping (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
         return;
       }
@@ -747,7 +744,8 @@ class RealAgent {
   const PrintLine print_;
   const RealAgentUi& ui_;
   const std::shared_ptr<RealAgentControl> control_;
-  bool paused_ = false;  // as the tick last saw it
+  bool paused_ = false;             // as the tick last saw it
+  StopSignals* const stopSignals_;  // none under a user interface
   std::optional<AgentIndicator> indicator_;
   ConnectionQuestions questions_;
 
@@ -790,7 +788,13 @@ class RealAgent {
 void runRealAgent(const RealAgentSettings& settings,
                   const std::function<void(const std::string&)>& onStatusChanged,
                   const PrintLine& print, const RealAgentUi& ui) {
-  RealAgent(settings, onStatusChanged, print, ui).run();
+  // Alone, the agent takes SIGINT and SIGTERM itself: blocked before its
+  // first thread starts (a thread that let one in would die of it, with
+  // nothing released) until the last has ended. Under a user interface, the
+  // interface takes them and stops the agent through its control.
+  std::optional<StopSignals> stopSignals;
+  if (!ui.control) stopSignals.emplace();
+  RealAgent(settings, onStatusChanged, print, ui, stopSignals ? &*stopSignals : nullptr).run();
 }
 
 }  // namespace zul
