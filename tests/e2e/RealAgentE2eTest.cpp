@@ -850,8 +850,11 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   makeDirectory(runtime);
   ASSERT_TRUE(shell("chown " + user + ": " + runtime + " && chmod 0700 " + runtime));
   std::string enter = "ulimit -c 0 && ";  // a crash leaves no core file behind
-  for (const char* hierarchy : {"/sys/fs/cgroup/systemd", "/sys/fs/cgroup/unified"}) {
-    if (!fs::exists(hierarchy)) continue;
+  // Both hierarchies of a hybrid layout, else the one unified hierarchy.
+  const bool hybrid = fs::exists("/sys/fs/cgroup/systemd");
+  for (const char* hierarchy :
+       {"/sys/fs/cgroup/systemd", "/sys/fs/cgroup/unified", "/sys/fs/cgroup"}) {
+    if (!fs::exists(hierarchy) || hybrid == (std::string(hierarchy) == "/sys/fs/cgroup")) continue;
     const std::string cgroup =
         std::string(hierarchy) + "/user.slice/user-" + uid + ".slice/user@" + uid + ".service";
     makeDirectory(cgroup);
