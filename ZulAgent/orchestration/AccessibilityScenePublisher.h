@@ -35,7 +35,10 @@ class AccessibilityScenePublisher {
     std::string hostName;  // the fallback window's title
   };
 
-  static constexpr double scanBudgetSeconds = 0.3;
+  // Long enough for the first elements of a window on a busy machine, where
+  // each rectangle is a round trip to the application; a large window stops
+  // at the element limit well before it.
+  static constexpr double scanBudgetSeconds = 1.0;
 
   explicit AccessibilityScenePublisher(Hooks hooks);
 

@@ -30,7 +30,7 @@ QString localTimeText(UtcSeconds time) {
 // When each phone was last in session, from the log's session records.
 std::map<std::string, UtcSeconds> lastSessions(const AuditLog& log) {
   std::map<std::string, UtcSeconds> last;
-  for (const auto& record : log.read()) {
+  for (const auto& record : log.read(std::nullopt, std::nullopt, "session.")) {
     const std::string event = record.value("event", "");
     if (event != "session.started" && event != "session.ended") continue;
     const auto time = parseIso8601(record.value("time", ""));
@@ -138,7 +138,15 @@ void TrustedDevicesWindowController::refresh() {
     list_->addWidget(new QLabel("Пока нет сопряжённых телефонов"));
     return;
   }
-  const auto lastSeen = lastSessions(log_);
+  // The log is read again only when it has grown or rotated since.
+  std::error_code noLog;
+  const auto logSize = std::filesystem::file_size(log_.path(), noLog);
+  const auto logTime = std::filesystem::last_write_time(log_.path(), noLog);
+  if (!lastSeenRead_ || lastSeenRead_->first != logSize || lastSeenRead_->second != logTime) {
+    lastSeen_ = lastSessions(log_);
+    lastSeenRead_.emplace(logSize, logTime);
+  }
+  const auto& lastSeen = lastSeen_;
   for (const auto& device : windows::devicesNewestFirst(devices)) {
     auto* row = new QWidget;
     row->setObjectName(QString::fromStdString(device.deviceId));

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <QWidget>
+#include <filesystem>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "ZulCore/Trust/TrustedDevice.h"
 #include "ZulPlatform/linux/audit/AuditLog.h"
@@ -50,6 +54,10 @@ class TrustedDevicesWindowController : public QWidget {
   Confirm confirm_;
   ConfirmGrant confirmGrant_;
   AuditLog log_{AuditLog::defaultPath()};
+  // When each phone was last in session, and the log's size and time when
+  // that was read.
+  std::map<std::string, UtcSeconds> lastSeen_;
+  std::optional<std::pair<std::uintmax_t, std::filesystem::file_time_type>> lastSeenRead_;
   std::string connectedPhone_;
   QVBoxLayout* list_;
 };

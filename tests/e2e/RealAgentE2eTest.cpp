@@ -338,8 +338,31 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   const std::string tool = "ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() +
                            "' HOME='" + (dataHome_ / "home").string() +
                            "' " ZUL_TRUSTED_DEVICES_PATH " ";
-  ASSERT_EQ(std::system((tool + "grant " + deviceId + " shell >/dev/null").c_str()), 0);
-  ASSERT_TRUE(agent_->waitForLine("the permissions of " + deviceId + " changed", 30s));
+  for (std::size_t granted = 1; const char* permission : {"files", "shell"}) {
+    ASSERT_EQ(std::system((tool + "grant " + deviceId + " " + permission + " >/dev/null").c_str()),
+              0);
+    ASSERT_TRUE(waitUntil(
+        [&] { return agent_->countContaining("the permissions of " + deviceId) >= granted; }, 30s))
+        << agent_->tail();
+    ++granted;
+  }
+  // Files: an upload that would leave the disk nearly full is refused before
+  // it starts; one under way when the phone is revoked leaves no part behind.
+  const std::string files = "zulPhone.filesMessages()";
+  phone_->send("files.upload", sessionId,
+               {{"transfer", 7}, {"name", "huge.bin"}, {"size", std::int64_t(1) << 60}});
+  phone_->send("files.upload", sessionId, {{"transfer", 8}, {"name", "cut.bin"}, {"size", 1 << 20}});
+  ASSERT_TRUE(phone_->waitFor(files + ".some(m => m.type === 'files.accepted')")) << agent_->tail();
+  EXPECT_EQ(phone_->eval(files + ".find(m => m.transfer === 7).reason"), "noSpace");
+  const auto uploads = dataHome_ / "home" /
+                       phone_->eval(files + ".find(m => m.transfer === 8).folder").get<std::string>();
+  auto parts = [&] {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(uploads))
+      count += entry.path().extension() == ".part";
+    return count;
+  };
+  EXPECT_EQ(parts(), 1u);
   phone_->send("shell.open", sessionId, {{"columns", 80}, {"rows", 24}});
   ASSERT_TRUE(phone_->receivedAtLeast("shell.opened", 1)) << agent_->tail();
   const std::string shell = phone_->received("shell.opened")[0]["shell"];
@@ -367,6 +390,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   expectReleased("revoked");
   EXPECT_TRUE(waitUntil([] { return commandOutput("pgrep -f 'sleep 1234[5]'").empty(); }, 10s))
       << "the shell's processes outlived the revoke";
+  EXPECT_TRUE(waitUntil([&] { return parts() == 0; }, 10s)) << "the upload's part outlived it";
   // The computer's record of it all, in order, never a shell's content.
   const std::string log = commandOutput(tool + "log --device " + deviceId);
   std::size_t at = 0;

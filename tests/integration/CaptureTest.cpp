@@ -6,12 +6,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <regex>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -19,7 +15,6 @@
 #include "ZulAgent/orchestration/DisplaySwitcher.h"
 #include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
-#include "ZulPlatform/linux/encoder/LibavH264Encoder.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
 #include "support/ChildProcess.h"
 #include "support/FrameLog.h"
@@ -334,102 +329,6 @@ TEST(CaptureTest, MonitorsThatComeAndGoKeepTheVideoFlowing) {
   }
   switcher.shutdown();
   capture.stop();
-}
-
-// Frames captured from a screen with moving content, encoded as they come,
-// decoded afterwards by FFmpeg's own tools.
-TEST(CaptureTest, EncodedStreamDecodesWithKeyFramesWhereForced) {
-  if (!test::haveProgram("Xvfb") || !test::haveProgram("ffprobe")) {
-    GTEST_SKIP() << "Xvfb or ffprobe is not installed";
-  }
-  XvfbServer server(1280, 720);
-  std::atomic<bool> painting{true};
-  std::thread mover([&] {
-    ScreenPainter brush(server.display());
-    for (int step = 0; painting; ++step) {
-      brush.fill(0, 0, 1280, 720, 0x202040);
-      brush.fill((step * 16) % 1200, 200 + (step * 7) % 300, 80, 80, 0xffc000);
-      std::this_thread::sleep_for(15ms);
-    }
-  });
-  constexpr std::size_t kFrames = 30;
-  const std::set<std::int64_t> forced = {1, 16};
-  LibavH264Encoder encoder;
-  encoder.configure({.codec = VideoCodec::h264,
-                     .width = 640,
-                     .height = 360,
-                     .framesPerSecond = 30,
-                     .bitrateKbps = 1500,
-                     .hardwareRequired = false,
-                     .lowLatency = true,
-                     .bFrames = 0});
-  std::mutex mutex;
-  std::condition_variable done;
-  std::vector<EncodedVideoFrame> encoded;
-  std::vector<std::string> failures;
-  ScreenCaptureSource source(server.display());
-  source.setFrameReady([&](const CapturedFrame& frame) {
-    std::optional<EncodedVideoFrame> unit;
-    std::string failure;
-    try {
-      unit = encoder.encode(frame, forced.count(frame.sequence) > 0);
-    } catch (const std::exception& error) {
-      failure = error.what();
-    }
-    std::lock_guard lock(mutex);
-    if (!failure.empty()) failures.push_back(failure);
-    if (unit && encoded.size() < kFrames) encoded.push_back(std::move(*unit));
-    done.notify_all();
-  });
-  source.start(options(0, 640, 360));
-  {
-    std::unique_lock lock(mutex);
-    done.wait_for(lock, 30s, [&] { return encoded.size() >= kFrames; });
-  }
-  source.stop();
-  painting = false;
-  mover.join();
-  ASSERT_TRUE(failures.empty()) << failures.front();
-  ASSERT_EQ(encoded.size(), kFrames);
-
-  const auto path = std::filesystem::temp_directory_path() /
-                    ("zul-capture-" + std::to_string(::getpid()) + ".h264");
-  {
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& unit : encoded) {
-      out.write(reinterpret_cast<const char*>(unit.annexB.data()),
-                std::streamsize(unit.annexB.size()));
-    }
-  }
-  std::string probe;
-  if (FILE* pipe = ::popen(("ffprobe -v error -select_streams v:0 -show_entries "
-                            "stream=profile,width,height:frame=key_frame "
-                            "-of default=noprint_wrappers=1 '" +
-                            path.string() + "'")
-                               .c_str(),
-                           "r")) {
-    char buffer[4096];
-    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) probe.append(buffer, n);
-    ::pclose(pipe);
-  }
-  std::filesystem::remove(path);
-  for (const char* entry : {"width=640\n", "height=360\n", "Baseline\n"}) {
-    EXPECT_NE(probe.find(entry), std::string::npos) << entry << " not in\n" << probe;
-  }
-  // The decoder's verdict on every frame: key frames exactly where the
-  // encoder said, and at least where forced.
-  std::string decoded, said;
-  for (auto at = probe.find("key_frame="); at != std::string::npos;
-       at = probe.find("key_frame=", at + 1)) {
-    decoded += probe[at + 10];
-  }
-  for (const auto& unit : encoded) {
-    said += unit.isKeyFrame ? '1' : '0';
-    if (forced.count(unit.sequence)) {
-      EXPECT_TRUE(unit.isKeyFrame) << unit.sequence;
-    }
-  }
-  EXPECT_EQ(decoded, said);
 }
 
 }  // namespace

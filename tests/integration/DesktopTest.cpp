@@ -122,32 +122,6 @@ TEST_F(DesktopInput, ClipboardGoesBothWaysWithAnotherClient) {
   clipboard.stop();
 }
 
-TEST_F(DesktopInput, PointerLandsWhereTheWireSaysOnEitherMonitor) {
-  const DesktopRect side{1920, 176, 1280, 1024};
-  const struct {
-    double videoW, videoH;
-    DesktopRect bounds;
-    double x, y;
-    int expectedX, expectedY;
-  } cases[] = {
-      {640, 360, screen, 100, 50, 200, 100},
-      {640, 360, screen, -5, 5000, 0, 719},
-      {640, 360, screen, 639.9, 0, 1279, 0},
-      // The side monitor, its origin off the top, under a video of half its size.
-      {640, 512, side, 0, 0, 1920, 176},
-      {640, 512, side, 100, 50, 2120, 276},
-      {640, 512, side, 5000, 5000, 3199, 1199},
-      {640, 512, side, -300, -1, 1920, 176},
-  };
-  for (const auto& c : cases) {
-    PointerInputExecutor pointer(VideoMapping{c.bounds, c.videoW, c.videoH}, injector);
-    drivePointer(pointer, {{"phase", "move"}, {"x", c.x}, {"y", c.y}});
-    const auto [x, y, buttons] = desktop->pointer();
-    EXPECT_EQ(std::make_pair(x, y), std::make_pair(c.expectedX, c.expectedY))
-        << c.bounds.x << ": " << c.x << "," << c.y;
-  }
-}
-
 // Passes events on to the X server, except the ones it is told to fail.
 class FlakyInjector : public InputInjector {
  public:

@@ -3,18 +3,18 @@
 // every proof and size as tables, a whole pairing and session, a revoked
 // phone still refused after a restart, and clients that misbehave.
 
-import { spawn, spawnSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import crypto from 'node:crypto';
 import { mkdtempSync, readFileSync, rmSync, writeFileSync, copyFileSync } from 'node:fs';
 import net from 'node:net';
 import tls from 'node:tls';
 import { tmpdir } from 'node:os';
 import { createRequire } from 'node:module';
-import { createInterface } from 'node:readline';
 import path from 'node:path';
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { fileURLToPath } from 'node:url';
+import { start } from '../support/processes.mjs';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..', '..');
 const WebSocket = createRequire(path.join(root, 'server', 'package.json'))('ws');
@@ -30,19 +30,14 @@ function certificate(name) {
 
 let server;
 let base;
-function startServer() {
-  const child = spawn('node', [path.join(root, 'server', 'server.js'), '--port', '0',
+async function startServer() {
+  server = start('node', [path.join(root, 'server', 'server.js'), '--port', '0',
     '--log-format', 'text', '--state-file', path.join(work, 'state.json'),
     '--tls-cert', path.join(work, 'live.crt'), '--tls-key', path.join(work, 'live.key'),
     '--trusted-proxies', '127.0.0.1', '--pairing-per-minute', '8', '--upgrades-per-minute', '120',
     '--handshake-seconds', '1', '--ping-seconds', '1', '--session-limit', '3',
-    '--turn-url', 'turn:127.0.0.1:3478', '--turn-secret', TURN_SECRET],
-  { stdio: ['ignore', 'pipe', 'inherit'] });
-  const lines = [];
-  createInterface({ input: child.stdout }).on('line', (line) => lines.push(line));
-  server = { child, lines };
-  return waitUntil(() => lines.find((l) => l.includes('listening on')))
-    .then((line) => { base = `127.0.0.1:${line.split(':').pop()}`; });
+    '--turn-url', 'turn:127.0.0.1:3478', '--turn-secret', TURN_SECRET]);
+  base = `127.0.0.1:${(await server.waitFor('listening on', { timeout: 10000 })).split(':').pop()}`;
 }
 async function stopServer() {
   const exited = new Promise((resolve) => server.child.once('exit', resolve));
@@ -363,12 +358,12 @@ test('headers, health, metrics and a certificate renewed on SIGHUP', async () =>
   copyFileSync(path.join(work, 'renewed.key'), path.join(work, 'live.key'));
   const mark = server.lines.length;
   server.child.kill('SIGHUP');
-  await waitUntil(() => server.lines.slice(mark).some((l) => l.includes('reloaded')));
+  await server.waitFor('reloaded', { from: mark });
   assert.equal(await served(), 'renewed');
   // A broken file keeps the certificate in use.
   writeFileSync(path.join(work, 'live.key'), 'damaged');
   server.child.kill('SIGHUP');
-  await waitUntil(() => server.lines.slice(mark).some((l) => l.includes('keeping the previous')));
+  await server.waitFor('keeping the previous', { from: mark });
   assert.equal(await served(), 'renewed');
   assert.equal(readFileSync(path.join(work, 'state.json'), 'utf8').includes(phone.id), true);
   await stopServer();

@@ -23,6 +23,11 @@ struct AtspiProcess {
       if (p->connected) {
         p->context = g_main_context_new();
         atspi_set_main_context(p->context);
+        // libatspi gives up on an application's answer after 800 ms and the
+        // call then reads as "no children" or "no name": on a busy machine a
+        // whole window came back empty. Wait longer for a slow application
+        // (15 s for one that is still starting, as the library's default).
+        atspi_set_timeout(3000, 15000);
       }
       return p;
     }();

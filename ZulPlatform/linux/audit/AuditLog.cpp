@@ -62,14 +62,21 @@ void AuditLog::record(const std::string& event, nlohmann::json fields) const {
 }
 
 std::vector<nlohmann::json> AuditLog::read(const std::optional<std::string>& device,
-                                           const std::optional<std::string>& since) const {
+                                           const std::optional<std::string>& since,
+                                           const std::optional<std::string>& eventPrefix) const {
+  // record() writes "event" compactly, so its text can be looked for before
+  // a line is parsed; the parsed value still decides.
+  const std::string eventText = eventPrefix ? "\"event\":\"" + *eventPrefix : "";
   std::vector<nlohmann::json> records;
   for (int n = keep_; n >= 0; --n) {
     std::ifstream in(n == 0 ? path_.string() : path_.string() + "." + std::to_string(n));
     for (std::string text; std::getline(in, text);) {
+      if (eventPrefix && text.find(eventText) == std::string::npos) continue;
       auto line = nlohmann::json::parse(text, nullptr, false);
       if (!line.is_object() || !line.contains("event") || !line["time"].is_string()) continue;
       if (device && line.value("device", std::string()) != *device) continue;
+      if (eventPrefix && !line["event"].is_string()) continue;
+      if (eventPrefix && !line["event"].get<std::string>().starts_with(*eventPrefix)) continue;
       // ISO 8601 in UTC with whole seconds: text order is time order.
       if (since && line["time"].get<std::string>() < *since) continue;
       records.push_back(std::move(line));

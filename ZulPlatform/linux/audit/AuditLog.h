@@ -26,10 +26,12 @@ class AuditLog {
   void record(const std::string& event, nlohmann::json fields = nlohmann::json::object()) const;
 
   // The records of the log and its rotated files, oldest first; of one
-  // device and from a time (ISO 8601) on when given. Lines that are not
-  // records are skipped.
+  // device, from a time (ISO 8601) on, and of the events whose names start
+  // with `eventPrefix` when given (the other lines are not even parsed).
+  // Lines that are not records are skipped.
   std::vector<nlohmann::json> read(const std::optional<std::string>& device = std::nullopt,
-                                   const std::optional<std::string>& since = std::nullopt) const;
+                                   const std::optional<std::string>& since = std::nullopt,
+                                   const std::optional<std::string>& eventPrefix = std::nullopt) const;
 
   const std::filesystem::path& path() const { return path_; }
 

@@ -201,6 +201,8 @@ int HomeFolder::openPart(std::string_view folder, std::string_view name, std::st
   const std::int64_t free = std::int64_t(space.f_bavail) * std::int64_t(space.f_frsize);
   if (free - needed < reserveBytes) {
     ::close(fd);
+    // A part made just now for this refusal holds nothing: it goes.
+    if (info.st_size == 0) removePart(folder, name, tag);
     throw FileAccessError::noSpace(needed);
   }
   size = info.st_size;

@@ -811,6 +811,10 @@ TEST(AuditLogTest, AppendsWholeRecordsRotatesAndFilters) {
   for (const auto& record : log.read(std::string("device_b")))
     EXPECT_EQ(record["device"], "device_b");
   EXPECT_TRUE(log.read(std::nullopt, std::string("2999-01-01T00:00:00Z")).empty());
+  // By event name: a field that only looks like one does not count.
+  log.record("shell.opened", {{"note", "\"event\":\"session.x"}});
+  EXPECT_EQ(log.read(std::nullopt, std::nullopt, "session.").back()["n"], 11);
+  EXPECT_EQ(log.read(std::nullopt, std::nullopt, "shell.").size(), 1u);
   fs::remove_all(dir);
 }
 
