@@ -80,12 +80,12 @@ PeerVideoEncoding agentVideoEncoding() {
               framesPerSecondFrom(std::getenv("ZUL_MAX_FPS")), lowerFramesPerSecond)};
 }
 
-void runRealAgentMode(const WindowedRealAgent& windowed) {
+void runRealAgentMode(const WindowedRealAgent& windowed, bool atLogin) {
   // With a server named in the environment the agent runs without windows
   // (development, tests, headless machines); otherwise the setup window asks.
   const char* url = std::getenv("ZUL_SIGNALING_URL");
   if ((!url || !*url) && windowed) {
-    windowed(agentVideoEncoding(), printLine);
+    windowed(agentVideoEncoding(), printLine, atLogin);
     return;
   }
   try {
@@ -129,7 +129,7 @@ int agentMain(int argc, char** argv, const WindowedRealAgent& windowed) {
       runWebRtcSmokeMode();
       break;
     case RunMode::realAgent:
-      runRealAgentMode(windowed);
+      runRealAgentMode(windowed, plan.atLogin);
       break;
     case RunMode::phoneDemo:
       runPhoneDemoMode();

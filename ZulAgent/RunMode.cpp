@@ -12,7 +12,7 @@ LaunchPlan chooseRunMode(const std::vector<std::string>& arguments,
   };
   if (has("--help") || has("-h")) return {RunMode::help, false};
   if (has("--webrtc-smoke")) return {RunMode::webrtcSmoke, false};
-  if (has("--real-agent") || launchedAsApp) return {RunMode::realAgent, false};
+  if (has("--real-agent") || launchedAsApp) return {RunMode::realAgent, false, has("--at-login")};
   if (has("--phone-demo")) return {RunMode::phoneDemo, false};
   const bool useReal = captureBackend == "real" || has("--real");
   return {RunMode::pipeline, useReal};
@@ -27,6 +27,8 @@ Modes (the first that matches wins):
   --webrtc-smoke  create and close a WebRTC peer connection, then exit
   --real-agent    the agent: the setup window on $DISPLAY, or no windows when
                   ZUL_SIGNALING_URL is set (the pairing link is printed then)
+    --at-login    started with the desktop session: connects at once to the
+                  server last used, the window opening only when it cannot
   --phone-demo    this screen in a phone's browser on the same network, over
                   HTTP on port 8787, without pairing
   --real          the three-second capture-and-encode test on the real screen

@@ -12,6 +12,10 @@ enum class RunMode { help, webrtcSmoke, realAgent, phoneDemo, pipeline };
 struct LaunchPlan {
   RunMode mode = RunMode::pipeline;
   bool useRealBackends = false;  // pipeline mode only
+  // Real agent only: started with the session ("--at-login"), so it connects
+  // at once with the server last used and shows its window only when that
+  // cannot be done.
+  bool atLogin = false;
 
   friend bool operator==(const LaunchPlan&, const LaunchPlan&) = default;
 };

@@ -156,19 +156,27 @@ bool AgentSetupWindowController::setStartsAtLogin(bool on) {
   QFile entry(path);
   if (!entry.open(QIODevice::WriteOnly | QIODevice::Truncate)) return false;
   entry.write(("[Desktop Entry]\nType=Application\nName=Velto\nExec=" +
-               QCoreApplication::applicationFilePath() + " --real-agent\nTerminal=false\n")
+               QCoreApplication::applicationFilePath() +
+               " --real-agent --at-login\nTerminal=false\n")
                   .toUtf8());
   return true;
 }
 
 void AgentSetupWindowController::show(std::function<void(const std::string&)> onStart,
-                                      std::function<void()> onStop) {
+                                      std::function<void()> onStop, Opening opening) {
   onStart_ = std::move(onStart);
   onStop_ = std::move(onStop);
   const QSettings settings;
   serverField_->setText(settings.value(settingsKey, defaultServerURL).toString());
   refreshPermissions();
   setPill("Не в сети", neutral);
+  if (opening != Opening::inFront && settings.contains(settingsKey)) {
+    start();
+    if (phase_ == windows::AgentPhase::connecting) {
+      if (opening == Opening::minimizedIfStarted) showMinimized();
+      return;
+    }
+  }
   QWidget::show();
   raise();
   activateWindow();

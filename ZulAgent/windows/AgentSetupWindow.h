@@ -26,9 +26,16 @@ class AgentSetupWindowController : public QWidget {
 
   explicit AgentSetupWindowController(Permissions permissions);
 
+  // How the window first appears: in front, or, at login, as if its start
+  // button were pressed with the server last used, the window then hidden
+  // (another indicator shows the agent) or minimized; when there is no such
+  // server or the start stops at a missing permission, it comes in front.
+  enum class Opening { inFront, hiddenIfStarted, minimizedIfStarted };
+
   // `onStop` cancels a connection in progress or disconnects; the window
   // is idle again at once (the agent winds down on its own).
-  void show(std::function<void(const std::string& url)> onStart, std::function<void()> onStop = {});
+  void show(std::function<void(const std::string& url)> onStart, std::function<void()> onStop = {},
+            Opening opening = Opening::inFront);
   void updateTransportStatus(const std::string& status);
   void showFailure(const std::string& message);
   // A line under the status for what the agent wants known (for example

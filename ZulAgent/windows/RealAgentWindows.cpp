@@ -94,7 +94,8 @@ bool askToConnect(QObject* context, const RealAgentControl& control, const std::
 
 }  // namespace
 
-void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print) {
+void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const PrintLine& print,
+                             bool atLogin) {
   const char* display = std::getenv("DISPLAY");
   if (!display || !*display) {
     print(
@@ -229,7 +230,10 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
           }
         });
       },
-      cancelAgent);
+      cancelAgent,
+      atLogin ? (tray ? AgentSetupWindowController::Opening::hiddenIfStarted
+                      : AgentSetupWindowController::Opening::minimizedIfStarted)
+              : AgentSetupWindowController::Opening::inFront);
   std::thread signalWaiter([&] {
     const timespec tick{0, 250'000'000};
     while (!finished) {

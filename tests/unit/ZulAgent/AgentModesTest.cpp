@@ -33,6 +33,8 @@ TEST(RunMode, PicksOneModeInOrder) {
       {{}, "1", false, pipeline(false)},
       {{"--real"}, "REAL", false, pipeline(true)},
       {{"--real-agent"}, std::nullopt, false, {RunMode::realAgent}},
+      {{"--at-login", "--real-agent"}, std::nullopt, false, {RunMode::realAgent, false, true}},
+      {{"--at-login"}, std::nullopt, false, pipeline(false)},
       // Whole-argument matches only.
       {{"--real=1", "--real-agentx", "--phone-demo=yes", "-real"},
        std::nullopt,

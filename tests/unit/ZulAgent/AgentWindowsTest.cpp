@@ -194,16 +194,44 @@ TEST(AgentSetupWindow, StartsOnlyWhenReadyFollowsTheAgentAndCancels) {
   EXPECT_EQ(again.serverField()->text(), "https://rv.example.com");
 }
 
-// «Запускать при входе»: an autostart entry of this user's, or none.
-TEST(AgentSetupWindow, StartsAtLoginOnlyWhenAsked) {
+// «Запускать при входе»: an autostart entry of this user's, or none. Started
+// at login, the agent connects at once to the server last used, out of the
+// way; without one, or with a permission missing, the window comes in front.
+TEST(AgentSetupWindow, StartsAtLoginOnlyWhenAskedAndThenConnectsAtOnce) {
   ASSERT_FALSE(AgentSetupWindowController::startsAtLogin());
   ASSERT_TRUE(AgentSetupWindowController::setStartsAtLogin(true));
   EXPECT_TRUE(AgentSetupWindowController::startsAtLogin());
   QFile entry(QString::fromStdString(AgentSetupWindowController::autostartPath()));
   ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
-  EXPECT_TRUE(entry.readAll().contains("--real-agent"));
+  EXPECT_TRUE(entry.readAll().contains("--real-agent --at-login"));
   ASSERT_TRUE(AgentSetupWindowController::setStartsAtLogin(false));
   EXPECT_FALSE(AgentSetupWindowController::startsAtLogin());
+
+  using Opening = AgentSetupWindowController::Opening;
+  const struct {
+    const char* stored;
+    bool permitted;
+    Opening opening;
+    const char* expected;  // started | shown
+  } cases[] = {
+      {"https://rv.example.com", true, Opening::hiddenIfStarted, "https://rv.example.com | hidden"},
+      {"https://rv.example.com", true, Opening::minimizedIfStarted,
+       "https://rv.example.com | minimized"},
+      {"https://rv.example.com", true, Opening::inFront, " | in front"},
+      {"https://rv.example.com", false, Opening::hiddenIfStarted, " | in front"},
+      {nullptr, true, Opening::hiddenIfStarted, " | in front"},
+  };
+  for (const auto& c : cases) {
+    QSettings().clear();
+    if (c.stored) QSettings().setValue("ZulSignalingURL", c.stored);
+    AgentSetupWindowController window{{[] { return true; }, [&] { return c.permitted; }}};
+    std::string started;
+    window.show([&](const std::string& url) { started = url; }, {}, c.opening);
+    const std::string shown = !window.isVisible()    ? "hidden"
+                              : window.isMinimized() ? "minimized"
+                                                     : "in front";
+    EXPECT_EQ(started + " | " + shown, c.expected) << (c.stored ? c.stored : "none");
+  }
 }
 
 TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
