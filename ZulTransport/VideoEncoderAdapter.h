@@ -49,6 +49,8 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
     std::int64_t captureTimeMs = 0;
     std::int64_t ntpTimeMs = 0;
     webrtc::VideoRotation rotation = webrtc::kVideoRotation_0;
+    std::int64_t pushedUs = 0;  // on the monotonic clock
+    std::chrono::steady_clock::time_point encodeStart;
   };
   int32_t deliver(const EncodedVideoFrame& unit);
   // Tells the frame rate choice, and says when it changes the rate.

@@ -1,5 +1,7 @@
 #include "ZulTransport/WebRtcSupport.h"
 
+#include "ZulCore/Media/FrameTrace.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <future>
@@ -148,6 +150,13 @@ void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> 
   int width = 0, height = 0, cropWidth = 0, cropHeight = 0, cropX = 0, cropY = 0;
   if (!AdaptFrame(buffer->width(), buffer->height(), timeUs, &width, &height, &cropWidth,
                   &cropHeight, &cropX, &cropY)) {
+    if (frameTraceEnabled()) {
+      char line[96];
+      std::snprintf(line, sizeof line, "dropped pushed=%.3f by the source's adapter",
+                    wallMsOf(std::chrono::steady_clock::time_point(
+                        std::chrono::microseconds(timeUs))));
+      traceFrame(line);
+    }
     return;  // nobody wants a frame now
   }
   if (width != buffer->width() || height != buffer->height()) {
