@@ -122,7 +122,16 @@ int32_t VideoEncoderAdapter::Release() {
 int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
                                     const std::vector<webrtc::VideoFrameType>* frameTypes) {
   if (!configured_ || !callback_) return WEBRTC_VIDEO_CODEC_UNINITIALIZED;
-  if (paused_) return WEBRTC_VIDEO_CODEC_OK;
+  if (paused_) {
+    if (frameTraceEnabled()) {
+      char line[96];
+      std::snprintf(line, sizeof line, "paused pushed=%.3f (no bit rate)",
+                    wallMsOf(std::chrono::steady_clock::time_point(
+                        std::chrono::microseconds(frame.timestamp_us()))));
+      traceFrame(line);
+    }
+    return WEBRTC_VIDEO_CODEC_OK;
+  }
   const bool keyFrame =
       frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
                               webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end();
@@ -239,11 +248,12 @@ int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
     std::snprintf(
         line, sizeof line,
         "encoded rtp=%u pushed=%.3f encode_at=%.3f encoded=%.3f queued=%.3f bytes=%zu "
-        "key=%d",
+        "key=%d kbps=%lld bwe=%lld",
         times.rtpTimestamp,
         wallMsOf(std::chrono::steady_clock::time_point(std::chrono::microseconds(times.pushedUs))),
         wallMsOf(times.encodeStart), wallMsOf(encoded), wallMsOf(std::chrono::steady_clock::now()),
-        unit.annexB.size(), unit.isKeyFrame ? 1 : 0);
+        unit.annexB.size(), unit.isKeyFrame ? 1 : 0, static_cast<long long>(settings_.bitrateKbps),
+        static_cast<long long>(bandwidthKbps_));
     traceFrame(line);
   }
   return result.error == webrtc::EncodedImageCallback::Result::OK ? WEBRTC_VIDEO_CODEC_OK
@@ -253,6 +263,7 @@ int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
 void VideoEncoderAdapter::SetRates(const RateControlParameters& parameters) {
   if (!configured_) return;
   const std::int64_t kbps = std::int64_t(parameters.bitrate.get_sum_bps() / 1000);
+  bandwidthKbps_ = parameters.bandwidth_allocation.kbps();
   paused_ = kbps <= 0;
   if (paused_) return;
   if (kbps != settings_.bitrateKbps) {

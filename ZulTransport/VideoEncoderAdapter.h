@@ -65,6 +65,7 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
   bool paused_ = false;  // WebRTC gives the stream no bits
   VideoEncoderSettings settings_;
   double frameRate_ = 0;
+  std::int64_t bandwidthKbps_ = 0;  // the estimate the library shares out, for the trace
   std::int64_t lastPts_ = -1;
   // Frames inside the encoder, by time stamp, until their unit comes out.
   std::map<std::int64_t, FrameTimes> inFlight_;

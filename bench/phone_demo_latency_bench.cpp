@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -88,7 +89,7 @@ constexpr const char* installProbe = R"js((() => {
       if (s.type === "inbound-rtp" && s.kind === "video") {
         for (const k of ["framesDecoded", "totalDecodeTime", "jitterBufferDelay",
                          "jitterBufferEmittedCount", "totalProcessingDelay", "totalAssemblyTime",
-                         "bytesReceived"]) out[k] = s[k] || 0;
+                         "bytesReceived", "qpSum", "framesDropped"]) out[k] = s[k] || 0;
       }
     });
     return out;
@@ -153,7 +154,11 @@ struct ChangeStages {
   double ms[stageCount] = {};
   double frameKb = 0;  // the encoded frame that carried the change
   double totalsMs[std::size(totalNames)] = {};
-  int frames = 0;  // frames the receiver decoded over the change
+  int frames = 0;   // frames the receiver decoded over the change
+  int dropped = 0;  // frames the receiver dropped over the change
+  double qp = 0;    // mean quantizer of the frames decoded over the change
+  double kbps = 0;  // the encoder's target rate for that frame
+  double bwe = 0;   // the bandwidth estimate shared out then
 };
 
 // Glass-to-glass figures of one kind of change.
@@ -220,6 +225,10 @@ std::optional<ChangeStages> stagesOf(double drawnAt, double drawnEnd, const nloh
     out.totalsMs[k] = totals.value(totalNames[k], 0.0) * 1000;
   }
   out.frames = totals.value("framesDecoded", 0);
+  out.qp = out.frames > 0 ? totals.value("qpSum", 0.0) / out.frames : 0;
+  out.kbps = field(*encoded, "kbps");
+  out.bwe = field(*encoded, "bwe");
+  out.dropped = totals.value("framesDropped", 0);
   return out;
 }
 
@@ -293,6 +302,21 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
     }
     const auto offset = std::max_element(offsets.begin(), offsets.end(),
                                          [](auto& a, auto& b) { return a.second < b.second; });
+    // A change that took far longer than a frame: the trace around it, to
+    // see where it waited.
+    for (const auto& one : seen) {
+      const double at = one.seen["at"].get<double>();
+      if (at - one.drawnAt < 150) continue;
+      std::printf("%s change shown after %.0f ms; the frame trace from 20 ms before it:\n",
+                  nameOf(content), at - one.drawnAt);
+      for (const auto& line : trace) {
+        double when = field(line, "read_at");
+        if (std::isnan(when)) when = field(line, "pushed");
+        if (when >= one.drawnAt - 20 && when <= at) {
+          std::printf("  %+8.1f %s\n", when - one.drawnAt, line.c_str());
+        }
+      }
+    }
     for (const auto& one : seen) {
       if (offset == offsets.end()) break;
       if (auto stages =
@@ -585,7 +609,8 @@ std::string loadNow() {
 void printStages(const std::string& size, const char* through, const std::vector<Changes>& all) {
   std::printf("%-10s %-6s %-13s %-5s", "", through, "steps (ms)", "");
   for (const char* name : stageNames) std::printf(" %5s", name);
-  std::printf(" | %6s %5s | %5s %5s %5s %5s\n", "frame", "kB", "jbuf", "proc", "asm", "dec");
+  std::printf(" | %6s %5s | %5s %5s %5s %5s | %4s %5s %5s\n", "drops", "kB", "jbuf", "proc", "asm",
+              "dec", "qp", "kbps", "bwe");
   for (std::size_t k = 0; k < all.size(); ++k) {
     const auto& stages = all[k].stages;
     if (stages.empty()) {
@@ -597,11 +622,14 @@ void printStages(const std::string& size, const char* through, const std::vector
       std::printf("%-10s %-6s %-13s %-5s", size.c_str(), through, nameOf(contents[k]), label);
       for (std::size_t i = 0; i < stageCount; ++i)
         std::printf(" %5.1f", pick([i](const ChangeStages& c) { return c.ms[i]; }));
-      std::printf(" | %6s %5.0f |", "", pick([](const ChangeStages& c) { return c.frameKb; }));
+      std::printf(" | %6.0f %5.0f |", pick([](const ChangeStages& c) { return double(c.dropped); }),
+                  pick([](const ChangeStages& c) { return c.frameKb; }));
       for (std::size_t i = 0; i < std::size(totalNames); ++i) {
         std::printf(" %5.1f", pick([i](const ChangeStages& c) { return c.totalsMs[i]; }));
       }
-      std::printf("\n");
+      std::printf(" | %4.0f %5.0f %5.0f\n", pick([](const ChangeStages& c) { return c.qp; }),
+                  pick([](const ChangeStages& c) { return c.kbps; }),
+                  pick([](const ChangeStages& c) { return c.bwe; }));
     };
     auto quantile = [&](double q) {
       return [&stages, q](auto get) {
@@ -611,6 +639,7 @@ void printStages(const std::string& size, const char* through, const std::vector
         return Changes::at(v, q);
       };
     };
+    row("mid", [&](auto get) { return get(stages[stages.size() / 2].second); });
     row("p50", quantile(0.5));
     row("p95", quantile(0.95));
     char worst[16];
@@ -735,11 +764,14 @@ int main(int argc, char** argv) {
       "Chromium decoded per second; agent and ffmpeg: CPU time per streamed frame on the same\n"
       "moving screen (ffmpeg: x11grab + libx264 ultrafast/zerolatency/baseline at the same\n"
       "rate), ratio = agent / ffmpeg; core %%: the agent's share of one core while moving\n"
-      "steps: where the time of a change went (median, 95th percentile of each step, and the\n"
-      "slowest change whole), from the agent's frame trace and the browser's figures of the frame\n"
-      "that showed it; frame kB: that encoded frame; jbuf/proc/asm/dec: the receiver's totals\n"
+      "steps: where the time of a change went (the median change whole, each step's median and\n"
+      "95th percentile, and the slowest change whole), from the agent's frame trace and the "
+      "browser's figures of the frame\n"
+      "that showed it; drops: frames the receiver dropped over the change; kB: that encoded frame; "
+      "jbuf/proc/asm/dec: the receiver's totals\n"
       "over the change (jitterBufferDelay, totalProcessingDelay, totalAssemblyTime,\n"
-      "totalDecodeTime; all frames decoded in it)\n",
+      "totalDecodeTime; all frames decoded in it); qp: their mean quantizer; kbps: the\n"
+      "encoder's target rate for the frame; bwe: the bandwidth estimate the library shared out\n",
       changes);
   return failures == 0 ? 0 : 1;
 }
