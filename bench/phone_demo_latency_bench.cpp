@@ -572,13 +572,17 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
                              ", ['view', 'control']).then(() => true)");
   browser.evaluate(page, "zulPhone.connect({}).then(() => true)");
   // The first second of video on a still screen of text: how many key
-  // frames and bytes made the first picture.
+  // frames and bytes made the first picture, and how sharp the last one is
+  // (the quantizer of the frames decoded since the previous look).
   const std::string firstStats = R"js((async () => {
-    const out = { keyFrames: 0, frames: 0, bytes: 0 };
+    const out = { keyFrames: 0, frames: 0, bytes: 0, qp: 0 };
     (await zulPhone.state.session.pc.getStats()).forEach((s) => {
       if (s.type === "inbound-rtp" && s.kind === "video") {
         out.keyFrames = s.keyFramesDecoded || 0; out.frames = s.framesDecoded || 0;
         out.bytes = s.bytesReceived || 0;
+        const last = window.firstLook || { qpSum: 0, frames: 0 };
+        out.qp = (s.qpSum - last.qpSum) / Math.max(1, out.frames - last.frames);
+        window.firstLook = { qpSum: s.qpSum || 0, frames: out.frames };
       }
     });
     return out;
@@ -589,7 +593,8 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
     firstSecond += (second == 1 ? "" : "; in 3 s: ") +
                    std::to_string(first["keyFrames"].get<int>()) + " key frames of " +
                    std::to_string(first["frames"].get<int>()) + " decoded, " +
-                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB";
+                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB, QP " +
+                   std::to_string(int(first["qp"].get<double>()));
   }
   if (!browser.waitFor(page, "zulPhone.videoStats().then(s => s.framesDecoded > 10)", 60s)) {
     throw std::runtime_error("no video reached the phone: " + agent.tail());
