@@ -302,11 +302,12 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
     }
     const auto offset = std::max_element(offsets.begin(), offsets.end(),
                                          [](auto& a, auto& b) { return a.second < b.second; });
-    // A change that took far longer than a frame: the trace around it, to
-    // see where it waited.
+    // A change that took longer than the repeat after a change allows: the
+    // trace around it, to see where it waited (the first three).
+    int told = 0;
     for (const auto& one : seen) {
       const double at = one.seen["at"].get<double>();
-      if (at - one.drawnAt < 150) continue;
+      if (at - one.drawnAt < 300 || ++told > 3) continue;
       std::printf("%s change shown after %.0f ms; the frame trace from 20 ms before it:\n",
                   nameOf(content), at - one.drawnAt);
       for (const auto& line : trace) {
