@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "ZulCore/Media/FrameTrace.h"
 #include "ZulCore/Media/Nv12Surface.h"
 #include "ZulTransport/PeerVideoEncoding.h"
 #include "api/video/nv12_buffer.h"
@@ -92,17 +93,17 @@ int VideoEncoderAdapter::InitEncode(const webrtc::VideoCodec* codec, const Setti
     const std::int64_t lower = std::min(rateChoice_->lower(), highest);
     rate = std::min(rateChoice_->framesPerSecond(), highest);
     if (lower < highest) {
-      adapts = rate == highest ? "; " + std::to_string(lower) +
-                                     " fps while a frame takes longer to encode than " +
-                                     std::to_string(highest) + " fps allow"
-                               : "; " + std::to_string(highest) +
-                                     " fps again once encoding keeps up";
+      adapts = rate == highest
+                   ? "; " + std::to_string(lower) +
+                         " fps while a frame takes longer to encode than " +
+                         std::to_string(highest) + " fps allow"
+                   : "; " + std::to_string(highest) + " fps again once encoding keeps up";
     }
   }
   say("video encoder: " + encoder_->name() + " (" +
       (encoder_->isHardwareAccelerated() ? "hardware" : "software") + "), " + size + " at up to " +
-      std::to_string(rate) + " fps, starting at " + std::to_string(settings.bitrateKbps) +
-      " kbps" + adapts);
+      std::to_string(rate) + " fps, starting at " + std::to_string(settings.bitrateKbps) + " kbps" +
+      adapts);
   return WEBRTC_VIDEO_CODEC_OK;
 }
 
@@ -121,7 +122,16 @@ int32_t VideoEncoderAdapter::Release() {
 int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
                                     const std::vector<webrtc::VideoFrameType>* frameTypes) {
   if (!configured_ || !callback_) return WEBRTC_VIDEO_CODEC_UNINITIALIZED;
-  if (paused_) return WEBRTC_VIDEO_CODEC_OK;
+  if (paused_) {
+    if (frameTraceEnabled()) {
+      char line[96];
+      std::snprintf(line, sizeof line, "paused pushed=%.3f (no bit rate)",
+                    wallMsOf(std::chrono::steady_clock::time_point(
+                        std::chrono::microseconds(frame.timestamp_us()))));
+      traceFrame(line);
+    }
+    return WEBRTC_VIDEO_CODEC_OK;
+  }
   const bool keyFrame =
       frameTypes && std::find(frameTypes->begin(), frameTypes->end(),
                               webrtc::VideoFrameType::kVideoFrameKey) != frameTypes->end();
@@ -168,13 +178,13 @@ int32_t VideoEncoderAdapter::Encode(const webrtc::VideoFrame& frame,
   captured.height = buffer->height();
   captured.pixelFormat = PixelFormat::nv12;
   captured.nativeSurface = std::make_shared<FrameBufferSurface>(buffer);
-  inFlight_[pts] =
-      FrameTimes{frame.timestamp(), frame.render_time_ms(), frame.ntp_time_ms(), frame.rotation()};
+  const auto encodeStart = std::chrono::steady_clock::now();
+  inFlight_[pts] = FrameTimes{frame.timestamp(), frame.render_time_ms(), frame.ntp_time_ms(),
+                              frame.rotation(),  frame.timestamp_us(),   encodeStart};
   if (inFlight_.size() > 64) inFlight_.erase(inFlight_.begin());
 
   std::optional<EncodedVideoFrame> unit;
   try {
-    const auto encodeStart = std::chrono::steady_clock::now();
     unit = encoder_->encode(captured, keyFrame);
     if (rateChoice_) noteEncodeTime(std::chrono::steady_clock::now() - encodeStart);
   } catch (const std::exception& error) {
@@ -229,7 +239,23 @@ int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
   info.codecSpecific.H264.temporal_idx = webrtc::kNoTemporalIdx;
   info.codecSpecific.H264.base_layer_sync = false;
   info.codecSpecific.H264.idr_frame = unit.isKeyFrame;
+  const auto encoded = std::chrono::steady_clock::now();
   const auto result = callback_->OnEncodedImage(image, &info);
+  if (frameTraceEnabled()) {
+    // pushed: into the video source; the encoder's turn; the unit out of it;
+    // the unit handed to the packetizer and pacer.
+    char line[200];
+    std::snprintf(
+        line, sizeof line,
+        "encoded rtp=%u pushed=%.3f encode_at=%.3f encoded=%.3f queued=%.3f bytes=%zu "
+        "key=%d kbps=%lld bwe=%lld",
+        times.rtpTimestamp,
+        wallMsOf(std::chrono::steady_clock::time_point(std::chrono::microseconds(times.pushedUs))),
+        wallMsOf(times.encodeStart), wallMsOf(encoded), wallMsOf(std::chrono::steady_clock::now()),
+        unit.annexB.size(), unit.isKeyFrame ? 1 : 0, static_cast<long long>(settings_.bitrateKbps),
+        static_cast<long long>(bandwidthKbps_));
+    traceFrame(line);
+  }
   return result.error == webrtc::EncodedImageCallback::Result::OK ? WEBRTC_VIDEO_CODEC_OK
                                                                   : WEBRTC_VIDEO_CODEC_ERROR;
 }
@@ -237,6 +263,7 @@ int32_t VideoEncoderAdapter::deliver(const EncodedVideoFrame& unit) {
 void VideoEncoderAdapter::SetRates(const RateControlParameters& parameters) {
   if (!configured_) return;
   const std::int64_t kbps = std::int64_t(parameters.bitrate.get_sum_bps() / 1000);
+  bandwidthKbps_ = parameters.bandwidth_allocation.kbps();
   paused_ = kbps <= 0;
   if (paused_) return;
   if (kbps != settings_.bitrateKbps) {
@@ -312,8 +339,7 @@ std::unique_ptr<webrtc::VideoEncoder> AgentVideoEncoderFactory::CreateVideoEncod
     if (print_) print_("video encoder: WebRTC's OpenH264 (ours is unavailable)");
     return openH264;
   }
-  auto ours =
-      std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, rateChoice_);
+  auto ours = std::make_unique<VideoEncoderAdapter>(std::move(encoder), print_, rateChoice_);
   if (!openH264) return ours;
   return webrtc::CreateVideoEncoderSoftwareFallbackWrapper(std::move(openH264), std::move(ours));
 }

@@ -49,6 +49,8 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
     std::int64_t captureTimeMs = 0;
     std::int64_t ntpTimeMs = 0;
     webrtc::VideoRotation rotation = webrtc::kVideoRotation_0;
+    std::int64_t pushedUs = 0;  // on the monotonic clock
+    std::chrono::steady_clock::time_point encodeStart;
   };
   int32_t deliver(const EncodedVideoFrame& unit);
   // Tells the frame rate choice, and says when it changes the rate.
@@ -63,6 +65,7 @@ class VideoEncoderAdapter : public webrtc::VideoEncoder {
   bool paused_ = false;  // WebRTC gives the stream no bits
   VideoEncoderSettings settings_;
   double frameRate_ = 0;
+  std::int64_t bandwidthKbps_ = 0;  // the estimate the library shares out, for the trace
   std::int64_t lastPts_ = -1;
   // Frames inside the encoder, by time stamp, until their unit comes out.
   std::map<std::int64_t, FrameTimes> inFlight_;

@@ -5,6 +5,7 @@
 #include <future>
 #include <string_view>
 
+#include "ZulCore/Media/FrameTrace.h"
 #include "ZulCore/Media/Nv12Surface.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulTransport/VideoEncoderAdapter.h"
@@ -42,13 +43,14 @@ rtc::LoggingSeverity logLevelFromEnvironment() {
 // How the library sends a screen. A screen share probes the path now and
 // then while it is idle (application-limited), so that the bandwidth
 // estimate a still screen leaves behind is still the link's when a whole new
-// page comes; and the pacer lets no frame wait in its queue much longer than
-// 10 ms, so that a large frame leaves at once rather than spread over tens of
-// milliseconds at the estimate (the estimate still shapes the frames' sizes
-// through the encoder's rate). The figures of the screen-share experiment are
-// its pacing factor, queue time limit in ms, and the ALR thresholds of the
-// library's own screen-share setting.
-constexpr const char* screenFieldTrials = "WebRTC-ProbingScreenshareBwe/2.5,10,80,40,-60,3/";
+// page comes; and the pacer lets no frame wait in its queue longer than about
+// a millisecond, so that a large frame leaves at once rather than spread over
+// 10 ms or more at the estimate (which still shapes the frames' sizes through
+// the encoder's rate; the latency benchmark's "send" step shows the cost).
+// The figures of the screen-share experiment are its pacing factor, queue
+// time limit in ms, and the ALR thresholds of the library's own screen-share
+// setting.
+constexpr const char* screenFieldTrials = "WebRTC-ProbingScreenshareBwe/2.5,1,80,40,-60,3/";
 
 WebRtcError toError(const webrtc::RTCError& error) {
   return WebRtcError(webrtc::ToString(error.type()), error.message());
@@ -131,7 +133,6 @@ Runtime::~Runtime() {
 PushedVideoSource::PushedVideoSource() {
   // The agent captures at most this size; the demo captures the display as
   // it is, and a 4K screen would cost a phone four times the decoding.
-  constexpr int maxPixels = 1920 * 1080;
   video_adapter()->OnOutputFormatRequest(absl::nullopt, maxPixels, absl::nullopt);
 }
 
@@ -145,9 +146,29 @@ bool PushedVideoSource::push(const CapturedFrame& frame, std::int64_t timestampN
 void PushedVideoSource::pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> buffer,
                                    std::int64_t timestampNs) {
   const std::int64_t timeUs = timestampNs / 1000;
+  // The capture's gate sets the frame rate, not the library's adapter: the
+  // adapter drops a picture that comes a little sooner than its rate after
+  // the previous one, and when that picture completes a change the phone
+  // waits for the next idle frame, half a second later. It only shrinks
+  // pictures above 1080p (the demo's large displays).
+  if (std::int64_t(buffer->width()) * buffer->height() <= maxPixels) {
+    OnFrame(webrtc::VideoFrame::Builder()
+                .set_video_frame_buffer(buffer)
+                .set_rotation(webrtc::kVideoRotation_0)
+                .set_timestamp_us(timeUs)
+                .build());
+    return;
+  }
   int width = 0, height = 0, cropWidth = 0, cropHeight = 0, cropX = 0, cropY = 0;
   if (!AdaptFrame(buffer->width(), buffer->height(), timeUs, &width, &height, &cropWidth,
                   &cropHeight, &cropX, &cropY)) {
+    if (frameTraceEnabled()) {
+      char line[96];
+      std::snprintf(
+          line, sizeof line, "dropped pushed=%.3f by the source's adapter",
+          wallMsOf(std::chrono::steady_clock::time_point(std::chrono::microseconds(timeUs))));
+      traceFrame(line);
+    }
     return;  // nobody wants a frame now
   }
   if (width != buffer->width() || height != buffer->height()) {
@@ -288,6 +309,11 @@ void setRemoteAnswer(webrtc::PeerConnectionInterface& connection, const std::str
   connection.SetRemoteDescription(std::move(description), observer);
   const webrtc::RTCError error = future.get();
   if (!error.ok()) throw toError(error);
+  // The negotiation drops what was set on the sender before it.
+  for (const auto& sender : connection.GetSenders()) {
+    if (sender->media_type() != cricket::MEDIA_TYPE_VIDEO) continue;
+    if (auto problem = keepScreenSending(*sender)) throw WebRtcError("INVALID_STATE", *problem);
+  }
 }
 
 std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
@@ -300,6 +326,21 @@ std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
   });
 }
 
+std::optional<std::string> keepScreenSending(webrtc::RtpSenderInterface& sender) {
+  // A screen is read, not watched: keep every pixel and give up frame rate
+  // instead when the bandwidth is short.
+  auto parameters = sender.GetParameters();
+  parameters.degradation_preference = webrtc::DegradationPreference::MAINTAIN_RESOLUTION;
+  // The library's ceiling for 1080p (2.5 Mbit/s) makes a new page of text a
+  // blur for half a second; the bandwidth estimate still keeps the rate below
+  // what the path carries.
+  for (auto& encoding : parameters.encodings) encoding.max_bitrate_bps = maxBitrateBps;
+  if (auto error = sender.SetParameters(parameters); !error.ok()) {
+    return "could not keep the resolution: " + std::string(error.message());
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface& factory,
                                          webrtc::PeerConnectionInterface& connection,
                                          const rtc::scoped_refptr<PushedVideoSource>& source) {
@@ -309,16 +350,7 @@ std::optional<std::string> addVideoTrack(webrtc::PeerConnectionFactoryInterface&
   auto added = connection.AddTrack(track, {"zul-stream0"});
   if (!added.ok()) return "could not add the video track: " + std::string(added.error().message());
   auto sender = added.MoveValue();
-  // A screen is read, not watched: keep every pixel and give up frame rate
-  // instead when the bandwidth is short.
-  auto parameters = sender->GetParameters();
-  parameters.degradation_preference = webrtc::DegradationPreference::MAINTAIN_RESOLUTION;
-  // The library's ceiling for 1080p (2.5 Mbit/s) blurs text while it moves;
-  // the bandwidth estimate still keeps the rate below what the path carries.
-  for (auto& encoding : parameters.encodings) encoding.max_bitrate_bps = 8'000'000;
-  if (auto error = sender->SetParameters(parameters); !error.ok()) {
-    return "could not keep the resolution: " + std::string(error.message());
-  }
+  if (auto problem = keepScreenSending(*sender)) return problem;
   // The library starts at 300 kbit/s, which makes the first picture of a
   // 1080p screen a blur; the estimate still falls at once where the link is
   // slower.

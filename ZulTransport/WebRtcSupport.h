@@ -57,6 +57,8 @@ class PushedVideoSource : public rtc::AdaptedVideoTrackSource {
   bool push(const CapturedFrame& frame, std::int64_t timestampNs);
   void pushBuffer(rtc::scoped_refptr<webrtc::VideoFrameBuffer> buffer, std::int64_t timestampNs);
 
+  static constexpr int maxPixels = 1920 * 1080;
+
   SourceState state() const override { return kLive; }
   bool remote() const override { return false; }
   bool is_screencast() const override { return false; }
@@ -100,6 +102,12 @@ std::optional<std::string> localDescriptionSdp(rtc::Thread& signaling,
 
 // Where the bandwidth estimate of a new connection starts.
 inline constexpr int startBitrateBps = 2'000'000;
+// The most a screen is sent at.
+inline constexpr int maxBitrateBps = 8'000'000;
+
+// Sets the sender of a screen: resolution kept, rate up to maxBitrateBps.
+// Again after each negotiation, which forgets them. A problem text, or nothing.
+std::optional<std::string> keepScreenSending(webrtc::RtpSenderInterface& sender);
 
 // Adds a video track with id "zul-video0" in stream "zul-stream0" and puts
 // H.264 first among its codecs (the default factory offers VP8 first); the

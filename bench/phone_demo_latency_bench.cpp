@@ -25,17 +25,19 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <random>
 #include <sstream>
 #include <thread>
 
-#include "e2e/HeadlessChromium.h"
 #include "ScreenPattern.h"
+#include "e2e/HeadlessChromium.h"
 #include "support/ChildProcess.h"
 #include "support/ThrottledLink.h"
 #include "support/XvfbServer.h"
@@ -80,16 +82,35 @@ constexpr const char* installProbe = R"js((() => {
     });
     return b;
   };
-  const onFrame = () => {
+  // The receiver's running totals (seconds), for the difference over a change.
+  window.probeTotals = async () => {
+    const out = {};
+    (await (PEER).getStats()).forEach((s) => {
+      if (s.type === "inbound-rtp" && s.kind === "video") {
+        for (const k of ["framesDecoded", "totalDecodeTime", "jitterBufferDelay",
+                         "jitterBufferEmittedCount", "totalProcessingDelay", "totalAssemblyTime",
+                         "bytesReceived", "qpSum", "framesDropped"]) out[k] = s[k] || 0;
+      }
+    });
+    return out;
+  };
+  const wall = (t) => performance.timeOrigin + t;
+  const onFrame = (now, meta) => {
     if (probe.want !== null && v.videoWidth) {
       const sx = Math.floor(v.videoWidth * 64 / SCREEN_W), sy = Math.floor(v.videoHeight * 64 / SCREEN_H);
       g.drawImage(v, sx, sy, 8, 8, 0, 0, 8, 8);
       const luma = g.getImageData(4, 4, 1, 1).data[1];
       if ((probe.want === "bright") === (luma > 128)) {
-        const at = performance.timeOrigin + performance.now();
+        // The frame that showed the change: its RTP time stamp, when its last
+        // packet arrived, how long it took to decode, when it was handed to
+        // the compositor; all wall-clock milliseconds.
+        const at = wall(performance.now());
         const resolve = probe.resolve;
         probe.want = null;
-        resolve(at);
+        resolve({ at, rtp: meta.rtpTimestamp ?? -1,
+                  received: meta.receiveTime ? wall(meta.receiveTime) : 0,
+                  decodeMs: (meta.processingDuration || 0) * 1000,
+                  presented: wall(meta.presentationTime) });
       }
     }
     v.requestVideoFrameCallback(onFrame);
@@ -102,26 +123,123 @@ constexpr const char* installProbe = R"js((() => {
 enum class Content { square, screen, text };
 constexpr Content contents[] = {Content::square, Content::screen, Content::text};
 const char* nameOf(Content c) {
-  return c == Content::square ? "square 96px" : c == Content::screen ? "whole screen" : "text pages";
+  return c == Content::square   ? "square 96px"
+         : c == Content::screen ? "whole screen"
+                                : "text pages";
 }
+
+// Where the time of one change went, in ms, from the agent's frame trace
+// (ZUL_FRAME_TRACE) and the browser's figures of the frame that showed it.
+// The steps follow each other, so they add up to the glass-to-glass time.
+constexpr const char* stageNames[] = {
+    "draw",  // the test draws the change on the X screen
+    "wait",  // until the capture reads the screen
+    "read",  // XShm read of the damaged area
+    "conv",  // NV12 conversion of what changed
+    "hand",  // to the video source
+    "encq",  // in WebRTC's encoder queue
+    "enc",   // libx264 (or the hardware encoder)
+    "pkt",   // packetizing, into the pacer's queue
+    "send",  // paced out and received (last packet)
+    "jb",    // jitter buffer and frame assembly until decoding starts
+    "dec",   // decoding
+    "show",  // decoded until the page's video frame callback sees it
+};
+constexpr std::size_t stageCount = std::size(stageNames);
+// The receiver's own totals over the change (all frames in it), in ms.
+constexpr const char* totalNames[] = {"jitterBufferDelay", "totalProcessingDelay",
+                                      "totalAssemblyTime", "totalDecodeTime"};
+
+struct ChangeStages {
+  double ms[stageCount] = {};
+  double frameKb = 0;  // the encoded frame that carried the change
+  double totalsMs[std::size(totalNames)] = {};
+  int frames = 0;   // frames the receiver decoded over the change
+  int dropped = 0;  // frames the receiver dropped over the change
+  double qp = 0;    // mean quantizer of the frames decoded over the change
+  double kbps = 0;  // the encoder's target rate for that frame
+  double bwe = 0;   // the bandwidth estimate shared out then
+};
 
 // Glass-to-glass figures of one kind of change.
 struct Changes {
   std::vector<double> ms;  // sorted
   std::vector<double> kb;  // sorted: kilobytes received from the change until it showed
   nlohmann::json losses;   // packets lost, NACKs and PLIs sent, key frames while changing
+  std::vector<std::pair<double, ChangeStages>> stages;  // by glass-to-glass time, where traced
   static double at(const std::vector<double>& v, double q) {
     return v.empty() ? 0 : v[std::min(v.size() - 1, std::size_t(q * double(v.size())))];
   }
 };
 
+// "key=value" of a trace line, or NaN.
+double field(const std::string& line, const std::string& key) {
+  const auto at = line.find(" " + key + "=");
+  return at == std::string::npos ? std::nan("") : std::atof(line.c_str() + at + key.size() + 2);
+}
+
+// Joins a change with the agent's trace: the encoded frame by its RTP time
+// stamp, the captured picture it was made of by the moment it was pushed.
+std::optional<ChangeStages> stagesOf(double drawnAt, double drawnEnd, const nlohmann::json& seen,
+                                     const nlohmann::json& totals,
+                                     const std::vector<std::string>& trace,
+                                     std::uint32_t rtpOffset) {
+  const double received = seen.value("received", 0.0);
+  if (seen.value("rtp", -1.0) < 0 || received <= 0) return std::nullopt;
+  const double rtp = double(std::uint32_t(seen["rtp"].get<double>()) - rtpOffset);
+  const std::string* encoded = nullptr;
+  for (auto it = trace.rbegin(); it != trace.rend() && !encoded; ++it) {
+    if (it->find("[frame] encoded ") != std::string::npos && field(*it, "rtp") == rtp) {
+      encoded = &*it;
+    }
+  }
+  if (!encoded) return std::nullopt;
+  const double pushed = field(*encoded, "pushed");
+  const std::string* captured = nullptr;
+  for (const auto& line : trace) {
+    if (line.find("[frame] captured ") != std::string::npos && field(line, "ready") <= pushed &&
+        (!captured || field(line, "ready") > field(*captured, "ready"))) {
+      captured = &line;
+    }
+  }
+  if (!captured) return std::nullopt;
+  const double readAt = field(*captured, "read_at"), read = field(*captured, "read");
+  const double decodeMs = seen["decodeMs"].get<double>();
+  const double presented = seen["presented"].get<double>();
+  ChangeStages out;
+  const double steps[] = {drawnEnd - drawnAt,
+                          readAt - drawnEnd,
+                          read,
+                          field(*captured, "ready") - readAt - read,
+                          pushed - field(*captured, "ready"),
+                          field(*encoded, "encode_at") - pushed,
+                          field(*encoded, "encoded") - field(*encoded, "encode_at"),
+                          field(*encoded, "queued") - field(*encoded, "encoded"),
+                          received - field(*encoded, "queued"),
+                          presented - decodeMs - received,
+                          decodeMs,
+                          seen["at"].get<double>() - presented};
+  std::copy(std::begin(steps), std::end(steps), out.ms);
+  out.frameKb = field(*encoded, "bytes") / 1000;
+  for (std::size_t k = 0; k < std::size(totalNames); ++k) {
+    out.totalsMs[k] = totals.value(totalNames[k], 0.0) * 1000;
+  }
+  out.frames = totals.value("framesDecoded", 0);
+  out.qp = out.frames > 0 ? totals.value("qpSum", 0.0) / out.frames : 0;
+  out.kbps = field(*encoded, "kbps");
+  out.bwe = field(*encoded, "bwe");
+  out.dropped = totals.value("framesDropped", 0);
+  return out;
+}
+
 // Draws `changes` changes of each kind on the screen and times them in the
 // page's video, which `peer` (a JavaScript expression) sends through.
 std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& page,
                                  zul::test::ScreenPattern& pattern, int changes,
-                                 const std::string& peer) {
+                                 const std::string& peer, const ChildProcess& agent) {
   std::string probe = installProbe;
-  for (auto [name, value] : {std::pair{"SCREEN_W", pattern.width()}, {"SCREEN_H", pattern.height()}}) {
+  for (auto [name, value] :
+       {std::pair{"SCREEN_W", pattern.width()}, {"SCREEN_H", pattern.height()}}) {
     probe.replace(probe.find(name), std::string(name).size(), std::to_string(value));
   }
   for (auto at = probe.find("PEER"); at != std::string::npos; at = probe.find("PEER", at)) {
@@ -136,9 +254,14 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
     pattern.fillSquare(32, 32, 96, Rgb{40, 40, 40});
     std::this_thread::sleep_for(400ms);
     const auto lossesBefore = browser.evaluate(page, "probeLosses()");
+    struct Seen {
+      double drawnAt, drawnEnd;
+      nlohmann::json seen, totals;
+    };
+    std::vector<Seen> seen;
     for (int i = 0; i < changes; ++i) {
       const bool bright = i % 2 == 0;
-      browser.evaluate(page, std::string("(async () => { probe.bytesBefore = await probeBytes(); "
+      browser.evaluate(page, std::string("(async () => { probe.totals = await probeTotals(); "
                                          "probe.want = '") +
                                  (bright ? "bright" : "dark") +
                                  "'; window.seen = new Promise((r) => probe.resolve = r); "
@@ -147,15 +270,63 @@ std::vector<Changes> timeChanges(HeadlessChromium& browser, const std::string& p
       if (content == Content::screen) pattern.paintScreen(unsigned(i + 1));
       if (content == Content::text) pattern.paintTextPages(unsigned(i + 1), 160);
       pattern.fillSquare(32, 32, 96, bright ? Rgb{240, 240, 240} : Rgb{40, 40, 40});
-      figures.ms.push_back(browser.evaluate(page, "window.seen", 10s).get<double>() - drawnAt);
+      const double drawnEnd = wallMs();
+      auto shown = browser.evaluate(page, "window.seen", 10s);
+      figures.ms.push_back(shown["at"].get<double>() - drawnAt);
       // The frame that carried the change, and on the still screen after it
       // little else, once the browser's statistics are fresh.
       std::this_thread::sleep_for(100ms);
-      figures.kb.push_back(
-          browser.evaluate(page, "probeBytes().then((b) => b - probe.bytesBefore)").get<double>() /
-          1000);
+      auto totals =
+          browser.evaluate(page,
+                           "probeTotals().then((t) => { const d = {}; "
+                           "for (const k in t) d[k] = t[k] - probe.totals[k]; return d; })");
+      figures.kb.push_back(totals.value("bytesReceived", 0.0) / 1000);
+      seen.push_back({drawnAt, drawnEnd, std::move(shown), std::move(totals)});
       std::this_thread::sleep_for(std::chrono::milliseconds(gap(random)));
     }
+    const auto trace = agent.lines();
+    // The sender adds a random offset to every RTP time stamp: learn it from
+    // the frames that left last before each change arrived, where most agree.
+    std::map<std::uint32_t, int> offsets;
+    for (const auto& one : seen) {
+      const double received = one.seen.value("received", 0.0);
+      const double rtp = one.seen.value("rtp", -1.0);
+      const std::string* last = nullptr;
+      for (const auto& line : trace) {
+        if (line.find("[frame] encoded ") != std::string::npos &&
+            field(line, "queued") <= received) {
+          last = &line;
+        }
+      }
+      if (last && rtp >= 0) ++offsets[std::uint32_t(rtp) - std::uint32_t(field(*last, "rtp"))];
+    }
+    const auto offset = std::max_element(offsets.begin(), offsets.end(),
+                                         [](auto& a, auto& b) { return a.second < b.second; });
+    // A change that took longer than the repeat after a change allows: the
+    // trace around it, to see where it waited (the first three).
+    int told = 0;
+    for (const auto& one : seen) {
+      const double at = one.seen["at"].get<double>();
+      if (at - one.drawnAt < 300 || ++told > 3) continue;
+      std::printf("%s change shown after %.0f ms; the frame trace from 20 ms before it:\n",
+                  nameOf(content), at - one.drawnAt);
+      for (const auto& line : trace) {
+        double when = field(line, "read_at");
+        if (std::isnan(when)) when = field(line, "pushed");
+        if (when >= one.drawnAt - 20 && when <= at) {
+          std::printf("  %+8.1f %s\n", when - one.drawnAt, line.c_str());
+        }
+      }
+    }
+    for (const auto& one : seen) {
+      if (offset == offsets.end()) break;
+      if (auto stages =
+              stagesOf(one.drawnAt, one.drawnEnd, one.seen, one.totals, trace, offset->first)) {
+        figures.stages.emplace_back(one.seen["at"].get<double>() - one.drawnAt, *stages);
+      }
+    }
+    std::sort(figures.stages.begin(), figures.stages.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
     const auto lossesAfter = browser.evaluate(page, "probeLosses()");
     for (const char* key : {"lost", "nacks", "plis", "keyFrames"}) {
       figures.losses[key] = lossesAfter[key].get<int>() - lossesBefore[key].get<int>();
@@ -255,7 +426,10 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
                 figures.size.c_str(), link->shaping().c_str());
   }
   ChildProcess::Options options;
-  options.env = {{"DISPLAY", xvfb.display()}, {"ZUL_DEMO_SECONDS", "900"}, {"ZUL_DEMO_PORT", "0"}};
+  options.env = {{"DISPLAY", xvfb.display()},
+                 {"ZUL_DEMO_SECONDS", "900"},
+                 {"ZUL_DEMO_PORT", "0"},
+                 {"ZUL_FRAME_TRACE", "1"}};
   if (maxFps) options.env["ZUL_MAX_FPS"] = maxFps;
   options.captureStdout = true;
   std::vector<std::string> command = {agentPath, "--phone-demo"};
@@ -279,7 +453,7 @@ Figures measure(int screenWidth, int screenHeight, int changes, const char* agen
   if (link) keepMoving(pattern, 10);
   const int framesBefore = browser.evaluate(page, decoded).get<int>();
   const auto started = std::chrono::steady_clock::now();
-  figures.changes = timeChanges(browser, page, pattern, changes, "pc");
+  figures.changes = timeChanges(browser, page, pattern, changes, "pc", agent);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   figures.decodedDuringChanges =
@@ -379,7 +553,8 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
                  {"ZUL_SECRET_BACKEND", "file"},
                  {"XDG_DATA_HOME", home.string()},
                  {"HOME", (home / "home").string()},
-                 {"ZUL_SIGNALING_URL", "http://localhost:" + port}};
+                 {"ZUL_SIGNALING_URL", "http://localhost:" + port},
+                 {"ZUL_FRAME_TRACE", "1"}};
   if (maxFps) options.env["ZUL_MAX_FPS"] = maxFps;
   options.unsetEnv = {"DBUS_SESSION_BUS_ADDRESS", "ZUL_DEMO_SECONDS", "ZUL_DESKTOP"};
   options.captureStdout = true;
@@ -398,13 +573,17 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
                              ", ['view', 'control']).then(() => true)");
   browser.evaluate(page, "zulPhone.connect({}).then(() => true)");
   // The first second of video on a still screen of text: how many key
-  // frames and bytes made the first picture.
+  // frames and bytes made the first picture, and how sharp the last one is
+  // (the quantizer of the frames decoded since the previous look).
   const std::string firstStats = R"js((async () => {
-    const out = { keyFrames: 0, frames: 0, bytes: 0 };
+    const out = { keyFrames: 0, frames: 0, bytes: 0, qp: 0 };
     (await zulPhone.state.session.pc.getStats()).forEach((s) => {
       if (s.type === "inbound-rtp" && s.kind === "video") {
         out.keyFrames = s.keyFramesDecoded || 0; out.frames = s.framesDecoded || 0;
         out.bytes = s.bytesReceived || 0;
+        const last = window.firstLook || { qpSum: 0, frames: 0 };
+        out.qp = (s.qpSum - last.qpSum) / Math.max(1, out.frames - last.frames);
+        window.firstLook = { qpSum: s.qpSum || 0, frames: out.frames };
       }
     });
     return out;
@@ -412,14 +591,16 @@ std::vector<Changes> measureAgent(int screenWidth, int screenHeight, int changes
   for (int second = 1; second <= 3; second += 2) {
     std::this_thread::sleep_for(std::chrono::seconds(second == 1 ? 1 : 2));
     const auto first = browser.evaluate(page, firstStats);
-    firstSecond += (second == 1 ? "" : "; in 3 s: ") + std::to_string(first["keyFrames"].get<int>()) +
-                   " key frames of " + std::to_string(first["frames"].get<int>()) + " decoded, " +
-                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB";
+    firstSecond += (second == 1 ? "" : "; in 3 s: ") +
+                   std::to_string(first["keyFrames"].get<int>()) + " key frames of " +
+                   std::to_string(first["frames"].get<int>()) + " decoded, " +
+                   std::to_string(int(first["bytes"].get<double>() / 1000)) + " kB, QP " +
+                   std::to_string(int(first["qp"].get<double>()));
   }
   if (!browser.waitFor(page, "zulPhone.videoStats().then(s => s.framesDecoded > 10)", 60s)) {
     throw std::runtime_error("no video reached the phone: " + agent.tail());
   }
-  return timeChanges(browser, page, pattern, changes, "zulPhone.state.session.pc");
+  return timeChanges(browser, page, pattern, changes, "zulPhone.state.session.pc", agent);
 }
 
 std::string loadNow() {
@@ -429,14 +610,58 @@ std::string loadNow() {
   return one;
 }
 
+// Each step's median and 95th percentile over the traced changes, and the
+// slowest change whole.
+void printStages(const std::string& size, const char* through, const std::vector<Changes>& all) {
+  std::printf("%-10s %-6s %-13s %-5s", "", through, "steps (ms)", "");
+  for (const char* name : stageNames) std::printf(" %5s", name);
+  std::printf(" | %6s %5s | %5s %5s %5s %5s | %4s %5s %5s\n", "drops", "kB", "jbuf", "proc", "asm",
+              "dec", "qp", "kbps", "bwe");
+  for (std::size_t k = 0; k < all.size(); ++k) {
+    const auto& stages = all[k].stages;
+    if (stages.empty()) {
+      std::printf("%-10s %-6s %-13s (no frame trace)\n", size.c_str(), through,
+                  nameOf(contents[k]));
+      continue;
+    }
+    auto row = [&](const char* label, auto pick) {
+      std::printf("%-10s %-6s %-13s %-5s", size.c_str(), through, nameOf(contents[k]), label);
+      for (std::size_t i = 0; i < stageCount; ++i)
+        std::printf(" %5.1f", pick([i](const ChangeStages& c) { return c.ms[i]; }));
+      std::printf(" | %6.0f %5.0f |", pick([](const ChangeStages& c) { return double(c.dropped); }),
+                  pick([](const ChangeStages& c) { return c.frameKb; }));
+      for (std::size_t i = 0; i < std::size(totalNames); ++i) {
+        std::printf(" %5.1f", pick([i](const ChangeStages& c) { return c.totalsMs[i]; }));
+      }
+      std::printf(" | %4.0f %5.0f %5.0f\n", pick([](const ChangeStages& c) { return c.qp; }),
+                  pick([](const ChangeStages& c) { return c.kbps; }),
+                  pick([](const ChangeStages& c) { return c.bwe; }));
+    };
+    auto quantile = [&](double q) {
+      return [&stages, q](auto get) {
+        std::vector<double> v;
+        for (const auto& [ms, c] : stages) v.push_back(get(c));
+        std::sort(v.begin(), v.end());
+        return Changes::at(v, q);
+      };
+    };
+    row("mid", [&](auto get) { return get(stages[stages.size() / 2].second); });
+    row("p50", quantile(0.5));
+    row("p95", quantile(0.95));
+    char worst[16];
+    std::snprintf(worst, sizeof worst, "%.0f", stages.back().first);
+    row(worst, [&](auto get) { return get(stages.back().second); });
+  }
+}
+
 void printChanges(const std::string& size, const char* through, const std::vector<Changes>& all) {
   for (std::size_t k = 0; k < all.size(); ++k) {
     const Changes& c = all[k];
     std::printf("%-10s %-6s %-13s %7.1f %7.1f %7.1f | %7.1f %7.1f %7.1f | %d/%d/%d/%d\n",
                 size.c_str(), through, nameOf(contents[k]), Changes::at(c.ms, 0.5),
                 Changes::at(c.ms, 0.95), c.ms.empty() ? 0 : c.ms.back(), Changes::at(c.kb, 0.5),
-                Changes::at(c.kb, 0.95), c.kb.empty() ? 0 : c.kb.back(),
-                c.losses.value("lost", 0), c.losses.value("nacks", 0), c.losses.value("plis", 0),
+                Changes::at(c.kb, 0.95), c.kb.empty() ? 0 : c.kb.back(), c.losses.value("lost", 0),
+                c.losses.value("nacks", 0), c.losses.value("plis", 0),
                 c.losses.value("keyFrames", 0));
   }
 }
@@ -477,8 +702,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   std::printf("%s, %s fps asked, agent %s\n",
-              netem ? "agent behind a 4 Mbit/s link" : "on loopback",
-              maxFps ? maxFps : "default", agentPath);
+              netem ? "agent behind a 4 Mbit/s link" : "on loopback", maxFps ? maxFps : "default",
+              agentPath);
   int failures = 0;
   std::vector<Figures> demo;
   std::printf("%-10s %-6s %-13s %7s %7s %7s | %7s %7s %7s | %s\n", "screen", "via", "change",
@@ -490,7 +715,9 @@ int main(int argc, char** argv) {
         const std::string load = loadNow();
         demo.push_back(measure(width, height, changes, agentPath, maxFps, netem));
         printChanges(size, "demo", demo.back().changes);
-        std::printf("%-10s (load %s at the start)\n", "", load.c_str());
+        printStages(size, "demo", demo.back().changes);
+        std::printf("%-10s (load %s at the start, %s at the end)\n", "", load.c_str(),
+                    loadNow().c_str());
       } catch (const std::exception& error) {
         std::printf("%s demo: failed: %s\n", size.c_str(), error.what());
         ++failures;
@@ -501,10 +728,13 @@ int main(int argc, char** argv) {
       try {
         const std::string load = loadNow();
         std::string firstSecond;
-        printChanges(size, "agent",
-                     measureAgent(width, height, changes, agentPath, maxFps, firstSecond));
-        std::printf("%-10s (load %s at the start; the first second after connecting: %s)\n", "",
-                    load.c_str(), firstSecond.c_str());
+        const auto changed = measureAgent(width, height, changes, agentPath, maxFps, firstSecond);
+        printChanges(size, "agent", changed);
+        printStages(size, "agent", changed);
+        std::printf(
+            "%-10s (load %s at the start, %s at the end; the first second after connecting: "
+            "%s)\n",
+            "", load.c_str(), loadNow().c_str(), firstSecond.c_str());
       } catch (const std::exception& error) {
         std::printf("%s agent: failed: %s\n", size.c_str(), error.what());
         ++failures;
@@ -539,7 +769,15 @@ int main(int argc, char** argv) {
       "via: the LAN phone demo or the real agent with a paired phone in session; fps: frames\n"
       "Chromium decoded per second; agent and ffmpeg: CPU time per streamed frame on the same\n"
       "moving screen (ffmpeg: x11grab + libx264 ultrafast/zerolatency/baseline at the same\n"
-      "rate), ratio = agent / ffmpeg; core %%: the agent's share of one core while moving\n",
+      "rate), ratio = agent / ffmpeg; core %%: the agent's share of one core while moving\n"
+      "steps: where the time of a change went (the median change whole, each step's median and\n"
+      "95th percentile, and the slowest change whole), from the agent's frame trace and the "
+      "browser's figures of the frame\n"
+      "that showed it; drops: frames the receiver dropped over the change; kB: that encoded frame; "
+      "jbuf/proc/asm/dec: the receiver's totals\n"
+      "over the change (jitterBufferDelay, totalProcessingDelay, totalAssemblyTime,\n"
+      "totalDecodeTime; all frames decoded in it); qp: their mean quantizer; kbps: the\n"
+      "encoder's target rate for the frame; bwe: the bandwidth estimate the library shared out\n",
       changes);
   return failures == 0 ? 0 : 1;
 }

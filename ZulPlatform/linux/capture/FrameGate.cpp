@@ -34,7 +34,12 @@ FrameGate::Clock::time_point FrameGate::nextReadAt() const {
   if (!read_) return Clock::time_point::min();
   if (changeNoticed_ || pendingChange_) return lastRead_ + active_;
   // A small allowance keeps wake-up jitter from pushing an idle frame back.
-  return std::max(lastDelivery_ + idle_ - active_ / 4, lastRead_ + active_);
+  return std::max(lastDelivery_ + unchangedWait() - active_ / 4, lastRead_ + active_);
+}
+
+FrameGate::Clock::duration FrameGate::unchangedWait() const {
+  if (!refreshDue_) return idle_;
+  return std::min<Clock::duration>(idle_, std::max<Clock::duration>(refreshAfterChange, active_));
 }
 
 FrameGate::Decision FrameGate::offer(Clock::time_point now, bool changed) {
@@ -46,11 +51,12 @@ FrameGate::Decision FrameGate::offer(Clock::time_point now, bool changed) {
   // A small allowance keeps sampling jitter from pushing an idle frame to the
   // next sample.
   const auto slack = active_ / 4;
-  return now - lastDelivery_ + slack >= idle_ ? Decision::deliver : Decision::skip;
+  return now - lastDelivery_ + slack >= unchangedWait() ? Decision::deliver : Decision::skip;
 }
 
 void FrameGate::delivered(Clock::time_point now) {
   delivered_ = true;
+  refreshDue_ = pendingChange_;
   pendingChange_ = false;
   lastDelivery_ = now;
 }

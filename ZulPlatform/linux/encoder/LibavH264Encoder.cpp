@@ -104,6 +104,7 @@ struct LibavH264Encoder::Session {
   std::int64_t framesPerSecond = 1;  // the rate the codec was opened with
   double frameRate = 1;              // the rate frames actually arrive at
   std::int64_t bitrateKbps = 0;
+  bool firstPictureOut = false;  // the session's first picture has been encoded
   H264AccessUnitWriter writer;
   // Capture times of the frames inside the codec, by time stamp.
   std::deque<std::pair<std::int64_t, std::chrono::system_clock::time_point>> inFlight;
@@ -118,15 +119,18 @@ namespace {
 // each get the share of the rate that actually arrives. The ceiling equal to
 // the average turns on the rate control's buffer model, without which libx264
 // ignores later rate changes; half a second of the rate keeps a single frame
-// from growing larger than the link carries in that time.
+// from growing larger than the link carries in that time. The first picture
+// of a session may take two seconds of the rate: the phone's first view of a
+// page of text is sharp rather than a blur that clears over seconds.
 void applyRates(AVCodecContext& context, std::int64_t kbps, std::int64_t openedFps,
-                double frameRate) {
+                double frameRate, bool firstPicture) {
   const double fps = std::clamp(frameRate, 1.0, double(std::max<std::int64_t>(openedFps, 1)));
   const auto bitsPerSecond =
       std::int64_t(double(kbps) * 1000.0 * double(std::max<std::int64_t>(openedFps, 1)) / fps);
   context.bit_rate = bitsPerSecond;
   context.rc_max_rate = bitsPerSecond;
-  context.rc_buffer_size = int(std::min<std::int64_t>(kbps * 1000 / 2, INT_MAX));
+  context.rc_buffer_size =
+      int(std::min<std::int64_t>(firstPicture ? kbps * 1000 * 2 : kbps * 1000 / 2, INT_MAX));
 }
 
 // Opens `codecName` with the settings; the libav status on failure.
@@ -149,7 +153,7 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
   context->height = int(settings.height);
   context->time_base = AVRational{1, fps};  // a time stamp counts frames
   context->framerate = AVRational{fps, 1};  // the expected frame rate
-  applyRates(*context, settings.bitrateKbps, fps, frameRate);
+  applyRates(*context, settings.bitrateKbps, fps, frameRate, /*firstPicture=*/true);
   // A key frame at least every ten seconds, or only on request: a 1080p key
   // frame is a burst that a live stream feels as a stall.
   context->gop_size = settings.keyFramesOnRequestOnly ? (1 << 30) : fps * 10;
@@ -363,6 +367,13 @@ std::optional<EncodedVideoFrame> LibavH264Encoder::encode(const CapturedFrame& f
     av_packet_unref(packet);
   }
   if (encoded.empty()) return std::nullopt;
+  if (!session->firstPictureOut) {
+    session->firstPictureOut = true;
+    if (session->canChangeBitrateLive()) {
+      applyRates(*context, session->bitrateKbps, session->framesPerSecond, session->frameRate,
+                 /*firstPicture=*/false);
+    }
+  }
 
   // The unit may belong to an earlier frame if the codec held one back.
   auto capturedAt = frame.capturedAt;
@@ -390,7 +401,8 @@ void LibavH264Encoder::setBitrate(std::int64_t kbps) {
     // libx264 and NVENC pick the new rate up with the next frame.
     std::lock_guard codecLock(session->mutex);
     session->bitrateKbps = kbps;
-    applyRates(*session->context, kbps, session->framesPerSecond, session->frameRate);
+    applyRates(*session->context, kbps, session->framesPerSecond, session->frameRate,
+               !session->firstPictureOut);
   } else {
     // VAAPI cannot change its rate control in flight: a new session at the
     // new rate takes over, starting with a key frame.
@@ -416,7 +428,7 @@ void LibavH264Encoder::setFrameRate(double framesPerSecond) {
   session->frameRate = std::clamp(framesPerSecond, 1.0, double(session->framesPerSecond));
   if (session->canChangeBitrateLive()) {
     applyRates(*session->context, session->bitrateKbps, session->framesPerSecond,
-               session->frameRate);
+               session->frameRate, !session->firstPictureOut);
   }
 }
 

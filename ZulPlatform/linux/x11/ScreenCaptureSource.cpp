@@ -8,14 +8,15 @@
 
 #include <atomic>
 #include <climits>
-#include <cstring>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <future>
 #include <mutex>
 #include <system_error>
 #include <thread>
 
+#include "ZulCore/Media/FrameTrace.h"
 #include "ZulCore/Support/Console.h"
 #include "ZulPlatform/linux/capture/CaptureCallbacks.h"
 #include "ZulPlatform/linux/capture/DamageRects.h"
@@ -410,6 +411,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
         .displayIndex = displayIndex,
         .nativeSurface = lastSurface,
     };
+    const auto readyAt = Clock::now();
     CaptureTiming timing;
     {
       std::lock_guard lock(mutex);
@@ -417,6 +419,14 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
       pending = std::move(captured);
       timing = onCaptureTiming;
       wake.notify_all();
+    }
+    if (frameTraceEnabled() && convert) {
+      char line[160];
+      std::snprintf(
+          line, sizeof line, "captured read_at=%.3f read=%.3f convert=%.3f ready=%.3f",
+          wallMsOf(readStart), std::chrono::duration<double, std::milli>(readTime).count(),
+          std::chrono::duration<double, std::milli>(convertTime).count(), wallMsOf(readyAt));
+      traceFrame(line);
     }
     if (timing) {
       try {

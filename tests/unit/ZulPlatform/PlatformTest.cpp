@@ -185,7 +185,8 @@ TEST(FrameGateTest, StillScreenIsDeliveredAtTheIdleRate) {
       gate.delivered(t);
     }
   }
-  EXPECT_EQ(delivered, 10);  // the first, then one per half second
+  // The first, once more a tenth of a second later, then one per half second.
+  EXPECT_EQ(delivered, 11);
 }
 
 TEST(FrameGateTest, EveryChangedSampleIsDueUntilDeliveredAndOnlyChangesNeedConversion) {
@@ -197,9 +198,13 @@ TEST(FrameGateTest, EveryChangedSampleIsDueUntilDeliveredAndOnlyChangesNeedConve
   EXPECT_EQ(gate.offer(t += 100ms, true), Decision::deliver);
   EXPECT_TRUE(gate.contentChanged());
   gate.delivered(t);
+  // A change goes out once more a tenth of a second later, then at the idle rate.
+  EXPECT_EQ(gate.offer(t += 50ms, false), Decision::skip);
+  EXPECT_EQ(gate.offer(t += 50ms, false), Decision::deliver);
+  EXPECT_FALSE(gate.contentChanged());  // a repeat hands out the previous picture
+  gate.delivered(t);
   EXPECT_EQ(gate.offer(t += 100ms, false), Decision::skip);
   EXPECT_EQ(gate.offer(t += 900ms, false), Decision::deliver);
-  EXPECT_FALSE(gate.contentChanged());  // an idle repeat hands out the previous picture
   gate.delivered(t);
 
   // A change seen while the consumer is busy stays pending.
@@ -209,7 +214,7 @@ TEST(FrameGateTest, EveryChangedSampleIsDueUntilDeliveredAndOnlyChangesNeedConve
   EXPECT_EQ(gate.offer(t += 100ms, false), Decision::deliver);
   EXPECT_TRUE(gate.contentChanged());
   gate.delivered(t);
-  EXPECT_EQ(gate.offer(t += 100ms, false), Decision::skip);
+  EXPECT_EQ(gate.offer(t += 50ms, false), Decision::skip);
   EXPECT_EQ(gate.droppedCount(), 1);
 }
 
@@ -222,8 +227,9 @@ TEST(FrameGateTest, ReportedChangesAreReadAtOnceWithinTheActiveRate) {
   EXPECT_EQ(gate.nextReadAt(), FrameGate::Clock::time_point::min());  // nothing read yet
   ASSERT_EQ(gate.offer(t, true), Decision::deliver);
   gate.delivered(t);
-  // Still: the idle frame, less a quarter interval of allowance.
-  EXPECT_EQ(gate.nextReadAt(), t + 500ms - 25ms);
+  // Still: the change once more after a tenth of a second (here the active
+  // interval too).
+  EXPECT_EQ(gate.nextReadAt(), t + 100ms);
   gate.noticeChange();
   EXPECT_EQ(gate.nextReadAt(), t + 100ms);  // capped at the active rate
   ASSERT_EQ(gate.offer(t + 300ms, true), Decision::deliver);
@@ -231,11 +237,15 @@ TEST(FrameGateTest, ReportedChangesAreReadAtOnceWithinTheActiveRate) {
   EXPECT_EQ(gate.nextReadAt(), t + 400ms);
   ASSERT_EQ(gate.offer(t + 400ms, false), Decision::deliver);
   gate.delivered(t + 400ms);
-  EXPECT_EQ(gate.nextReadAt(), t + 900ms - 25ms);
+  EXPECT_EQ(gate.nextReadAt(), t + 500ms);
+  ASSERT_EQ(gate.offer(t + 500ms, false), Decision::deliver);
+  gate.delivered(t + 500ms);
+  // Then the idle frame, less a quarter interval of allowance.
+  EXPECT_EQ(gate.nextReadAt(), t + 1000ms - 25ms);
   // A notice whose read shows nothing new is not delivered.
   gate.noticeChange();
-  EXPECT_EQ(gate.offer(t + 500ms, false), Decision::skip);
-  EXPECT_EQ(gate.nextReadAt(), t + 900ms - 25ms);
+  EXPECT_EQ(gate.offer(t + 600ms, false), Decision::skip);
+  EXPECT_EQ(gate.nextReadAt(), t + 1000ms - 25ms);
 }
 
 VideoEncoderSettings settings(std::int64_t width = 320, std::int64_t height = 240) {
