@@ -3,8 +3,12 @@
 // "downloads") and into its SHA-256, here, off the page's thread. A download
 // cut off by a lost connection keeps what it holds and goes on from there.
 //
+// It also works out an upload's SHA-256 from its file, beside the sending.
+//
 // Messages { op, number, ... }; those with an id are answered { id, value }
-// or { id, error }. They are handled one after another, in order.
+// or { id, error }. They are handled one after another, in order, but for
+// hash, which runs beside them.
+//   hash     { file }: its SHA-256
 //   open     a fresh, empty file for the transfer
 //   write    { at, data, skip }: data's bytes after `skip` at `at`
 //   restart  back to an empty file (the computer starts from the beginning)
@@ -72,8 +76,19 @@ const ops = {
   },
 };
 
+async function hash({ file }) {
+  const sha256 = await hashwasm.createSHA256();
+  const slice = 4 << 20;
+  for (let at = 0; at < file.size; at += slice) {
+    sha256.update(new Uint8Array(await file.slice(at, at + slice).arrayBuffer()));
+  }
+  return sha256.digest('hex');
+}
+
 self.onmessage = ({ data }) => {
-  queue = queue.then(() => ops[data.op](data)).then((value) => {
+  const work = data.op === 'hash' ? hash(data) : queue.then(() => ops[data.op](data));
+  if (data.op !== 'hash') queue = work.catch(() => {});
+  work.then((value) => {
     if (data.id) self.postMessage({ id: data.id, value });
   }, (error) => {
     if (data.id) self.postMessage({ id: data.id, error: error.message });

@@ -56,6 +56,11 @@ function worker() {
     if ('error' in data) call?.reject(new Error(data.error));
     else call?.resolve(data.value);
   };
+  w.onerror = () => { // it did not load: nothing more goes to it
+    for (const call of waiting.values()) call.reject(new Error('the download worker failed'));
+    waiting.clear();
+    diskWorker = null;
+  };
   diskWorker = {
     post: (message, moved = []) => w.postMessage(message, moved),
     call: (message) => new Promise((resolve, reject) => {
@@ -85,6 +90,22 @@ async function diskSink(number) {
     },
     discard,
   };
+}
+
+// An upload's SHA-256, worked out beside the sending from the file itself:
+// in the download worker (off the page's thread) where there is one.
+async function fileSha256(file) {
+  const hashed = worker()?.call({ op: 'hash', file });
+  if (hashed) {
+    try {
+      return await hashed;
+    } catch { /* here then */ }
+  }
+  const hash = await sha256();
+  for (let at = 0; at < file.size; at += READ) {
+    hash.update(new Uint8Array(await file.slice(at, at + READ).arrayBuffer()));
+  }
+  return hash.digest('hex');
 }
 
 async function memorySink() {
@@ -163,27 +184,11 @@ export class RemoteFiles extends EventTarget {
 
   async upload(file, folder = '') {
     const transfer = this.newTransfer({ kind: 'upload', file, folder, name: file.name,
-      size: file.size, sent: 0, run: 0, hashed: 0 });
-    transfer.hash = await sha256();
+      size: file.size, sent: 0, run: 0 });
+    transfer.sha256 = fileSha256(file);
+    transfer.sha256.catch(() => {}); // a failure shows when the upload ends
     this.askUpload(transfer);
     return transfer;
-  }
-
-  // An upload's hash takes `data` read at `at` once every byte before it is in.
-  async hashed(transfer, at, data) {
-    while (transfer.hashed < at) { // bytes the computer had before this run
-      const end = Math.min(at, transfer.hashed + PIECE * 16);
-      const gap = new Uint8Array(await transfer.file.slice(transfer.hashed, end).arrayBuffer());
-      transfer.hash.update(gap);
-      transfer.hashed = end;
-    }
-    if (at === transfer.hashed) {
-      transfer.hash.update(data);
-      transfer.hashed += data.length;
-    }
-    if (transfer.hashed === transfer.size && !transfer.sha256) {
-      transfer.sha256 = transfer.hash.digest('hex');
-    }
   }
 
   askUpload(transfer) {
@@ -213,8 +218,8 @@ export class RemoteFiles extends EventTarget {
   resume() {
     for (const transfer of this.transfers.values()) {
       if (!['starting', 'running'].includes(transfer.state)) continue;
-      // Still starting (it asks by itself), or a download being checked.
-      if (transfer.kind === 'upload' && transfer.hash) {
+      // Not a download still starting (it asks by itself) or being checked.
+      if (transfer.kind === 'upload') {
         transfer.run += 1;
         this.askUpload(transfer);
       } else if (transfer.kind === 'download' && transfer.sink) {
@@ -371,7 +376,6 @@ export class RemoteFiles extends EventTarget {
         await this.room(transfer, at, live);
         if (!live()) return;
         const data = slice.subarray(i, i + PIECE);
-        await this.hashed(transfer, at, data);
         const message = new Uint8Array(HEADER + data.length);
         const view = new DataView(message.buffer);
         view.setUint8(0, 2);
@@ -385,8 +389,13 @@ export class RemoteFiles extends EventTarget {
       }
       if (slice.length === 0) return;
     }
-    if (live() && transfer.size === 0) await this.hashed(transfer, 0, new Uint8Array());
-    if (live()) this.send({ type: 'files.done', transfer: transfer.number, sha256: transfer.sha256 });
+    if (!live()) return;
+    const sha256Text = await transfer.sha256.catch((error) => {
+      this.end(transfer, 'failed', error.message);
+    });
+    if (sha256Text && live()) {
+      this.send({ type: 'files.done', transfer: transfer.number, sha256: sha256Text });
+    }
   }
 
   // The session ended for good: nothing goes on.
