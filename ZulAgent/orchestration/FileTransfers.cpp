@@ -14,8 +14,6 @@ namespace {
 
 // The channel may hold this much before the next piece of a download waits.
 constexpr std::uint64_t roomBytes = 1024 * 1024;
-// An upload's progress is confirmed every this many bytes (its resume point).
-constexpr std::int64_t confirmEvery = 1024 * 1024;
 
 void putBigEndian(Bytes& out, std::uint64_t value, int bytes) {
   for (int i = bytes - 1; i >= 0; --i) out.push_back(std::uint8_t(value >> (8 * i)));
@@ -256,7 +254,7 @@ void FileTransfers::upload(const FilesUploadRequest& request) {
     std::lock_guard lock(mutex_);
     Upload& upload = uploads_[request.transfer];
     if (upload.fd >= 0) ::close(upload.fd);
-    upload = {folder, request.name, request.size, held, held, fd, std::move(hash)};
+    upload = {folder, request.name, request.size, held, fd, std::move(hash)};
   }
   // The phone sends from what the part already holds.
   sendJson({{"type", "files.accepted"},
@@ -290,10 +288,9 @@ void FileTransfers::received(const Bytes& message) {
     }
     upload.hash->update(message.data() + headerBytes, length);
     upload.written += std::int64_t(length);
-    if (upload.written - upload.confirmed >= confirmEvery || upload.written == upload.size) {
-      upload.confirmed = upload.written;
-      confirm = upload.written;
-    }
+    // Every piece is confirmed: the phone paces its sending by these (and
+    // resumes from the last one).
+    confirm = upload.written;
   } catch (const std::exception& error) {
     fail(transfer, error);
     return;

@@ -81,7 +81,6 @@ class FileTransfers {
     std::string folder, name;
     std::int64_t size = 0;
     std::int64_t written = 0;
-    std::int64_t confirmed = 0;
     int fd = -1;
     std::shared_ptr<Sha256> hash;  // of what is written so far
   };

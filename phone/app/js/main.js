@@ -302,7 +302,7 @@ async function openSession(computer, { replaceSession = false } = {}) {
   files.addEventListener('transfer', ({ detail }) => renderTransfer(detail.transfer));
   files.addEventListener('failed', ({ detail }) => filesStatus(t('tr-failed',
     { why: filesReason(detail.reason) })));
-  files.addEventListener('saved', ({ detail }) => saveBlob(detail.name, detail.blob));
+  files.addEventListener('saved', ({ detail }) => saveBlob(detail.name, detail.blob, detail.release));
   session.addEventListener('open', ({ detail }) => {
     if (detail.channel === 'files') filesReady(session, files);
   });
@@ -926,14 +926,19 @@ function renderTransfer(transfer) {
   }
 }
 
-function saveBlob(name, blob) {
+// The browser copies the file (on disk, or in memory) into its downloads; a
+// minute later it is let go.
+function saveBlob(name, blob, release = () => {}) {
   const link = document.createElement('a');
   link.href = URL.createObjectURL(blob);
   link.download = name;
   document.body.append(link);
   link.click();
   link.remove();
-  setTimeout(() => URL.revokeObjectURL(link.href), 60000);
+  setTimeout(() => {
+    URL.revokeObjectURL(link.href);
+    release();
+  }, 60000);
 }
 
 function uploadPicked() {
@@ -1254,8 +1259,8 @@ window.zulApp = {
     return lines.join('\n');
   },
   transfers: () => [...(app.files?.transfers.values() || [])].map(
-    ({ number, kind, name, folder, state, done, size, error, from }) =>
-      ({ number, kind, name, folder, state, done, size, error, from })),
+    ({ number, kind, name, folder, state, done, size, error, from, onDisk }) =>
+      ({ number, kind, name, folder, state, done, size, error, from, onDisk })),
 };
 
 start();
