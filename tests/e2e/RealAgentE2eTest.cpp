@@ -373,14 +373,19 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
     phone_->send("shell.input", sessionId,
                  {{"shell", shell}, {"data", Base64Url::encode(toBytes(line + "\n"))}});
   };
-  type("stty size; echo marker-$((6*7)); sleep 12345 &");
+  // A sleep of this run's own length, so that no other run's is taken for it;
+  // the bracket keeps pgrep from finding itself.
+  const std::string seconds = std::to_string(100000 + ::getpid());
+  const std::string sleeping = "pgrep -f 'sleep " + seconds.substr(0, seconds.size() - 1) + "[" +
+                               seconds.back() + "]'";
+  type("stty size; echo marker-$((6*7)); sleep " + seconds + " &");
   EXPECT_TRUE(
       phone_->waitFor(output + ".includes('24 80') && " + output + ".includes('marker-42')"))
       << phone_->eval(output);
   phone_->send("shell.resize", sessionId, {{"shell", shell}, {"columns", 100}, {"rows", 30}});
   type("stty size");
   EXPECT_TRUE(phone_->waitFor(output + ".includes('30 100')")) << phone_->eval(output);
-  EXPECT_NE(commandOutput("pgrep -f 'sleep 1234[5]'"), "");
+  EXPECT_NE(commandOutput(sleeping), "");
 
   holdButton(*phone_, sessionId);
   const std::string revoke = tool + "revoke " + deviceId + " >/dev/null 2>&1";
@@ -388,7 +393,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   ASSERT_TRUE(agent_->waitForLine("device " + deviceId + " is no longer trusted", 30s))
       << agent_->tail();
   expectReleased("revoked");
-  EXPECT_TRUE(waitUntil([] { return commandOutput("pgrep -f 'sleep 1234[5]'").empty(); }, 10s))
+  EXPECT_TRUE(waitUntil([&] { return commandOutput(sleeping).empty(); }, 10s))
       << "the shell's processes outlived the revoke";
   EXPECT_TRUE(waitUntil([&] { return parts() == 0; }, 10s)) << "the upload's part outlived it";
   // The computer's record of it all, in order, never a shell's content.
