@@ -67,6 +67,11 @@ class ShellSessions {
     std::string pending;  // read and not sent yet
     std::chrono::steady_clock::time_point pendingSince;
     std::chrono::steady_clock::time_point lastSent;  // output after a pause goes at once
+    // The phone's keystrokes, counted as they come; the reader sends what
+    // follows one (an echo) at once, until a few KiB of it went.
+    std::atomic<std::uint64_t> inputs{0};
+    std::uint64_t inputsSeen = 0;
+    std::size_t sinceInput = 0;
     // Output sent since the shell opened or was attached, and what the phone
     // has drawn of it: the terminal is not read while too much is unacknowledged.
     std::atomic<std::uint64_t> sent{0};
@@ -74,8 +79,10 @@ class ShellSessions {
   };
   void open(const ShellOpenRequest& request);
   void loop();
-  void flush(Shell& shell, bool attached);
+  // Sends what was read; false when the phone's channel is backed up.
+  bool flush(Shell& shell, bool attached);
   void send(nlohmann::json message);
+  std::size_t sendOutput(const std::string& id, std::string_view bytes);
   void hangUpLater(std::map<std::string, std::shared_ptr<Shell>> shells);
 
   Hooks hooks_;
