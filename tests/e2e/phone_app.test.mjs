@@ -501,6 +501,11 @@ test('a terminal, once allowed at the computer, runs what is typed into it', asy
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => /^velto-42 ж\s*$/m.test(zulApp.terminalText()), null,
     { timeout: 30 * SECONDS });
+  // Characters cut by the messages' ends arrive whole.
+  await page.keyboard.type("printf '\\320\\266%.0s' $(seq 40000); echo; echo whole-$((2*3))");
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => /^whole-6\s*$/m.test(zulApp.terminalText()), null, { timeout: 30 * SECONDS });
+  assert.equal((await page.evaluate(() => zulApp.terminalText())).match(/ж/g).length, 40001);
   // A lost connection: the shell is found again, with what it wrote meanwhile.
   await page.keyboard.type('sleep 1; echo later-$((5*5))');
   await page.keyboard.press('Enter');

@@ -10,7 +10,7 @@
 import { b64url, unb64url } from './protocol.js';
 
 export const MOST = 4;
-const ACK_EVERY = 128 * 1024; // bytes of output drawn between two shell.ack
+const ACK_EVERY = 256 * 1024; // bytes of output drawn between two shell.ack
 const encoder = new TextEncoder();
 
 let loading;
