@@ -20,7 +20,8 @@ namespace zul {
 
 // Terminals for the phone in session that holds `shell` and `control`: at
 // most four login shells on pseudo-terminals, their output coalesced (a few
-// milliseconds or a few KiB) into "shell.output" messages. While the phone's
+// milliseconds or 64 KiB; the answer to a keystroke at once) into
+// "shell.output" messages, as text where it is UTF-8. While the phone's
 // control channel is backed up the terminals are not read, so a shell that
 // writes without end holds up itself, not the agent's memory. A phone whose
 // connection drops finds its shells again within 60 s, with their last
