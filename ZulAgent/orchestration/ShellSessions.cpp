@@ -16,18 +16,83 @@ namespace {
 using Clock = std::chrono::steady_clock;
 // While this much waits on the control channel, terminals are not read.
 constexpr std::uint64_t backedUpBytes = 1024 * 1024;
-// Output goes when this much is in, or when the first of it waited this long
-// (at once after a pause).
-constexpr std::size_t coalesceBytes = 8 * 1024;
+// Output goes when this much is in, or when the first of it waited this long;
+// at once after a pause, and right after the phone's input until this much
+// of the answer went (an echo, a prompt).
+constexpr std::size_t coalesceBytes = 64 * 1024;
 constexpr auto coalesceTime = std::chrono::milliseconds(4);
-// A message's raw output: base64url and the envelope stay well inside the
-// 256 KiB a browser's data channel takes.
-constexpr std::size_t outputBytes = 48 * 1024;
+constexpr std::size_t answerBytes = 4 * 1024;
+// A message's raw output: as text or base64url, with its envelope, it stays
+// inside the 256 KiB a browser's data channel takes (the control channel's
+// own limit is larger). Fewer, larger messages cost less on both sides.
+constexpr std::size_t outputBytes = 180 * 1024;
 // Output the phone has not drawn yet: beyond this the terminal is not read
-// (a browser's terminal drops what it cannot draw in time).
-constexpr std::uint64_t unackedBytes = 2 * 1024 * 1024;
+// (a browser's terminal drops what it cannot draw in time). Enough for the
+// acknowledgements' round trip at tens of MB/s.
+constexpr std::uint64_t unackedBytes = 4 * 1024 * 1024;
+
+// How much of `bytes` is whole UTF-8 characters: all of it, or all but an
+// unfinished character at its end; nothing when a byte is not UTF-8 there.
+std::optional<std::size_t> wholeUtf8(std::string_view bytes) {
+  std::size_t at = 0;
+  while (at < bytes.size()) {
+    const auto lead = static_cast<unsigned char>(bytes[at]);
+    if (lead < 0x80) {
+      ++at;
+      continue;
+    }
+    const std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
+                               : lead >= 0xE0 && lead <= 0xEF ? 3
+                               : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                              : 0;
+    if (length == 0) return std::nullopt;
+    // The second byte's range rules out overlong forms, surrogates and
+    // code points beyond U+10FFFF.
+    const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    for (std::size_t k = 1; k < length; ++k) {
+      if (at + k == bytes.size()) return at;  // unfinished at the end
+      const auto next = static_cast<unsigned char>(bytes[at + k]);
+      if (k == 1 ? next < low || next > high : (next & 0xC0) != 0x80) return std::nullopt;
+    }
+    at += length;
+  }
+  return at;
+}
+
+// The length of `text` as a JSON string's content.
+std::size_t escapedSize(std::string_view text) {
+  std::size_t size = text.size();
+  for (const char c : text) {
+    if (c == '"' || c == '\\' || c == '\n' || c == '\r' || c == '\t' || c == '\b' || c == '\f') {
+      size += 1;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      size += 5;  // \u00XX
+    }
+  }
+  return size;
+}
 
 }  // namespace
+
+// Output as JSON text where it is UTF-8 that does not grow beyond its
+// base64url form (most of what terminals write; "bytes" says how much it
+// was), else as base64url. Text ends on a whole character: returns how much
+// of `bytes` went.
+std::size_t ShellSessions::sendOutput(const std::string& id, std::string_view bytes) {
+  const auto whole = wholeUtf8(bytes);
+  const std::size_t textual = whole ? *whole : 0;
+  nlohmann::json message = {{"type", "shell.output"}, {"shell", id}};
+  if (textual > 0 && escapedSize(bytes.substr(0, textual)) <= (textual * 4 + 2) / 3) {
+    bytes = bytes.substr(0, textual);
+    message["text"] = std::string(bytes);
+    message["bytes"] = bytes.size();
+  } else {
+    message["data"] = Base64Url::encode(toBytes(bytes));
+  }
+  send(std::move(message));
+  return bytes.size();
+}
 
 ShellSessions::ShellSessions(Hooks hooks) : hooks_(std::move(hooks)) {
   wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -161,6 +226,7 @@ void ShellSessions::handle(const PhoneRequest& request) {
     if (!shell) throw PhoneRequestError::invalidShellRequest();
     if (auto* input = std::get_if<ShellInputRequest>(&request)) {
       shell->process->write(input->data);
+      ++shell->inputs;
     } else if (auto* resize = std::get_if<ShellResizeRequest>(&request)) {
       shell->process->resize(resize->columns, resize->rows);
     } else if (std::get_if<ShellCloseRequest>(&request)) {
@@ -178,7 +244,8 @@ void ShellSessions::handle(const PhoneRequest& request) {
       std::string replay;
       {
         std::lock_guard lock(mutex_);
-        replay = shell->replay;
+        replay = shell->replay.substr(shell->replay.size() -
+                                      std::min(shell->replay.size(), replayBytes));
       }
       // The phone counts what it draws from here on.
       shell->acked = 0;
@@ -203,26 +270,37 @@ void ShellSessions::handle(const PhoneRequest& request) {
   }
 }
 
-void ShellSessions::flush(Shell& shell, bool attached) {
-  if (shell.pending.empty()) return;
+bool ShellSessions::flush(Shell& shell, bool attached) {
+  if (shell.pending.empty()) return true;
   std::string out = std::move(shell.pending);
   shell.pending.clear();
-  if (!attached) return;  // kept in the replay for when the phone is back
-  for (std::size_t at = 0; at < out.size(); at += outputBytes) {
-    try {
+  shell.lastSent = Clock::now();
+  if (!attached) return true;  // kept in the replay for when the phone is back
+  std::size_t at = 0;
+  try {
+    while (at < out.size()) {
       const auto piece = std::string_view(out).substr(at, outputBytes);
-      send({{"type", "shell.output"},
-            {"shell", shell.id},
-            {"data", Base64Url::encode(toBytes(piece))}});
-      shell.sent += piece.size();
-    } catch (const std::exception&) {
-      return;  // the phone is gone: the replay has it
+      // An unfinished character at the end waits for the rest of it.
+      if (at > 0 && piece.size() < 4 && wholeUtf8(piece) == std::size_t(0)) break;
+      const std::size_t went = sendOutput(shell.id, piece);
+      at += went;
+      shell.sent += went;
+      shell.sinceInput += went;
     }
+  } catch (const std::exception&) {
+    return true;  // the phone is gone: the replay has it
   }
+  if (at < out.size()) {
+    shell.pending = out.substr(at);
+    shell.pendingSince = shell.lastSent;
+  }
+  return hooks_.bufferedControlBytes() <= backedUpBytes;
 }
 
 void ShellSessions::loop() {
-  std::vector<std::uint8_t> buffer(64 * 1024);
+  // Asked of the channel after each send only: the answer costs a trip to
+  // the network thread.
+  bool backedUp = false;
   while (!stopping_) {
     std::vector<std::shared_ptr<Shell>> shells;
     bool attached;
@@ -244,7 +322,7 @@ void ShellSessions::loop() {
         });
       }
     }
-    const bool backedUp = attached && hooks_.bufferedControlBytes() > backedUpBytes;
+    if (backedUp) backedUp = attached && hooks_.bufferedControlBytes() > backedUpBytes;
     std::vector<pollfd> fds{{wakeFd_, POLLIN, 0}};
     bool waiting = false;
     for (auto& shell : shells) {
@@ -261,16 +339,17 @@ void ShellSessions::loop() {
     for (std::size_t i = 0; i < shells.size(); ++i) {
       Shell& shell = *shells[i];
       if (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) {
-        const auto got = shell.process->read(buffer.size());
-        if (got && !got->empty()) {
-          if (shell.pending.empty()) shell.pendingSince = Clock::now();
-          shell.pending.append(got->begin(), got->end());
+        const std::size_t had = shell.pending.size();
+        if (shell.process->read(shell.pending, 64 * 1024)) {
+          if (had == 0 && !shell.pending.empty()) shell.pendingSince = Clock::now();
+          const auto got = std::string_view(shell.pending).substr(had);
           std::lock_guard lock(mutex_);
-          shell.replay.append(got->begin(), got->end());
-          if (shell.replay.size() > replayBytes) {
+          shell.replay.append(got);
+          // Trimmed now and then, not at every read.
+          if (shell.replay.size() > 2 * replayBytes) {
             shell.replay.erase(0, shell.replay.size() - replayBytes);
           }
-        } else if (!got) {
+        } else {
           // The shell ended: what it wrote last, then its status.
           flush(shell, attached);
           shell.process->hangUp();
@@ -287,13 +366,18 @@ void ShellSessions::loop() {
           continue;
         }
       }
-      // An echo after a pause goes at once; a stream of output in fewer, larger messages.
+      if (const auto inputs = shell.inputs.load(); inputs != shell.inputsSeen) {
+        shell.inputsSeen = inputs;
+        shell.sinceInput = 0;
+      }
+      // The answer to a keystroke and output after a pause go at once; a
+      // stream of output in fewer, larger messages.
       const auto now = Clock::now();
       if (shell.pending.size() >= coalesceBytes ||
-          (!shell.pending.empty() && (now - shell.pendingSince >= coalesceTime ||
-                                      now - shell.lastSent >= 4 * coalesceTime))) {
-        shell.lastSent = now;
-        flush(shell, attached);
+          (!shell.pending.empty() &&
+           (now - shell.pendingSince >= coalesceTime || now - shell.lastSent >= 4 * coalesceTime ||
+            shell.sinceInput + shell.pending.size() <= answerBytes))) {
+        backedUp = !flush(shell, attached) || backedUp;
       }
     }
   }

@@ -20,7 +20,8 @@ namespace zul {
 
 // Terminals for the phone in session that holds `shell` and `control`: at
 // most four login shells on pseudo-terminals, their output coalesced (a few
-// milliseconds or a few KiB) into "shell.output" messages. While the phone's
+// milliseconds or 64 KiB; the answer to a keystroke at once) into
+// "shell.output" messages, as text where it is UTF-8. While the phone's
 // control channel is backed up the terminals are not read, so a shell that
 // writes without end holds up itself, not the agent's memory. A phone whose
 // connection drops finds its shells again within 60 s, with their last
@@ -67,6 +68,11 @@ class ShellSessions {
     std::string pending;  // read and not sent yet
     std::chrono::steady_clock::time_point pendingSince;
     std::chrono::steady_clock::time_point lastSent;  // output after a pause goes at once
+    // The phone's keystrokes, counted as they come; the reader sends what
+    // follows one (an echo) at once, until a few KiB of it went.
+    std::atomic<std::uint64_t> inputs{0};
+    std::uint64_t inputsSeen = 0;
+    std::size_t sinceInput = 0;
     // Output sent since the shell opened or was attached, and what the phone
     // has drawn of it: the terminal is not read while too much is unacknowledged.
     std::atomic<std::uint64_t> sent{0};
@@ -74,8 +80,10 @@ class ShellSessions {
   };
   void open(const ShellOpenRequest& request);
   void loop();
-  void flush(Shell& shell, bool attached);
+  // Sends what was read; false when the phone's channel is backed up.
+  bool flush(Shell& shell, bool attached);
   void send(nlohmann::json message);
+  std::size_t sendOutput(const std::string& id, std::string_view bytes);
   void hangUpLater(std::map<std::string, std::shared_ptr<Shell>> shells);
 
   Hooks hooks_;

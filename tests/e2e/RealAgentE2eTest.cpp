@@ -368,7 +368,7 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
   const std::string shell = phone_->received("shell.opened")[0]["shell"];
   const std::string output =
       "zulPhone.controlMessages().filter(m => m.type === 'shell.output').map(m => "
-      "atob(m.data.replace(/-/g, '+').replace(/_/g, '/'))).join('')";
+      "m.text ?? atob(m.data.replace(/-/g, '+').replace(/_/g, '/'))).join('')";
   auto type = [&](const std::string& line) {
     phone_->send("shell.input", sessionId,
                  {{"shell", shell}, {"data", Base64Url::encode(toBytes(line + "\n"))}});

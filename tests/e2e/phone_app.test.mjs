@@ -508,10 +508,15 @@ test('a terminal, once allowed at the computer, runs what is typed into it', asy
   const typing = page.locator('#term-host .xterm-helper-textarea');
   await typing.waitFor({ state: 'attached' });
   await typing.focus();
-  await page.keyboard.type('echo velto-$((6*7))');
+  await page.keyboard.type("printf 'velto-%s \\320\\266\\n' $((6*7))"); // UTF-8 comes as text
   await page.keyboard.press('Enter');
-  await page.waitForFunction(() => /^velto-42\s*$/m.test(zulApp.terminalText()), null,
+  await page.waitForFunction(() => /^velto-42 ж\s*$/m.test(zulApp.terminalText()), null,
     { timeout: 30 * SECONDS });
+  // Characters cut by the messages' ends arrive whole.
+  await page.keyboard.type("printf '\\320\\266%.0s' $(seq 40000); echo; echo whole-$((2*3))");
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => /^whole-6\s*$/m.test(zulApp.terminalText()), null, { timeout: 30 * SECONDS });
+  assert.equal((await page.evaluate(() => zulApp.terminalText())).match(/ж/g).length, 40001);
   // A lost connection: the shell is found again, with what it wrote meanwhile.
   await page.keyboard.type('sleep 1; echo later-$((5*5))');
   await page.keyboard.press('Enter');
@@ -520,7 +525,7 @@ test('a terminal, once allowed at the computer, runs what is typed into it', asy
     zulApp.dropConnection();
   });
   await connected();
-  await page.waitForFunction(() => /^velto-42\s*$/m.test(zulApp.terminalText()) &&
+  await page.waitForFunction(() => /^velto-42 ж\s*$/m.test(zulApp.terminalText()) &&
     /^later-25\s*$/m.test(zulApp.terminalText()), null, { timeout: 30 * SECONDS });
   await page.locator('#term-close-shell').tap();
   await page.locator('#term-host .term').waitFor({ state: 'detached' });

@@ -116,15 +116,15 @@ void ShellProcess::resize(int columns, int rows) {
   ::ioctl(master_, TIOCSWINSZ, &size);
 }
 
-std::optional<Bytes> ShellProcess::read(std::size_t limit) {
-  Bytes out(limit);
-  const ssize_t n = ::read(master_, out.data(), limit);
+bool ShellProcess::read(std::string& out, std::size_t limit) {
+  char chunk[16 * 1024];  // a terminal hands out a few KiB at a time
+  const ssize_t n = ::read(master_, chunk, std::min(limit, sizeof chunk));
   if (n > 0) {
-    out.resize(std::size_t(n));
-    return out;
+    out.append(chunk, std::size_t(n));
+    return true;
   }
-  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return Bytes{};
-  return std::nullopt;  // EIO: the last process of the terminal is gone
+  // EIO: the last process of the terminal is gone.
+  return n < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
 std::optional<int> ShellProcess::exitStatus() {

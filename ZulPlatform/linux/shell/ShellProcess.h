@@ -47,9 +47,9 @@ class ShellProcess {
   pid_t pid() const { return pid_; }
   void write(const Bytes& input);
   void resize(int columns, int rows);
-  // Reads what is there, at most `limit` bytes; nothing at the terminal's
-  // end (the shell exited).
-  std::optional<Bytes> read(std::size_t limit);
+  // Appends what is there (at most `limit` bytes) to `out`; false at the
+  // terminal's end (the shell exited).
+  bool read(std::string& out, std::size_t limit);
   // The shell's exit status once it ended (reaped here); nothing before.
   std::optional<int> exitStatus();
   // SIGHUP to the process group, SIGKILL after 2 s, reaped.

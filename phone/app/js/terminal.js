@@ -1,8 +1,9 @@
 // Shells on the computer, for a phone granted "shell" and "control": up to
 // four, each an xterm.js terminal (from npm, served under /vendor/) fitted
 // to the phone's width; typing goes as shell.input, the computer's output
-// comes as shell.output. After a reconnect the computer offers the shells
-// it kept (shell.sessions) and replays their recent output on shell.attach.
+// comes as shell.output (text, or base64url data where it is not UTF-8).
+// After a reconnect the computer offers the shells it kept (shell.sessions)
+// and replays their recent output on shell.attach.
 // What xterm.js has drawn is acknowledged (shell.ack), so the computer sends
 // no more than the terminal can draw in time.
 
@@ -160,7 +161,9 @@ export class Terminals extends EventTarget {
       this.add(m.shell, m.path, m.columns, m.rows).then(() => this.fit());
     } else if (m.type === 'shell.output') {
       const shell = this.shells.get(m.shell);
-      if (shell && typeof m.data === 'string') {
+      if (shell && typeof m.text === 'string') {
+        shell.term.write(m.text, () => this.drawn(shell, Number(m.bytes) || 0));
+      } else if (shell && typeof m.data === 'string') {
         const bytes = unb64url(m.data);
         shell.term.write(bytes, () => this.drawn(shell, bytes.length));
       }
