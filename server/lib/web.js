@@ -47,12 +47,14 @@ function resolveStatic(pathname, dev) {
 
 // Headers of every answer. The app loads nothing but its own files (and
 // compiles hash-wasm's WebAssembly, no script text) and talks to rendezvous
-// servers over TLS (plain ws/http only in development).
+// servers over TLS (plain ws/http only in development). Styles may be inline:
+// the terminal (xterm.js) writes its cell sizes and colours into style
+// elements of its own; the app puts no markup from elsewhere on its pages.
 function securityHeaders(config, secure) {
   const connect = config.dev ? "'self' https: wss: http: ws:" : "'self' https: wss:";
   const headers = {
     'Content-Security-Policy': [
-      "default-src 'self'", "script-src 'self' 'wasm-unsafe-eval'", "style-src 'self'", "img-src 'self' data: blob:",
+      "default-src 'self'", "script-src 'self' 'wasm-unsafe-eval'", "style-src 'self' 'unsafe-inline'", "img-src 'self' data: blob:",
       "media-src 'self' blob:", `connect-src ${connect}`, "worker-src 'self'", "manifest-src 'self'",
       "object-src 'none'", "base-uri 'none'", "frame-ancestors 'none'", "form-action 'none'",
     ].join('; '),

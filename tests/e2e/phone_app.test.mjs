@@ -139,11 +139,16 @@ async function launch(extraArgs = []) {
   return launched;
 }
 
+// What the service's security policy refused any phone: the app needs nothing it refuses.
+const refused = [];
+
 // A phone of its own (storage, keys) in a browser.
 async function newPhone(where) {
   const context = await where.newContext({ viewport: { width: 390, height: 844 },
     hasTouch: true, isMobile: true, locale: 'ru-RU', permissions: ['camera'] });
-  return context.newPage();
+  const phone = await context.newPage();
+  phone.on('console', (m) => /Content Security Policy/.test(m.text()) && refused.push(m.text()));
+  return phone;
 }
 
 const connected = (phone = page) => phone.waitForSelector('body[data-state=connected]',
@@ -530,6 +535,7 @@ test('a terminal, once allowed at the computer, runs what is typed into it', asy
   await page.locator('#term-close-shell').tap();
   await page.locator('#term-host .term').waitFor({ state: 'detached' });
   await page.locator('#close-terminal').tap();
+  assert.deepEqual(refused, []);
 });
 
 test('an element from the list is invoked in the window', async () => {

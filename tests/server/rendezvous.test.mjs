@@ -332,7 +332,7 @@ test('misbehaving clients: huge frames, a second agent socket, silence, slow hea
 test('headers, health, metrics and a certificate renewed on SIGHUP', async () => {
   const page = await request('GET', '/');
   assert.equal(page.status, 200);
-  assert.match(page.headers['content-security-policy'], /default-src 'self'; script-src 'self' 'wasm-unsafe-eval'; style-src 'self'/);
+  assert.match(page.headers['content-security-policy'], /default-src 'self'; script-src 'self' 'wasm-unsafe-eval'; style-src 'self' 'unsafe-inline'/);
   assert.match(page.headers['content-security-policy'], /frame-ancestors 'none'/);
   assert.equal(page.headers['strict-transport-security'], 'max-age=31536000');
   assert.equal(page.headers['x-content-type-options'], 'nosniff');
