@@ -16,6 +16,7 @@
 #include "ZulPlatform/linux/capture/DamageRects.h"
 #include "ZulPlatform/linux/capture/Nv12FrameSurface.h"
 #include "ZulPlatform/linux/x11/ScreenCaptureSource.h"
+#include "ZulPlatform/linux/x11/X11Clipboard.h"
 #include "support/ChildProcess.h"
 #include "support/FrameLog.h"
 #include "support/ScreenPainter.h"
@@ -233,6 +234,10 @@ TEST(CaptureTest, ServerThatGoesAwayIsReportedAsCaptureFailed) {
   });
   source.start(options(0, 0, 0, 30, 2));
   ASSERT_TRUE(sink.waitFor(1));
+  // The clipboard of the same server stops too, not waiting on the dead
+  // connection.
+  X11Clipboard clipboard(server->display());
+  clipboard.start();
   // A crash, not a shutdown: the lock file stays, so no server of a test
   // running beside this one takes the display number before the restart below.
   const std::string number = server->display().substr(1);
@@ -243,6 +248,7 @@ TEST(CaptureTest, ServerThatGoesAwayIsReportedAsCaptureFailed) {
   lock.unlock();
   source.stop();
   source.stop();
+  clipboard.stop();
   // The source can be started again, and says the display is gone.
   EXPECT_THROW(source.start(options(0, 0, 0)), CaptureError);
   server.reset();

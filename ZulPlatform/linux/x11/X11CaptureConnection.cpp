@@ -5,6 +5,8 @@
 #include <X11/extensions/Xdamage.h>
 #include <X11/extensions/Xfixes.h>
 #include <X11/extensions/Xrandr.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <mutex>
 
@@ -44,7 +46,21 @@ X11CaptureConnection::X11CaptureConnection(_XDisplay* display, std::string name)
 
 X11CaptureConnection::~X11CaptureConnection() {
   if (damage_ && !lost_) XDamageDestroy(display_, damage_);
-  XCloseDisplay(display_);
+  closeDisplay(display_, lost_);
+}
+
+void X11CaptureConnection::closeDisplay(_XDisplay* display, bool lost) {
+  // A server that went away a moment ago, before any call noticed: its end
+  // of the socket is closed.
+  char unread = 0;
+  if (!lost) {
+    lost = ::recv(ConnectionNumber(display), &unread, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+  }
+  if (lost) {
+    ::close(ConnectionNumber(display));
+  } else {
+    XCloseDisplay(display);
+  }
 }
 
 void X11CaptureConnection::reportServerLoss(_XDisplay* display, std::atomic<bool>* lost) {

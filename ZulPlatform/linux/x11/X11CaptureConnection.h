@@ -67,6 +67,11 @@ class X11CaptureConnection {
   // Makes a lost server on `display` set `lost` instead of ending the
   // process; for connections opened elsewhere (WebRTC's capturer).
   static void reportServerLoss(_XDisplay* display, std::atomic<bool>* lost);
+  // Closes `display`; once its server is lost (or its socket says it went
+  // away) only the socket is closed:
+  // Xlib's own close then waits for ever on the lock the failed call left
+  // behind (the little memory of the connection is left to the process).
+  static void closeDisplay(_XDisplay* display, bool lost);
 
  private:
   X11CaptureConnection(_XDisplay* display, std::string name);

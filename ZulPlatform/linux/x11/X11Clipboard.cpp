@@ -362,7 +362,7 @@ void X11Clipboard::stop() {
   std::lock_guard lock(impl.mutex);
   impl.tasks.clear();
   if (!impl.lost) XDestroyWindow(impl.display, impl.window);
-  XCloseDisplay(impl.display);
+  X11CaptureConnection::closeDisplay(impl.display, impl.lost);
   impl.display = nullptr;
   ::close(impl.wakeFd);
   impl.wakeFd = -1;

@@ -75,6 +75,10 @@ struct XTestInputInjector::Impl {
   int perKeycode = 0;
   std::vector<KeySym> map;
 
+  ~Impl() {
+    if (display) X11CaptureConnection::closeDisplay(display.release(), lost);
+  }
+
   void requireLive() const {
     if (lost) throw InputInjectorError::displayUnavailable(name);
   }
