@@ -59,6 +59,9 @@ class PairingQRWindowController : public QWidget {
   // The person asked for the window again: the next link brings it back
   // even though they closed it.
   void showWithNextLink() { shown_ = false; }
+  // The links that come are kept up to date but do not open the window
+  // (an agent started at login), until the person asks for it.
+  void stayClosedUntilAsked() { shown_ = true; }
   QString statusText() const;
   bool canEndSession() const;
   void endSession();

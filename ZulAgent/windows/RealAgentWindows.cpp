@@ -14,6 +14,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "ZulAgent/windows/AgentSetupWindow.h"
 #include "ZulAgent/windows/AgentTrayIcon.h"
@@ -172,9 +173,13 @@ void runRealAgentWithWindows(const PeerVideoEncoding& videoEncoding, const Print
     control->requestStop();
     pairing.reset();
   };
+  // Started at login, the first start is the window's own: no pairing window
+  // comes up by itself (the phones are paired; «Добавить телефон» opens it).
+  bool startingAtLogin = atLogin;
   setup.show(
       [&](const std::string& url) {
         cancelAgent();  // a retry replaces the agent that is still trying
+        if (std::exchange(startingAtLogin, false)) pairing.stayClosedUntilAsked();
         // The server the agent uses serves the phone app too; a development
         // server may serve it at another address and keep a short one.
         const char* appUrl = std::getenv("ZUL_PHONE_APP_URL");

@@ -239,6 +239,11 @@ TEST(PairingQRWindow, CountsDownListsAndRevokesPhones) {
   const TrustedDeviceStore store(SecretStore("trusted-devices", backend));
   PairingQRWindowController window(store);
   int refreshes = 0, ends = 0;
+  // An agent started at login keeps its links without opening the window.
+  window.stayClosedUntilAsked();
+  window.show("zul://pair?payload=%7B%7D", "agent_abcdEFGHijklMNOP", 120, [] {});
+  EXPECT_FALSE(window.isVisible());
+  window.showWithNextLink();
   window.show("zul://pair?payload=%7B%7D", "agent_abcdEFGHijklMNOP", 120, [&] { ++refreshes; });
   EXPECT_EQ(window.countdownText(), "Код истечёт через 02:00");
   EXPECT_TRUE(window.showsCode());
