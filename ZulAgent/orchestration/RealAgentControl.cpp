@@ -1,20 +1,16 @@
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
 #include "ZulAgent/orchestration/RealAgent.h"
+#include "ZulPlatform/linux/UserFolders.h"
 
 namespace zul {
 
 std::shared_ptr<RealAgentControl> RealAgentControl::rememberingPause(PrintLine print) {
   auto control = std::make_shared<RealAgentControl>();
-  const char* config = std::getenv("XDG_CONFIG_HOME");
-  const char* home = std::getenv("HOME");
-  if (config && *config == '/') {
-    control->pauseFile_ = std::string(config) + "/zul-agent/paused";
-  } else if (home && *home == '/') {
-    control->pauseFile_ = std::string(home) + "/.config/zul-agent/paused";
+  if (const auto config = userFolder("XDG_CONFIG_HOME", ".config")) {
+    control->pauseFile_ = (*config / "zul-agent" / "paused").string();
   }
   std::error_code ignored;
   control->paused_ =

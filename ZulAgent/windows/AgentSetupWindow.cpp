@@ -15,9 +15,9 @@
 #include <QSettings>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
-#include <cstdlib>
 
 #include "ZulAgent/windows/AgentWindowTexts.h"
+#include "ZulPlatform/linux/UserFolders.h"
 
 namespace zul {
 namespace {
@@ -135,11 +135,9 @@ bool AgentSetupWindowController::asksBeforeConnecting() {
 }
 
 std::string AgentSetupWindowController::autostartPath() {
-  const char* config = std::getenv("XDG_CONFIG_HOME");
-  const char* home = std::getenv("HOME");
-  const std::string base =
-      config && *config == '/' ? std::string(config) : std::string(home ? home : "") + "/.config";
-  return base + "/autostart/zul-agent.desktop";
+  return (userFolder("XDG_CONFIG_HOME", ".config").value_or("/.config") / "autostart" /
+          "zul-agent.desktop")
+      .string();
 }
 
 bool AgentSetupWindowController::startsAtLogin() {

@@ -6,23 +6,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 
 #include "ZulCore/Trust/Iso8601.h"
+#include "ZulPlatform/linux/UserFolders.h"
 
 namespace zul {
 
 std::filesystem::path AuditLog::defaultPath() {
-  std::filesystem::path state;
-  if (const char* xdg = std::getenv("XDG_STATE_HOME"); xdg && *xdg == '/') {
-    state = xdg;
-  } else if (const char* home = std::getenv("HOME"); home && *home) {
-    state = std::filesystem::path(home) / ".local" / "state";
-  } else {
-    state = "/tmp";
-  }
-  return state / "zul-agent" / "audit.jsonl";
+  return userFolder("XDG_STATE_HOME", ".local/state").value_or("/tmp") / "zul-agent" /
+         "audit.jsonl";
 }
 
 AuditLog::AuditLog(std::filesystem::path path, std::size_t rotateBytes, int keep)

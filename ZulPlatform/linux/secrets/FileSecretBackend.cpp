@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -16,6 +15,8 @@
 #include <memory>
 #include <string_view>
 #include <system_error>
+
+#include "ZulPlatform/linux/UserFolders.h"
 
 namespace zul {
 namespace {
@@ -183,19 +184,8 @@ std::unique_ptr<SecretUpdateLock> FileSecretBackend::lockForUpdate(const std::st
 }
 
 fs::path FileSecretBackend::defaultRoot() {
-  // Relative values are invalid by the XDG rules and are ignored.
-  fs::path dataHome;
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && xdg[0] == '/') {
-    dataHome = xdg;
-  } else {
-    const char* home = std::getenv("HOME");
-    if (!home || home[0] != '/') {
-      const passwd* entry = ::getpwuid(::geteuid());
-      home = entry ? entry->pw_dir : nullptr;
-    }
-    dataHome = fs::path(home ? home : "/") / ".local" / "share";
-  }
-  return dataHome / "zul-agent" / "secrets";
+  return userFolder("XDG_DATA_HOME", ".local/share").value_or("/.local/share") / "zul-agent" /
+         "secrets";
 }
 
 std::string FileSecretBackend::escapeName(const std::string& name) {
