@@ -188,11 +188,22 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   };
 
   std::atomic<bool> capturerLost{false};
-  std::unique_ptr<webrtc::DesktopCapturer> capturer;
+  // WebRTC opens its own connection and sets up its extensions as the
+  // capturer is made and started, and closes it with the capturer: both under
+  // the lock all X connections of the process are opened and closed with.
+  struct CloseLocked {
+    void operator()(webrtc::DesktopCapturer* capturer) const {
+      auto lock = X11CaptureConnection::lockConnections();
+      delete capturer;
+    }
+  };
+  std::unique_ptr<webrtc::DesktopCapturer, CloseLocked> capturer;
   {
+    auto lock = X11CaptureConnection::lockConnections();
     webrtc::DesktopCaptureOptions captureOptions;
     auto shared = webrtc::SharedXDisplay::Create(run.connection->name());
     if (!shared) return failBeforeOrAfterStart("cannot open X display " + run.connection->name());
+    X11CaptureConnection::setUpExtensions(shared->display());
     X11CaptureConnection::reportServerLoss(shared->display(), &capturerLost);
     captureOptions.set_x_display(shared);
     captureOptions.set_use_update_notifications(true);  // XDamage: read only what changed
@@ -203,10 +214,9 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
             static_cast<webrtc::DesktopCapturer::SourceId>(run.monitor.displayID))) {
       return failBeforeOrAfterStart("monitor " + std::to_string(run.monitor.index) + " vanished");
     }
-    capturer =
-        std::make_unique<webrtc::DesktopAndCursorComposer>(std::move(screen), captureOptions);
+    capturer.reset(new webrtc::DesktopAndCursorComposer(std::move(screen), captureOptions));
+    capturer->Start(this);
   }
-  capturer->Start(this);
   run.connection->watchMonitors();
   // Where the server reports changes, a change is read as soon as the rate
   // allows; elsewhere the screen is sampled at the active rate.

@@ -4,7 +4,10 @@
 #include <X11/Xutil.h>
 #include <X11/extensions/Xdamage.h>
 #include <X11/extensions/Xfixes.h>
+#include <X11/extensions/XShm.h>
+#include <X11/extensions/XTest.h>
 #include <X11/extensions/Xrandr.h>
+#include <X11/extensions/Xrender.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,9 +34,32 @@ void markLost(Display*, void* flag) { static_cast<std::atomic<bool>*>(flag)->sto
 
 }  // namespace
 
-std::unique_ptr<X11CaptureConnection> X11CaptureConnection::open(const std::string& name) {
+std::unique_lock<std::mutex> X11CaptureConnection::lockConnections() {
+  static std::mutex connections;
+  return std::unique_lock(connections);
+}
+
+void X11CaptureConnection::setUpExtensions(_XDisplay* display) {
+  int event = 0, error = 0, major = 0, minor = 0;
+  Bool pixmaps = False;
+  XRRQueryExtension(display, &event, &error);
+  XRenderQueryExtension(display, &event, &error);
+  XDamageQueryExtension(display, &event, &error);
+  XFixesQueryExtension(display, &event, &error);
+  XTestQueryExtension(display, &event, &error, &major, &minor);
+  XShmQueryVersion(display, &major, &minor, &pixmaps);
+}
+
+_XDisplay* X11CaptureConnection::openDisplay(const std::string& name) {
   installHandlers();
+  auto lock = lockConnections();
   Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+  if (display) setUpExtensions(display);
+  return display;
+}
+
+std::unique_ptr<X11CaptureConnection> X11CaptureConnection::open(const std::string& name) {
+  Display* display = openDisplay(name);
   if (!display) return nullptr;
   return std::unique_ptr<X11CaptureConnection>(
       new X11CaptureConnection(display, DisplayString(display)));
@@ -59,6 +85,7 @@ void X11CaptureConnection::closeDisplay(_XDisplay* display, bool lost) {
   if (lost) {
     ::close(ConnectionNumber(display));
   } else {
+    auto lock = lockConnections();
     XCloseDisplay(display);
   }
 }

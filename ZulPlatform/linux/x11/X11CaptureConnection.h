@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -64,11 +65,26 @@ class X11CaptureConnection {
   // The pointer's position on the root window; nothing once the server is gone.
   std::optional<std::pair<int, int>> pointer();
 
+  // Opening and closing a connection, and a connection's first use of an
+  // extension, change bookkeeping that Xlib's extension libraries share
+  // between all connections of the process; done on two threads at once (a
+  // capture ending by itself while another thread lists the monitors) it
+  // damaged the heap. So all of it happens under this lock: openDisplay()
+  // sets up every extension this code uses at once, closeDisplay() takes it,
+  // and so does whoever lets WebRTC open or close its own connection.
+  static std::unique_lock<std::mutex> lockConnections();
+  // XOpenDisplay (empty `name`: $DISPLAY) with RandR, Render, Damage, XFixes,
+  // XTest and MIT-SHM set up, under lockConnections(); null when it fails.
+  static _XDisplay* openDisplay(const std::string& name);
+  // Sets up those extensions on a connection opened elsewhere; the caller
+  // holds lockConnections().
+  static void setUpExtensions(_XDisplay* display);
+
   // Makes a lost server on `display` set `lost` instead of ending the
   // process; for connections opened elsewhere (WebRTC's capturer).
   static void reportServerLoss(_XDisplay* display, std::atomic<bool>* lost);
   // Closes `display`; once its server is lost (or its socket says it went
-  // away) only the socket is closed:
+  // away) only the socket is closed, under lockConnections():
   // Xlib's own close then waits for ever on the lock the failed call left
   // behind (the little memory of the connection is left to the process).
   static void closeDisplay(_XDisplay* display, bool lost);

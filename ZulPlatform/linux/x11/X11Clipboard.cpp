@@ -305,12 +305,12 @@ X11Clipboard::~X11Clipboard() { stop(); }
 void X11Clipboard::start() {
   Impl& impl = *impl_;
   if (impl.thread.joinable()) return;
-  Display* display = XOpenDisplay(impl.name.empty() ? nullptr : impl.name.c_str());
+  Display* display = X11CaptureConnection::openDisplay(impl.name);
   if (!display) throw ClipboardError::unavailable("cannot open the X display " + impl.name);
   X11CaptureConnection::reportServerLoss(display, &impl.lost);
   int errorBase = 0;
   if (!XFixesQueryExtension(display, &impl.fixesEventBase, &errorBase)) {
-    XCloseDisplay(display);
+    X11CaptureConnection::closeDisplay(display, false);
     throw ClipboardError::unavailable("the X server has no XFixes");
   }
   impl.name = DisplayString(display);

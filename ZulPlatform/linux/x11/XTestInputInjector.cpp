@@ -36,7 +36,7 @@ namespace {
 int ignoreProtocolError(Display*, XErrorEvent*) { return 0; }
 
 struct DisplayCloser {
-  void operator()(Display* d) const { XCloseDisplay(d); }
+  void operator()(Display* d) const { X11CaptureConnection::closeDisplay(d, false); }
 };
 
 // The keysym that stands for a Unicode character: Latin-1 keysyms are the
@@ -336,7 +336,7 @@ XTestInputInjector::XTestInputInjector(const std::string& displayName)
     : impl_(std::make_unique<Impl>()) {
   static std::once_flag handlerInstalled;
   std::call_once(handlerInstalled, [] { XSetErrorHandler(ignoreProtocolError); });
-  impl_->display.reset(XOpenDisplay(displayName.empty() ? nullptr : displayName.c_str()));
+  impl_->display.reset(X11CaptureConnection::openDisplay(displayName));
   if (!impl_->display) throw InputInjectorError::displayUnavailable(displayName);
   impl_->name = DisplayString(impl_->display.get());
   // A server that goes away fails the next request instead of ending the process.
