@@ -140,7 +140,10 @@ void ShellSessions::sessionStarted(const std::string& deviceId) {
     }
     attached_ = true;
     detachedAt_.reset();
-    for (const auto& [id, shell] : shells_) kept.push_back({{"shell", id}, {"path", shell->path}});
+    for (const auto& [id, shell] : shells_) {
+      shell->live = false;
+      kept.push_back({{"shell", id}, {"path", shell->path}});
+    }
   }
   hangUpLater(std::move(others));
   if (!kept.empty()) {
@@ -225,8 +228,9 @@ void ShellSessions::handle(const PhoneRequest& request) {
     }
     if (!shell) throw PhoneRequestError::invalidShellRequest();
     if (auto* input = std::get_if<ShellInputRequest>(&request)) {
-      shell->process->write(input->data);
+      // Counted first: the reader may see the echo before write() returns.
       ++shell->inputs;
+      shell->process->write(input->data);
     } else if (auto* resize = std::get_if<ShellResizeRequest>(&request)) {
       shell->process->resize(resize->columns, resize->rows);
     } else if (std::get_if<ShellCloseRequest>(&request)) {
@@ -241,22 +245,10 @@ void ShellSessions::handle(const PhoneRequest& request) {
       const std::uint64_t one = 1;
       [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
     } else if (std::get_if<ShellAttachRequest>(&request)) {
-      std::string replay;
-      {
-        std::lock_guard lock(mutex_);
-        replay = shell->replay.substr(shell->replay.size() -
-                                      std::min(shell->replay.size(), replayBytes));
-      }
-      // The phone counts what it draws from here on.
-      shell->acked = 0;
-      shell->sent = replay.size();
-      for (std::size_t at = 0; at < replay.size(); at += outputBytes) {
-        send({{"type", "shell.output"},
-              {"shell", id},
-              {"replay", true},
-              {"data",
-               Base64Url::encode(toBytes(std::string_view(replay).substr(at, outputBytes)))}});
-      }
+      // Sent by the reader, so that nothing read meanwhile goes before it.
+      shell->replayWanted = true;
+      const std::uint64_t one = 1;
+      [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
     }
   } catch (const std::exception& error) {
     try {
@@ -270,12 +262,34 @@ void ShellSessions::handle(const PhoneRequest& request) {
   }
 }
 
+bool ShellSessions::replay(Shell& shell) {
+  bool attached;
+  {
+    std::lock_guard lock(mutex_);
+    attached = attached_;
+    std::string_view kept = shell.replay;
+    kept.remove_prefix(kept.size() - std::min(kept.size(), replayBytes));
+    // Not from inside a character the cut went through.
+    while (!kept.empty() && (static_cast<unsigned char>(kept.front()) & 0xC0) == 0x80) {
+      kept.remove_prefix(1);
+    }
+    // What waited to be sent is at the replay's end.
+    shell.pending = kept;
+  }
+  shell.pendingSince = Clock::now();
+  // The phone counts what it draws from here on.
+  shell.acked = 0;
+  shell.sent = 0;
+  shell.live = true;
+  return attached;
+}
+
 bool ShellSessions::flush(Shell& shell, bool attached) {
   if (shell.pending.empty()) return true;
   std::string out = std::move(shell.pending);
   shell.pending.clear();
   shell.lastSent = Clock::now();
-  if (!attached) return true;  // kept in the replay for when the phone is back
+  if (!attached || !shell.live) return true;  // kept in the replay for when the phone is back
   std::size_t at = 0;
   try {
     while (at < out.size()) {
@@ -326,7 +340,7 @@ void ShellSessions::loop() {
     std::vector<pollfd> fds{{wakeFd_, POLLIN, 0}};
     bool waiting = false;
     for (auto& shell : shells) {
-      const bool unacked = attached && shell->sent - shell->acked >= unackedBytes;
+      const bool unacked = attached && shell->live && shell->sent - shell->acked >= unackedBytes;
       fds.push_back({shell->process->fd(), short(backedUp || unacked ? 0 : POLLIN), 0});
       waiting = waiting || !shell->pending.empty();
     }
@@ -338,6 +352,11 @@ void ShellSessions::loop() {
     }
     for (std::size_t i = 0; i < shells.size(); ++i) {
       Shell& shell = *shells[i];
+      if (shell.replayWanted.exchange(false)) {
+        // The phone came back while this loop waited.
+        attached = replay(shell);
+        backedUp = !flush(shell, attached) || backedUp;
+      }
       if (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) {
         const std::size_t had = shell.pending.size();
         if (shell.process->read(shell.pending, 64 * 1024)) {

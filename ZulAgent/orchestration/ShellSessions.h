@@ -77,11 +77,18 @@ class ShellSessions {
     // has drawn of it: the terminal is not read while too much is unacknowledged.
     std::atomic<std::uint64_t> sent{0};
     std::atomic<std::uint64_t> acked{0};
+    // Its output goes to the phone: opened by it, or attached again. A kept
+    // shell's output waits in the replay until the phone asks for it.
+    std::atomic<bool> live{true};
+    std::atomic<bool> replayWanted{false};
   };
   void open(const ShellOpenRequest& request);
   void loop();
   // Sends what was read; false when the phone's channel is backed up.
   bool flush(Shell& shell, bool attached);
+  // The recent output of a shell attached again, in place of what waits;
+  // whether the phone is attached now.
+  bool replay(Shell& shell);
   void send(nlohmann::json message);
   std::size_t sendOutput(const std::string& id, std::string_view bytes);
   void hangUpLater(std::map<std::string, std::shared_ptr<Shell>> shells);

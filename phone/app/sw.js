@@ -2,7 +2,7 @@
 // first (so a new version shows at once) and from the cache when offline.
 // The rendezvous and agent traffic is never touched.
 
-const CACHE = 'zul-shell-6';
+const CACHE = 'zul-shell-7';
 // What another app shared (the manifest's share target posts it here): its
 // files wait in this cache for the app, which sends them to the computer.
 const SHARED = 'zul-shared';
@@ -11,7 +11,8 @@ const SHELL = ['./', 'index.html', 'style.css', 'manifest.webmanifest', 'icon.sv
   'js/keyboard.js', 'js/viewport.js', 'js/scanner.js', 'js/clipboard.js', 'js/files.js',
   'js/terminal.js', 'js/ui.js', 'js/clipboard-sheet.js', 'js/files-sheet.js',
   'js/terminal-sheet.js', 'vendor/jsqr/jsQR.js', 'vendor/xterm/lib/xterm.mjs',
-  'vendor/xterm/css/xterm.css', 'js/download-worker.js', 'vendor/hash-wasm/sha256.umd.min.js'];
+  'vendor/xterm/css/xterm.css', 'vendor/xterm-webgl/addon-webgl.mjs', 'js/download-worker.js',
+  'vendor/hash-wasm/sha256.umd.min.js'];
 
 self.addEventListener('install', (event) => {
   event.waitUntil(caches.open(CACHE).then((cache) => cache.addAll(SHELL))

@@ -27,6 +27,7 @@ function mounts(dev) {
     ...(dev ? [['/phone/', path.join(__dirname, '..', 'phone')]] : []),
     ['/vendor/jsqr/', path.join(ROOT, 'phone', 'node_modules', 'jsqr', 'dist')],
     ['/vendor/xterm/', path.join(ROOT, 'phone', 'node_modules', '@xterm', 'xterm')],
+    ['/vendor/xterm-webgl/', path.join(ROOT, 'phone', 'node_modules', '@xterm', 'addon-webgl', 'lib')],
     ['/vendor/hash-wasm/', path.join(ROOT, 'phone', 'node_modules', 'hash-wasm', 'dist')],
     ['/', path.join(ROOT, 'phone', 'app')],
   ];

@@ -117,14 +117,23 @@ void ShellProcess::resize(int columns, int rows) {
 }
 
 bool ShellProcess::read(std::string& out, std::size_t limit) {
-  char chunk[16 * 1024];  // a terminal hands out a few KiB at a time
-  const ssize_t n = ::read(master_, chunk, std::min(limit, sizeof chunk));
-  if (n > 0) {
-    out.append(chunk, std::size_t(n));
-    return true;
+  // A terminal hands out at most 4 KiB a read: read on while there is more,
+  // for a wait in poll() between two reads would hold a fast writer to a
+  // crawl.
+  char chunk[16 * 1024];
+  std::size_t got = 0;
+  while (got < limit) {
+    const ssize_t n = ::read(master_, chunk, std::min(limit - got, sizeof chunk));
+    if (n > 0) {
+      out.append(chunk, std::size_t(n));
+      got += std::size_t(n);
+      continue;
+    }
+    // EIO: the last process of the terminal is gone (what came before it
+    // is handed out first).
+    return got > 0 || (n < 0 && (errno == EAGAIN || errno == EINTR));
   }
-  // EIO: the last process of the terminal is gone.
-  return n < 0 && (errno == EAGAIN || errno == EINTR);
+  return true;
 }
 
 std::optional<int> ShellProcess::exitStatus() {

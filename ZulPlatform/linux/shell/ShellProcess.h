@@ -48,7 +48,7 @@ class ShellProcess {
   void write(const Bytes& input);
   void resize(int columns, int rows);
   // Appends what is there (at most `limit` bytes) to `out`; false at the
-  // terminal's end (the shell exited).
+  // terminal's end (the shell exited) when nothing came before it.
   bool read(std::string& out, std::size_t limit);
   // The shell's exit status once it ended (reaped here); nothing before.
   std::optional<int> exitStatus();

@@ -1,7 +1,8 @@
 // Shells on the computer, for a phone granted "shell" and "control": up to
-// four, each an xterm.js terminal (from npm, served under /vendor/) fitted
-// to the phone's width; typing goes as shell.input, the computer's output
-// comes as shell.output (text, or base64url data where it is not UTF-8).
+// four, each an xterm.js terminal (from npm, served under /vendor/, drawn
+// with WebGL where a GPU does it) fitted to the phone's width; typing goes
+// as shell.input, the computer's output comes as shell.output (text, or
+// base64url data where it is not UTF-8).
 // After a reconnect the computer offers the shells it kept (shell.sessions)
 // and replays their recent output on shell.attach.
 // What xterm.js has drawn is acknowledged (shell.ack), so the computer sends
@@ -20,9 +21,46 @@ function loadXterm() {
     css.rel = 'stylesheet';
     css.href = new URL('vendor/xterm/css/xterm.css', document.baseURI).href;
     document.head.append(css);
-    loading = import(new URL('vendor/xterm/lib/xterm.mjs', document.baseURI).href);
+    const from = (file) => import(new URL(file, document.baseURI).href);
+    loading = Promise.all([from('vendor/xterm/lib/xterm.mjs'),
+      from('vendor/xterm-webgl/addon-webgl.mjs').catch(() => ({}))])
+      .then(([{ Terminal }, { WebglAddon }]) => ({ Terminal, WebglAddon }));
   }
   return loading;
+}
+
+// Whether WebGL is drawn by a GPU: a software one (SwiftShader, llvmpipe)
+// draws a terminal slower than the DOM does. Asked once.
+let gpu;
+function gpuWebgl() {
+  if (gpu !== undefined) return gpu;
+  gpu = false;
+  const gl = document.createElement('canvas').getContext('webgl2');
+  if (!gl) return false;
+  const info = gl.getExtension('WEBGL_debug_renderer_info');
+  const name = info ? String(gl.getParameter(info.UNMASKED_RENDERER_WEBGL)) : '';
+  gl.getExtension('WEBGL_lose_context')?.loseContext();
+  gpu = !/swiftshader|llvmpipe|softpipe|software/i.test(name);
+  return gpu;
+}
+
+// Draws with WebGL where a GPU does it (a fraction of the DOM renderer's
+// work per frame); xterm.js's own DOM renderer otherwise, and again when the
+// GPU takes the context away. The element says which.
+function drawFast(term, element, WebglAddon) {
+  element.dataset.renderer = 'dom';
+  if (!WebglAddon || !gpuWebgl()) return;
+  try {
+    const webgl = new WebglAddon();
+    webgl.onContextLoss(() => {
+      webgl.dispose();
+      element.dataset.renderer = 'dom';
+    });
+    term.loadAddon(webgl);
+    element.dataset.renderer = 'webgl';
+  } catch {
+    // The DOM renderer stays.
+  }
 }
 
 // Events: changed {} – a shell came or went, or another one is shown;
@@ -79,7 +117,7 @@ export class Terminals extends EventTarget {
 
   async add(id, path, columns = 80, rows = 24) {
     if (this.shells.has(id)) return this.shells.get(id);
-    const { Terminal } = await loadXterm();
+    const { Terminal, WebglAddon } = await loadXterm();
     const element = document.createElement('div');
     element.className = 'term';
     element.dataset.shell = id;
@@ -87,6 +125,7 @@ export class Terminals extends EventTarget {
     const term = new Terminal({ cols: columns, rows, fontSize: 14, scrollback: 2000,
       fontFamily: 'monospace', theme: { background: '#101418' } });
     term.open(element);
+    drawFast(term, element, WebglAddon);
     term.onData((data) => this.input(id, data));
     const shell = { id, path, term, element, drawn: 0, acked: 0 };
     this.shells.set(id, shell);
