@@ -9,6 +9,10 @@
 //   shell: keystroke-to-echo latency, `cat` of 64 MiB until the app has drawn
 //          it (with the agent's CPU and memory), the agent's memory under `yes`.
 //
+// Every figure comes with the load average; transfers also with the CPU
+// seconds the agent and Chromium spent on them (a busy machine changes those
+// less than the speed), the throttled download with what else took the link.
+//
 // Environment: ZUL_AGENT_PATH, ZUL_TRUSTED_DEVICES_PATH (set by the launcher
 // CMake writes beside the other benchmarks); ZUL_BENCH_SKIP=throttled,scp,gib
 // leaves parts out (also: shell).
