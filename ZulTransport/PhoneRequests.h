@@ -172,9 +172,8 @@ using PhoneRequest =
                  SceneSnapshotRequest, MonitorListRequest, MonitorSelectRequest,
                  ForgetDeviceRequest, ClipboardGetRequest, ClipboardSetRequest, FilesListRequest,
                  FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesReceivedRequest,
-                 FilesCancelRequest,
-                 ShellOpenRequest, ShellInputRequest, ShellResizeRequest, ShellCloseRequest,
-                 ShellAttachRequest, ShellAckRequest>;
+                 FilesCancelRequest, ShellOpenRequest, ShellInputRequest, ShellResizeRequest,
+                 ShellCloseRequest, ShellAttachRequest, ShellAckRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either.

@@ -274,9 +274,7 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
   }
 }
 
-bool FileTransfers::moving() const {
-  return steadyNanoseconds() - lastPiece_ < 500'000'000;
-}
+bool FileTransfers::moving() const { return steadyNanoseconds() - lastPiece_ < 500000000; }
 
 bool FileTransfers::roomFor(std::uint32_t transfer, std::int64_t at, std::uint64_t generation) {
   std::unique_lock lock(mutex_);

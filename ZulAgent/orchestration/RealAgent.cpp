@@ -386,15 +386,15 @@ class RealAgent {
     std::weak_ptr<PhoneSessions> phones = phones_;
     // While files move, the picture gives way to them: ten frames a second
     // keep it live at a fraction of the encoding and sending.
-    screen_->setFrameReady([phones, files = std::weak_ptr(files_),
-                            lastPushed = std::make_shared<std::atomic<std::int64_t>>(0)](
-                               const CapturedFrame& frame) {
-      const std::int64_t now = monotonicNanoseconds();
-      auto f = files.lock();
-      if (f && f->moving() && now - *lastPushed < 100'000'000) return;
-      *lastPushed = now;
-      if (auto p = phones.lock()) p->push(frame, now);
-    });
+    screen_->setFrameReady(
+        [phones, files = std::weak_ptr(files_),
+         lastPushed = std::make_shared<std::atomic<std::int64_t>>(0)](const CapturedFrame& frame) {
+          const std::int64_t now = monotonicNanoseconds();
+          auto f = files.lock();
+          if (f && f->moving() && now - *lastPushed < 100000000) return;
+          *lastPushed = now;
+          if (auto p = phones.lock()) p->push(frame, now);
+        });
     screen_->setCaptureFailed([this](const CaptureError& error) { desktopLost(error.what()); });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
         .start =
