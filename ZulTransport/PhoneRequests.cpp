@@ -45,7 +45,7 @@ constexpr auto filesQueue = RequestQueue::files;
 constexpr auto shell = DevicePermission::shell;
 constexpr auto shellQueue = RequestQueue::shell;
 
-constexpr std::array<PhoneRequestRule, 22> table = {{
+constexpr std::array<PhoneRequestRule, 23> table = {{
     {"input.cursor", control, std::nullopt, {"input-fast", "input"}, pointer},
     {"input.scroll", control, std::nullopt, {"input-fast", "input"}, pointer},
     {"input.text", control, std::nullopt, {"input"}, keyboard},
@@ -61,6 +61,7 @@ constexpr std::array<PhoneRequestRule, 22> table = {{
     {"files.download", files, std::nullopt, {"files"}, filesQueue},
     {"files.upload", files, std::nullopt, {"files"}, filesQueue},
     {"files.done", files, std::nullopt, {"files"}, filesQueue},
+    {"files.received", files, std::nullopt, {"files"}, filesQueue},
     {"files.cancel", files, std::nullopt, {"files"}, filesQueue},
     {"shell.open", shell, control, {"control"}, shellQueue},
     {"shell.input", shell, control, {"control"}, shellQueue},
@@ -159,7 +160,9 @@ PhoneRequest filesRequest(std::string_view type, const nlohmann::json& json) {
   if (!transfer) throw PhoneRequestError::invalidFilesRequest();
   if (type == "files.download") {
     if (!path) throw PhoneRequestError::invalidFilesRequest();
-    return FilesDownloadRequest{*transfer, *path, offset};
+    const auto* confirm = at(json, "confirm");
+    return FilesDownloadRequest{*transfer, *path, offset,
+                                confirm && confirm->is_boolean() && confirm->get<bool>()};
   }
   if (type == "files.upload") {
     const std::string* folder = stringAt(json, "folder");
@@ -173,6 +176,7 @@ PhoneRequest filesRequest(std::string_view type, const nlohmann::json& json) {
     if (!sha256) throw PhoneRequestError::invalidFilesRequest();
     return FilesDoneRequest{*transfer, *sha256};
   }
+  if (type == "files.received") return FilesReceivedRequest{*transfer, offset};
   return FilesCancelRequest{*transfer};
 }
 
@@ -203,7 +207,7 @@ PhoneRequest shellRequest(std::string_view type, const nlohmann::json& json) {
 
 }  // namespace
 
-const std::array<PhoneRequestRule, 22>& rules() { return table; }
+const std::array<PhoneRequestRule, 23>& rules() { return table; }
 
 const PhoneRequestRule* ruleFor(std::string_view type) {
   for (const auto& rule : table) {

@@ -104,6 +104,7 @@ struct FilesDownloadRequest {
   std::uint32_t transfer = 0;
   std::string path;
   std::int64_t offset = 0;  // resumed from here
+  bool confirms = false;    // the phone confirms what it received ("files.received")
   friend bool operator==(const FilesDownloadRequest&, const FilesDownloadRequest&) = default;
 };
 struct FilesUploadRequest {
@@ -118,6 +119,12 @@ struct FilesDoneRequest {
   std::uint32_t transfer = 0;
   std::string sha256;
   friend bool operator==(const FilesDoneRequest&, const FilesDoneRequest&) = default;
+};
+// A download's bytes the phone holds, up to `offset`: its pace.
+struct FilesReceivedRequest {
+  std::uint32_t transfer = 0;
+  std::int64_t offset = 0;
+  friend bool operator==(const FilesReceivedRequest&, const FilesReceivedRequest&) = default;
 };
 struct FilesCancelRequest {
   std::uint32_t transfer = 0;
@@ -164,9 +171,9 @@ using PhoneRequest =
     std::variant<PointerRequest, ScrollRequest, TextRequest, KeyRequest, InvokeRequest,
                  SceneSnapshotRequest, MonitorListRequest, MonitorSelectRequest,
                  ForgetDeviceRequest, ClipboardGetRequest, ClipboardSetRequest, FilesListRequest,
-                 FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesCancelRequest,
-                 ShellOpenRequest, ShellInputRequest, ShellResizeRequest, ShellCloseRequest,
-                 ShellAttachRequest, ShellAckRequest>;
+                 FilesDownloadRequest, FilesUploadRequest, FilesDoneRequest, FilesReceivedRequest,
+                 FilesCancelRequest, ShellOpenRequest, ShellInputRequest, ShellResizeRequest,
+                 ShellCloseRequest, ShellAttachRequest, ShellAckRequest>;
 
 // Where a request's work runs, in order: a queue per kind of work, so that a
 // long text never holds up pointer moves, nor an accessibility scan either.
@@ -203,7 +210,7 @@ struct PhoneRequestRule {
 namespace PhoneRequests {
 
 // Every type the agent acts on, one rule each.
-const std::array<PhoneRequestRule, 22>& rules();
+const std::array<PhoneRequestRule, 23>& rules();
 // The rule for a type; nothing for a type the agent does not act on.
 const PhoneRequestRule* ruleFor(std::string_view type);
 

@@ -9,6 +9,10 @@
 //   shell: keystroke-to-echo latency, `cat` of 64 MiB until the app has drawn
 //          it (with the agent's CPU and memory), the agent's memory under `yes`.
 //
+// Every figure comes with the load average; transfers also with the CPU
+// seconds the agent and Chromium spent on them (a busy machine changes those
+// less than the speed), the throttled download with what else took the link.
+//
 // Environment: ZUL_AGENT_PATH, ZUL_TRUSTED_DEVICES_PATH (set by the launcher
 // CMake writes beside the other benchmarks); ZUL_BENCH_SKIP=throttled,scp,gib
 // leaves parts out (also: shell).
@@ -95,7 +99,9 @@ async function cpuWhile(pid, work) {
   return { value, wall, agent: (100 * (cpuSeconds(pid) - a)) / wall,
     chromium: (100 * (chromiumSeconds() - c)) / wall };
 }
-const shares = (c) => `agent ${c.agent.toFixed(0)} %, Chromium ${c.chromium.toFixed(0)} % of a core`;
+// With the CPU seconds it took, which a busy machine changes less than the speed.
+const shares = (c) => `agent ${c.agent.toFixed(0)} %, Chromium ${c.chromium.toFixed(0)} % of a core ` +
+  `(${((c.agent * c.wall) / 100).toFixed(1)} + ${((c.chromium * c.wall) / 100).toFixed(1)} s of CPU)`;
 
 // Samples the agent's memory every 50 ms until `done` resolves; the peak.
 async function peakWhile(pid, done) {
@@ -308,6 +314,8 @@ async function main() {
   await sleep(2000);
   const idle = rssKiB(pid);
   say(`agent idle with a phone in session: ${mib(idle)} MiB resident; the connection: ${await page.evaluate(() => zulApp.route())}`);
+  // What the picture alone costs (a still screen), for the transfers' shares below.
+  say(`  with the picture alone for 5 s: ${shares(await cpuWhile(pid, sleep(5000)))} (load ${load()})`);
 
   // -- files on loopback
   if (!skip.has('files')) await filesBench(page, pid);
@@ -338,14 +346,23 @@ async function main() {
       await openFilesAt(page, '');
       await sleep(3000); // the video's first burst is over
       const linkBytes = 4e6 / 8;
+      // What shared the link with the download: the picture, the headers.
+      const video = () => page.evaluate(() => zulApp.received());
       const u = await upload(page, small);
       await openFilesAt(page, '');
+      const v0 = await video();
       const d = await download(page, 'small.bin');
-      say(`\nfiles, 8 MiB through 4 Mbit/s (${link4.shaping})   kB/s   share of the link`);
+      const v1 = await video();
+      say(`\nfiles, 8 MiB through 4 Mbit/s (${link4.shaping})   kB/s   share of the link   (load ${load()})`);
       for (const [what, ms] of [['upload', u.ms], ['download', d]]) {
         const bytesPerSecond = size / (ms / 1000);
         say(`  Velto ${what.padEnd(8)}                 ${(bytesPerSecond / 1000).toFixed(0).padStart(6)}   ${(100 * bytesPerSecond / linkBytes).toFixed(1)} %   (target: at least 90 %)`);
       }
+      const share = (bytes) => `${(100 * bytes / (linkBytes * d / 1000)).toFixed(1)} %`;
+      say(`  during the download: the picture ${share(v1.video - v0.video)} of the link ` +
+        `(${v1.frames - v0.frames} frames, ${v1.keyFrames - v0.keyFrames} key frames in ${(d / 1000).toFixed(1)} s); ` +
+        `the files channel's messages ${share(v1.files - v0.files)}, the connection in all ${share(v1.all - v0.all)} ` +
+        '(less UDP and IP headers)');
     }
   }
 }
@@ -354,21 +371,21 @@ async function filesBench(page, pid) {
   const big = makeFile(path.join(work, 'big.bin'), 256 * MiB);
   copyFileSync(big, path.join(env.HOME, 'big.bin'));
   await openFilesAt(page, '');
-  say('\nfiles, 256 MiB, loopback             MB/s (MiB/s)   time');
+  say(`\nfiles, 256 MiB, loopback             MB/s (MiB/s)   time   (load ${load()})`);
   const upCpu = await cpuWhile(pid, upload(page, big));
   const up = upCpu.value;
   const uploadFolder = up.transfer.folder;
-  say(`  Velto upload                       ${rate(256 * MiB, up.ms).toFixed(1).padStart(6)}       ${(up.ms / 1000).toFixed(2)} s   ${shares(upCpu)}`);
+  say(`  Velto upload                       ${rate(256 * MiB, up.ms).toFixed(1).padStart(6)}       ${(up.ms / 1000).toFixed(2)} s   ${shares(upCpu)}; load ${load()}`);
   await openFilesAt(page, '');
   const downCpu = await cpuWhile(pid, download(page, 'big.bin'));
   const downMs = downCpu.value;
-  say(`  Velto download                     ${rate(256 * MiB, downMs).toFixed(1).padStart(6)}       ${(downMs / 1000).toFixed(2)} s   ${shares(downCpu)}`);
+  say(`  Velto download                     ${rate(256 * MiB, downMs).toFixed(1).padStart(6)}       ${(downMs / 1000).toFixed(2)} s   ${shares(downCpu)}; load ${load()}`);
   const scp = skip.has('scp') ? 'left out' : await startSshd();
   if (typeof scp === 'function') {
     const upScp = scp(big, `127.0.0.1:${work}/scp-up.bin`);
     const downScp = scp(`127.0.0.1:${big}`, `${work}/scp-down.bin`);
-    say(`  scp upload                         ${rate(256 * MiB, upScp).toFixed(1).padStart(6)}       ${(upScp / 1000).toFixed(2)} s`);
-    say(`  scp download                       ${rate(256 * MiB, downScp).toFixed(1).padStart(6)}       ${(downScp / 1000).toFixed(2)} s`);
+    say(`  scp upload                         ${rate(256 * MiB, upScp).toFixed(1).padStart(6)}       ${(upScp / 1000).toFixed(2)} s   load ${load()}`);
+    say(`  scp download                       ${rate(256 * MiB, downScp).toFixed(1).padStart(6)}       ${(downScp / 1000).toFixed(2)} s   load ${load()}`);
     rmSync(`${work}/scp-up.bin`, { force: true });
     rmSync(`${work}/scp-down.bin`, { force: true });
   } else {

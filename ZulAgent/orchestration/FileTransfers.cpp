@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -14,6 +16,12 @@ namespace {
 
 // The channel may hold this much before the next piece of a download waits.
 constexpr std::uint64_t roomBytes = 1024 * 1024;
+// A paced download's window: where it starts, its bounds, and how long a
+// confirmation may wait behind earlier bytes before the window shrinks.
+constexpr double firstWindow = 256 * 1024;
+constexpr double leastWindow = 2 * double(FileTransfers::pieceBytes);
+constexpr double mostWindow = 16 * 1024 * 1024;
+constexpr auto queuedLimit = std::chrono::milliseconds(100);
 
 void putBigEndian(Bytes& out, std::uint64_t value, int bytes) {
   for (int i = bytes - 1; i >= 0; --i) out.push_back(std::uint8_t(value >> (8 * i)));
@@ -23,6 +31,12 @@ std::uint64_t bigEndian(const Bytes& in, std::size_t at, int bytes) {
   std::uint64_t value = 0;
   for (int i = 0; i < bytes; ++i) value = (value << 8) | in[at + std::size_t(i)];
   return value;
+}
+
+std::int64_t steadyNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 std::string baseName(const std::string& path) {
@@ -58,6 +72,7 @@ FileTransfers::~FileTransfers() { shutdown(); }
 
 void FileTransfers::shutdown() {
   ++generation_;
+  confirmations_.notify_all();
   downloads_.shutdown();
   std::lock_guard lock(mutex_);
   for (auto& [transfer, upload] : uploads_) {
@@ -73,6 +88,7 @@ void FileTransfers::sessionStarted(const std::string& deviceName) {
 
 void FileTransfers::sessionEnded() {
   ++generation_;  // a download in progress stops at its next piece
+  confirmations_.notify_all();
   std::lock_guard lock(mutex_);
   for (auto& [transfer, upload] : uploads_) {
     if (upload.fd >= 0) ::close(upload.fd);
@@ -127,6 +143,8 @@ void FileTransfers::handle(const PhoneRequest& request) {
     } else if (auto* r = std::get_if<FilesDoneRequest>(&request)) {
       transfer = r->transfer;
       done(*r);
+    } else if (auto* r = std::get_if<FilesReceivedRequest>(&request)) {
+      confirmed(*r);
     } else if (auto* r = std::get_if<FilesCancelRequest>(&request)) {
       transfer = r->transfer;
       cancel(*r);
@@ -177,11 +195,25 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
       ~Closer() { ::close(fd); }
     } closer{fd};
     const std::int64_t start = std::min(request.offset, size);
-    sendJson({{"type", "files.started"},
-              {"transfer", request.transfer},
-              {"name", baseName(request.path)},
-              {"size", size},
-              {"offset", start}});
+    struct Unpaced {
+      FileTransfers* self;
+      std::uint32_t transfer;
+      ~Unpaced() {
+        std::lock_guard lock(self->mutex_);
+        self->paces_.erase(transfer);
+      }
+    } unpaced{this, request.transfer};
+    if (request.confirms) {
+      std::lock_guard lock(mutex_);
+      paces_[request.transfer] = Pace{.confirmed = start, .window = firstWindow};
+    }
+    nlohmann::json started = {{"type", "files.started"},
+                              {"transfer", request.transfer},
+                              {"name", baseName(request.path)},
+                              {"size", size},
+                              {"offset", start}};
+    if (request.confirms) started["confirm"] = true;  // the phone then confirms
+    sendJson(std::move(started));
     Sha256 hash;
     // A resumed download's hash still covers the whole file.
     std::vector<std::uint8_t> buffer(pieceBytes);
@@ -200,6 +232,7 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
         if (generation_ != generation) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
+      if (!roomFor(request.transfer, at, generation)) return;
       {
         std::lock_guard lock(mutex_);
         if (cancelled_.erase(request.transfer)) return;
@@ -214,7 +247,14 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
       putBigEndian(piece, request.transfer, 4);
       putBigEndian(piece, std::uint64_t(at), 8);
       piece.insert(piece.end(), buffer.begin(), buffer.begin() + n);
+      {
+        std::lock_guard lock(mutex_);
+        if (auto it = paces_.find(request.transfer); it != paces_.end()) {
+          it->second.sentAt.emplace_back(at + n, std::chrono::steady_clock::now());
+        }
+      }
       hooks_.send(piece);
+      lastPiece_ = steadyNanoseconds();
       at += n;
     }
     const std::string sha256 = hash.hexDigest();
@@ -232,6 +272,47 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
   } catch (const std::exception& error) {
     if (generation_ == generation) fail(request.transfer, error);
   }
+}
+
+bool FileTransfers::moving() const { return steadyNanoseconds() - lastPiece_ < 500000000; }
+
+bool FileTransfers::roomFor(std::uint32_t transfer, std::int64_t at, std::uint64_t generation) {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    if (generation_ != generation) return false;
+    if (cancelled_.count(transfer)) return true;  // the caller sees it
+    auto it = paces_.find(transfer);
+    if (it == paces_.end() || double(at - it->second.confirmed) < it->second.window) return true;
+    // Woken by a confirmation, a cancel or the session's end; the timeout
+    // only bounds a wake-up that slipped by.
+    confirmations_.wait_for(lock, std::chrono::milliseconds(100));
+  }
+}
+
+void FileTransfers::confirmed(const FilesReceivedRequest& request) {
+  {
+    std::lock_guard lock(mutex_);
+    auto it = paces_.find(request.transfer);
+    if (it == paces_.end() || request.offset <= it->second.confirmed) return;
+    Pace& pace = it->second;
+    const auto now = std::chrono::steady_clock::now();
+    std::optional<std::chrono::steady_clock::time_point> sent;
+    while (!pace.sentAt.empty() && pace.sentAt.front().first <= request.offset) {
+      sent = pace.sentAt.front().second;
+      pace.sentAt.pop_front();
+    }
+    if (sent) {
+      const auto took = now - *sent;
+      pace.quickest = std::min(pace.quickest, took);
+      const double behind = std::chrono::duration<double>(took - pace.quickest).count();
+      const double gain =
+          std::max(-1.0, 1.0 - behind / std::chrono::duration<double>(queuedLimit).count());
+      pace.window = std::clamp(pace.window + gain * double(request.offset - pace.confirmed),
+                               leastWindow, mostWindow);
+    }
+    pace.confirmed = request.offset;
+  }
+  confirmations_.notify_all();
 }
 
 void FileTransfers::upload(const FilesUploadRequest& request) {
@@ -288,6 +369,7 @@ void FileTransfers::received(const Bytes& message) {
     }
     upload.hash->update(message.data() + headerBytes, length);
     upload.written += std::int64_t(length);
+    lastPiece_ = steadyNanoseconds();
     // Every piece is confirmed: the phone paces its sending by these (and
     // resumes from the last one).
     confirm = upload.written;
@@ -349,6 +431,7 @@ void FileTransfers::cancel(const FilesCancelRequest& request) {
       uploads_.erase(it);
     }
   }
+  confirmations_.notify_all();
   if (upload) {
     if (upload->fd >= 0) ::close(upload->fd);
     hooks_.home->removePart(upload->folder, upload->name, tagOf(request.transfer));

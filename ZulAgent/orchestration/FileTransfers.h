@@ -1,7 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -28,7 +31,9 @@ namespace zul {
 // and a download waits while the channel is backed up. An upload is written
 // to a hidden part file, checked against the SHA-256 the phone sends, and
 // only then given its name (never over another file); one cut by a lost
-// connection resumes from what the part holds.
+// connection resumes from what the part holds. A phone that confirms what it
+// received ("files.received") has its download paced by those confirmations,
+// so a slow link's queue never holds seconds of it.
 class FileTransfers {
  public:
   struct Hooks {
@@ -48,8 +53,11 @@ class FileTransfers {
   static constexpr std::uint8_t jsonKind = 1;
   static constexpr std::uint8_t pieceKind = 2;
   static constexpr std::size_t headerBytes = 13;
-  // A piece's data: the channel takes 64 KiB a message.
-  static constexpr std::size_t pieceBytes = 65536 - headerBytes;
+  // A piece's data. The channel takes 64 KiB a message; a message of 56 SCTP
+  // packets' data (1160 bytes each: 1191 less 28 of headers, in whole words)
+  // fills every packet it goes out in, where 64 KiB would leave each 57th
+  // one mostly empty.
+  static constexpr std::size_t pieceBytes = 56 * 1160 - headerBytes;
 
   explicit FileTransfers(Hooks hooks);
   // shutdown()
@@ -73,8 +81,12 @@ class FileTransfers {
   void upload(const FilesUploadRequest& request);
   void done(const FilesDoneRequest& request);
   void cancel(const FilesCancelRequest& request);
+  void confirmed(const FilesReceivedRequest& request);
   // A binary message of the session on "files" (a piece of an upload).
   void received(const Bytes& message);
+
+  // Whether a piece went either way in the last half second.
+  bool moving() const;
 
  private:
   struct Upload {
@@ -84,6 +96,18 @@ class FileTransfers {
     int fd = -1;
     std::shared_ptr<Sha256> hash;  // of what is written so far
   };
+  // A download's bytes on their way that the phone has not confirmed yet:
+  // the window grows while confirmations come back as quickly as the
+  // quickest one did and shrinks once they queue up behind earlier bytes.
+  struct Pace {
+    std::int64_t confirmed = 0;
+    double window = 0;
+    std::chrono::steady_clock::duration quickest = std::chrono::hours(1);
+    std::deque<std::pair<std::int64_t, std::chrono::steady_clock::time_point>> sentAt;
+  };
+  // Waits until the download's window has room at `at`; false when it
+  // stopped meanwhile.
+  bool roomFor(std::uint32_t transfer, std::int64_t at, std::uint64_t generation);
   void sendJson(nlohmann::json message);
   void fail(std::uint32_t transfer, const std::exception& error);
   void runDownload(FilesDownloadRequest request);
@@ -94,7 +118,10 @@ class FileTransfers {
   std::string device_;
   std::map<std::uint32_t, Upload> uploads_;
   std::set<std::uint32_t> cancelled_;
+  std::map<std::uint32_t, Pace> paces_;  // the downloads the phone confirms
+  std::condition_variable confirmations_;
   std::atomic<std::uint64_t> generation_{0};  // a new session stops older downloads
+  std::atomic<std::int64_t> lastPiece_{0};    // steady clock, nanoseconds
   TaskQueue downloads_{64};                   // one at a time, beside the requests' queue
 };
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -383,9 +384,17 @@ class RealAgent {
   void startCapture() {
     screen_ = desktop_->makeCaptureSource();
     std::weak_ptr<PhoneSessions> phones = phones_;
-    screen_->setFrameReady([phones](const CapturedFrame& frame) {
-      if (auto p = phones.lock()) p->push(frame, monotonicNanoseconds());
-    });
+    // While files move, the picture gives way to them: ten frames a second
+    // keep it live at a fraction of the encoding and sending.
+    screen_->setFrameReady(
+        [phones, files = std::weak_ptr(files_),
+         lastPushed = std::make_shared<std::atomic<std::int64_t>>(0)](const CapturedFrame& frame) {
+          const std::int64_t now = monotonicNanoseconds();
+          auto f = files.lock();
+          if (f && f->moving() && now - *lastPushed < 100000000) return;
+          *lastPushed = now;
+          if (auto p = phones.lock()) p->push(frame, now);
+        });
     screen_->setCaptureFailed([this](const CaptureError& error) { desktopLost(error.what()); });
     capture_ = std::make_shared<WatchedCapture>(WatchedCapture::Hooks{
         .start =

@@ -1,5 +1,6 @@
 // The computer's home folder over the binary "files" channel, for a phone
-// granted "files": listings, downloads (written to disk piece by piece and
+// granted "files": listings, downloads (written to disk piece by piece,
+// each piece confirmed so that the computer paces its sending, and
 // checked against the SHA-256 the computer sends) and uploads (sent in
 // pieces paced by the channel's buffer, then checked there against the
 // phone's SHA-256). A transfer cut off by a lost connection goes on after the
@@ -7,7 +8,9 @@
 // worked out piece by piece as the bytes go by, so no file is ever held whole.
 
 
-const PIECE = 65523; // data bytes a binary message may carry
+// A piece's data bytes: 56 full SCTP packets (1160 data bytes each) under the
+// channel's 64 KiB a message, so that no packet goes out mostly empty.
+const PIECE = 56 * 1160 - 13;
 const HEADER = 13; // byte 2, the transfer (4), the offset (8)
 const LOW = 1 << 20; // the channel's send buffer is topped up below this
 // An upload's window: the bytes on their way that the computer has not yet
@@ -16,7 +19,7 @@ const LOW = 1 << 20; // the channel's send buffer is topped up below this
 // ms behind earlier bytes: a slow link is kept full, but its buffer never
 // fills with seconds of data, on which the browser's SCTP would time out and
 // send everything in flight again.
-const WINDOW = { first: 256 << 10, least: 2 * 65523, most: 16 << 20 };
+const WINDOW = { first: 256 << 10, least: 2 * PIECE, most: 16 << 20 };
 const QUEUED = 100;
 const READ = 16 * PIECE; // bytes of a file read at once
 const PAGE = 200; // a folder's entries asked at once
@@ -177,7 +180,7 @@ export class RemoteFiles extends EventTarget {
       }
       transfer.sink = sink;
       transfer.onDisk = sink.onDisk;
-      this.send({ type: 'files.download', transfer: transfer.number, path });
+      this.send({ type: 'files.download', transfer: transfer.number, path, confirm: true });
     }, (error) => this.end(transfer, 'failed', error.message));
     return transfer;
   }
@@ -224,7 +227,7 @@ export class RemoteFiles extends EventTarget {
         this.askUpload(transfer);
       } else if (transfer.kind === 'download' && transfer.sink) {
         this.send({ type: 'files.download', transfer: transfer.number, path: transfer.path,
-          offset: transfer.done });
+          offset: transfer.done, confirm: true });
       }
     }
   }
@@ -248,6 +251,11 @@ export class RemoteFiles extends EventTarget {
       if (offset !== transfer.done) return; // a piece already held (a resumed download)
       transfer.done += bytes.length - HEADER;
       transfer.sink.write(offset, data);
+      // The computer paces a download by these, as it does an upload's
+      // confirmations here.
+      if (transfer.confirms) {
+        this.send({ type: 'files.received', transfer: transfer.number, offset: transfer.done });
+      }
       // Progress shows a few times a second, not for every piece.
       const now = performance.now();
       if (now - (transfer.shownAt || 0) > 100) {
@@ -276,6 +284,7 @@ export class RemoteFiles extends EventTarget {
         transfer.done = 0;
       }
       transfer.from = m.offset; // where this run starts
+      transfer.confirms = m.confirm === true; // a computer that paces by confirmations
       transfer.state = 'running';
       this.changed(transfer);
       this.roomFor(transfer);

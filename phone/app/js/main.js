@@ -860,6 +860,23 @@ window.zulApp = {
     });
     return route;
   },
+  // What came in so far (for the benchmark): the picture's bytes (with their
+  // headers), frames and key frames; all bytes of the connection; the files'.
+  received: async () => {
+    const stats = await app.session?.pc?.getStats();
+    const got = { video: 0, frames: 0, keyFrames: 0, all: 0, files: 0 };
+    stats?.forEach((s) => {
+      if (s.type === 'inbound-rtp' && s.kind === 'video') {
+        Object.assign(got, { video: s.bytesReceived + s.headerBytesReceived,
+          frames: s.framesReceived, keyFrames: s.keyFramesDecoded });
+      } else if (s.type === 'transport') {
+        got.all += s.bytesReceived;
+      } else if (s.type === 'data-channel' && s.label === 'files') {
+        got.files = s.bytesReceived;
+      }
+    });
+    return got;
+  },
   // The xterm.js terminal shown (for the benchmark's timings).
   terminal: () => app.terminals?.current?.term,
   // The text of the terminal shown, line by line.

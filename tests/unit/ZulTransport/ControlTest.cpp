@@ -138,6 +138,9 @@ TEST(PhoneRequests, DecodesEachTypeOnceWithItsLeniency) {
        "invalidFilesRequest"},
       {R"({"type":"files.download","transfer":4294967296,"path":"a"})", std::nullopt,
        "invalidFilesRequest"},
+      {R"({"type":"files.download","transfer":4,"path":"a","confirm":true})",
+       FilesDownloadRequest{4, "a", 0, true}},
+      {R"({"type":"files.received","transfer":4,"offset":9})", FilesReceivedRequest{4, 9}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
