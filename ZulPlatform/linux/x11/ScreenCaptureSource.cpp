@@ -44,8 +44,8 @@ constexpr auto monitorCheckInterval = std::chrono::seconds(1);
 // a toolkit's widgets) comes as one complete picture rather than a half one
 // and the rest a frame interval later, which also costs the link a second
 // large frame.
-constexpr auto settleQuiet = std::chrono::microseconds(1500);
-constexpr auto settleLimit = std::chrono::milliseconds(6);
+constexpr auto settleQuiet = std::chrono::microseconds(500);
+constexpr auto settleLimit = std::chrono::milliseconds(5);
 
 // Reuses the blocks of surfaces the consumer has let go, so a frame costs no
 // fresh pages. Blocks outliving the pool are freed by their surface.
