@@ -14,14 +14,16 @@ namespace zul {
 // costs one read and one frame per idle interval. A picture in which
 // something changed is delivered; an unchanged one only when the idle
 // interval has passed since the last delivery, and once `refreshAfterChange`
-// after a change: should the last picture of a change go missing on the way
-// or arrive blurred by a tight rate, the phone has it again, sharper, within
-// a tenth of a second rather than after the idle interval. A due picture that
-// finds the consumer busy is dropped; a change it carried stays pending.
+// after a change (never sooner than the active interval): should the last
+// picture of a change go missing on the way, arrive blurred by a tight rate or
+// wait in the phone's player for a frame behind it, the phone has it again,
+// sharper, two frames later at 60 per second rather than after the idle
+// interval. A due picture that finds the consumer busy is dropped; a change it
+// carried stays pending.
 class FrameGate {
  public:
   using Clock = std::chrono::steady_clock;
-  static constexpr auto refreshAfterChange = std::chrono::milliseconds(100);
+  static constexpr auto refreshAfterChange = std::chrono::milliseconds(33);
 
   enum class Decision {
     skip,     // nothing due: the picture is not delivered and costs nothing

@@ -39,6 +39,13 @@ using Clock = std::chrono::steady_clock;
 // still there; a still screen makes no requests that would notice.
 constexpr auto livenessInterval = std::chrono::milliseconds(250);
 constexpr auto monitorCheckInterval = std::chrono::seconds(1);
+// A change on a still screen is read once its drawing pauses this long, and
+// at most `settleLimit` after it began: a page drawn in many requests (text,
+// a toolkit's widgets) comes as one complete picture rather than a half one
+// and the rest a frame interval later, which also costs the link a second
+// large frame.
+constexpr auto settleQuiet = std::chrono::microseconds(500);
+constexpr auto settleLimit = std::chrono::milliseconds(5);
 
 // Reuses the blocks of surfaces the consumer has let go, so a frame costs no
 // fresh pages. Blocks outliving the pool are freed by their surface.
@@ -237,6 +244,8 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
   // Where the pointer was last seen; a failed look counts as no move.
   std::pair<int, int> lastPointer{INT_MIN, INT_MIN};
   auto readNotBefore = Clock::time_point::min();  // after a failed read
+  auto lastReadAt = Clock::now() - std::chrono::seconds(1);
+  bool drawn = false;        // the server reported drawing since the last read
   bool busyCounted = false;  // the due frame that is waiting for the consumer was counted
   bool monitorsNoticed = false;
   int temporaryFailures = 0;
@@ -247,6 +256,7 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     auto takeNotices = [&] {
       const auto notices = run.connection->takeNotices();
       if (notices.screen) gate.noticeChange();
+      drawn = drawn || notices.screen;
       monitorsNoticed = monitorsNoticed || notices.monitors;
     };
     takeNotices();
@@ -336,8 +346,21 @@ void ScreenCaptureSource::Impl::captureLoop(Run& run) {
     }
     busyCounted = false;
 
+    // Fresh drawing on a still screen: wait for it to pause (see settleQuiet).
+    if (drawn && now - lastReadAt > 2 * gate.activeInterval()) {
+      const auto limit = now + settleLimit;
+      for (bool drawing = true; drawing && Clock::now() < limit;) {
+        run.connection->takeDamage();  // what is drawn from now on is noticed anew
+        std::this_thread::sleep_for(settleQuiet);
+        const auto notices = run.connection->takeNotices();
+        drawing = notices.screen;
+        monitorsNoticed = monitorsNoticed || notices.monitors;
+      }
+    }
     run.connection->takeDamage();
+    drawn = false;
     const auto readStart = Clock::now();
+    lastReadAt = readStart;
     capturer->CaptureFrame();
     const auto readTime = Clock::now() - readStart;
     auto frame = std::move(lastFrame);

@@ -69,22 +69,30 @@ TEST(DesktopChoiceTest, FollowsTheSessionAndTheForcedSetting) {
 using namespace std::chrono_literals;
 using Decision = FrameGate::Decision;
 
+// The repeat of a change's last picture comes after 33 ms, never sooner than
+// the active interval nor later than the idle one.
 TEST(FrameGateTest, RatesAtOrBelowZeroMeanOneSecondAndIdleNeverOutrunsActive) {
   struct Row {
     std::int64_t fps, idle;
-    FrameGate::Clock::duration active, idleInterval;
+    FrameGate::Clock::duration active, idleInterval, repeat;
   };
   const Row rows[] = {
-      {30, 2, FrameGate::Clock::duration(1s) / 30, 500ms},
-      {10, 0, 100ms, 1s},
-      {0, 0, 1s, 1s},
-      {-5, -1, 1s, 1s},
-      {10, 50, 100ms, 100ms},
+      {60, 2, FrameGate::Clock::duration(1s) / 60, 500ms, 33ms},
+      {30, 2, FrameGate::Clock::duration(1s) / 30, 500ms, 33ms},
+      {10, 0, 100ms, 1s, 100ms},
+      {0, 0, 1s, 1s, 1s},
+      {-5, -1, 1s, 1s, 1s},
+      {10, 50, 100ms, 100ms, 100ms},
   };
   for (const auto& row : rows) {
     FrameGate gate(row.fps, row.idle);
     EXPECT_EQ(gate.activeInterval(), row.active) << row.fps << "/" << row.idle;
     EXPECT_EQ(gate.idleInterval(), row.idleInterval) << row.fps << "/" << row.idle;
+    const FrameGate::Clock::time_point t{100s};
+    gate.offer(t, true);
+    gate.delivered(t);
+    EXPECT_EQ(gate.offer(t + row.repeat / 2, false), Decision::skip) << row.fps;
+    EXPECT_EQ(gate.offer(t + row.repeat, false), Decision::deliver) << row.fps;
   }
 }
 
