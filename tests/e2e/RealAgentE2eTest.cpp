@@ -374,11 +374,12 @@ TEST_F(RealAgentE2eTest, PairedPhoneDrivesBothMonitorsUntilRevoked) {
                  {{"shell", shell}, {"data", Base64Url::encode(toBytes(line + "\n"))}});
   };
   // A sleep of this run's own length, so that no other run's is taken for it;
-  // the bracket keeps pgrep from finding itself.
+  // the bracket keeps pgrep from finding itself. It runs as a job in a group
+  // of its own, under a shell that ignores the hang-up.
   const std::string seconds = std::to_string(100000 + ::getpid());
   const std::string sleeping = "pgrep -f 'sleep " + seconds.substr(0, seconds.size() - 1) + "[" +
                                seconds.back() + "]'";
-  type("stty size; echo marker-$((6*7)); sleep " + seconds + " &");
+  type("trap '' HUP; stty size; echo marker-$((6*7)); sleep " + seconds + " &");
   EXPECT_TRUE(
       phone_->waitFor(output + ".includes('24 80') && " + output + ".includes('marker-42')"))
       << phone_->eval(output);

@@ -13,10 +13,40 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 namespace zul {
+namespace {
+
+// Sends `signal` to every live process of the terminal's session: the shell's
+// own group and the jobs it started in groups of their own (which a signal
+// to the shell's group misses, and which the shell forwards its hang-up to
+// only if it gets to run before it is killed). Returns how many it reached.
+int signalSession(pid_t session, int signal) {
+  int reached = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    const std::string name = entry.path().filename();
+    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream file(entry.path() / "stat");
+    std::string stat((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // pid (comm) state ppid pgrp session ...; comm may hold spaces and parentheses.
+    const auto end = stat.rfind(')');
+    if (end == std::string::npos) continue;
+    std::istringstream fields(stat.substr(end + 1));
+    char state = 0;
+    long parent = 0, group = 0, sessionId = 0;
+    if (!(fields >> state >> parent >> group >> sessionId)) continue;
+    if (sessionId != session || state == 'Z') continue;
+    if (::kill(pid_t(std::stol(name)), signal) == 0) ++reached;
+  }
+  return reached;
+}
+
+}  // namespace
 
 ShellError ShellError::notAllowed(const std::string& shell) {
   return {Case::notAllowed, formatErrorCase("notAllowed", {field(shell)})};
@@ -147,17 +177,25 @@ std::optional<int> ShellProcess::exitStatus() {
 
 void ShellProcess::hangUp() {
   if (pid_ <= 0 || exitStatus()) return;
+  // The shell leads the terminal's session (forkpty): a hang-up reaches all
+  // of it, and stopped jobs are continued so that they see it.
   ::kill(-pid_, SIGHUP);
-  ::kill(pid_, SIGHUP);
+  signalSession(pid_, SIGHUP);
+  signalSession(pid_, SIGCONT);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while (!exitStatus() && std::chrono::steady_clock::now() < deadline) {
+  auto ended = [&] { return exitStatus() && signalSession(pid_, 0) == 0; };
+  while (!ended() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   if (!exitStatus()) {
     ::kill(-pid_, SIGKILL);
+    signalSession(pid_, SIGKILL);
     int status = 0;
     ::waitpid(pid_, &status, 0);
     status_ = 128 + SIGKILL;
+  } else {
+    // What ignored the hang-up (nohup) does not outlive the session either.
+    signalSession(pid_, SIGKILL);
   }
 }
 

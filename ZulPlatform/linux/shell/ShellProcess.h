@@ -52,7 +52,8 @@ class ShellProcess {
   bool read(std::string& out, std::size_t limit);
   // The shell's exit status once it ended (reaped here); nothing before.
   std::optional<int> exitStatus();
-  // SIGHUP to the process group, SIGKILL after 2 s, reaped.
+  // SIGHUP to every process of the terminal's session (jobs in groups of
+  // their own too), SIGKILL to what is left after 2 s; the shell reaped.
   void hangUp();
 
  private:
