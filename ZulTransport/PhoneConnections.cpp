@@ -396,6 +396,11 @@ std::optional<std::string> PhoneConnections::activeDeviceId() const {
   return connection ? std::optional(connection->deviceId) : std::nullopt;
 }
 
+std::optional<PermissionGate> PhoneConnections::activePermissions() const {
+  auto connection = sessionConnection();
+  return connection ? connection->dispatcher->activePermissions() : std::nullopt;
+}
+
 void PhoneConnections::sendToSession(std::string_view channel, std::string_view payload) {
   auto connection = sessionConnection();
   if (!connection) throw AgentPeerSessionError::channelNotOpen(std::string(channel));

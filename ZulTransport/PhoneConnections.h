@@ -59,6 +59,7 @@ class PhoneConnections final : public PhoneSessions,
   // PhoneSessions
   std::optional<std::string> activeSessionId() const override;
   std::optional<std::string> activeDeviceId() const override;
+  std::optional<PermissionGate> activePermissions() const override;
   void sendToSession(std::string_view channel, std::string_view payload) override;
   void sendBinaryToSession(std::string_view channel, const Bytes& payload) override;
   void refuse(const std::string& sessionId, const std::exception& error) override;

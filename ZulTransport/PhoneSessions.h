@@ -37,6 +37,9 @@ class PhoneSessions : public SignalingPeer {
   // The phone in session.
   virtual std::optional<std::string> activeSessionId() const = 0;
   virtual std::optional<std::string> activeDeviceId() const = 0;
+  // What the phone in session holds, set with its session when its hello was
+  // accepted (before the owner hears of the session).
+  virtual std::optional<PermissionGate> activePermissions() const = 0;
   // Sends to the phone in session; throws AgentPeerSessionError.
   virtual void sendToSession(std::string_view channel, std::string_view payload) = 0;
   virtual void sendBinaryToSession(std::string_view channel, const Bytes& payload) = 0;

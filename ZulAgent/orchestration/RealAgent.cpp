@@ -203,7 +203,6 @@ class RealAgent {
     requests_->releaseAll();
     clipboard_->sessionStarted(holds(deviceId, DevicePermission::clipboard));
     const auto permissions = trust_->permissionsOf(deviceId).value_or(std::set<DevicePermission>{});
-    *sessionPermissions_.lock() = permissions;
     if (permissions.count(DevicePermission::shell)) {
       shells_->sessionStarted(deviceId);
     } else {
@@ -687,8 +686,11 @@ class RealAgent {
       event_(locked ? "the screen is locked: only phones allowed unattended access connect"
                     : "the screen is unlocked");
     }
-    if (!locked || sessionPermissions_.lock()->count(DevicePermission::unattended)) return;
-    if (!phones_->activeDeviceId()) return;
+    if (!locked) return;
+    // The session's own permissions, set with it when its hello was
+    // accepted: the tick may run before this agent has heard of the session.
+    const auto permissions = phones_->activePermissions();
+    if (!permissions || permissions->allows(DevicePermission::unattended)) return;
     tellPhone("computerLocked", "компьютер заблокирован");
     *endReason_.lock() = "screen locked";
     phones_->endSession();
@@ -700,8 +702,9 @@ class RealAgent {
     if (!trust_->revoked(deviceId)) {
       const auto now = trust_->permissionsOf(deviceId);
       if (!now) return;
-      const auto before = std::exchange(*sessionPermissions_.lock(), *now);
-      if (*now == before) return;
+      const auto gate = phones_->activePermissions();
+      if (!gate || *now == gate->permissions) return;
+      const auto& before = gate->permissions;
       const bool shellWithdrawn =
           before.count(DevicePermission::shell) && !now->count(DevicePermission::shell);
       phones_->updateSessionPermissions(PermissionGate{*now});
@@ -779,8 +782,6 @@ class RealAgent {
   Guarded<std::optional<Session>> session_;  // the session in progress, for the log
   Guarded<std::string> endReason_;           // how the session in progress is being ended
   std::atomic<bool> screenLocked_{false};
-  // What the device in session holds, as the tick last saw it.
-  Guarded<std::set<DevicePermission>> sessionPermissions_;
   std::shared_ptr<PhoneRequestDispatcher> requests_;
   std::shared_ptr<DesktopCaptureSource> screen_;
   std::shared_ptr<WatchedCapture> capture_;

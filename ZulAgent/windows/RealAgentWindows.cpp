@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QMessageBox>
 #include <QMetaObject>
+#include <QPointer>
 #include <QPushButton>
 #include <QTimer>
 #include <atomic>
@@ -70,25 +71,36 @@ void onGui(QObject* context, Action action) {
 
 // Asks on the GUI thread whether the phone may connect: «Разрешить» or
 // «Отклонить» (the default), no after 30 s. Waits on the caller's thread,
-// and gives up when the agent is asked to stop.
+// and gives up when the agent is asked to stop, closing the question.
 bool askToConnect(QObject* context, const RealAgentControl& control, const std::string& name) {
-  auto answer = std::make_shared<std::promise<bool>>();
-  auto future = answer->get_future();
-  onGui(context, [answer, name] {
+  struct Question {
+    std::promise<bool> answer;
+    QPointer<QMessageBox> box;  // touched on the GUI thread only
+  };
+  auto question = std::make_shared<Question>();
+  auto future = question->answer.get_future();
+  onGui(context, [question, name] {
     auto* box = new QMessageBox(QMessageBox::Question, "Velto — подключение телефона",
                                 QString::fromStdString(windows::connectQuestion(name)));
     auto* allow = box->addButton("Разрешить", QMessageBox::AcceptRole);
     box->setDefaultButton(box->addButton("Отклонить", QMessageBox::RejectRole));
     box->setAttribute(Qt::WA_DeleteOnClose);
-    QObject::connect(box, &QMessageBox::finished, box,
-                     [answer, box, allow] { answer->set_value(box->clickedButton() == allow); });
+    QObject::connect(box, &QMessageBox::finished, box, [question, box, allow] {
+      question->answer.set_value(box->clickedButton() == allow);
+    });
     QTimer::singleShot(std::chrono::seconds(30), box, [box] { box->reject(); });
+    question->box = box;
     box->show();
     box->raise();
     box->activateWindow();
   });
   while (future.wait_for(std::chrono::milliseconds(250)) != std::future_status::ready) {
-    if (control.stopRequested()) return false;
+    if (control.stopRequested()) {
+      onGui(context, [question] {
+        if (question->box) question->box->reject();
+      });
+      return false;
+    }
   }
   return future.get();
 }

@@ -87,9 +87,13 @@ class Phone {
       "zulPhone.controlMessages().filter(m => m.type !== 'control.monitor.list')";
   // Waits for the n-th answer (1-based) and returns it.
   nlohmann::json waitForControl(std::size_t n) {
-    if (!waitFor(std::string(replies) + ".length >= " + std::to_string(n), 30s)) return {};
-    return eval(replies)[n - 1];
+    if (waitFor(std::string(replies) + ".length >= " + std::to_string(n), 30s)) {
+      return eval(replies)[n - 1];
+    }
+    ADD_FAILURE() << "no answer " << n << "; the phone's log:\n" << log();
+    return {};
   }
+  std::string log() { return eval("document.getElementById('log').textContent"); }
   nlohmann::json stats() { return eval("zulPhone.videoStats()"); }
   bool framesDecodedAbove(int count) {
     return waitFor("zulPhone.videoStats().then(s => s.framesDecoded > " + std::to_string(count) +
@@ -666,10 +670,7 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
       {"/usr/bin/python3", ZUL_TEST_APP_PATH, "--fullscreen", "--background", "#c02040"},
       appOptions);
   ASSERT_TRUE(app.waitForLine("ready ", 30s));
-  // Notifications, and a screensaver that is active while this file exists.
-  const fs::path locked = dataHome_ / "locked";
-  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH, locked.string()},
-                             appOptions);
+  ChildProcess notifications({"/usr/bin/python3", ZUL_NOTIFICATION_SERVICE_PATH}, appOptions);
   ASSERT_EQ(notifications.readStdoutLine(30s), "ready");
 
   startServer();
@@ -749,26 +750,6 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
   phone_->sendCursor(sessionId, 10, 10);
   EXPECT_TRUE(agent_->waitForLine("[input.cursor] ok: move x=10 y=10", 30s, mark))
       << agent_->tail();
-
-  // The screen locks: the phone, not allowed unattended access, is sent away
-  // and kept out, told why; allowed it at the computer, it comes back.
-  std::ofstream(locked) << "locked";
-  EXPECT_TRUE(
-      phone_->waitFor("zulPhone.controlMessages().some(m => m.type === "
-                      "'control.notice' && m.reason === 'computerLocked')"))
-      << agent_->tail();
-  std::size_t replies = phone_->eval(Phone::replies).size();
-  phone_->connect();
-  EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "computerLocked");
-  const std::string deviceId = phone_->eval("zulPhone.state.device.id");
-  ASSERT_EQ(
-      std::system(("ZUL_SECRET_BACKEND=file XDG_DATA_HOME='" + dataHome_.string() + "' HOME='" +
-                   (dataHome_ / "home").string() + "' " ZUL_TRUSTED_DEVICES_PATH " grant " +
-                   deviceId + " unattended >/dev/null")
-                      .c_str()),
-      0);
-  phone_->connect();
-  EXPECT_EQ(phone_->waitForControl(++replies)["type"], "control.hello.ok") << agent_->tail();
 }
 
 // As a person gets it: this build's package installed with apt-get (an
@@ -778,8 +759,9 @@ TEST_F(RealAgentE2eTest, DrivesAGnomeWaylandDesktop) {
 // (the Xvfb screen, a screensaver and a notification service) starts it. The
 // phone pairs and drives it; a locked screen keeps it out until it is allowed
 // unattended access; a pause, two crashes and an upgrade keep the pairing
-// (and the pause); the session's end stops it; nothing is written outside the
-// user's home.
+// (and the pause); the session's end stops it. Their GNOME session (headless
+// mutter) starts it next, on Wayland, where the phone sees, taps and is kept
+// out of a locked screen too. Nothing is written outside the user's home.
 TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   if (::geteuid() != 0) GTEST_SKIP() << "installing a package needs root (CI runs as root)";
   const std::string user = "zul-e2e-user", home = "/home/" + user;
@@ -846,24 +828,38 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
     return commandOutput(asUser + "systemctl --user " + arguments + " 2>&1");
   };
 
-  // The user's units: a desktop session of the test's own (as GNOME's binds
-  // itself to graphical-session.target) with its screensaver and
-  // notification service; no sound server, which nothing here uses.
+  // The user's units: two desktop sessions of the test's own (as GNOME's
+  // binds itself to graphical-session.target), each with a screensaver and
+  // notification service: the Xvfb screen, and GNOME (headless mutter, the
+  // user's PipeWire and WirePlumber, a window); no sound server.
   const fs::path units = home + "/.config/systemd/user";
   fs::create_directories(units);
   fs::copy_file(ZUL_NOTIFICATION_SERVICE_PATH, work / "notification_service.py");
+  fs::copy_file(ZUL_TEST_APP_PATH, work / "zul_test_app.py");
   const fs::path locked = work / "locked";
-  std::ofstream(units / "zul-e2e-session.target")
-      << "[Unit]\nBindsTo=graphical-session.target\nBefore=graphical-session.target\n"
-         "Wants=zul-e2e-desktop.service\n";
+  const std::string inSession =
+      "[Unit]\nPartOf=graphical-session.target\nBefore=graphical-session.target\n";
+  auto target = [&](const std::string& name, const std::string& wants) {
+    std::ofstream(units / name) << "[Unit]\nBindsTo=graphical-session.target\n"
+                                   "Before=graphical-session.target\nWants="
+                                << wants << "\n";
+  };
+  target("zul-e2e-session.target", "zul-e2e-desktop.service");
+  target("zul-e2e-gnome.target", "zul-e2e-desktop.service zul-e2e-mutter.service");
   std::ofstream(units / "zul-e2e-desktop.service")
-      << "[Unit]\nPartOf=graphical-session.target\nBefore=graphical-session.target\n"
-         "[Service]\nType=dbus\nBusName=org.freedesktop.ScreenSaver\nExecStart=/usr/bin/python3 "
-      << (work / "notification_service.py").string() << " " << locked.string() << "\n";
-  for (const char* unit :
-       {"pipewire.socket", "pipewire.service", "pipewire-pulse.socket", "wireplumber.service"}) {
-    fs::create_symlink("/dev/null", units / unit);
-  }
+      << inSession << "[Service]\nType=dbus\nBusName=org.freedesktop.ScreenSaver\n"
+      << "ExecStart=/usr/bin/python3 " << (work / "notification_service.py").string() << " "
+      << locked.string() << "\n";
+  std::ofstream(units / "zul-e2e-mutter.service")
+      << inSession << "Wants=wireplumber.service zul-e2e-app.service\nAfter=pipewire.socket\n"
+      << "[Service]\nType=dbus\nBusName=org.gnome.Mutter.RemoteDesktop\n"
+         "Environment=GSETTINGS_BACKEND=memory\nUnsetEnvironment=DISPLAY WAYLAND_DISPLAY\n"
+         "ExecStart=/usr/bin/mutter --headless --wayland --no-x11 --virtual-monitor 1280x720\n";
+  std::ofstream(units / "zul-e2e-app.service")
+      << "[Unit]\nPartOf=graphical-session.target\nAfter=zul-e2e-mutter.service\n"
+      << "[Service]\nEnvironment=GDK_BACKEND=wayland\nExecStart=/usr/bin/python3 "
+      << (work / "zul_test_app.py").string() << " --fullscreen\n";
+  fs::create_symlink("/dev/null", units / "pipewire-pulse.socket");
   ASSERT_TRUE(shell("chown -R " + user + ": " + home + "/.config"));
 
   // The user's manager as logind would start it, on a machine that looks
@@ -903,7 +899,8 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   agent_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"journalctl", "-f", "-n", "all", "-o", "cat", "_UID=" + uid,
                                "_SYSTEMD_USER_UNIT=zul-agent.service",
-                               "_SYSTEMD_USER_UNIT=zul-e2e-desktop.service"},
+                               "_SYSTEMD_USER_UNIT=zul-e2e-desktop.service",
+                               "_SYSTEMD_USER_UNIT=zul-e2e-app.service"},
       ChildProcess::Options{.captureStdout = true});
 
   // Enabled once; started by the next login, with the environment the
@@ -1002,7 +999,8 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
       linkField(agent_->waitForLine("zul://pair?payload=", 30s, start).value_or(""), "agentId"),
       agentId);
   const std::string lastSession = phone_->connect();
-  EXPECT_TRUE(agent_->waitForLine("control session established: ", 30s, start)) << agent_->tail();
+  EXPECT_TRUE(agent_->waitForLine("control session established: ", 30s, start))
+      << agent_->tail() << phone_->log();
 
   // The session ends, and the agent with it, of its own accord, letting go
   // of what the phone held.
@@ -1013,14 +1011,51 @@ TEST_F(RealAgentE2eTest, InstalledPackageServesAnOrdinaryUser) {
   EXPECT_EQ(systemctl("show -P Result zul-agent.service"), "success");
   expectReleased("session ended");
 
+  // The same user logs in to GNOME: their unit finds the Wayland desktop;
+  // the phone sees it and taps its window; allowed no longer to connect
+  // unattended, it is sent away when the screen locks and kept out.
+  fs::remove(locked);
+  start = agent_->lines().size();
+  ASSERT_TRUE(shell(asUser + "sh -c 'systemctl --user unset-environment DISPLAY && systemctl "
+                             "--user set-environment WAYLAND_DISPLAY=wayland-0 "
+                             "XDG_SESSION_TYPE=wayland && systemctl --user start "
+                             "zul-e2e-gnome.target'"))
+      << systemctl("status zul-e2e-mutter.service --no-pager");
+  EXPECT_TRUE(agent_->waitForLine("desktop: gnome (", 60s, start)) << agent_->tail();
+  // The window fills the monitor; its pad spans its width, below the first rows.
+  EXPECT_TRUE(agent_->waitForLine("ready 0 0 1280 720 ", 60s, start))
+      << systemctl("status zul-e2e-app.service --no-pager");
+  EXPECT_TRUE(agent_->waitForLine("signaling: connected", 60s, start)) << agent_->tail();
+  const std::string gnomeSession = phone_->connect();
+  EXPECT_TRUE(agent_->waitForLine("control session established: ", 30s, start)) << agent_->tail();
+  const int decoded = phone_->stats()["framesDecoded"].get<int>();
+  EXPECT_TRUE(phone_->framesDecodedAbove(decoded + 5)) << phone_->stats().dump();
+  EXPECT_EQ(phone_->stats()["width"], 1280);
+  for (const char* phase : {"down", "up"}) {
+    phone_->send("input.cursor", gnomeSession, {{"phase", phase}, {"x", 640}, {"y", 150}});
+  }
+  EXPECT_TRUE(agent_->waitForLine("release 1 640 150", 30s, start)) << agent_->tail();
+  EXPECT_TRUE(shell(asUser + "zul-trusted-devices deny " + deviceId + " unattended"));
+  const std::string lockedNotices =
+      "zulPhone.controlMessages().filter(m => m.reason === 'computerLocked').length";
+  const int refusals = phone_->eval(lockedNotices).get<int>();
+  std::ofstream(locked) << "locked";
+  EXPECT_TRUE(phone_->waitFor(lockedNotices + " > " + std::to_string(refusals))) << agent_->tail();
+  replies = phone_->eval(Phone::replies).size();
+  phone_->connect();
+  EXPECT_EQ(phone_->waitForControl(++replies).value("reason", ""), "computerLocked");
+  EXPECT_TRUE(shell(asUser + "systemctl --user stop zul-e2e-gnome.target"));
+  EXPECT_TRUE(
+      waitUntil([&] { return systemctl("is-active zul-agent.service") == "inactive"; }, 30s));
+
   // Its secrets and settings in the user's XDG folders, and its record,
-  // which the user reads where the session has no journal: the five
-  // sessions of three agents. Outside their home, nothing but their run-time
+  // which the user reads where the session has no journal: the six
+  // sessions of four agents. Outside their home, nothing but their run-time
   // folder (and this test's session).
   EXPECT_TRUE(fs::exists(home + "/.local/share/zul-agent/secrets"));
   EXPECT_EQ(commandOutput(asUser + "zul-trusted-devices log --device " + deviceId +
                           " | grep -c session.started"),
-            "5");
+            "6");
   EXPECT_EQ(commandOutput("find /tmp /var/tmp /dev/shm /run -xdev -user " + user + " -newer '" +
                           (work / "user-added").string() + "' -not -path '" + work.string() +
                           "*' -not -path '" + runtime + "*' 2>/dev/null"),
