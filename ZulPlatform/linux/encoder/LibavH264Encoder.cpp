@@ -85,7 +85,7 @@ std::optional<Nv12Planes> planesOf(const CapturedFrame& frame) {
   return std::nullopt;
 }
 
-constexpr int kCoarsestQuantizer = 51;
+constexpr int coarsestQuantizer = 51;
 
 void releaseOwner(void* opaque, std::uint8_t*) {
   delete static_cast<std::shared_ptr<const void>*>(opaque);
@@ -203,7 +203,7 @@ int openSession(LibavH264Encoder::Session& session, const std::string& codecName
     // out of the frame and shows only when the picture is sent again. At 51
     // every change is in the frame, which then overshoots the buffer a
     // little (about 60 kB instead of 35 kB for a page of text at 0.8 Mbit/s).
-    context->qmax = kCoarsestQuantizer;
+    context->qmax = coarsestQuantizer;
     av_dict_set(&options, "preset", "ultrafast", 0);
     av_dict_set(&options, "tune", "zerolatency", 0);
     av_dict_set(&options, "profile", "baseline", 0);
