@@ -2,7 +2,7 @@
 // first (so a new version shows at once) and from the cache when offline.
 // The rendezvous and agent traffic is never touched.
 
-const CACHE = 'zul-shell-7';
+const CACHE = 'zul-shell-8';
 // What another app shared (the manifest's share target posts it here): its
 // files wait in this cache for the app, which sends them to the computer.
 const SHARED = 'zul-shared';

@@ -376,7 +376,9 @@ export class Session extends EventTarget {
       };
       channel.addEventListener('open', () => this.emit('open', { channel: channel.label }));
       if (channel.label !== 'control') return;
-      channel.onopen = () => this.hello().catch(() => {});
+      channel.onopen = () => {
+        this.hello().catch((error) => console.warn(`control hello not sent: ${error}`));
+      };
       // The agent closes the connection of a phone that was taken over or
       // revoked; the browser would notice the dead transport only much later.
       channel.onclose = () => {
@@ -475,12 +477,13 @@ export class Session extends EventTarget {
     const { device } = this.computer;
     const nonce = randomText(24);
     const transcript = `ZUL-CONTROL-HELLO-1\n${this.sessionId}\n${device.id}\n${nonce}`;
-    this.send('control', {
+    const sent = this.send('control', {
       type: 'control.hello', deviceId: device.id,
       dtlsFingerprint: offeredFingerprint(this.pc.remoteDescription.sdp),
       nonce, signature: await sign(transcript, device.privateKey),
       replaceSession: Boolean(replaceSession),
     });
+    if (!sent) console.warn('control hello not sent: the control channel is not open');
   }
 
   // Adds the envelope; false when the channel is not open.
