@@ -33,12 +33,6 @@ std::uint64_t bigEndian(const Bytes& in, std::size_t at, int bytes) {
   return value;
 }
 
-std::int64_t steadyNanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 std::string baseName(const std::string& path) {
   const auto slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
@@ -254,7 +248,7 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
         }
       }
       hooks_.send(piece);
-      lastPiece_ = steadyNanoseconds();
+      lastPiece_ = std::chrono::steady_clock::now();
       at += n;
     }
     const std::string sha256 = hash.hexDigest();
@@ -274,7 +268,9 @@ void FileTransfers::runDownload(FilesDownloadRequest request) {
   }
 }
 
-bool FileTransfers::moving() const { return steadyNanoseconds() - lastPiece_ < 500000000; }
+bool FileTransfers::moving() const {
+  return std::chrono::steady_clock::now() - lastPiece_.load() < std::chrono::milliseconds(500);
+}
 
 bool FileTransfers::roomFor(std::uint32_t transfer, std::int64_t at, std::uint64_t generation) {
   std::unique_lock lock(mutex_);
@@ -369,7 +365,7 @@ void FileTransfers::received(const Bytes& message) {
     }
     upload.hash->update(message.data() + headerBytes, length);
     upload.written += std::int64_t(length);
-    lastPiece_ = steadyNanoseconds();
+    lastPiece_ = std::chrono::steady_clock::now();
     // Every piece is confirmed: the phone paces its sending by these (and
     // resumes from the last one).
     confirm = upload.written;

@@ -121,7 +121,7 @@ class FileTransfers {
   std::map<std::uint32_t, Pace> paces_;  // the downloads the phone confirms
   std::condition_variable confirmations_;
   std::atomic<std::uint64_t> generation_{0};  // a new session stops older downloads
-  std::atomic<std::int64_t> lastPiece_{0};    // steady clock, nanoseconds
+  std::atomic<std::chrono::steady_clock::time_point> lastPiece_{};  // the last piece either way
   TaskQueue downloads_{64};                   // one at a time, beside the requests' queue
 };
 

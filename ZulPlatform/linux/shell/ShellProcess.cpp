@@ -179,7 +179,6 @@ void ShellProcess::hangUp() {
   if (pid_ <= 0 || exitStatus()) return;
   // The shell leads the terminal's session (forkpty): a hang-up reaches all
   // of it, and stopped jobs are continued so that they see it.
-  ::kill(-pid_, SIGHUP);
   signalSession(pid_, SIGHUP);
   signalSession(pid_, SIGCONT);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -188,7 +187,6 @@ void ShellProcess::hangUp() {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   if (!exitStatus()) {
-    ::kill(-pid_, SIGKILL);
     signalSession(pid_, SIGKILL);
     int status = 0;
     ::waitpid(pid_, &status, 0);
